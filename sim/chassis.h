@@ -1,1 +1,7 @@
+// The simulated chassis: a private root with the tree that the library expects, and the real
+// kernel behind it. A test builds one at the start of its process; chassis-sim builds one and runs
+// a command inside.
 #pragma once
+
+#include "sim/private_root.h"
+#include "sim/support.h"

@@ -1,0 +1,89 @@
+#include "sim/support.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+void make_parents(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0)
+        make_directory(path.substr(0, slash));
+}
+
+} // namespace
+
+void fail(const std::string &what)
+{
+    std::fprintf(stderr, "chassis-sim: %s: %s\n", what.c_str(), std::strerror(errno));
+    std::exit(125);
+}
+
+int must(int result, const std::string &what)
+{
+    if (result < 0)
+        fail(what);
+    return result;
+}
+
+void make_directory(const std::string &path)
+{
+    if (::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST)
+        return;
+    if (errno != ENOENT)
+        fail("mkdir " + path);
+    make_parents(path);
+    must(::mkdir(path.c_str(), 0755), "mkdir " + path);
+}
+
+void write_file(const std::string &path, std::string_view contents, mode_t mode)
+{
+    make_parents(path);
+    const int fd = must(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode),
+                        "create " + path);
+    for (size_t done = 0; done < contents.size();) {
+        const ssize_t n = ::write(fd, contents.data() + done, contents.size() - done);
+        must(static_cast<int>(n), "write " + path);
+        done += static_cast<size_t>(n);
+    }
+    ::close(fd);
+}
+
+void make_symlink(const std::string &path, const std::string &target)
+{
+    make_parents(path);
+    must(::symlink(target.c_str(), path.c_str()), "symlink " + path);
+}
+
+void bind_mount(const std::string &from, const std::string &to)
+{
+    must(::mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr),
+         "bind " + from + " to " + to);
+}
+
+pid_t background(const std::function<void()> &work)
+{
+    const pid_t parent = ::getpid();
+    const pid_t pid = must(::fork(), "fork");
+    if (pid > 0)
+        return pid;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() == parent)
+        work();
+    ::_exit(0);
+}
+
+} // namespace chassis_sim
