@@ -3,5 +3,7 @@
 // a command inside.
 #pragma once
 
+#include "sim/device_server.h"
 #include "sim/private_root.h"
 #include "sim/support.h"
+#include "sim/uio.h"

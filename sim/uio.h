@@ -1,0 +1,34 @@
+#pragma once
+
+#include "sim/device_server.h"
+
+#include <string>
+#include <vector>
+
+namespace chassis_sim
+{
+
+struct uio_map {
+    std::string name; // "map0"
+    std::string size; // text of its "size" file, e.g. "0x1000\n"
+};
+
+struct uio_description {
+    unsigned int number = 0; // N of uioN
+    std::vector<uio_map> maps = {{"map0", "0x1000\n"}};
+    std::string node;           // empty: "/dev/uioN"
+    bool removal_notice = true; // the bus device has a "uio_maps" attribute
+    bool plugged = true;
+    bool irq_control = true;
+    int irq_delay_ms = -1;
+};
+
+// Where the sysfs directory of uioN, and that of the device on its bus, are.
+std::string uio_class_dir(unsigned int number);
+std::string uio_device_dir(unsigned int number);
+
+// Builds the sysfs directories of a UIO device and gives its node to the server, which must not be
+// started yet.
+void add_uio(device_server &server, const uio_description &description);
+
+} // namespace chassis_sim
