@@ -1,0 +1,105 @@
+// chassis-sim [OPTIONS] -- COMMAND: runs a command in a simulated chassis.
+
+#include "sim/chassis.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <csignal>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+struct settings {
+    int uio_appears_ms = 0;
+    int uio_irq_delay_ms = 100;
+    int uio_removed_ms = -1;
+    std::vector<std::string> command;
+};
+
+// A register block with three windows: two pages, and, behind the number that the longer one takes,
+// a third.
+chassis_sim::uio_description register_block(const settings &chosen)
+{
+    chassis_sim::uio_description block;
+    block.maps = {{"map0", "0x1000\n"}, {"map1", "0x2000\n"}, {"map3", "0x1000\n"}};
+    block.plugged = chosen.uio_appears_ms == 0;
+    block.irq_delay_ms = chosen.uio_irq_delay_ms;
+    return block;
+}
+
+void schedule(const std::string &line, int after_ms)
+{
+    chassis_sim::background([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
+        chassis_sim::control(line);
+    });
+}
+
+[[noreturn]] void execute(const std::vector<std::string> &command)
+{
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    ::execvp(arguments[0], arguments.data());
+    const int status = errno == ENOENT ? 127 : 126;
+    std::perror(("chassis-sim: " + command[0]).c_str());
+    ::_exit(status);
+}
+
+int run(const std::vector<std::string> &command)
+{
+    const pid_t pid = chassis_sim::must(::fork(), "fork");
+    if (pid == 0)
+        execute(command);
+    ::signal(SIGINT, SIG_IGN); // the command decides what an interrupt from the terminal does
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    settings chosen;
+    CLI::App app("Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
+                 "the device /dev/uio0 and the control pipe /dev/chassis in them. Lines written\n"
+                 "to the pipe: interrupt uio0, remove uio0, plug uio0.",
+                 "chassis-sim");
+    app.add_option("--uio-appears", chosen.uio_appears_ms,
+                   "let /dev/uio0 appear after MS milliseconds")
+        ->option_text("MS")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option(
+           "--uio-irq-delay", chosen.uio_irq_delay_ms,
+           "answer each enabling of its interrupt with one after MS milliseconds; -1: never")
+        ->option_text("MS")
+        ->capture_default_str();
+    app.add_option("--uio-removed", chosen.uio_removed_ms, "remove it after MS milliseconds")
+        ->option_text("MS");
+    app.add_option("command", chosen.command, "the command and its arguments, behind --")
+        ->option_text("COMMAND")
+        ->required();
+    app.footer("Example: chassis-sim -- ls -l /dev /sys/class/uio/uio0/maps\n"
+               "Exit status: that of the command; 125 when the chassis cannot be built.");
+    CLI11_PARSE(app, argc, argv);
+
+    chassis_sim::enter_private_root();
+    chassis_sim::device_server devices;
+    chassis_sim::add_uio(devices, register_block(chosen));
+    devices.start();
+    if (chosen.uio_appears_ms > 0)
+        schedule("plug uio0", chosen.uio_appears_ms);
+    if (chosen.uio_removed_ms >= 0)
+        schedule("remove uio0", chosen.uio_removed_ms);
+    return run(chosen.command);
+}
