@@ -1,0 +1,1 @@
+int compiled_alone;
