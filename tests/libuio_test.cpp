@@ -2,6 +2,7 @@
 #include "sim/chassis.h"
 #include "support/captured_output.h"
 #include "support/descriptors.h"
+#include "support/libuio_messages.h"
 
 #include <device_access/libuio.h>
 #include <device_access/regiomap_x86.h>
@@ -17,7 +18,6 @@
 #include <fstream>
 #include <functional>
 #include <limits>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -39,6 +39,7 @@ namespace fs = std::filesystem;
 using chassis_sim::control;
 using chassis_sim::uio_description;
 using test_support::captured_output;
+using test_support::libuio_messages;
 using test_support::open_descriptors;
 
 constexpr timespec no_wait = {0, 0};
@@ -70,13 +71,6 @@ void overwrite(const std::string &path, const std::string &text)
     chassis_sim::write_file(path, text);
 }
 
-// The diagnostics of one stream without what may change: "LOG_ERR function: message\n".
-std::string messages(const std::string &output)
-{
-    static const std::regex prefix(R"(log\[(\w+)\]: lib/device_access/libuio:\d+:(\w+)\(\): )");
-    return std::regex_replace(output, prefix, "$1 $2: ");
-}
-
 timespec in_ms(long ms)
 {
     timespec time;
@@ -100,7 +94,7 @@ TEST(libuio_open, fills_the_handle_from_sysfs)
     captured_output output;
     libuio_dev_t *uio = libuio_open("/dev/uio3");
     ASSERT_NE(uio, nullptr) << strerror(errno);
-    const std::string debug = messages(output.take_stderr());
+    const std::string debug = libuio_messages(output.take_stderr());
     EXPECT_EQ(output.take_stdout(), "");
 
     const std::string bus_dir = chassis_sim::uio_device_dir(3);
@@ -114,7 +108,8 @@ TEST(libuio_open, fills_the_handle_from_sysfs)
     EXPECT_EQ(size, 8192u);
     EXPECT_EQ(libuio_get_mapinfo(uio, 1, &size), nullptr);
     EXPECT_EQ(size, 8192u);
-    EXPECT_EQ(messages(output.take_stderr()), "LOG_DEBUG libuio_get_mapinfo: map[1] not found\n");
+    EXPECT_EQ(libuio_messages(output.take_stderr()),
+              "LOG_DEBUG libuio_get_mapinfo: map[1] not found\n");
     for (int fd : {libuio_get_uio_fd(uio), libuio_get_removed_fd(uio), uio->tmr_fd}) {
         EXPECT_GT(fd, 0);
         EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
@@ -304,7 +299,7 @@ TEST(libuio_open, reports_each_failing_step_and_leaks_nothing)
             EXPECT_EQ(libuio_open_timed(c.node.c_str(), &no_wait), nullptr);
             EXPECT_EQ(errno, c.error) << strerror(errno);
             // The search goes over the class directory after the direct try: the same line twice.
-            std::string text = messages(output.take_stdout());
+            std::string text = libuio_messages(output.take_stdout());
             if (!c.message.empty() && text == c.message + c.message)
                 text = c.message;
             EXPECT_EQ(text, c.message);
@@ -418,19 +413,19 @@ TEST(libuio_device_attr, opens_only_relative_names)
     for (const auto &c : cases) {
         EXPECT_EQ(libuio_open_device_attr(uio, c.name, O_RDWR), -1);
         EXPECT_EQ(errno, c.error);
-        EXPECT_EQ(messages(output.take_stdout()), c.message);
+        EXPECT_EQ(libuio_messages(output.take_stdout()), c.message);
     }
     fs::remove_all(device_dir);
     EXPECT_EQ(libuio_open_device_attr(uio, "uevent", O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_open_device_attr: open(" + device_dir +
                   ",O_DIRECTORY) failed: No such file or directory\n");
     const char *const dir = uio->sys_device_dir;
     uio->sys_device_dir = nullptr;
     EXPECT_EQ(libuio_open_device_attr(uio, "uevent", O_RDONLY), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_open_device_attr: sys_device_dir is NULL\n\n");
     uio->sys_device_dir = dir;
     libuio_close(uio);
@@ -459,7 +454,7 @@ TEST(libuio_handle, null_is_refused_with_einval_everywhere)
     EXPECT_TRUE(refused([] { libuio_close(nullptr); }));
     captured_output output;
     EXPECT_EQ(libuio_adjust_size(nullptr), nullptr);
-    EXPECT_EQ(messages(output.take_stdout()), "LOG_ERR libuio_adjust_size: uio is NULL\n");
+    EXPECT_EQ(libuio_messages(output.take_stdout()), "LOG_ERR libuio_adjust_size: uio is NULL\n");
 }
 
 //--- maps -----------------------------------------------------------------------------------------
@@ -521,11 +516,11 @@ TEST(libuio_mmap, returns_minus_the_number_of_the_map_that_failed)
     captured_output output;
     EXPECT_EQ(libuio_mmap(uio, 1), -5);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_mmap: mmap(0, (5*4096)) failed: Invalid argument\n");
     uio->map[0].size = uio->map[1].size = 0;
     EXPECT_EQ(libuio_mmap(uio, uint64_t{1} << 5), 0) << "a failing map 0 looks like nothing to do";
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_mmap: mmap(0, (0*4096)) failed: Invalid argument\n");
     libuio_close(uio);
 }
@@ -567,8 +562,9 @@ TEST_F(libuio_irq, counts_interrupts_and_leaves_uncounted_ones_pending)
     EXPECT_EQ(wait(nullptr, &count), 0);
     EXPECT_EQ(count, 1u);
     EXPECT_EQ(wait(&long_past, &count), ETIMEDOUT);
-    EXPECT_EQ(messages(output.take_stderr()), "LOG_DEBUG libuio_irqwait: poll() fires timer-fd (" +
-                                                  std::to_string(uio_->tmr_fd) + ")\n");
+    EXPECT_EQ(libuio_messages(output.take_stderr()),
+              "LOG_DEBUG libuio_irqwait: poll() fires timer-fd (" + std::to_string(uio_->tmr_fd) +
+                  ")\n");
     control("interrupt uio0");
     EXPECT_EQ(wait(&long_past, &count), 0) << "an interrupt wins over a past deadline";
     EXPECT_EQ(count, 2u);
@@ -591,7 +587,8 @@ TEST_F(libuio_irq, removal_wins_and_shuts_the_handle)
     uint32_t count = 77;
     EXPECT_EQ(wait(&long_past, &count), ECANCELED);
     EXPECT_EQ(count, 77u);
-    EXPECT_EQ(messages(output.take_stderr()), "LOG_DEBUG libuio_irqwait: uio_maps removed\n");
+    EXPECT_EQ(libuio_messages(output.take_stderr()),
+              "LOG_DEBUG libuio_irqwait: uio_maps removed\n");
     EXPECT_EQ(libuio_get_uio_fd(uio_), -1);
     EXPECT_EQ(libuio_get_removed_fd(uio_), -1);
     EXPECT_EQ(uio_->tmr_fd, -1);
@@ -601,7 +598,7 @@ TEST_F(libuio_irq, removal_wins_and_shuts_the_handle)
     EXPECT_EQ(wait(&long_past, &count), EBADF);
     EXPECT_EQ(output.take_stdout(), "");
     EXPECT_EQ(libuio_mmap(uio_, 0), 0);
-    EXPECT_EQ(messages(output.take_stdout()), "LOG_ERR libuio_mmap: UIO-fd closed\n");
+    EXPECT_EQ(libuio_messages(output.take_stdout()), "LOG_ERR libuio_mmap: UIO-fd closed\n");
     EXPECT_EQ(libuio_irqcontrol(uio_, 1), -1);
     EXPECT_EQ(errno, EBADF);
 }
@@ -613,12 +610,13 @@ TEST_F(libuio_irq, reports_what_the_driver_refuses)
     control("answer-write uio0 " + std::to_string(-ENOSYS));
     EXPECT_EQ(libuio_irqcontrol(uio_, 1), -1);
     EXPECT_EQ(errno, ENOSYS);
-    EXPECT_EQ(messages(output.take_stdout()), "LOG_ERR libuio_irqcontrol: pwrite(" + fd +
-                                                  ", 0x1, 0) failed: Function not implemented\n");
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
+              "LOG_ERR libuio_irqcontrol: pwrite(" + fd +
+                  ", 0x1, 0) failed: Function not implemented\n");
     control("answer-write uio0 2");
     EXPECT_EQ(libuio_irqcontrol(uio_, 0x20), -1);
     EXPECT_EQ(errno, EIO);
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_irqcontrol: pwrite(" + fd + ", 0x20, 0) partial 2\n");
 
     control("interrupt uio0");
@@ -635,7 +633,7 @@ TEST_F(libuio_irq, passes_on_failures_of_timer_and_poll)
     captured_output output;
     const timespec not_a_time = {5, 2000000000};
     EXPECT_EQ(wait(&not_a_time), EINVAL);
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_irqwait: timerfd_settime 5,2000000000 failed: Invalid argument\n");
 
     struct sigaction wake = {};
@@ -646,13 +644,14 @@ TEST_F(libuio_irq, passes_on_failures_of_timer_and_poll)
     EXPECT_EQ(wait(nullptr), EINTR);
     const itimerval off = {};
     setitimer(ITIMER_REAL, &off, nullptr);
-    EXPECT_EQ(messages(output.take_stdout()),
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_irqwait: poll(,2,-1) failed: Interrupted system call\n");
 
     const int timer = uio_->tmr_fd;
     uio_->tmr_fd = -7;
     EXPECT_EQ(wait(nullptr), EINVAL);
-    EXPECT_EQ(messages(output.take_stdout()), "LOG_ERR libuio_irqwait: Corrupted tmr_fd: -7\n\n");
+    EXPECT_EQ(libuio_messages(output.take_stdout()),
+              "LOG_ERR libuio_irqwait: Corrupted tmr_fd: -7\n\n");
     uio_->tmr_fd = timer;
 }
 
