@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -29,7 +28,8 @@ void make_parents(const std::string &path)
 void fail(const std::string &what)
 {
     std::fprintf(stderr, "chassis-sim: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::exit(125);
+    std::fflush(nullptr);
+    ::_exit(125);
 }
 
 int must(int result, const std::string &what)
