@@ -4,6 +4,8 @@
 #pragma once
 
 #include "sim/device_server.h"
+#include "sim/nvram.h"
+#include "sim/pci.h"
 #include "sim/private_root.h"
 #include "sim/support.h"
 #include "sim/uio.h"

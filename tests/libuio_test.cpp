@@ -3,6 +3,7 @@
 #include "support/captured_output.h"
 #include "support/descriptors.h"
 #include "support/libuio_messages.h"
+#include "support/system_calls.h"
 
 #include <device_access/libuio.h>
 #include <device_access/regiomap_x86.h>
@@ -25,6 +26,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -653,6 +655,19 @@ TEST_F(libuio_irq, passes_on_failures_of_timer_and_poll)
     EXPECT_EQ(libuio_messages(output.take_stdout()),
               "LOG_ERR libuio_irqwait: Corrupted tmr_fd: -7\n\n");
     uio_->tmr_fd = timer;
+}
+
+TEST_F(libuio_irq, each_control_and_each_wait_costs_the_system_calls_it_needs)
+{
+    const auto calls = test_support::count_system_calls([this] {
+        uint32_t count;
+        libuio_irqcontrol(uio_, 1);
+        control("interrupt uio0");
+        libuio_irqwait(uio_, nullptr, &count);
+    });
+    // One write enables, a poll waits, a read counts; the control line is opened and closed.
+    EXPECT_EQ(test_support::text(calls),
+              "#" + std::to_string(SYS_poll) + ":1 close:1 open:1 pread:1 pwrite:1 write:1 ");
 }
 
 TEST_F(libuio_irq, descriptor_0_is_never_closed_nor_watched)

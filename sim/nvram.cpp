@@ -1,0 +1,42 @@
+#include "sim/nvram.h"
+
+#include "sim/support.h"
+
+#include <cstdio>
+
+namespace chassis_sim
+{
+namespace
+{
+
+// Device numbers below are those of UIO devices.
+constexpr unsigned int first_device_index = 64;
+
+std::string hex(size_t number)
+{
+    char text[20];
+    std::snprintf(text, sizeof text, "%zx", number);
+    return text;
+}
+
+} // namespace
+
+std::string nvram_class_dir(unsigned int number)
+{
+    return "/sys/class/zmt_nvram/nvram" + std::to_string(number);
+}
+
+void add_nvram(device_server &server, const nvram_description &description)
+{
+    const std::string dir = nvram_class_dir(description.number) + "/";
+    const device_number number = simulated_device_number(first_device_index + description.number);
+    write_file(dir + "name", description.name + "\n");
+    write_file(dir + "dev",
+               std::to_string(number.major) + ":" + std::to_string(number.minor) + "\n");
+    write_file(dir + "baseaddr", "0x" + hex(description.base_address) + "\n");
+    write_file(dir + "size", "0x" + hex(description.contents.size()) + "\n");
+    write_file(dir + "mode", description.mode + "\n");
+    server.add(storage_node{"/dev/" + description.name, description.contents});
+}
+
+} // namespace chassis_sim
