@@ -75,11 +75,11 @@ const char *libuio_scan_class_dir(libuio_path_t &buf, dev_t dev_id)
     const unique_dir dir(::opendir(class_root));
     if (!dir)
         return nullptr;
+    errno = ENODEV; // unless a directory cannot be read
     while (const dirent *entry = ::readdir(dir.get()))
         if (libuio_extract_inst_id(entry->d_name) >= 0)
             if (const char *found = libuio_make_class_dir(buf, entry->d_name, dev_id))
                 return found;
-    errno = ENODEV;
     return nullptr;
 }
 
@@ -360,7 +360,8 @@ int libuio_open_device_attr(const libuio_dev_t *uio, const char *attr_name, int 
         LIBUIO_ERR("open(%s,O_DIRECTORY) failed: %s", uio->sys_device_dir, error_text());
         return -1;
     }
-    const int fd = ::openat(dir.get(), attr_name, flags);
+    // The mode counts only with O_CREAT, which must not be without one.
+    const int fd = ::openat(dir.get(), attr_name, flags, 0600);
     if (fd < 0 && errno != ENOENT)
         LIBUIO_ERR("openat(%s,%s,%#x) failed: %s", uio->sys_device_dir, attr_name,
                    static_cast<unsigned int>(flags), error_text());

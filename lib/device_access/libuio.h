@@ -78,9 +78,9 @@ DEVICE_ACCESS_API libuio_dev_t *libuio_open(const char *devnode_name);
  * errno on failure:
  *   EINVAL  devnode_name is NULL, not a character device, or its bus device directory is not one
  *   ENOENT  the node did not appear in time
- *   ENODEV  no directory of /sys/class/uio describes the node
+ *   ENODEV  every directory of /sys/class/uio describes another device
  *   ENOMEM  out of memory, or the device has more than 64 maps
- *   EIO     a map's "size" file or the "uio_maps" attribute is empty
+ *   EIO     a "dev" or "size" file or the "uio_maps" attribute is empty
  *   other   as the failing system call set it
  */
 DEVICE_ACCESS_API libuio_dev_t *libuio_open_timed(const char *devnode_name,
@@ -140,7 +140,8 @@ DEVICE_ACCESS_API int libuio_get_removed_fd(const libuio_dev_t *uio);
  * the device node at offset N * page size (the kernel's UIO interface).
  *
  * Returns the number of maps newly mapped; minus the number of the map that could not be mapped,
- * with mmap(2)'s errno, maps mapped before it staying mapped; -1 with EINVAL for a NULL handle. A
+ * with mmap(2)'s errno (untouched after a removal), maps mapped before it staying mapped; -1 with
+ * EINVAL for a NULL handle. A
  * failure on map 0 thus returns 0, like "nothing to map": libuio_get_mapinfo() tells them apart.
  */
 DEVICE_ACCESS_API int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "errno_guard.h"
+
 #include <cstdlib>
 #include <memory>
 
@@ -7,7 +9,11 @@ namespace device_access
 {
 
 struct free_deleter {
-    void operator()(void *block) const { std::free(block); }
+    void operator()(void *block) const
+    {
+        errno_guard keep; // not every C library's free() leaves errno alone
+        std::free(block);
+    }
 };
 
 // Owns a block that came from malloc, calloc or realloc.
