@@ -94,6 +94,7 @@ int main(int argc, char **argv)
     CLI11_PARSE(app, argc, argv);
 
     chassis_sim::enter_private_root();
+    chassis_sim::make_directory("/var/log");
     chassis_sim::device_server devices;
     chassis_sim::add_uio(devices, register_block(chosen));
     devices.start();
