@@ -1,6 +1,6 @@
 #include "sim/nvram_controller.h"
 #include "sim/post_log.h"
-#include "support/post_outcome.h"
+#include "support/expect_outcome.h"
 
 #include <device_access/post_log_nvram_pcie_access.h>
 
@@ -17,15 +17,12 @@ namespace
 using chassis_sim::byte_order;
 using chassis_sim::nvram_controller;
 using chassis_sim::post_block;
-using test_support::outcome;
-using test_support::outcome_of;
+using test_support::expect_outcome;
 
 constexpr auto big = byte_order::big;
 constexpr uint32_t event_base = 0x8000;
 constexpr uint32_t test_base = 0x18000; // the low 20 bits of 0xFD118000
 constexpr uint32_t error_base = 0x20000;
-const std::string timeout_1 = "check_nvc_ready(): PCIE NVRAM Busy check Timed out.\n";
-const std::string timeout_2 = "pcie_nvram_read(): PCIE NVRAM Busy check Timed out.\n";
 
 // Accesses in order: "s" and "b" for a look at the status register that finds the controller ready
 // or busy, "cX" for the control word X, "d" for a word of data.
@@ -117,30 +114,23 @@ TEST_F(post_log_pcie, a_read_makes_exactly_these_accesses)
 TEST_F(post_log_pcie, refused_and_timed_out_reads)
 {
     uint8_t bytes[64];
-    const outcome refused = {1, "", "pcie_nvram_read(): argument error \n"};
-    EXPECT_EQ(outcome_of([&] { return pcie_nvram_read(0, 4, bytes, 0); }), refused);
-    EXPECT_EQ(outcome_of([&] { return pcie_nvram_read(4, 0, bytes, 0); }), refused);
-    EXPECT_EQ(outcome_of([&] { return pcie_nvram_read(4, 4, nullptr, 0); }), refused);
+    const std::string refused = "pcie_nvram_read(): argument error \n";
+    expect_outcome([&] { return pcie_nvram_read(0, 4, bytes, 0); }, 1, "", refused);
+    expect_outcome([&] { return pcie_nvram_read(4, 0, bytes, 0); }, 1, "", refused);
+    expect_outcome([&] { return pcie_nvram_read(4, 4, nullptr, 0); }, 1, "", refused);
     EXPECT_EQ(text(controller.take_log()), "");
 
-    controller.set_busy_looks(15); // after the control word: 10 looks, then 5 more at the next read
-    EXPECT_EQ(outcome_of([&] { return pcie_nvram_read(4, 4, bytes, 0); }),
-              (outcome{1, "", timeout_1 + timeout_2}));
+    const std::string timeout = "check_nvc_ready(): PCIE NVRAM Busy check Timed out.\n"
+                                "pcie_nvram_read(): PCIE NVRAM Busy check Timed out.\n";
+    const auto read = [&] { return pcie_nvram_read(4, 4, bytes, 0); };
+    controller.set_busy_looks(25); // behind the control word: two times 10 looks, and 5 more
+    expect_outcome(read, 1, "", timeout);
     EXPECT_EQ(text(controller.take_log()), "sc4 bbbbbbbbbb");
-    EXPECT_EQ(outcome_of([] { return check_nvc_ready(); }), (outcome{1, "", ""}));
+    expect_outcome([&] { return postlog_pcie_nvram_rd(OFWEVENT_LOG, 4, bytes, 4); }, 0, "",
+                   timeout + "ERROR: postlog_pcie_nvram_rd(): POST NVRAM Read error!\n");
+    EXPECT_EQ(text(controller.take_log()), "bbbbbbbbbb") << "busy before the control word";
+    expect_outcome(check_nvc_ready, 1, "", "");
     EXPECT_EQ(text(controller.take_log()), "bbbbbs");
-
-    controller.set_busy_looks(20);
-    EXPECT_EQ(pcie_nvram_read(4, 4, bytes, 0), 1);
-    controller.take_log();
-    EXPECT_EQ(outcome_of([&] { return pcie_nvram_read(4, 4, bytes, 0); }),
-              (outcome{1, "", timeout_1 + timeout_2}))
-        << "busy before the control word";
-    EXPECT_EQ(text(controller.take_log()), "bbbbbbbbbb");
-    EXPECT_EQ(outcome_of([&] { return postlog_pcie_nvram_rd(OFWEVENT_LOG, 4, bytes, 4); }),
-              (outcome{0, "",
-                       timeout_1 + timeout_2 +
-                           "ERROR: postlog_pcie_nvram_rd(): POST NVRAM Read error!\n"}));
 }
 
 TEST_F(post_log_pcie, records_are_converted_field_by_field_and_checked_as_stored)
@@ -198,34 +188,26 @@ TEST_F(post_log_pcie, the_logs_are_walked_and_read_until_they_are_closed_for_goo
     EXPECT_EQ(postlog_nvram_close_log(OFWDIAG_TEST_LOG, 1), 1);
 
     EXPECT_EQ(postlog_nvram_dump_all_log_msgs(OFWEVENT_LOG), 1); // closes
-    const std::string cannot_read = "pcie_nvram_read(): argument error \n"
-                                    "ERROR: postlog_pcie_rd_log_header(): POST NVRAM Read error!\n"
-                                    "ERROR postlog_pcie_nvram_init: cannot read from the device "
-                                    "file!\n";
-    EXPECT_EQ(outcome_of([] { return postlog_nvram_init(OFWEVENT_LOG); }),
-              (outcome{-1, "", cannot_read}));
     postlog_map_pcie_nvram_access(controller.base());
-    uint8_t byte = 0;
-    EXPECT_EQ(outcome_of([&] { return post_nvram_mem_rd(OFWEVENT_LOG, 24, &byte, 1); }),
-              (outcome{0, "", "ERROR: postlog_pcie_nvram_rd(): cannot access device!\n"}));
+    expect_outcome([] { return postlog_nvram_init(OFWEVENT_LOG); }, -1, "",
+                   "pcie_nvram_read(): argument error \n"
+                   "ERROR: postlog_pcie_rd_log_header(): POST NVRAM Read error!\n"
+                   "ERROR postlog_pcie_nvram_init: cannot read from the device file!\n");
 }
 
 TEST_F(post_log_pcie, blocks_that_the_firmware_has_not_set_up_are_closed_for_good)
 {
     controller.store(error_base, "\x01\x02\x03\x04");
-    EXPECT_EQ(outcome_of([] { return postlog_nvram_init(OFWEVENT_LOG); }),
-              (outcome{-1, "",
-                       "ERROR: postlog_pcie_nvram_init : header structure not initialized! cannot "
-                       "open for reading!!\n"}));
-    EXPECT_EQ(
-        outcome_of([] { return postlog_nvram_init(OFWDIAG_ERROR_LOG); }),
-        (outcome{-1, "",
-                 "ERROR: postlog_dev_file_nvram_init: magic number not initialized! cannot "
-                 "open for reading!!\nmagic number: read = 0x1020304 expect = 0x106f11e5\n"}));
+    expect_outcome([] { return postlog_nvram_init(OFWEVENT_LOG); }, -1, "",
+                   "ERROR: postlog_pcie_nvram_init : header structure not initialized! cannot open "
+                   "for reading!!\n");
+    expect_outcome([] { return postlog_nvram_init(OFWDIAG_ERROR_LOG); }, -1, "",
+                   "ERROR: postlog_dev_file_nvram_init: magic number not initialized! cannot open "
+                   "for reading!!\nmagic number: read = 0x1020304 expect = 0x106f11e5\n");
     uint8_t byte;
     for (const log_type_t blk : {OFWEVENT_LOG, OFWDIAG_ERROR_LOG, log_type_t(3), log_type_t(-1)})
-        EXPECT_EQ(outcome_of([&] { return postlog_pcie_nvram_rd(blk, 24, &byte, 1); }),
-                  (outcome{0, "", "ERROR: postlog_pcie_nvram_rd(): cannot access device!\n"}));
+        expect_outcome([&] { return postlog_pcie_nvram_rd(blk, 24, &byte, 1); }, 0, "",
+                       "ERROR: postlog_pcie_nvram_rd(): cannot access device!\n");
     EXPECT_EQ(postlog_pcie_nvram_init(log_type_t(3)), -1);
 }
 
@@ -238,16 +220,14 @@ TEST_F(post_log_pcie, absurd_entries_neither_overrun_nor_go_on_for_ever)
         controller.store(event_base + 24, chassis_sim::post_entry_head(big, 1, 2, size));
         controller.store(event_base + 64, std::string(0xF000, 'x'));
         std::string message(64, '.');
-        EXPECT_EQ(outcome_of([&] {
-                      return postlog_nvram_read_log(OFWEVENT_LOG, 24, &time, message.data(), 63);
-                  }),
-                  (outcome{-1, "", failure}));
+        expect_outcome(
+            [&] { return postlog_nvram_read_log(OFWEVENT_LOG, 24, &time, message.data(), 63); }, -1,
+            "", failure);
         EXPECT_EQ(message, std::string(61, 'x') + "...");
-        const outcome dump =
-            outcome_of([] { return postlog_nvram_dump_log_msgs(OFWEVENT_LOG, 0); });
-        EXPECT_EQ(dump.result, -1);
-        EXPECT_EQ(dump.err, failure);
-        EXPECT_EQ(dump.out.find_last_of('x') - dump.out.find_first_of('x') + 1, 8192u);
+        test_support::captured_output output;
+        EXPECT_EQ(postlog_nvram_dump_log_msgs(OFWEVENT_LOG, 0), -1);
+        const std::string dump = output.take_stdout();
+        EXPECT_EQ(dump.find_last_of('x') - dump.find_first_of('x') + 1, 8192u);
     }
 }
 

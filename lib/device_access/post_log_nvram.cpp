@@ -16,8 +16,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+using device_access::find_nvram_block;
+using device_access::make_nvram_node;
+using device_access::nvram_attr_path;
+using device_access::open_nvram_exclusively;
 using device_access::print_error;
 using device_access::print_output;
+using device_access::read_nvram_attr;
+using device_access::read_nvram_device_number;
 using device_access::unique_fd;
 
 namespace postlog
@@ -98,13 +104,12 @@ bool postlog_nvram_open_dev_file(log_type_t blk, unique_fd &nvram_fd)
 {
     const nvram_dev_info_t &row = row_of(blk);
     const terminated path(row.path);
-    nvram_fd = device_access::open_nvram_exclusively(path.str, O_RDONLY, 10);
+    nvram_fd = open_nvram_exclusively(path.str, O_RDONLY, 10);
     if (nvram_fd)
         return true;
-    const int n = device_access::find_nvram_block(terminated(row.name).str).found;
+    const int n = find_nvram_block(terminated(row.name).str).found;
     dev_t number;
-    if (n == -1 || !device_access::read_nvram_device_number(n, number) ||
-        !device_access::make_nvram_node(path.str, number))
+    if (n == -1 || !read_nvram_device_number(n, number) || !make_nvram_node(path.str, number))
         return false;
     nvram_fd.reset(::open(path.str, O_RDONLY));
     if (!nvram_fd)
@@ -117,14 +122,14 @@ int postlog_nvram_find_blk_properties(log_type_t blk)
 {
     nvram_dev_info_t &row = row_of(blk);
     const terminated name(row.name);
-    const int n = device_access::find_nvram_block(name.str).found;
+    const int n = find_nvram_block(name.str).found;
     if (n == -1) {
         print_error("ERROR: %s: cannot find nvram block named %s!\n", name.str, __func__);
         return -1;
     }
-    const device_access::nvram_attr_path base_path(n, "baseaddr");
-    const device_access::nvram_attr_path size_path(n, "size");
-    const device_access::nvram_attr_path mode_path(n, "mode");
+    const nvram_attr_path base_path(n, "baseaddr");
+    const nvram_attr_path size_path(n, "size");
+    const nvram_attr_path mode_path(n, "mode");
     char base_text[11];
     char size_text[8];
     char mode_text[3];

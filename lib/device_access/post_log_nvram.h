@@ -38,8 +38,8 @@
  * out of the range of int ends as a failed read.
  *
  * Threads: the access table, the block table and the walk are one per process, without locks: use
- * the POST log from one thread at a time. Other processes are kept out while a device file is open
- * (O_EXCL).
+ * the POST log from one thread at a time. Between processes, opening a device file with O_EXCL
+ * keeps them apart.
  *
  * In C++ the names below live in namespace postlog, because the POD log has types of the same
  * names; unqualified names keep working as long as only one of the two headers is included. C files
@@ -223,7 +223,8 @@ DEVICE_ACCESS_API int postlog_nvram_open_dir(log_type_t blk);
  * ts: receives the time of the history's first entry, 0 for an empty history. The low 32 bits of
  *     the stored seconds, taken as signed, on 64-bit machines too: the time_t of the target.
  *
- * Returns the next history's number; -2 when there is no more; -1 on error.
+ * Returns the next history's number; -2 when there is no more; -1 on error, a line about an entry
+ * that cannot be read going to standard output. End the walk in every case.
  */
 DEVICE_ACCESS_API int postlog_nvram_read_dir(log_type_t blk, int log_num, time_t *ts);
 
