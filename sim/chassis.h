@@ -6,6 +6,7 @@
 #include "sim/device_server.h"
 #include "sim/nvram.h"
 #include "sim/pci.h"
+#include "sim/post_log.h"
 #include "sim/private_root.h"
 #include "sim/support.h"
 #include "sim/uio.h"

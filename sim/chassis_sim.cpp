@@ -34,6 +34,14 @@ chassis_sim::uio_description register_block(const settings &chosen)
     return block;
 }
 
+// The NVRAM blocks. They are searched from nvram0 on until a number is missing, so their numbers
+// leave no gap.
+void add_nvram_blocks(chassis_sim::device_server &devices)
+{
+    chassis_sim::add_nvram(devices, {}); // "nvlog-pod", which no run has formatted yet
+    chassis_sim::add_post_logs(devices, chassis_sim::sample_post_logs(), 1);
+}
+
 void schedule(const std::string &line, int after_ms)
 {
     chassis_sim::background([&] {
@@ -71,10 +79,12 @@ int run(const std::vector<std::string> &command)
 int main(int argc, char **argv)
 {
     settings chosen;
-    CLI::App app("Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
-                 "the device /dev/uio0 and the control pipe /dev/chassis in them. Lines written\n"
-                 "to the pipe: interrupt uio0, remove uio0, plug uio0.",
-                 "chassis-sim");
+    CLI::App app(
+        "Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
+        "the device /dev/uio0, NVRAM blocks with the firmware's POST logs, and the control\n"
+        "pipe /dev/chassis in them. Lines written to the pipe: interrupt uio0, remove uio0,\n"
+        "plug uio0.",
+        "chassis-sim");
     app.add_option("--uio-appears", chosen.uio_appears_ms,
                    "let /dev/uio0 appear after MS milliseconds")
         ->option_text("MS")
@@ -94,8 +104,10 @@ int main(int argc, char **argv)
     CLI11_PARSE(app, argc, argv);
 
     chassis_sim::enter_private_root();
+    chassis_sim::make_directory("/var/log");
     chassis_sim::device_server devices;
     chassis_sim::add_uio(devices, register_block(chosen));
+    add_nvram_blocks(devices);
     devices.start();
     if (chosen.uio_appears_ms > 0)
         schedule("plug uio0", chosen.uio_appears_ms);
