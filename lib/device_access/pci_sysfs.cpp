@@ -71,11 +71,13 @@ void sysfs_fetch_resource_attr(const char *path, sysfs_pci_bar_t *bars, int coun
     struct closer {
         void operator()(std::FILE *file) const { std::fclose(file); }
     };
+    char buffer[1024]; // more than the lines; spares the stream a block and a look at the file
     const std::unique_ptr<std::FILE, closer> file(std::fopen(path, "re"));
     if (!file) {
         SYSFS_ERR("Failed to open %s\n", path);
         return;
     }
+    std::setvbuf(file.get(), buffer, _IOFBF, sizeof buffer);
     char line[128];
     for (int k = 0; k < count; ++k) {
         if (!std::fgets(line, sizeof line, file.get())) {
