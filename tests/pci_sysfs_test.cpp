@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -43,11 +43,28 @@ void add(const std::string &id, const std::string &parent = "")
     chassis_sim::add_pci(function);
 }
 
-// The lines of a scan, each "LEVEL FUNCTION: MESSAGE".
-std::string take_log(captured_output &output)
+// The lines that a call prints, each "LEVEL FUNCTION: MESSAGE".
+template <typename F>
+std::string log_of(F call)
 {
-    EXPECT_EQ(output.take_stderr(), "");
-    return test_support::diagnostics(output.take_stdout(), "[", "], lib/device_access/pci_sysfs:");
+    std::string lines, errors;
+    {
+        captured_output output;
+        call();
+        lines = output.take_stdout();
+        errors = output.take_stderr();
+    }
+    EXPECT_EQ(errors, "");
+    return test_support::diagnostics(lines, "[", "], lib/device_access/pci_sysfs:");
+}
+
+// Scans, with this result, and returns the log.
+std::string scan(int result = 0)
+{
+    int is = -1;
+    const std::string log = log_of([&] { is = sysfs_pci_info_init(); });
+    EXPECT_EQ(is, result);
+    return log;
 }
 
 const sysfs_pci_info_set_t *last_scan()
@@ -114,10 +131,8 @@ TEST(pci_scan, finds_devices_between_holes_in_sorted_order)
     chassis_sim::add_pci(device);
     write_file(bus + "/0000:01:00.0", "a file");
     chassis_sim::make_symlink(bus + "/0000:02:00.0", "gone");
-    captured_output output;
-    ASSERT_EQ(sysfs_pci_info_init(), 0);
-    EXPECT_EQ(take_log(output), "7 sysfs_pci_arraylist_create: # of elements is 6\n\n"
-                                "7 sysfs_pci_info_init: info_set has 6 entries\n\n");
+    EXPECT_EQ(scan(), "7 sysfs_pci_arraylist_create: # of elements is 6\n\n"
+                      "7 sysfs_pci_info_init: info_set has 6 entries\n\n");
 
     const sysfs_pci_info_set_t *set = last_scan();
     ASSERT_EQ(set->count, 6u);
@@ -143,22 +158,17 @@ TEST(pci_scan, finds_devices_between_holes_in_sorted_order)
         {0, 1, 0},
         {0, 1, 0},
     };
-    for (size_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(found->resource_bar[i].base, bars[i].base) << i;
-        EXPECT_EQ(found->resource_bar[i].size, bars[i].size) << i;
-        EXPECT_EQ(found->resource_bar[i].flags, bars[i].flags) << i;
-    }
+    EXPECT_EQ(std::memcmp(found->resource_bar, bars, sizeof bars), 0);
 }
 
 TEST(pci_scan, iterates_and_reports_unusable_iterators_to_syslog)
 {
     chassis_sim::enter_private_root();
     test_support::syslog_socket syslog;
-    captured_output output;
     sysfs_pci_get_next_element_t handle;
     handle.key = 7;
-    sysfs_pci_info_fetch_init(&handle);
-    EXPECT_EQ(take_log(output), "7 sysfs_pci_info_fetch_init: Empty info set\n\n");
+    EXPECT_EQ(log_of([&] { sysfs_pci_info_fetch_init(&handle); }),
+              "7 sysfs_pci_info_fetch_init: Empty info set\n\n");
     EXPECT_EQ(handle.key, 0u);
     errno = EXDEV;
     EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
@@ -171,119 +181,93 @@ TEST(pci_scan, iterates_and_reports_unusable_iterators_to_syslog)
 
     add("0000:00:01.0");
     write_file(bus + "/zz", "a hole behind the last device");
-    EXPECT_EQ(sysfs_pci_info_init(), 0);
-    take_log(output);
+    scan();
     sysfs_pci_info_fetch_init(&handle);
     EXPECT_NE(sysfs_pci_info_fetch_next(&handle), nullptr);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
-        EXPECT_EQ(handle.key, 4u);
-    }
+    EXPECT_EQ(log_of([&] { sysfs_pci_info_fetch_next(&handle); }), "");
+    EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
+    EXPECT_EQ(handle.key, 4u);
     EXPECT_EQ(syslog.take(), "");
     handle.key = 5;
     EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
     EXPECT_EQ(syslog.take(), "<11>The Received handle key count is invalid\n");
-    EXPECT_EQ(take_log(output), "");
 }
 
 TEST(pci_scan, says_why_there_is_no_result)
 {
     chassis_sim::enter_private_root();
-    captured_output output;
-    EXPECT_EQ(sysfs_pci_info_init(), 1);
-    EXPECT_EQ(take_log(output), "3 is_sysfs_path_dir: Stats failed for path " + bus +
-                                    "\n\n3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
+    EXPECT_EQ(scan(1), "3 is_sysfs_path_dir: Stats failed for path " + bus +
+                           "\n\n3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
     chassis_sim::make_directory("/sys/elsewhere");
     chassis_sim::make_symlink(bus, "/sys/elsewhere"); // a link is no directory here
-    EXPECT_EQ(sysfs_pci_info_init(), 1);
-    EXPECT_EQ(take_log(output), "3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
+    EXPECT_EQ(scan(1), "3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
     EXPECT_EQ(last_scan(), nullptr);
 }
 
-// Changes one file of a device (in whose directory the change runs) and says what is logged of it.
-struct attribute_case {
-    const char *what;
-    std::function<void(const std::string &)> change;
-    std::string log; // %: the directory
-    std::function<bool(const sysfs_pci_info_t &)> holds = nullptr;
-};
+// The ids, and the first two base address registers as BASE+SIZE:FLAGS.
+std::string text(const sysfs_pci_info_t &info)
+{
+    const com_pci_dev_t &id = info.id;
+    std::ostringstream out;
+    out << std::hex << id.vendor << " " << id.device << " " << id.subsystem_vendor << " "
+        << id.subsystem_device;
+    for (int i : {0, 1}) {
+        const sysfs_pci_bar_t &bar = info.resource_bar[i];
+        out << " " << bar.base << "+" << bar.size << ":" << bar.flags;
+    }
+    return out.str();
+}
 
 TEST(pci_scan, goes_on_behind_bad_attributes)
 {
-    const auto text = [](const char *name, const std::string &contents) {
-        return [=](const std::string &dir) { write_file(dir + "/" + name, contents); };
-    };
     const std::string zeros(130, '0');
-    const attribute_case cases[] = {
-        {"not a digit", text("vendor", "ffff\n"),
-         "3 sysfs_fill_attribute: Read returned invalid value ffff\n\n\n",
-         [](const auto &info) { return info.id.vendor == 0 && info.id.subsystem_vendor; }},
-        {"empty", text("device", ""),
-         "3 sysfs_fill_attribute: Read failed on the attribute %/device\n\n",
-         [](const auto &info) { return info.id.device == 0 && info.id.vendor == 0x1d0f; }},
-        {"too large", text("vendor", "0x12345678\n"), "",
-         [](const auto &info) { return info.id.vendor == 0x5678; }},
-        {"too long", text("vendor", std::string(5000, '1')), "",
-         [](const auto &info) { return info.id.vendor == 0xffff; }},
-        {"missing", [](const std::string &dir) { fs::remove(dir + "/subsystem_device"); },
-         "3 sysfs_fill_attribute: Error opening the file_entry, %/subsystem_device\n\n"},
-        {"a directory",
-         [](const std::string &dir) {
-             fs::remove(dir + "/resource");
-             fs::create_directory(dir + "/resource");
-         },
-         "3 sysfs_fill_attribute: Read failed on the attribute %/resource\n\n"},
-        {"two lines", text("resource", "0x1000 0x1fff 0x200\n0x2000 0x2fff 0x200"),
-         "3 sysfs_fetch_resource_attr: Unexpected EOF at line 2 of %/resource\n\n",
-         [](const auto &info) {
-             return info.resource_bar[1].base == 0x2000 && info.resource_bar[1].size == 0x1000;
-         }},
-        {"numbers missing", text("resource", "0x1000\n1 0x1fff\n\n\n0\n2"), "",
-         [](const auto &info) {
-             return info.resource_bar[0].size == uint64_t{1} - 0x1000 &&
-                    info.resource_bar[1].size == 0x1fff && info.resource_bar[1].flags == 0 &&
-                    info.resource_bar[5].base == 2;
-         }},
-        {"numbers too large",
-         text("resource", "0xfffffffffffffffff 0xffffffffffffffff 0x123456789abcdef01\n"),
-         "3 sysfs_fetch_resource_attr: Unexpected EOF at line 1 of %/resource\n\n",
-         [](const auto &info) {
-             return info.resource_bar[0].base == UINT64_MAX && info.resource_bar[0].size == 1 &&
-                    info.resource_bar[0].flags == 0xffffffff;
-         }},
-        {"a line too long goes on in the next BAR", text("resource", zeros + "10 0x1f 0x2\n0 0 0"),
-         "3 sysfs_fetch_resource_attr: Unexpected EOF at line 3 of %/resource\n\n",
-         [](const auto &info) { return info.resource_bar[1].base == 0x10; }},
-        {"gone since it was listed",
-         [](const std::string &dir) {
-             for (const auto &entry : fs::directory_iterator(dir))
-                 fs::remove(entry);
-         },
-         "3 sysfs_fill_attribute: Error opening the file_entry, %/device\n\n"
-         "3 sysfs_fill_attribute: Error opening the file_entry, %/vendor\n\n"
-         "3 sysfs_fill_attribute: Error opening the file_entry, %/subsystem_device\n\n"
-         "3 sysfs_fill_attribute: Error opening the file_entry, %/subsystem_vendor\n\n"
-         "3 sysfs_fill_attribute: Error opening the file_entry, %/resource\n\n",
-         [](const auto &info) { return info.id.sys_fs[0] != 0; }},
+    const std::string long_number = zeros + "12";
+    const std::string long_line = zeros + "10 0x1f 0x2\n";
+    const std::string invalid = "3 sysfs_fill_attribute: Read returned invalid value ";
+    const std::string unreadable = "3 sysfs_fill_attribute: Read failed on the attribute %\n\n";
+    const std::string absent = "3 sysfs_fill_attribute: Error opening the file_entry, %\n\n";
+    const std::string end = "3 sysfs_fetch_resource_attr: Unexpected EOF at line ";
+    const std::string no_bars = "1d0f 1 1d0f 1 0+0:0 0+0:0";
+    struct {
+        const char *attribute;
+        const char *contents; // NULL: absent; "/": a directory
+        std::string log;      // %: the attribute
+        std::string expected;
+    } cases[] = {
+        {"vendor", "ffff\n", invalid + "ffff\n\n\n", "0 1 1d0f 1 0+1:0 0+1:0"},
+        {"device", "", unreadable, "1d0f 0 1d0f 1 0+1:0 0+1:0"},
+        {"vendor", "0x12345678\n", "", "5678 1 1d0f 1 0+1:0 0+1:0"},
+        {"vendor", long_number.c_str(), "", "0 1 1d0f 1 0+1:0 0+1:0"},
+        {"subsystem_device", nullptr, absent, "1d0f 1 1d0f 0 0+1:0 0+1:0"},
+        {"subsystem_vendor", "/", unreadable, "1d0f 1 0 1 0+1:0 0+1:0"},
+        {"resource", "/", unreadable, no_bars},
+        {"resource", " 0x1000 0x1fff 0x200\n", invalid + " 0x1000 0x1fff 0x200\n\n\n", no_bars},
+        {"resource", "0x1000 0x1fff 0x200\n0x2000 0x20ff 0x101", end + "2 of %\n\n",
+         "1d0f 1 1d0f 1 1000+1000:200 2000+100:101"},
+        {"resource", "0x1000\n1 0x1fff\n\n\n0\n2", "",
+         "1d0f 1 1d0f 1 1000+fffffffffffff001:0 1+1fff:0"},
+        {"resource", "0xfffffffffffffffff 0xffffffffffffffff 0x123456789abcdef01\n",
+         end + "1 of %\n\n", "1d0f 1 1d0f 1 ffffffffffffffff+1:ffffffff 0+0:0"},
+        // The rest of a line that is too long is the next one.
+        {"resource", long_line.c_str(), end + "2 of %\n\n", "1d0f 1 1d0f 1 0+1:0 10+10:2"},
     };
     chassis_sim::enter_private_root();
-    captured_output output;
     const auto descriptors = test_support::open_descriptors();
     static auto &earlier = *new std::vector<const void *>; // no result is ever freed
-    for (const attribute_case &c : cases) {
+    for (const auto &c : cases) {
         add("0000:00:01.0");
-        const std::string dir = bus + "/0000:00:01.0";
-        c.change(dir);
-        ASSERT_EQ(sysfs_pci_info_init(), 0) << c.what;
+        const std::string file = bus + "/0000:00:01.0/" + c.attribute;
+        fs::remove(file);
+        if (c.contents && std::strcmp(c.contents, "/") == 0)
+            fs::create_directory(file);
+        else if (c.contents)
+            write_file(file, c.contents);
         std::string log = c.log;
-        for (size_t mark; (mark = log.find('%')) != std::string::npos;)
-            log.replace(mark, 1, dir);
-        EXPECT_EQ(take_log(output), "7 sysfs_pci_arraylist_create: # of elements is 3\n\n" + log +
-                                        "7 sysfs_pci_info_init: info_set has 3 entries\n\n")
-            << c.what;
-        if (c.holds) {
-            EXPECT_TRUE(c.holds(last_scan()->element[2])) << c.what;
-        }
+        if (const size_t mark = log.find('%'); mark != std::string::npos)
+            log.replace(mark, 1, file);
+        EXPECT_EQ(scan(), "7 sysfs_pci_arraylist_create: # of elements is 3\n\n" + log +
+                              "7 sysfs_pci_info_init: info_set has 3 entries\n\n");
+        EXPECT_EQ(text(last_scan()->element[2]), c.expected) << log;
         earlier.push_back(last_scan());
         chassis_sim::remove_pci("0000:00:01.0");
     }
@@ -297,29 +281,28 @@ TEST(pci_scan, cuts_names_that_no_kernel_gives)
     const std::string longest(250, 'b'); // with the directory more than 255 characters
     for (const std::string &name : {longer, longest})
         write_file(bus + "/" + name + "/vendor", "0x1234");
-    captured_output output;
-    ASSERT_EQ(sysfs_pci_info_init(), 0);
+    // What was listed, but has no files any more, is a device all the same.
+    EXPECT_NE(scan().find("Error opening the file_entry, " + bus), std::string::npos);
     const sysfs_pci_info_set_t *set = last_scan();
     EXPECT_EQ(set->element[2].id.sys_fs, (bus + "/" + longer).substr(0, 99));
     EXPECT_EQ(set->element[2].id.vendor, 0x1234);
     EXPECT_STREQ(set->element[3].id.sys_fs, "");
-    output.take_stdout();
 }
 
 TEST(pci_scan, makes_the_system_calls_of_its_steps)
 {
     chassis_sim::enter_private_root();
-    const auto scan = [] {
+    const auto count = [] {
         captured_output output;
         return test_support::count_system_calls([] { sysfs_pci_info_init(); });
     };
     add("0000:00:00.0");
-    const test_support::system_calls one = scan();
+    const test_support::system_calls one = count();
     for (int slot = 1; slot <= 8; ++slot)
         add("0000:00:0" + std::to_string(slot) + ".0");
-    test_support::system_calls more = scan();
-    for (const auto &[name, count] : one)
-        more[name] -= count;
+    test_support::system_calls more = count();
+    for (const auto &[name, calls] : one)
+        more[name] -= calls;
     // Five attributes, of which the resource table is opened twice, and the device itself.
     EXPECT_EQ(more["open"], 8 * 6);
     EXPECT_EQ(more["read"], 8 * 6);
@@ -337,11 +320,9 @@ TEST(pci_scan, copes_with_4096_devices)
                       n & 7);
         chassis_sim::make_directory(bus + "/" + id);
     }
-    captured_output output;
-    EXPECT_EQ(sysfs_pci_info_init(), 0);
+    scan();
     EXPECT_EQ(last_scan()->count, 4098u);
     EXPECT_EQ(last_scan()->element[4097].id.sys_fs, bus + "/0000:0f:1f.7");
-    output.take_stdout();
     sysfs_pci_identity_t *list = sysfs_pci_list();
     EXPECT_STREQ(list[4095].str, "0000:0f:1f.7");
     EXPECT_STREQ(list[4096].str, "");
