@@ -192,6 +192,7 @@ TEST_F(pci_config, walks_the_capability_list_as_it_stands)
         {"empty list", three(0).put8(0x34, 0).bytes(), 0x01, -1, ENOENT},
         {"odd pointer", three(0).put8(0x34, 0x43).bytes(), 0x01, -1, EINVAL},
         {"even pointer", three(0).put8(0x34, 0x42).put16(0x42, 0x4801).bytes(), 0x01, 0x42, 0},
+        {"even link", three(0).put8(0x41, 0x4a).put16(0x4a, 0x0009).bytes(), 0x09, 0x4a, 0},
         {"last place", three(0).put8(0x34, 0xfe).put16(0xfe, 0x0009).bytes(), 0x09, 0xfe, 0},
         {"no status", cut(0x07), 0x05, -1, EXDEV}, // a short read leaves errno
         {"no header type", cut(0x0e), 0x05, -1, 0},
@@ -313,6 +314,7 @@ TEST_F(pci_config, tells_what_keeps_it_from_waiting_for_a_link)
         int error;
     } cases[] = {
         {"no such capability", config_builder(1).bytes(), -1, ENOENT},
+        {"all ones", three(1).put32(0x58 + 0x0c, 0xffffffff).bytes(), 0, 0}, // a value
         {"no link status", without_status, EIO, 0},
         // It can be found where no double word can be read.
         {"unaligned", three(1).put8(0x34, 0x42).put16(0x42, 0x0010).bytes(), EIO, EINVAL},

@@ -244,6 +244,8 @@ TEST(pci_scan, goes_on_behind_bad_attributes)
         {"resource", " 0x1000 0x1fff 0x200\n", invalid + " 0x1000 0x1fff 0x200\n\n\n", no_bars},
         {"resource", "0x1000 0x1fff 0x200\n0x2000 0x20ff 0x101", end + "2 of %\n\n",
          "1d0f 1 1d0f 1 1000+1000:200 2000+100:101"},
+        {"resource", "0x1000 0x1fff 0x200\n5", end + "2 of %\n\n",
+         "1d0f 1 1d0f 1 1000+1000:200 5+fffffffffffffffc:0"},
         {"resource", "0x1000\n1 0x1fff\n\n\n0\n2", "",
          "1d0f 1 1d0f 1 1000+fffffffffffff001:0 1+1fff:0"},
         {"resource", "0xfffffffffffffffff 0xffffffffffffffff 0x123456789abcdef01\n",
@@ -298,8 +300,8 @@ TEST(pci_scan, makes_the_system_calls_of_its_steps)
     };
     add("0000:00:00.0");
     const test_support::system_calls one = count();
-    for (int slot = 1; slot <= 8; ++slot)
-        add("0000:00:0" + std::to_string(slot) + ".0");
+    for (const char slot : {'1', '2', '3', '4', '5', '6', '7', '8'})
+        add(std::string("0000:00:00.0").replace(9, 1, 1, slot));
     test_support::system_calls more = count();
     for (const auto &[name, calls] : one)
         more[name] -= calls;
@@ -320,7 +322,8 @@ TEST(pci_scan, copes_with_4096_devices)
                       n & 7);
         chassis_sim::make_directory(bus + "/" + id);
     }
-    scan();
+    const std::string log = scan();
+    EXPECT_LT(log.find("0000:0f:1f.7"), log.find("0000:00:00.0")) << "from the last to the first";
     EXPECT_EQ(last_scan()->count, 4098u);
     EXPECT_EQ(last_scan()->element[4097].id.sys_fs, bus + "/0000:0f:1f.7");
     sysfs_pci_identity_t *list = sysfs_pci_list();
