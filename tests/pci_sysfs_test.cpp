@@ -18,6 +18,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
+
 namespace
 {
 
@@ -201,6 +203,18 @@ TEST(pci_scan, says_why_there_is_no_result)
     chassis_sim::make_directory("/sys/elsewhere");
     chassis_sim::make_symlink(bus, "/sys/elsewhere"); // a link is no directory here
     EXPECT_EQ(scan(1), "3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
+
+    fs::remove(bus);
+    chassis_sim::make_directory(bus);
+    rlimit descriptors;
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const std::string log = log_of([&] {
+        const rlimit none = {0, descriptors.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(sysfs_pci_info_init(), 1);
+        setrlimit(RLIMIT_NOFILE, &descriptors);
+    });
+    EXPECT_EQ(log, "3 sysfs_pci_scan_dir_path: scandir failed\n");
     EXPECT_EQ(last_scan(), nullptr);
 }
 
