@@ -1,5 +1,7 @@
 #pragma once
 
+#include "errno_guard.h"
+
 #include <cstdlib>
 
 #include <dirent.h>
@@ -19,6 +21,7 @@ public:
     }
     ~dir_list()
     {
+        errno_guard keep;
         for (int i = 0; i < count_; ++i)
             std::free(entries_[i]);
         std::free(entries_);
