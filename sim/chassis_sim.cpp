@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +21,7 @@ struct settings {
     int uio_appears_ms = 0;
     int uio_irq_delay_ms = 100;
     int uio_removed_ms = -1;
+    int link_trains_ms = 0;
     std::vector<std::string> command;
 };
 
@@ -42,12 +44,24 @@ void add_nvram_blocks(chassis_sim::device_server &devices)
     chassis_sim::add_post_logs(devices, chassis_sim::sample_post_logs(), 1);
 }
 
-void schedule(const std::string &line, int after_ms)
+void schedule(int after_ms, const std::function<void()> &work)
 {
     chassis_sim::background([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(after_ms));
-        chassis_sim::control(line);
+        work();
     });
+}
+
+void build_pci(const settings &chosen)
+{
+    using chassis_sim::pcie_capability;
+    if (chosen.link_trains_ms == 0) {
+        chassis_sim::add_chassis_pci();
+        return;
+    }
+    chassis_sim::add_chassis_pci(pcie_capability::link_training);
+    schedule(chosen.link_trains_ms,
+             [] { chassis_sim::set_root_port_link(pcie_capability::link_up); });
 }
 
 [[noreturn]] void execute(const std::vector<std::string> &command)
@@ -79,12 +93,11 @@ int run(const std::vector<std::string> &command)
 int main(int argc, char **argv)
 {
     settings chosen;
-    CLI::App app(
-        "Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
-        "the device /dev/uio0, NVRAM blocks with the firmware's POST logs, and the control\n"
-        "pipe /dev/chassis in them. Lines written to the pipe: interrupt uio0, remove uio0,\n"
-        "plug uio0.",
-        "chassis-sim");
+    CLI::App app("Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
+                 "the device /dev/uio0, PCI devices, a root port with a slot among them, NVRAM\n"
+                 "blocks with the firmware's POST logs, and the control pipe /dev/chassis in\n"
+                 "them. Lines written to the pipe: interrupt uio0, remove uio0, plug uio0.",
+                 "chassis-sim");
     app.add_option("--uio-appears", chosen.uio_appears_ms,
                    "let /dev/uio0 appear after MS milliseconds")
         ->option_text("MS")
@@ -96,6 +109,10 @@ int main(int argc, char **argv)
         ->capture_default_str();
     app.add_option("--uio-removed", chosen.uio_removed_ms, "remove it after MS milliseconds")
         ->option_text("MS");
+    app.add_option("--link-trains", chosen.link_trains_ms,
+                   "the link of the PCI port 0000:00:1c.0 comes up after MS milliseconds")
+        ->option_text("MS")
+        ->check(CLI::NonNegativeNumber);
     app.add_option("command", chosen.command, "the command and its arguments, behind --")
         ->option_text("COMMAND")
         ->required();
@@ -109,9 +126,10 @@ int main(int argc, char **argv)
     chassis_sim::add_uio(devices, register_block(chosen));
     add_nvram_blocks(devices);
     devices.start();
+    build_pci(chosen);
     if (chosen.uio_appears_ms > 0)
-        schedule("plug uio0", chosen.uio_appears_ms);
+        schedule(chosen.uio_appears_ms, [] { chassis_sim::control("plug uio0"); });
     if (chosen.uio_removed_ms >= 0)
-        schedule("remove uio0", chosen.uio_removed_ms);
+        schedule(chosen.uio_removed_ms, [] { chassis_sim::control("remove uio0"); });
     return run(chosen.command);
 }

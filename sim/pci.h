@@ -16,6 +16,50 @@ struct pci_window {
         0x40200; // memory, 32 bits (the kernel's IORESOURCE_MEM and its size alignment)
 };
 
+using config_space = std::vector<uint8_t>;
+
+// The PCI Express capability of a port or a device.
+struct pcie_capability {
+    enum : uint16_t {
+        endpoint = 0x0,
+        root_port = 0x4,
+        // Link status: width and speed are those of a link of four lanes at 2.5 GT/s.
+        link_up = 0x2041,       // active
+        link_training = 0x0841, // not active yet
+        link_down = 0x0001,
+    };
+    uint16_t type = endpoint;
+    bool slot = false;
+    bool hotplug = false;
+    bool reports_active = true; // whether the port can tell that its data link is active
+    uint16_t link_status = link_up;
+};
+
+// Builds a configuration space, 256 or 4096 bytes in the standard layout. The ids and the base
+// address registers come from the function that it is given to.
+class config_builder
+{
+public:
+    explicit config_builder(uint8_t header_type = 0, size_t size = 256);
+
+    config_builder &put8(size_t offset, uint8_t value);
+    config_builder &put16(size_t offset, uint16_t value);
+    config_builder &put32(size_t offset, uint32_t value);
+
+    // Append an entry to the capability list and return its offset. The first is at 0x40.
+    uint8_t capability(uint8_t id, size_t size);
+    uint8_t power_management();
+    uint8_t msi();
+    uint8_t pcie(const pcie_capability &description);
+
+    const config_space &bytes() const { return bytes_; }
+
+private:
+    config_space bytes_;
+    size_t link_;        // the byte that will point to the next entry
+    size_t next_ = 0x40; // where that will be
+};
+
 struct pci_function {
     std::string id;     // "0000:03:00.0"
     std::string parent; // id of the bridge above; empty: the function is on the root bus
@@ -23,8 +67,9 @@ struct pci_function {
     uint16_t device = 0x0001;
     uint16_t subsystem_vendor = 0x1d0f;
     uint16_t subsystem_device = 0x0001;
-    std::vector<uint8_t> config = std::vector<uint8_t>(256); // ids are filled in when zero
-    std::vector<pci_window> windows;                         // BARs 0 to 5
+    config_space config = config_space(256); // ids, class and BARs are filled in when zero
+    std::vector<pci_window> windows;         // BARs 0 to 5
+    uint32_t class_code = 0x058000;          // memory controller
 };
 
 // "/sys/bus/pci/devices/ID", the link to the function's directory below /sys/devices. A child's
@@ -34,7 +79,19 @@ std::string pci_link(const std::string &id);
 // Builds the sysfs directory of a function as the kernel shows it.
 void add_pci(const pci_function &function);
 
+// Changes a register of a function's configuration space, in place.
+void write_config16(const std::string &id, size_t offset, uint16_t value);
+
 // The function and what is below it leave the bus.
 void remove_pci(const std::string &id);
+
+// What every chassis has: a host bridge, an endpoint without PCI Express, a device with two
+// functions, and a root port with a hot-plug slot and a device behind it.
+inline constexpr char pci_root_port[] = "0000:00:1c.0";
+inline constexpr char pci_slot_device[] = "0000:03:00.0";
+void add_chassis_pci(uint16_t link_status = pcie_capability::link_up);
+
+// A new link status for the root port.
+void set_root_port_link(uint16_t link_status);
 
 } // namespace chassis_sim

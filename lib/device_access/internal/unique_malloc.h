@@ -2,6 +2,8 @@
 
 #include "errno_guard.h"
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
 
@@ -19,5 +21,15 @@ struct free_deleter {
 // Owns a block that came from malloc, calloc or realloc.
 template <typename T>
 using unique_malloc = std::unique_ptr<T, free_deleter>;
+
+// A zeroed block of size and more bytes; NULL with ENOMEM also when the sum is too large.
+inline unique_malloc<char> allocate_text(size_t size, size_t more)
+{
+    if (__builtin_add_overflow(size, more, &size)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return unique_malloc<char>(static_cast<char *>(std::calloc(1, size)));
+}
 
 } // namespace device_access

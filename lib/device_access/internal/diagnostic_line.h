@@ -1,0 +1,17 @@
+// The form that the UIO and the PCI diagnostics share: where a line comes from, then its text.
+#pragma once
+
+#include <cstdarg>
+
+namespace device_access
+{
+
+using diagnostic_line = char[512];
+
+// Writes "UNIT:LINE_NUM:FUNC_NAME(): MESSAGE\n", the message cut to fit, and returns it.
+[[gnu::format(printf, 5, 0)]] const char *format_diagnostic(diagnostic_line &line, const char *unit,
+                                                            unsigned int line_num,
+                                                            const char *func_name, const char *fmt,
+                                                            va_list args);
+
+} // namespace device_access
