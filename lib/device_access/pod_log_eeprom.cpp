@@ -1,5 +1,6 @@
 #include <device_access/pod_log_eeprom.h>
 
+#include "internal/pod_log_raw_entry.h"
 #include "internal/pod_log_ring.h"
 
 #include <iterator>
@@ -140,6 +141,11 @@ private:
 };
 
 } // namespace
+
+size_t device_access::eeprom_raw_entry_size(int eeprom_id)
+{
+    return eeprom_ring(eeprom_id).raw_entry_size();
+}
 
 //--- the interface --------------------------------------------------------------------------------
 

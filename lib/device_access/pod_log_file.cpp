@@ -1,5 +1,6 @@
 #include <device_access/pod_log_file.h>
 
+#include "internal/pod_log_raw_entry.h"
 #include "internal/pod_log_ring.h"
 #include "internal/unique_fd.h"
 
@@ -163,6 +164,11 @@ private:
 };
 
 } // namespace
+
+size_t device_access::file_raw_entry_size(int file_id)
+{
+    return file_ring(file_id).raw_entry_size();
+}
 
 //--- the interface --------------------------------------------------------------------------------
 

@@ -196,15 +196,16 @@ public:
     // No more than the device's message area goes into buf, whatever entry_size says.
     int read_raw_log(int position, uint8_t *buf)
     {
-        const uint32_t room = static_cast<uint32_t>(std::max(row().msg_size, 0));
         pod_entry entry;
         if (!read_valid(position, entry) ||
             !read_bytes(message_position(position), buf + sizeof entry,
-                        std::min(entry.entry_size, room)))
+                        std::min(entry.entry_size, message_room())))
             return -1;
         std::memcpy(buf, &entry, sizeof entry);
         return next_entry(position, entry);
     }
+
+    size_t raw_entry_size() const { return sizeof(pod_entry) + message_room(); }
 
     int dump_log_msgs(int history)
     {
@@ -347,6 +348,8 @@ private:
     auto &row() { return self().row(); }
     const auto &row() const { return self().row(); }
     static constexpr const pod_log_traits &traits() { return Self::traits; }
+
+    uint32_t message_room() const { return static_cast<uint32_t>(std::max(row().msg_size, 0)); }
 
     static int64_t message_position(int64_t entry_position)
     {
