@@ -74,7 +74,7 @@ unique_fd open_nvram_exclusively(const char *node, int access_mode, int attempts
 {
     unique_fd opened;
     for (int i = 0; i < attempts && !opened; ++i) {
-        opened.reset(::open(node, access_mode | O_EXCL));
+        opened.reset(::open(node, access_mode | O_EXCL | O_CLOEXEC));
         if (!opened)
             ::usleep(static_cast<useconds_t>(500 + std::rand() % 1000));
     }
