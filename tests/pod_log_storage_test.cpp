@@ -74,6 +74,7 @@ namespace
 {
 
 using test_support::captured_output;
+using test_support::difference;
 using test_support::little_endian;
 using test_support::pod_entry;
 using test_support::pod_header;
@@ -300,7 +301,7 @@ TEST_P(pod_log_storage, formats_adds_and_moves_on_byte_for_byte)
 {
     ASSERT_EQ(b.init(0, 0), 1);
     std::string image = formatted();
-    ASSERT_EQ(contents(), image);
+    ASSERT_EQ(difference(contents(), image), "");
 
     now = 1700000001;
     EXPECT_EQ(add("INFO ", "memtest", "ok", "%d%% of %llx, %s", 50, 0x123456789ULL, "done"), 1);
@@ -311,7 +312,7 @@ TEST_P(pod_log_storage, formats_adds_and_moves_on_byte_for_byte)
     put(image, entry_at(0, 0) + 16, "INFO memtest  ok  50% of 123456789, done");
     put(image, entry_at(0, 1), pod_entry(0xFFFFFFFF80000002, 64));
     put(image, entry_at(0, 1) + 16, "second");
-    EXPECT_EQ(contents(), image);
+    EXPECT_EQ(difference(contents(), image), "");
 
     // Messages are not cleared, only entry headers, at the fixed distance.
     EXPECT_EQ(b.set_curr_log_status(0, 1), 1);
@@ -322,10 +323,10 @@ TEST_P(pod_log_storage, formats_adds_and_moves_on_byte_for_byte)
     put(image, entry_at(0, 1), std::string(16, '\0'));
     if (b.name == std::string("file"))
         put(image, 0, index_record(0));
-    EXPECT_EQ(contents(), image);
+    EXPECT_EQ(difference(contents(), image), "");
     EXPECT_EQ(b.use_nxt_log(0), 1);
     put(image, 32, index_record(1));
-    EXPECT_EQ(contents(), image);
+    EXPECT_EQ(difference(contents(), image), "");
 }
 
 TEST_P(pod_log_storage, composes_the_message_within_64_bytes)
@@ -370,7 +371,7 @@ TEST_P(pod_log_storage, overwrites_the_last_entry_of_a_full_history)
         EXPECT_EQ(add(text), 0);
         put(image, entry_at(0, room - 1), pod_entry(static_cast<uint64_t>(now), 64));
         put(image, entry_at(0, room - 1) + 16, std::string(text) + '\0');
-        EXPECT_EQ(contents(), image); // the header still counts one less
+        EXPECT_EQ(difference(contents(), image), ""); // the header still counts one less
     }
     const uint32_t end = header_at(0) + b.history_size;
     EXPECT_LE(entry_at(0, room), end) << "the last entry fits";
@@ -528,7 +529,7 @@ TEST_P(pod_log_storage, reports_a_bad_index)
     EXPECT_EQ(output.take_stderr(), is_nvram ? "" : invalid);
     EXPECT_EQ(b.set_curr_log_status(0, 0), -1);
     EXPECT_EQ(b.use_nxt_log(0), 1);
-    EXPECT_EQ(contents(), image) << "nothing changed";
+    EXPECT_EQ(difference(contents(), image), "") << "nothing changed";
     EXPECT_EQ(b.dump_log_msgs(0, 0), -1);
     EXPECT_EQ(output.take_stderr(),
               is_nvram ? "nvram_get_log_hdr_pos: unexpected magic number 0x12345678. canot not get "
@@ -566,7 +567,7 @@ TEST_P(pod_log_storage, ids_without_a_device_fail_and_change_nothing)
     }
     podlog_bind_eeprom_access_func(6, read_eeprom, write_eeprom);
     EXPECT_EQ(podlog_eeprom_init(6, 0), -1);
-    EXPECT_EQ(contents(), std::string(b.path ? 16384 : eeprom_size, '\0'));
+    EXPECT_EQ(difference(contents(), std::string(b.path ? 16384 : eeprom_size, '\0')), "");
 }
 
 //--- what it costs --------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -36,6 +37,17 @@ inline std::string words(std::initializer_list<uint32_t> values)
     for (uint32_t value : values)
         text += little_endian(value, 4);
     return text;
+}
+
+// Where two images differ; empty if they do not.
+inline std::string difference(const std::string &one, const std::string &other)
+{
+    if (one.size() != other.size())
+        return "sizes " + std::to_string(one.size()) + " and " + std::to_string(other.size());
+    for (size_t i = 0; i < one.size(); ++i)
+        if (one[i] != other[i])
+            return "byte " + std::to_string(i);
+    return "";
 }
 
 // The records of a POD log, built by hand, with right checksums.
