@@ -55,8 +55,6 @@ namespace device_access
 namespace
 {
 
-constexpr int status_distance = 72; // of the status words from the region's end
-constexpr int fault_distance = 40;
 constexpr int open_attempts = 20;
 
 uint32_t _magic_num = 0x1FE2C365;
@@ -81,6 +79,12 @@ podlog::nvram_dev_info_t &row_of(int nvram_id)
 {
     const bool known = nvram_id >= 0 && nvram_id < static_cast<int>(std::size(_nvram_dev_info));
     return known ? _nvram_dev_info[nvram_id] : nowhere;
+}
+
+// Any size may be configured.
+int before_end(int mem_size, unsigned int distance)
+{
+    return static_cast<int>(static_cast<unsigned int>(mem_size) - distance);
 }
 
 bool find_device_number(dev_t &number)
@@ -391,8 +395,8 @@ void podlog_nvram_set_pod_info(int nvram_id, char *dev_name, int mem_size, int n
         return;
     device.describe(dev_name, mem_size, num_log, msg_len, align_msk);
     device.row().attr = 2;
-    device.row().pod_status_pos = mem_size - device_access::status_distance;
-    device.row().pod_faultinject_pos = mem_size - device_access::fault_distance;
+    device.row().pod_status_pos = device_access::before_end(mem_size, 72);
+    device.row().pod_faultinject_pos = device_access::before_end(mem_size, 40);
 }
 
 void podlog_nvram_set_magic_number(uint32_t new_magic_num)

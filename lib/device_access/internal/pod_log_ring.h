@@ -255,7 +255,8 @@ protected:
     void compute_subblock_size()
     {
         const int64_t shared = int64_t{row().mem_size} - traits().overhead;
-        const int64_t size = row().num_subblock == 0 ? 0 : shared / row().num_subblock;
+        const int64_t share = row().num_subblock == 0 ? 0 : shared / row().num_subblock;
+        const int size = static_cast<int>(std::clamp<int64_t>(share, INT32_MIN, INT32_MAX));
         row().subblock_size = static_cast<int>(static_cast<uint32_t>(size) & row().log_align_msk);
     }
 
