@@ -4,6 +4,7 @@
 #pragma once
 
 #include "sim/device_server.h"
+#include "sim/hotswap.h"
 #include "sim/nvram.h"
 #include "sim/pci.h"
 #include "sim/post_log.h"

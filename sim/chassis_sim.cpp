@@ -94,9 +94,11 @@ int main(int argc, char **argv)
 {
     settings chosen;
     CLI::App app("Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
-                 "the device /dev/uio0, PCI devices, a root port with a slot among them, NVRAM\n"
-                 "blocks with the firmware's POST logs, and the control pipe /dev/chassis in\n"
-                 "them. Lines written to the pipe: interrupt uio0, remove uio0, plug uio0.",
+                 "the device /dev/uio0, PCI devices (a root port with a slot, the hot-swap bridge\n"
+                 "0000:00:1e.0 and the FPGA of slot alsw1 among them), NVRAM blocks with the\n"
+                 "firmware's POST logs, and the control pipe /dev/chassis in them. Lines written\n"
+                 "to the pipe: interrupt uio0, remove uio0, plug uio0. Calls of /sbin/modprobe\n"
+                 "are only recorded, in /var/log/modprobe.",
                  "chassis-sim");
     app.add_option("--uio-appears", chosen.uio_appears_ms,
                    "let /dev/uio0 appear after MS milliseconds")
@@ -127,6 +129,7 @@ int main(int argc, char **argv)
     add_nvram_blocks(devices);
     devices.start();
     build_pci(chosen);
+    chassis_sim::add_chassis_hotswap();
     if (chosen.uio_appears_ms > 0)
         schedule(chosen.uio_appears_ms, [] { chassis_sim::control("plug uio0"); });
     if (chosen.uio_removed_ms >= 0)

@@ -3,9 +3,12 @@
 #include <device_access/libuio_emul.h>
 
 #include "internal/errno_guard.h"
+#include "internal/libuio_errors.h"
+#include "internal/libuio_handle.h"
 #include "internal/libuio_path.h"
 #include "internal/libuio_pr.h"
 #include "internal/libuio_wait.h"
+#include "internal/pci_root.h"
 #include "internal/unique_dir.h"
 #include "internal/unique_fd.h"
 #include "internal/unique_malloc.h"
@@ -28,25 +31,7 @@ namespace
 {
 
 constexpr char class_root[] = "/sys/class/uio";
-constexpr char pci_root[] = "/sys/bus/pci/devices/";
 constexpr char removal_attr[] = "uio_maps";
-
-const char *error_text()
-{
-    return std::strerror(errno);
-}
-
-std::nullptr_t invalid_pointer()
-{
-    errno = EINVAL;
-    return nullptr;
-}
-
-int invalid_number()
-{
-    errno = EINVAL;
-    return -1;
-}
 
 //--- opening --------------------------------------------------------------------------------------
 
@@ -216,18 +201,13 @@ bool libuio_open_files(libuio_dev_t &uio)
     return true;
 }
 
-//--- maps -----------------------------------------------------------------------------------------
-
-bool is_masked(const libuio_map_t &map, uint64_t nop_mask)
-{
-    return map.index < LIBUIO_MAX_MAPS && (nop_mask >> map.index & 1) != 0;
-}
-
 //--- closing --------------------------------------------------------------------------------------
 
 bool is_pci_device(const libuio_dev_t &uio)
 {
-    return std::strncmp(uio.sys_class_dir, pci_root, sizeof pci_root - 1) == 0;
+    constexpr size_t length = sizeof pci_root - 1;
+    return std::strncmp(uio.sys_class_dir, pci_root, length) == 0 &&
+           uio.sys_class_dir[length] == '/';
 }
 
 // Closes a descriptor of a handle; 0 is never one of ours.
@@ -274,26 +254,12 @@ libuio_dev_t *libuio_open_timed(const char *devnode_name, const struct timespec 
     if (!device_dir)
         return nullptr;
 
-    constexpr size_t full_size = sizeof(libuio_dev_t) + LIBUIO_MAX_MAPS * sizeof(libuio_map_t);
-    unique_malloc<libuio_dev_t> uio(static_cast<libuio_dev_t *>(std::calloc(1, full_size)));
-    if (!uio) {
-        LIBUIO_ERR("calloc(%ld) failed", static_cast<long>(full_size));
-        errno = ENOMEM;
+    unique_malloc<libuio_dev_t> uio = libuio_new_handle(devnode_name);
+    if (!uio)
         return nullptr;
-    }
-    uio->uio_fd = uio->gone_fd = -1;
-    uio->devnode_name = devnode_name;
     uio->sys_class_dir = class_dir.str;
     uio->sys_device_dir = device_dir.get();
-    if (!libuio_find_maps(*uio))
-        return nullptr;
-
-    libuio_dev_t *final_uio = libuio_adjust_size(uio.get());
-    if (!final_uio)
-        return nullptr;
-    static_cast<void>(uio.release());
-    uio.reset(final_uio);
-    if (!libuio_open_files(*uio))
+    if (!libuio_find_maps(*uio) || !libuio_finish_handle(uio) || !libuio_open_files(*uio))
         return nullptr;
     return uio.release();
 }
@@ -404,7 +370,7 @@ int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask)
     int mapped = 0;
     for (unsigned int i = 0; i < uio->map_count; ++i) {
         libuio_map_t &map = uio->map[i];
-        if (map.addr || is_masked(map, nop_mask))
+        if (map.addr || libuio_is_masked(map, nop_mask))
             continue;
         if (uio->uio_fd < 0) {
             LIBUIO_ERR("UIO-fd closed");
@@ -431,7 +397,7 @@ void libuio_munmap(libuio_dev_t *uio, uint64_t nop_mask)
     }
     for (unsigned int i = 0; i < uio->map_count; ++i) {
         libuio_map_t &map = uio->map[i];
-        if (!map.addr || is_masked(map, nop_mask))
+        if (!map.addr || libuio_is_masked(map, nop_mask))
             continue;
         if (::munmap(map.addr, map.size) != 0)
             LIBUIO_DEBUG("munmap(%p, %#lx) failed: %s", map.addr,

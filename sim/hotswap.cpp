@@ -1,0 +1,151 @@
+#include "sim/hotswap.h"
+
+#include "sim/support.h"
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <sys/inotify.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+void add_bridge(const std::string &id)
+{
+    pci_function bridge;
+    bridge.id = id;
+    bridge.config = config_builder(1).bytes();
+    bridge.class_code = 0x060400;
+    add_pci(bridge);
+}
+
+void write_register(const std::string &resource, std::streamoff offset, uint32_t value)
+{
+    std::fstream file(resource, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(offset).write(reinterpret_cast<const char *>(&value), sizeof value);
+    if (!file.flush())
+        fail("write " + resource);
+}
+
+// A device that comes and goes as a whole: its directory is kept aside while it is gone.
+class unpluggable
+{
+public:
+    explicit unpluggable(const std::string &id)
+        : link_(pci_link(id)), dir_(fs::canonical(link_)), aside_("/sys/devices/unplugged/" + id)
+    {
+        make_directory("/sys/devices/unplugged");
+        unplug();
+    }
+    void plug()
+    {
+        if (fs::exists(dir_))
+            return;
+        // Whoever sees the directory finds the link too.
+        make_symlink(link_, dir_);
+        must(std::rename(aside_.c_str(), dir_.c_str()), "plug " + dir_);
+    }
+    void unplug()
+    {
+        if (!fs::exists(dir_))
+            return;
+        must(std::rename(dir_.c_str(), aside_.c_str()), "unplug " + dir_);
+        fs::remove(link_);
+    }
+
+private:
+    std::string link_;
+    std::string dir_;
+    std::string aside_;
+};
+
+} // namespace
+
+void add_hotswap_name(const std::string &slot, const std::string &address)
+{
+    const std::string file = "/dev/dynattr/rpsw/hotswap/byname/" + slot;
+    write_file(file, "");
+    must(::setxattr(file.c_str(), "user.com.velmora.zmt.attr_value", address.data(), address.size(),
+                    0),
+         "set the extended attribute of " + file + " (in a tmpfs this takes Linux 6.6)");
+}
+
+void add_fpga_card(const fpga_card &card)
+{
+    add_bridge(card.port);
+    pci_function fpga;
+    fpga.id = card.id;
+    fpga.parent = card.port;
+    fpga.device = 0x00f0;
+    uint64_t start = 0x90000000;
+    for (const uint64_t size : card.bar_sizes) {
+        fpga.windows.push_back({start, size});
+        start += size;
+    }
+    add_pci(fpga);
+    write_register(pci_link(card.id) + "/resource0", 0x28, uint32_t{card.code} << 16 | 0xab0000cd);
+    add_hotswap_name(card.slot, card.port);
+}
+
+void add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms)
+{
+    add_bridge(id);
+    pci_function child = behind;
+    child.parent = id;
+    add_pci(child);
+    unpluggable device(child.id);
+
+    const std::string attribute = pci_link(id) + "/bridge_enable";
+    write_file(attribute, "0\n");
+    const int changes = must(::inotify_init1(IN_CLOEXEC), "inotify_init1");
+    must(::inotify_add_watch(changes, attribute.c_str(), IN_MODIFY), "watch " + attribute);
+    background([&] {
+        char events[4096];
+        while (::read(changes, events, sizeof events) > 0) {
+            if (std::ifstream(attribute).get() == '1') {
+                std::this_thread::sleep_for(std::chrono::milliseconds(appears_ms));
+                device.plug();
+            } else {
+                device.unplug();
+            }
+        }
+    });
+    ::close(changes);
+}
+
+void add_chassis_hotswap()
+{
+    constexpr uint8_t vostra2 = 18;
+    add_fpga_card({"alsw1",
+                   "0000:00:1d.0",
+                   "0000:05:00.0",
+                   vostra2,
+                   {0x40000, 0x80000, 0x80000, 0x200000, 0x8000000}});
+    pci_function card;
+    card.id = "0000:06:00.0";
+    card.device = 0x0030;
+    card.windows = {{0xf2000000, 0x4000}};
+    add_hotswap_bridge(hotswap_bridge, card, 20);
+    replace_modprobe();
+}
+
+void replace_modprobe(const std::string &ending)
+{
+    const std::string program = "/sbin/modprobe";
+    fs::remove(program); // a link to the machine's own
+    write_file(program,
+               "#!/bin/sh\n{ printf '[%s]' \"$0\" \"$@\"; echo; } >>" + std::string(modprobe_log) +
+                   "\n" + ending + "\n",
+               0755);
+}
+
+} // namespace chassis_sim
