@@ -2,6 +2,7 @@
 
 #include "sim/support.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -74,9 +75,15 @@ void add_hotswap_name(const std::string &slot, const std::string &address)
 {
     const std::string file = "/dev/dynattr/rpsw/hotswap/byname/" + slot;
     write_file(file, "");
-    must(::setxattr(file.c_str(), "user.com.velmora.zmt.attr_value", address.data(), address.size(),
-                    0),
-         "set the extended attribute of " + file + " (in a tmpfs this takes Linux 6.6)");
+    const int result = ::setxattr(file.c_str(), "user.com.velmora.zmt.attr_value", address.data(),
+                                  address.size(), 0);
+    if (result != 0 && errno == EOPNOTSUPP)
+        std::fprintf(stderr,
+                     "chassis-sim: no hot-swap name of slot %s: extended attributes in a "
+                     "tmpfs take Linux 6.6\n",
+                     slot.c_str());
+    else
+        must(result, "set the extended attribute of " + file);
 }
 
 void add_fpga_card(const fpga_card &card)
