@@ -143,10 +143,12 @@ constexpr char removal_tag[] = "chassis-gone:";
 
 int make_memory(const std::string &name, size_t size, const std::string &contents = {})
 {
-    const int memory = must(::memfd_create(name.c_str(), MFD_CLOEXEC), "memfd_create");
+    const int memory =
+        must(::memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING), "memfd_create");
     must(::ftruncate(memory, static_cast<off_t>(size)), "ftruncate");
     if (!contents.empty())
         must(static_cast<int>(::pwrite(memory, contents.data(), contents.size(), 0)), "pwrite");
+    must(::fcntl(memory, F_ADD_SEALS, F_SEAL_GROW), "keep memory from growing");
     return memory;
 }
 

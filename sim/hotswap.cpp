@@ -118,18 +118,18 @@ void add_hotswap_bridge(const std::string &id, const pci_function &behind, int a
     background([&] {
         char events[4096];
         while (::read(changes, events, sizeof events) > 0) {
-            if (std::ifstream(attribute).get() == '1') {
+            if (std::ifstream(attribute).get() != '1') {
+                device.unplug();
+            } else if (appears_ms >= 0) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(appears_ms));
                 device.plug();
-            } else {
-                device.unplug();
             }
         }
     });
     ::close(changes);
 }
 
-void add_chassis_hotswap()
+void add_chassis_hotswap(int appears_ms)
 {
     constexpr uint8_t vostra2 = 18;
     add_fpga_card({"alsw1",
@@ -141,7 +141,7 @@ void add_chassis_hotswap()
     card.id = "0000:06:00.0";
     card.device = 0x0030;
     card.windows = {{0xf2000000, 0x4000}};
-    add_hotswap_bridge(hotswap_bridge, card, 20);
+    add_hotswap_bridge(hotswap_bridge, card, appears_ms);
     replace_modprobe();
 }
 

@@ -25,12 +25,13 @@ void add_fpga_card(const fpga_card &card);
 
 // A bridge whose "bridge_enable" attribute turns what is behind it on and off, as the kernel module
 // for hot-swap bridges provides it. The device appears, complete, appears_ms after "1" is written
-// and leaves when "0" is.
+// (-1: never) and leaves when "0" is.
 void add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms);
 
-// What every chassis has: an FPGA of slot alsw1, and a bridge behind which a device appears.
+// What every chassis has: an FPGA of slot alsw1, and a bridge behind which a device appears, as
+// add_hotswap_bridge says.
 inline constexpr char hotswap_bridge[] = "0000:00:1e.0";
-void add_chassis_hotswap();
+void add_chassis_hotswap(int appears_ms = 20);
 
 // Replaces /sbin/modprobe by a program that adds its words, "[/sbin/modprobe][-s]...", as a line to
 // modprobe_log and goes on with the shell commands of the ending.

@@ -36,7 +36,8 @@ void add_nvram(device_server &server, const nvram_description &description)
     write_file(dir + "baseaddr", "0x" + hex(description.base_address) + "\n");
     write_file(dir + "size", "0x" + hex(description.contents.size()) + "\n");
     write_file(dir + "mode", description.mode + "\n");
-    server.add(storage_node{"/dev/" + description.name, description.contents});
+    const size_t reachable = description.contents.size() - description.unreachable;
+    server.add(storage_node{"/dev/" + description.name, description.contents.substr(0, reachable)});
 }
 
 } // namespace chassis_sim

@@ -13,6 +13,7 @@ struct nvram_description {
     unsigned int number = 0; // N of nvramN
     std::string name = "nvlog-pod";
     std::string contents = std::string(16384, '\0'); // the bytes of the device; sets its size
+    size_t unreachable = 0; // bytes at its end that cannot be read or written
     uint32_t base_address = 0xF0000000;
     std::string mode = "rw";
 };

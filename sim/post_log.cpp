@@ -2,8 +2,6 @@
 
 #include "sim/nvram.h"
 
-#include <algorithm>
-
 namespace chassis_sim
 {
 namespace
@@ -13,38 +11,12 @@ constexpr size_t index_size = 12;
 constexpr size_t header_size = 24;
 constexpr size_t entry_head_size = 40;
 
-std::string number(byte_order order, uint64_t value, size_t size)
-{
-    std::string bytes;
-    for (size_t i = 0; i < size; ++i, value >>= 8)
-        bytes += static_cast<char>(value);
-    if (order == byte_order::big)
-        std::reverse(bytes.begin(), bytes.end());
-    return bytes;
-}
-
 void put(std::string &image, size_t position, const std::string &bytes)
 {
     image.replace(position, bytes.size(), bytes);
 }
 
 } // namespace
-
-uint32_t cksum(const std::string &bytes)
-{
-    uint32_t crc = 0;
-    const auto shift_in = [&crc](uint64_t byte) {
-        for (int bit = 7; bit >= 0; --bit) {
-            const bool carry = (crc >> 31) != (byte >> bit & 1);
-            crc = crc << 1 ^ (carry ? 0x04C11DB7 : 0);
-        }
-    };
-    for (const char byte : bytes)
-        shift_in(static_cast<unsigned char>(byte));
-    for (uint64_t length = bytes.size(); length > 0; length >>= 8)
-        shift_in(length & 0xff);
-    return ~crc;
-}
 
 std::string post_index(byte_order order, uint32_t header_index, uint32_t log_size, uint32_t magic)
 {
@@ -127,19 +99,33 @@ std::vector<post_block> sample_post_logs()
     return {event, test, error};
 }
 
-void add_post_logs(device_server &server, const std::vector<post_block> &blocks,
+std::vector<nvram_image> images(const std::vector<post_block> &blocks)
+{
+    std::vector<nvram_image> made;
+    for (const post_block &block : blocks)
+        made.push_back({block.name, block.image(byte_order::little)});
+    return made;
+}
+
+void add_post_logs(device_server &server, const std::vector<nvram_image> &blocks,
                    unsigned int first_number)
 {
     uint32_t base_address = 0xF0004000;
-    for (const post_block &block : blocks) {
+    for (const nvram_image &block : blocks) {
         nvram_description nvram;
         nvram.number = first_number++;
         nvram.name = block.name;
-        nvram.contents = block.image(byte_order::little);
+        nvram.contents = block.contents;
         nvram.base_address = base_address;
         add_nvram(server, nvram);
-        base_address += static_cast<uint32_t>(block.size);
+        base_address += static_cast<uint32_t>(block.contents.size());
     }
+}
+
+void add_post_logs(device_server &server, const std::vector<post_block> &blocks,
+                   unsigned int first_number)
+{
+    add_post_logs(server, images(blocks), first_number);
 }
 
 } // namespace chassis_sim

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "sim/device_server.h"
+#include "sim/records.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -12,11 +13,6 @@
 
 namespace chassis_sim
 {
-
-enum class byte_order { little, big };
-
-// The checksum of POSIX cksum.
-uint32_t cksum(const std::string &bytes);
 
 // The three records of a block, with right checksums whatever their fields say.
 std::string post_index(byte_order order, uint32_t header_index, uint32_t log_size,
@@ -50,7 +46,16 @@ struct post_block {
 // The logs of a chassis that has been started a few times: events, test results, errors.
 std::vector<post_block> sample_post_logs();
 
+// A block of NVRAM and what is in it.
+struct nvram_image {
+    std::string name;
+    std::string contents;
+};
+std::vector<nvram_image> images(const std::vector<post_block> &blocks);
+
 // Gives the chassis the logs as NVRAM blocks numbered from first_number on.
+void add_post_logs(device_server &server, const std::vector<nvram_image> &blocks,
+                   unsigned int first_number);
 void add_post_logs(device_server &server, const std::vector<post_block> &blocks,
                    unsigned int first_number);
 

@@ -1,0 +1,36 @@
+// POD logs as runs of the diagnostics leave them in NVRAM and in files. Records are put together
+// here byte by byte, so that what the library reads has not been made by the library.
+#pragma once
+
+#include "sim/records.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace chassis_sim
+{
+
+enum class chassis_model { n20, n10, n4 };
+
+// The records of a log, with right checksums whatever their fields say.
+std::string checked_pod_index(uint32_t magic, uint32_t current, uint32_t history_size);
+std::string pod_header(uint32_t history_size, uint32_t used, uint32_t start);
+std::string pod_entry(uint64_t seconds, uint32_t entry_size);
+
+// A file and what is in it.
+struct file_image {
+    std::string path;
+    std::string contents;
+};
+
+struct pod_logs {
+    std::string nvram = std::string(16384, '\0'); // of this route processor; blank: never used
+    std::vector<file_image> files;                // of the other cards
+};
+
+// The logs of a chassis whose cards have run their diagnostics twice. The status words in the NVRAM
+// say that all passed but ALSW2.
+pod_logs sample_pod_logs(chassis_model model);
+
+} // namespace chassis_sim
