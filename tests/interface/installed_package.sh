@@ -1,7 +1,8 @@
 #!/bin/sh
 # installed_package.sh SOURCE WORK CHASSIS_SIM: configures, builds and installs the library as a
 # user would, with tests off, then builds a C and a C++ client against it, through pkg-config and
-# through CMake, and runs them in a simulated chassis. CC, CXX and FLAGS name the compilers.
+# through CMake, and the examples that come with it, and runs them in a simulated chassis. CC, CXX
+# and FLAGS name the compilers.
 set -eu
 source=$1 work=$2/installed_package chassis_sim=$3
 rm -rf "$work"
@@ -34,3 +35,8 @@ for client in "$work/pkg_config_c" "$work/pkg_config_cxx" "$work/client/client_c
     "$chassis_sim" -- "$client" | tee "$work/output"
     grep -q '^1 window, register 0x1234$' "$work/output"
 done
+
+examples=$(echo "$work"/prefix/share/doc/*/examples)
+cmake -S "$examples" -B "$work/examples" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >>"$work/log"
+cmake --build "$work/examples" >>"$work/log"
+"$examples/run" "$work/examples" "$chassis_sim"
