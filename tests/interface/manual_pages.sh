@@ -7,7 +7,7 @@ cd "$1"
 status=0
 while read -r name; do
     page=$(sed -n 's|^\.so man3/||p' "$name.3" 2>/dev/null || true)
-    grep -q "[ *]$name\\((\\|;\\|\\[\\|\\\\fP\\)" "${page:-$name.3}" 2>/dev/null && continue
+    grep -q "[ *B]$name\\((\\|;\\|\\[\\|\\\\fP\\)" "${page:-$name.3}" 2>/dev/null && continue
     case $name in _nvram_dev_info | lc2_pod_log_again) continue ;; esac # data, not functions
     echo "no manual page of $name" >&2
     status=1
