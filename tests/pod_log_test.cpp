@@ -4,6 +4,7 @@
 #include "support/descriptors.h"
 
 #include <device_access/pod_log.h>
+#include <device_access/pod_log_crc_tmp.h>
 #include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
 #include <device_access/slot_names.h>
@@ -12,6 +13,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -611,18 +613,35 @@ TEST_F(pod_copy, that_fails_half_way_still_tries_to_start_the_next_history)
 
 TEST_F(pod_copy, does_not_work_from_nvram)
 {
-    podlog_bind_eeprom_access_func(3, eeprom_read<1>, eeprom_write<1>);
-    ASSERT_EQ(podlog_init(rp1, 0), 1);
-    podlog_add(rp1, nullptr, nullptr, nullptr, "in NVRAM");
-    podlog_close(rp1);
-    ASSERT_GT(podlog_open_log("RP1", 0), 0);
+    ASSERT_EQ(podlog_bind_secondary_log_access_func(pm2, eeprom_read<1>, eeprom_write<1>), 1);
+    ASSERT_EQ(podlog_init(pm2, 0), 1);
+    podlog_add(pm2, nullptr, nullptr, nullptr, "in NVRAM");
+    podlog_close(pm2);
     captured_output output;
-    uint8_t entry[80] = {};
-    EXPECT_EQ(podlog_read_raw_log(68, entry), -1);
+    EXPECT_EQ(podlog_cpy_curr_subblock_to_secondary(pm2), -1);
     EXPECT_EQ(output.take_stderr(),
               "ERROR: podlog_read_raw_log: read raw log not support for NVRAM!\n");
-    podlog_close_log("RP1", 0);
-    EXPECT_EQ(entry[0], 0);
+    EXPECT_EQ(eeprom[1].bytes[44 + 8], 0) << "nothing was appended";
+    EXPECT_EQ(secondary_history(), 1);
+}
+
+TEST_F(pod_copy, takes_no_entry_that_cannot_be_read)
+{
+    run({"good", "bad", "never"});
+    // The second entry states an empty message, which cannot be read; its checksum is right.
+    std::fstream file("/var/pod/pod_sw1.hex", std::ios::in | std::ios::out | std::ios::binary);
+    char header[16];
+    const auto second = 44 + 20 + 80;
+    file.seekg(second).read(header, sizeof header);
+    std::memset(header + 8, 0, 8);
+    const uint32_t checksum = crc32_cksum(header, sizeof header);
+    std::memcpy(header + 8, &checksum, sizeof checksum);
+    file.seekp(second).write(header, sizeof header);
+    file.close();
+    captured_output output;
+    EXPECT_EQ(podlog_cpy_curr_subblock_to_secondary(sw1), -1);
+    EXPECT_EQ(read_secondary(), "0: good|; ");
+    EXPECT_EQ(secondary_history(), 1);
 }
 
 //--- POD status and fault injection ---------------------------------------------------------------
