@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -107,6 +108,16 @@ TEST(pod_log_nvram, says_why_there_is_no_device)
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(output.take_stdout(), " No nvram0 dev file!\n");
     EXPECT_EQ(output.take_stderr(), no_number);
+
+    chassis_sim::write_file(node, "");
+    ::close(0); // the lowest descriptor is not taken from the first attempts
+    EXPECT_EQ(podlog_nvram_open_dev_file(0, &fd, 1), 0);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(::fcntl(0, F_GETFD), -1) << "nor left open";
+    EXPECT_EQ(::open("/dev/null", O_RDONLY), 0);
+    EXPECT_EQ(output.take_stderr(), no_number);
+    output.take_stdout();
+    fs::remove(node);
 
     for (unsigned int n = 0; n < 21; ++n)
         chassis_sim::write_file(name_of(n), n == 20 ? "nvlog-pod\n" : "other\n");
@@ -223,6 +234,13 @@ TEST(pod_log_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
         const bool repaired = c.image == zeros && result == 1;
         EXPECT_EQ(difference(read_file(node), repaired ? formatted() : c.image), "") << c.name;
     }
+    // The check of the headers pauses for 200 microseconds between two of them.
+    use_file(formatted());
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(podlog_nvram_init(0, 1), 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::microseconds(9 * 200));
+    podlog_nvram_close(0);
+
     // An explicit reset brings back what init refuses.
     use_file(wrong_checksum);
     ASSERT_EQ(podlog_nvram_open_dev_file(0, &_nvram_dev_info[0].fd, 0), 1);
