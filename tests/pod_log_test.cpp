@@ -85,8 +85,8 @@ constexpr int pm1 = 8; // a type that does not exist, secondary EEPROM 3
 constexpr int pm2 = 9; // NVRAM 0 too, secondary EEPROM 3
 void configure_one_of_each()
 {
-    configure({row("RP1", rp1, PODSTORAGE_NVRAM, 0), row("SW1", sw1, PODSTORAGE_FILE, 2, 2),
-               row("FT1", ft1, PODSTORAGE_EEPROM, 0), row("PM1", pm1, unknown_type, 0, 3),
+    configure({row("PM1", pm1, unknown_type, 0, 3), row("RP1", rp1, PODSTORAGE_NVRAM, 0),
+               row("SW1", sw1, PODSTORAGE_FILE, 2, 2), row("FT1", ft1, PODSTORAGE_EEPROM, 0),
                row("PM2", pm2, PODSTORAGE_NVRAM, 0, 3)});
 }
 
@@ -465,7 +465,8 @@ TEST(pod_secondary, is_told_apart_from_none_and_from_unknown_kinds)
 
     // Switched to a secondary storage that a new registry no longer has.
     EXPECT_EQ(podlog_select_primary_secondary_storage(sw1, 0), 1);
-    configure({row("RP1", rp1, PODSTORAGE_NVRAM, 0), row("SW1", sw1, PODSTORAGE_FILE, 2)});
+    configure({row("PM1", pm1, unknown_type, 0), row("RP1", rp1, PODSTORAGE_NVRAM, 0),
+               row("SW1", sw1, PODSTORAGE_FILE, 2)});
     EXPECT_EQ(podlog_init(sw1, 0), 1);
     EXPECT_EQ(podlog_use_nxt_log(sw1), -1);
     podlog_close(sw1);
@@ -494,6 +495,10 @@ TEST(pod_secondary, takes_the_calls_of_an_instance_switched_to_it)
                           "for instance 4!\n"),
               std::string::npos)
         << errors;
+    // The primary storage is closed then, though it was not opened: the NVRAM says so.
+    ASSERT_EQ(podlog_select_primary_secondary_storage(pm2, 0), 1);
+    EXPECT_EQ(podlog_init(pm2, 0), -1);
+    EXPECT_NE(output.take_stdout().find("already closed previously! \n"), std::string::npos);
 }
 
 // Tells whether SW1's calls go to the EEPROM, by where an entry ends up.
@@ -655,7 +660,10 @@ TEST(pod_status, is_kept_by_instance_and_by_slot)
     map.index0[1] = 200; // no slot
     map.index1[0] = map.index1[1] = -1;
     podlog_nvram_config_inst_mapping(0, &map);
+    const auto before = open_descriptors();
     captured_output output;
+    int injected = 7;
+    EXPECT_EQ(podlog_is_faultinject_cc(sw1, &injected), 1) << "opened for writing, so formatted";
     ASSERT_EQ(podlog_init(rp1, 0), 1);
     output.take_stdout();
     output.take_stderr();
@@ -665,7 +673,7 @@ TEST(pod_status, is_kept_by_instance_and_by_slot)
     EXPECT_EQ(podlog_set_pod_status(sw1, 0x7FFFFFFF), 1);
     EXPECT_EQ(podlog_get_pod_status(sw1), 0x0FFFFFFFu);
     EXPECT_EQ(podlog_get_faultinject_pos(sw1), 16344);
-    int injected = 7;
+    injected = 7;
     EXPECT_EQ(podlog_faultinject_pod_status(sw1, 0), 1);
     EXPECT_EQ(podlog_is_faultinject(sw1, &injected), 1);
     EXPECT_EQ(injected, 0) << "never reported";
@@ -695,6 +703,7 @@ TEST(pod_status, is_kept_by_instance_and_by_slot)
     EXPECT_EQ(output.take_stderr(),
               unmapped + "ERROR: podlog_get_pod_status_cc: slot 6 not matched for pod status!\n" +
                   unmapped + "ERROR: podlog_is_faultinject_cc: invalid instance id 6!\n");
+    EXPECT_EQ(open_descriptors(), before + 4) << "the capture's own";
 }
 
 } // namespace
