@@ -1,0 +1,12 @@
+// Runs in a virtual machine, as the only program of note, on a kernel as the distribution ships it.
+#include "guest.h"
+
+#include <cstdio>
+
+int main()
+{
+    ::setvbuf(stdout, nullptr, _IOLBF, 0);
+    guest::check_uio_on_a_pci_device();
+    guest::check_uio_of_the_chassis();
+    return 0;
+}
