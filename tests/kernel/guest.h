@@ -11,7 +11,10 @@ namespace guest
 {
 
 // The sections, in the order in which they run.
+void check_pci();
 void check_uio_on_a_pci_device();
+void check_memory();
+void check_hotplug();
 void check_uio_of_the_chassis();
 
 std::string read_text(const std::string &path);
@@ -22,7 +25,7 @@ std::string real_path(const std::string &path);
 timespec in_ms(long ms);
 long ms_since(const timespec &start);
 
-// Waits at most 5 s; whether it came true.
+// Waits at most a minute; whether it came true.
 bool comes_true(const std::function<bool()> &condition);
 
 // Does something in a while, on another thread; the destructor waits for it.
@@ -40,7 +43,10 @@ private:
 
 long open_descriptors();
 
-// Has the virtual machine's monitor execute a command.
-void monitor(const std::string &command);
+// Have the virtual machine's monitor plug a device into a port, and ask the kernel to let one go.
+void plug_device(const std::string &driver, const std::string &id, const std::string &port);
+void unplug_device(const std::string &id);
+// Waits until the device that was to go has gone from the virtual machine.
+bool device_is_deleted();
 
 } // namespace guest

@@ -1,6 +1,5 @@
-// UIO on a device of the virtual machine, bound to the kernel's driver for any PCI device. It has
-// an identification register, one that returns what is written inverted, and one that raises its
-// interrupt.
+// UIO on a device of the virtual machine, bound to the kernel's driver for any PCI device.
+#include "pci.h"
 #include "uio.h"
 
 #include <device_access/regiomap_x86.h>
@@ -8,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,26 +16,13 @@ namespace
 {
 
 const std::string driver = "/sys/bus/pci/drivers/uio_pci_generic";
-const std::string function = "0000:01:00.0";
 constexpr char node[] = "/dev/uio0";
-
-constexpr size_t identification = 0x00;
-constexpr size_t inverter = 0x04;
-constexpr size_t irq_raise = 0x60;
-constexpr size_t irq_acknowledge = 0x64;
 
 // After each interrupt the driver leaves the device's line masked, in the command register.
 void finish_interrupt(char *window)
 {
-    iowrite32(1, window + irq_acknowledge);
-    const int config =
-        ::open(("/sys/bus/pci/devices/" + function + "/config").c_str(), O_RDWR | O_CLOEXEC);
-    uint16_t command = 0;
-    if (::pread(config, &command, sizeof command, 4) == sizeof command) {
-        command &= static_cast<uint16_t>(~0x400);
-        static_cast<void>(::pwrite(config, &command, sizeof command, 4));
-    }
-    ::close(config);
+    iowrite32(1, window + edu_irq_acknowledge);
+    pci_config_bitclr16(0x400, 0x04, open_config(edu).get());
 }
 
 void check_opening()
@@ -57,7 +42,7 @@ void check_names()
     const uio_handle uio(libuio_open(node));
     check_equal("uio: class directory", libuio_get_sys_class_dir(uio.get()), "/sys/class/uio/uio0");
     check_equal("uio: device directory", libuio_get_sys_device_dir(uio.get()),
-                real_path("/sys/bus/pci/devices/" + function));
+                real_path(std::string("/sys/bus/pci/devices/") + edu));
     check_equal("uio: no removal notice", libuio_get_removed_fd(uio.get()), -1);
 
     static_cast<void>(::symlink(node, "/dev/regblock"));
@@ -81,9 +66,10 @@ void check_maps(const uio_handle &uio)
     check_equal("uio: maps mapped", libuio_mmap(uio.get(), 0), 1);
     char *window = static_cast<char *>(libuio_get_mapinfo(uio.get(), 0, &size));
     check_equal("uio: size of map 0", static_cast<long long>(size), 0x100000);
-    check_equal("uio: identification register", ioread32(window + identification), 0x010000ed);
-    iowrite32(0x12345678, window + inverter);
-    check_equal("uio: a register written", ioread32(window + inverter), 0xedcba987);
+    check_equal("uio: identification register", ioread32(window + edu_identification),
+                edu_identity);
+    iowrite32(0x12345678, window + edu_inverter);
+    check_equal("uio: a register written", ioread32(window + edu_inverter), 0xedcba987);
 }
 
 void check_interrupts(const uio_handle &uio)
@@ -98,7 +84,7 @@ void check_interrupts(const uio_handle &uio)
     check("uio: the deadline was kept", ms_since(start) >= 100, text_of(ms_since(start)) + " ms");
 
     {
-        const later raise(100, [=] { iowrite32(1, window + irq_raise); });
+        const later raise(100, [=] { iowrite32(1, window + edu_irq_raise); });
         check_equal("uio: an interrupt during a wait", wait_ms(uio, long_ms, nullptr), {0, 0});
     }
     check_equal("uio: not counted, it is there for the next wait", wait_ms(uio, past_ms, &count),
@@ -107,7 +93,7 @@ void check_interrupts(const uio_handle &uio)
     check_equal("uio: once counted, it is gone", wait_ms(uio, past_ms, &count), {-1, ETIMEDOUT});
 
     finish_interrupt(window);
-    iowrite32(1, window + irq_raise);
+    iowrite32(1, window + edu_irq_raise);
     check_equal("uio: a wait without deadline",
                 outcome_of([&] { return libuio_irqwait(uio.get(), nullptr, &count); }), {0, 0});
     check_equal("uio: count of two interrupts", count, 2);
@@ -119,7 +105,7 @@ void check_unbinding(uio_handle &&uio)
 {
     uint32_t count = 0;
     {
-        const later unbind(200, [] { write_text(driver + "/unbind", function); });
+        const later unbind(200, [] { write_text(driver + "/unbind", edu); });
         check_equal("uio: the driver is unbound during a wait", wait_ms(uio, long_ms, &count),
                     {-1, EIO});
     }
@@ -131,7 +117,7 @@ void check_unbinding(uio_handle &&uio)
     check_equal("uio: then, closing releases the descriptors", open_descriptors(), before - 2);
     check("uio: then, the node is gone", comes_true([] { return ::access(node, F_OK) != 0; }), "");
 
-    write_text(driver + "/bind", function);
+    write_text(driver + "/bind", edu);
     const uio_handle again(libuio_open_timed(node, &long_wait));
     check("uio: opened when bound again", again != nullptr, std::strerror(errno));
 }
