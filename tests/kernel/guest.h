@@ -16,6 +16,8 @@ void check_uio_on_a_pci_device();
 void check_memory();
 void check_hotplug();
 void check_uio_of_the_chassis();
+void check_pod_log();
+void check_post_logs();
 
 std::string read_text(const std::string &path);
 void write_text(const std::string &path, const std::string &text);

@@ -11,5 +11,7 @@ int main()
     guest::check_memory();
     guest::check_hotplug();
     guest::check_uio_of_the_chassis();
+    guest::check_pod_log();
+    guest::check_post_logs();
     return 0;
 }

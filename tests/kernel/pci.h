@@ -19,6 +19,8 @@ namespace guest
 constexpr char port_of_device[] = "0000:00:01.0"; // a root port; edu is behind it
 constexpr char empty_port[] = "0000:00:02.0";
 constexpr char plain_port[] = "0000:00:03.0";    // empty, without hot-plug
+constexpr char fpga_port[] = "0000:00:06.0";     // a display is behind it
+constexpr char fpga[] = "0000:04:00.0";          // BAR 0: memory; 2: registers, a page
 constexpr char edu[] = "0000:01:00.0";           // BAR 0: registers. Knows nothing of PCI Express
 constexpr char testdev[] = "0000:00:04.0";       // BAR 0: memory; 1: I/O; 2: 2 GiB, from 4 GiB on
 constexpr char shared_memory[] = "0000:00:05.0"; // BAR 0: 256 bytes; 2: 1 MiB above 4 GiB
