@@ -13,6 +13,7 @@ namespace guest
 // The sections, in the order in which they run.
 void check_pci();
 void check_uio_on_a_pci_device();
+void check_uio_emulation();
 void check_memory();
 void check_hotplug();
 void check_uio_of_the_chassis();

@@ -8,6 +8,7 @@ int main()
     ::setvbuf(stdout, nullptr, _IOLBF, 0);
     guest::check_pci();
     guest::check_uio_on_a_pci_device();
+    guest::check_uio_emulation();
     guest::check_memory();
     guest::check_hotplug();
     guest::check_uio_of_the_chassis();
