@@ -17,9 +17,8 @@ struct uio_description {
     unsigned int number = 0; // N of uioN
     std::vector<uio_map> maps = {{"map0", "0x0000000000001000\n"}};
     std::string node; // empty: "/dev/uioN"
-    // The bus device has a "uio_maps" attribute. As on the chassis's kernel, poll reports nothing
-    // on it until the removal; kernels since 2.6.30 call it readable all the time, and then every
-    // wait for an interrupt reports the removal.
+    // The bus device has a "uio_maps" attribute. Poll reports nothing on it until the removal,
+    // which the library relies on; today's kernels call it readable all the time.
     bool removal_notice = true;
     bool plugged = true;
     bool irq_control = true;

@@ -100,7 +100,7 @@ void check_interrupts(const uio_handle &uio)
     check_equal("regblock: no interrupt then", wait_ms(uio, 200, &count), {-1, ETIMEDOUT});
 }
 
-// As on the chassis's kernel: nothing is heard of the notice until the removal.
+// As the library needs it: nothing is heard of the notice until the removal.
 uio_handle plug_with_silent_notice()
 {
     regblock("plug");

@@ -9,9 +9,9 @@
  *   notify  its removal is announced
  *   unplug  it goes, announced
  *
- * This kernel calls every sysfs attribute readable at any time. /dev/zmt_removal says the same as
- * "uio_maps", but poll reports nothing on it until the removal is announced, as on kernels before
- * 2.6.30; it can be mounted over the attribute.
+ * Today's kernels call every sysfs attribute readable at any time. /dev/zmt_removal says the same
+ * as "uio_maps", but poll reports nothing on it until the removal is announced; it can be mounted
+ * over the attribute.
  */
 #include <linux/fs.h>
 #include <linux/miscdevice.h>
