@@ -186,7 +186,7 @@ module_param_cb(regblock, &regblock_control, NULL, 0200);
 
 static struct nvram_block {
 	const char *name;
-	u32 base;
+	u32 baseaddr;
 	u32 size;
 	const char *mode;
 	void *data;
@@ -259,29 +259,17 @@ static struct nvram_block *block_of(struct device *dev)
 	return dev_get_drvdata(dev);
 }
 
-static ssize_t name_show(struct device *dev, struct device_attribute *attr, char *buf)
-{
-	return sysfs_emit(buf, "%s\n", block_of(dev)->name);
-}
-static DEVICE_ATTR_RO(name);
+#define NVRAM_ATTRIBUTE(field, format)                                                              \
+	static ssize_t field##_show(struct device *dev, struct device_attribute *attr, char *buf)  \
+	{                                                                                          \
+		return sysfs_emit(buf, format "\n", block_of(dev)->field);                         \
+	}                                                                                          \
+	static DEVICE_ATTR_RO(field)
 
-static ssize_t baseaddr_show(struct device *dev, struct device_attribute *attr, char *buf)
-{
-	return sysfs_emit(buf, "0x%x\n", block_of(dev)->base);
-}
-static DEVICE_ATTR_RO(baseaddr);
-
-static ssize_t size_show(struct device *dev, struct device_attribute *attr, char *buf)
-{
-	return sysfs_emit(buf, "0x%x\n", block_of(dev)->size);
-}
-static DEVICE_ATTR_RO(size);
-
-static ssize_t mode_show(struct device *dev, struct device_attribute *attr, char *buf)
-{
-	return sysfs_emit(buf, "%s\n", block_of(dev)->mode);
-}
-static DEVICE_ATTR_RO(mode);
+NVRAM_ATTRIBUTE(name, "%s");
+NVRAM_ATTRIBUTE(baseaddr, "0x%x");
+NVRAM_ATTRIBUTE(size, "0x%x");
+NVRAM_ATTRIBUTE(mode, "%s");
 
 static struct attribute *nvram_attrs[] = {
 	&dev_attr_name.attr,
