@@ -387,6 +387,7 @@ TEST(devaccess, finds_the_cards_where_the_library_has_them)
             places.push_back(card["storage"].get<std::string>() + card["storage_id"].dump());
             if (card["id"].is_null())
                 continue;
+            EXPECT_GE(card["id"], 0);
             pod_storage_type_t type;
             pod_secondary_storage_type_t second_type;
             int id, second_id, row;
