@@ -192,7 +192,7 @@ TEST(libuio_faults, each_failing_call_ends_an_emulated_open_and_leaves_the_devic
 {
     chassis_sim::enter_private_root();
     chassis_sim::add_fpga_card({"sw1", "0000:00:01.0", "0000:01:00.0", 1, {0x40000, 0x80000}});
-    const std::string enable = chassis_sim::pci_link("0000:01:00.0") + "/enable";
+    static const std::string enable = chassis_sim::pci_link("0000:01:00.0") + "/enable";
     const std::string handle_size =
         std::to_string(sizeof(libuio_dev_t) + LIBUIO_MAX_MAPS * sizeof(libuio_map_t));
     struct {
@@ -233,6 +233,12 @@ TEST(libuio_faults, each_failing_call_ends_an_emulated_open_and_leaves_the_devic
             fail();
         EXPECT_LT(mallinfo2().uordblks, used + 100 * sizeof(libuio_map_t) * LIBUIO_MAX_MAPS / 2);
     }
+    if (test_support::heap_is_replaced)
+        return;
+    captured_output output;
+    failing = {"realloc", EAGAIN, 0, [] { unlink(enable.c_str()); }};
+    EXPECT_EQ(libuio_open_timed("sysfs_pci:uio_flash.sw1.vostra_lite", &no_wait), nullptr);
+    EXPECT_EQ(errno, ENOMEM) << "not that of the disabling, which fails as well";
 }
 
 TEST(libuio_faults, an_fpga_says_what_it_is_though_its_page_cannot_be_unmapped)

@@ -12,9 +12,10 @@ namespace test_support
 {
 
 inline struct {
-    const char *name = ""; // of the call that fails, once
-    int error = 0;         // its errno; 0: it reports an end of file, or nothing
-    int passes = 0;        // how often the call succeeds before
+    const char *name = "";         // of the call that fails, once
+    int error = 0;                 // its errno; 0: it reports an end of file, or nothing
+    int passes = 0;                // how often the call succeeds before
+    void (*meanwhile)() = nullptr; // what happens at that moment
 } failing;
 
 inline bool fails(const char *name)
@@ -22,6 +23,8 @@ inline bool fails(const char *name)
     if (std::strcmp(failing.name, name) != 0 || failing.passes-- > 0)
         return false;
     failing.name = "";
+    if (failing.meanwhile)
+        failing.meanwhile();
     errno = failing.error;
     return true;
 }
