@@ -149,7 +149,6 @@ int make_memory(const std::string &name, size_t size, const std::string &content
     must(::ftruncate(memory, static_cast<off_t>(size)), "ftruncate");
     if (!contents.empty())
         must(static_cast<int>(::pwrite(memory, contents.data(), contents.size(), 0)), "pwrite");
-    must(::fcntl(memory, F_ADD_SEALS, F_SEAL_GROW), "keep memory from growing");
     return memory;
 }
 
@@ -218,6 +217,8 @@ struct storage_device : storage_node {
     explicit storage_device(const storage_node &node_)
         : storage_node(node_), memory(make_memory("chassis-storage", contents.size(), contents))
     {
+        if (!may_grow)
+            must(::fcntl(memory, F_ADD_SEALS, F_SEAL_GROW), "keep storage from growing");
     }
     int memory;
 };

@@ -32,6 +32,7 @@ struct uio_node {
 struct storage_node {
     std::string node;     // "/dev/nvlog-pod"; made by whoever calls mknod
     std::string contents; // the bytes of the device
+    bool may_grow = true; // when it is written behind its end, it gets longer
 };
 
 // Answers, in a process of its own, what the kernel cannot in a private root: opening the nodes of

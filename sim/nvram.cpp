@@ -37,7 +37,8 @@ void add_nvram(device_server &server, const nvram_description &description)
     write_file(dir + "size", "0x" + hex(description.contents.size()) + "\n");
     write_file(dir + "mode", description.mode + "\n");
     const size_t reachable = description.contents.size() - description.unreachable;
-    server.add(storage_node{"/dev/" + description.name, description.contents.substr(0, reachable)});
+    server.add(storage_node{"/dev/" + description.name, description.contents.substr(0, reachable),
+                            description.unreachable == 0});
 }
 
 } // namespace chassis_sim
