@@ -86,8 +86,10 @@ TEST(chassis_sim_options, show_in_what_the_command_sees)
         {"", enable_bridge + until("test -e " + card), 0, ""},
         {"--fault bridge-empty", enable_bridge + "sleep 0.3; test -e " + card, 1, ""},
         {"--fault link-stuck --fault nvram-truncated",
-         make_node(0, "nvlog-pod") + "cat /sys/class/zmt_nvram/nvram0/size; wc -c </dev/nvlog-pod",
-         0, "0x4000\n8192\n"},
+         make_node(0, "nvlog-pod") +
+             "cat /sys/class/zmt_nvram/nvram0/size; wc -c </dev/nvlog-pod; "
+             "dd if=/dev/zero of=/dev/nvlog-pod bs=1 count=1 seek=9000 conv=notrunc 2>/dev/null",
+         1, "0x4000\n8192\n"},
         {"", "exit 7", 7, ""},
         {"--fault nothing", "", 105, ""},
         {"--pci-devices 7169", "", 105, ""},
