@@ -31,7 +31,8 @@ need_packages() {
 }
 
 need_compiler_and_tests() {
-    need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev "$@"
+    need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
+        nlohmann-json3-dev "$@"
 }
 
 # build PRESET: configures when needed and builds what changed.

@@ -223,6 +223,13 @@ TEST(pod_log_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
         const bool repaired = c.image == zeros && result == 1;
         EXPECT_EQ(difference(read_file(node), repaired ? formatted() : c.image), "") << c.name;
     }
+    // An explicit reset brings back what init refuses.
+    use_file(wrong_checksum);
+    ASSERT_EQ(podlog_nvram_open_dev_file(0, &_nvram_dev_info[0].fd, 0), 1);
+    EXPECT_EQ(podlog_nvram_reset(0), 1);
+    EXPECT_EQ(difference(read_file(node), formatted()), "");
+    podlog_nvram_close(0);
+
     podlog_nvram_set_magic_number(7);
     use_file(formatted(7));
     EXPECT_EQ(podlog_nvram_init(0, 0), 1);

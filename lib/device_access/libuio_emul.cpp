@@ -328,7 +328,13 @@ libuio_dev_t *libuio_emul_open_timed(const char *devnode_name, const struct time
         return invalid_pointer();
     if (type != SWFPGA_RP_PELLUM && libuio_emul_device_enable(uio.get(), 1) != 0)
         return nullptr;
-    return libuio_finish_handle(uio) ? uio.release() : nullptr;
+    if (libuio_finish_handle(uio))
+        return uio.release();
+    if (type != SWFPGA_RP_PELLUM) {
+        const errno_guard keep;
+        libuio_emul_device_enable(uio.get(), 0);
+    }
+    return nullptr;
 }
 
 int libuio_emul_mmap(libuio_dev_t *uio, uint64_t nop_mask)

@@ -4,16 +4,16 @@
  * maps are ranges of the FPGA's PCI resource files; libuio_mmap() and libuio_close() know it by its
  * name. It has no interrupts: libuio_irqwait() fails with EBADF.
  *
- * A pseudo node name is one word (white space ends it):
+ * A pseudo node name is one word (white space ends it): "sysfs_pci:REGION.SLOT[.FPGA]", for
+ * example "sysfs_pci:uio_cma.alsw1" or "sysfs_pci:uio_fe0.rpsw.zarnik2".
  *
- *   sysfs_pci:REGION.SLOT[.FPGA]    e.g. "sysfs_pci:uio_cma.alsw1",
- * "sysfs_pci:uio_fe0.rpsw.zarnik2"
+ *   REGION  the register block, e.g. "uio_glb"
+ *   SLOT    the card: "rpsw...", "self...", "peer...", "sw..." or "alsw..."
+ *   FPGA    "zarnik", "zarnik2", "pellum", "pellum2", "vostra", "vostrat", "vostra2",
+ *           "vostra_lite" or "vostra2_lite"
  *
- * REGION  the register block, e.g. "uio_glb"
- * SLOT    the card: "rpsw...", "self...", "peer...", "sw..." or "alsw..."
- * FPGA    "zarnik", "zarnik2", "pellum", "pellum2", "vostra", "vostrat", "vostra2", "vostra_lite"
- * or "vostra2_lite". Without it the FPGA is asked what it is (register 0x28 of resource 0, bits 16
- * to 23); without an answer an rpsw card has a zarnik2, an sw card a vostra_lite and an alsw card a
+ * Without an FPGA name the FPGA is asked what it is (register 0x28 of resource 0, bits 16 to 23);
+ * without an answer an rpsw card has a zarnik2, an sw card a vostra_lite and an alsw card a
  * vostra2.
  *
  * 20 characters of each count; case is ignored in REGION, FPGA and the beginning of SLOT. An FPGA

@@ -180,7 +180,8 @@ DEVICE_ACCESS_API int pod_nvram_mem_wr(int nvram_id, uint32_t offset, uint8_t *b
 /*
  * Open a device and check its log. With a right index checksum every history's header must be good.
  * With a wrong one, opening for reading fails; opening for writing resets the region if the magic
- * number is wrong too, and fails otherwise (podlog_nvram_reset() then brings the region back).
+ * number is wrong too, and fails otherwise. A region that fails so is brought back by
+ * podlog_nvram_reset(), after podlog_nvram_open_dev_file() has given a descriptor for its row.
  *
  * flg_rdonly: nonzero opens for reading only.
  *

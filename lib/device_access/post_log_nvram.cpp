@@ -171,6 +171,12 @@ void post_nvram_dump_block_index(const nvram_log_index_t &index)
                  index.magic, index.header_index, index.log_size);
 }
 
+// The record readers close the block when they fail; without one, nobody has.
+int closed_after_failed_read(log_type_t blk)
+{
+    return row_of(blk).fd == -1 ? -1 : close_with(blk, -1);
+}
+
 template <typename Record>
 bool read_record(log_type_t blk, uint32_t offset, Record *record)
 {
@@ -340,8 +346,7 @@ void print_times(const nvram_log_t &entry)
 }
 
 // Prints an entry, reading its message piece by piece, because the size that it states may be
-// anything. False when not even the first piece can be read; a later one ends the message, as the
-// end of the block in the middle of one would.
+// anything. False when a piece cannot be read.
 bool dump_entry(log_type_t blk, int64_t pos, const nvram_log_t &entry)
 {
     constexpr uint32_t piece_size = 4096;
@@ -353,12 +358,11 @@ bool dump_entry(log_type_t blk, int64_t pos, const nvram_log_t &entry)
         const uint32_t wanted = std::min(size - done, piece_size);
         const int got = post_nvram_mem_rd(blk, offset_of(pos + int64_t{sizeof entry} + done),
                                           reinterpret_cast<uint8_t *>(piece), wanted);
-        if (done == 0) {
-            if (got < 1)
-                return false;
+        if (got < 1)
+            return false;
+        if (done == 0)
             print_times(entry);
-        }
-        const size_t length = ::strnlen(piece, static_cast<size_t>(std::max(got, 0)));
+        const size_t length = ::strnlen(piece, std::min(static_cast<uint32_t>(got), wanted));
         print_output("%.*s", static_cast<int>(length), piece);
         if (length < piece_size)
             break;
@@ -540,12 +544,12 @@ int postlog_dev_file_nvram_init(log_type_t blk)
     if (row.num_subblock < 2) {
         nvram_log_header_t header;
         if (!read_header(blk, 0, header))
-            return -1;
+            return closed_after_failed_read(blk);
         return is_header_initialized(header, __func__) ? 1 : close_with(blk, -1);
     }
     nvram_log_index_t index;
     if (!read_index(blk, index))
-        return -1;
+        return closed_after_failed_read(blk);
     if (is_index_initialized(index))
         return 1;
     post_nvram_dump_block_index(index);

@@ -57,9 +57,11 @@ uint32_t next_word(int swap)
 bool read_bytes(uint32_t ofw_base, uint32_t offset, void *buffer, uint32_t num_byte,
                 const char *routine)
 {
-    uint32_t addr;
-    if (!__builtin_add_overflow(ofw_base, offset, &addr) &&
-        pcie_nvram_read(addr, num_byte, static_cast<uint8_t *>(buffer), 0) == 0)
+    // The controller takes 20 bits of an address: one beyond them would come round to the
+    // beginning.
+    const uint64_t end = uint64_t{ofw_base & address_mask} + offset + num_byte;
+    if (end <= uint64_t{address_mask} + 1 &&
+        pcie_nvram_read(ofw_base + offset, num_byte, static_cast<uint8_t *>(buffer), 0) == 0)
         return true;
     print_error("ERROR: %s(): POST NVRAM Read error!\n", routine);
     return false;

@@ -1,0 +1,148 @@
+#include "library.h"
+
+#include "output.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace devaccess
+{
+namespace
+{
+
+int memory_file()
+{
+    static const int file = ::memfd_create("library-output", MFD_CLOEXEC);
+    if (file < 0)
+        throw std::runtime_error(std::string("cannot keep output: ") + std::strerror(errno));
+    return file;
+}
+
+void flush()
+{
+    std::cout.flush();
+    std::fflush(nullptr);
+}
+
+std::string without_blanks_around(const std::string &text)
+{
+    const size_t begin = text.find_first_not_of(" \t");
+    return begin == std::string::npos
+               ? ""
+               : text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
+}
+
+bool is_error(const std::string &line)
+{
+    return line.compare(0, 5, "ERROR") == 0;
+}
+
+std::string without_prefixes(std::string line)
+{
+    for (const std::string prefix : {"ERROR:", "ERROR", "DIAG's INVENTORY:"})
+        while (line.compare(0, prefix.size(), prefix) == 0)
+            line = without_blanks_around(line.substr(prefix.size()));
+    return line;
+}
+
+} // namespace
+
+failure::failure(const std::string &what, const std::string &why, const std::string &hint,
+                 int errno_value)
+    : std::runtime_error("cannot " + what + ": " + why + "; " + hint), error(errno_value)
+{
+}
+
+kept_output::kept_output()
+{
+    const int file = memory_file();
+    flush();
+    for (int number : {STDOUT_FILENO, STDERR_FILENO}) {
+        saved_[number - 1] = ::fcntl(number, F_DUPFD_CLOEXEC, 3);
+        ::dup2(file, number);
+    }
+}
+
+kept_output::~kept_output()
+{
+    flush();
+    for (int number : {STDOUT_FILENO, STDERR_FILENO}) {
+        const int saved = saved_[number - 1];
+        if (saved < 0) {
+            ::close(number);
+            continue;
+        }
+        ::dup2(saved, number);
+        ::close(saved);
+    }
+    if (::ftruncate(memory_file(), 0) == 0)
+        ::lseek(memory_file(), 0, SEEK_SET);
+}
+
+std::string kept_output::text()
+{
+    flush();
+    std::string all;
+    char block[4096];
+    for (ssize_t n;
+         (n = ::pread(memory_file(), block, sizeof block, static_cast<off_t>(all.size()))) > 0;)
+        all.append(block, static_cast<size_t>(n));
+    return all;
+}
+
+std::string outcome::why() const
+{
+    std::istringstream lines(said);
+    std::string cause;
+    for (std::string line; !is_error(cause) && std::getline(lines, line);)
+        if (line = without_blanks_around(line); !line.empty())
+            cause = line;
+    cause = without_prefixes(cause);
+    if (error == 0)
+        return cause.empty() ? "the library gives no reason" : cause;
+    return cause.empty() ? std::strerror(error) : cause + ": " + std::strerror(error);
+}
+
+outcome outcome::or_else(const std::string &reason) const
+{
+    return error == 0 && said.empty() ? outcome{0, reason} : *this;
+}
+
+void pass_on(const std::string &said)
+{
+    if (!settings.verbose)
+        return;
+    std::istringstream lines(said);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty())
+            print_error_line("library: " + line);
+}
+
+void fail(const std::string &what, const outcome &how, const std::string &hint)
+{
+    throw failure(what, how.why(), hint, how.error);
+}
+
+unsigned long long parse_number(const std::string &name, const std::string &text,
+                                unsigned long long max)
+{
+    const bool is_hex = text.compare(0, 2, "0x") == 0 || text.compare(0, 2, "0X") == 0;
+    const char *first = text.data() + (is_hex ? 2 : 0);
+    const char *last = text.data() + text.size();
+    unsigned long long value = 0;
+    const auto [end, error] = std::from_chars(first, last, value, is_hex ? 16 : 10);
+    if (error == std::errc::invalid_argument || end != last)
+        throw usage_error(name + " '" + text + "' is no number; write 26 or 0x1a");
+    if (error == std::errc::result_out_of_range || value > max)
+        throw usage_error(name + " " + text + " is too large; at most " + hex(max));
+    return value;
+}
+
+} // namespace devaccess

@@ -1,0 +1,89 @@
+// Calls of the library from a command: what it prints is kept off the command's own output, and its
+// failures become one line.
+#pragma once
+
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace devaccess
+{
+
+// The command line is not understood: exit status 2.
+struct usage_error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// A command could not do its work: exit status 1.
+struct failure : std::runtime_error {
+    // "cannot WHAT: WHY; HINT"
+    failure(const std::string &what, const std::string &why, const std::string &hint,
+            int errno_value = 0);
+
+    int error; // errno of the failing call, 0 when there is none
+};
+
+// While it exists, standard output and standard error go to a file in memory.
+class kept_output
+{
+public:
+    kept_output();
+    ~kept_output();
+    kept_output(const kept_output &) = delete;
+    kept_output &operator=(const kept_output &) = delete;
+
+    std::string text();
+
+private:
+    int saved_[2];
+};
+
+// The outcome of a call, with errno and what the library printed.
+struct outcome {
+    int error = 0;
+    std::string said;
+
+    // The first error that the library printed, or else its last line, and errno's text.
+    std::string why() const;
+
+    // With a reason, when neither the library nor errno gives one.
+    outcome or_else(const std::string &reason) const;
+};
+
+template <typename T>
+struct answer : outcome {
+    T result;
+};
+
+void pass_on(const std::string &said);
+
+template <typename Call>
+auto ask(Call call)
+{
+    answer<decltype(call())> answered;
+    {
+        kept_output kept;
+        errno = 0;
+        answered.result = call();
+        // Directories are made without a look whether they are there: that they are is no failure.
+        answered.error = errno == EEXIST ? 0 : errno;
+        answered.said = kept.text();
+    }
+    pass_on(answered.said);
+    return answered;
+}
+
+[[noreturn]] void fail(const std::string &what, const outcome &how, const std::string &hint);
+
+// A number in decimal or, behind "0x", hexadecimal, at most max.
+unsigned long long parse_number(const std::string &name, const std::string &text,
+                                unsigned long long max);
+
+// The highest number of so many bits.
+constexpr unsigned long long highest(unsigned bits)
+{
+    return ~0ull >> (64 - bits);
+}
+
+} // namespace devaccess
