@@ -28,7 +28,7 @@ static int eeprom_write(uint32_t offset, uint8_t *buffer, uint32_t num_byte)
     return (int)num_byte;
 }
 
-/* One run of a card's diagnostics; the storage stays open. */
+/* One run of a card's diagnostics. */
 static int run_diagnostics(const char *name, int inst_id, int run)
 {
     static char info[] = "INFO: ";
@@ -44,6 +44,7 @@ static int run_diagnostics(const char *name, int inst_id, int run)
     if (run > 1)
         podlog_add(inst_id, info, NULL, NULL, "retry passed");
     podlog_use_nxt_log(inst_id);
+    podlog_close(inst_id);
     podlog_clr_curr_active_inst(inst_id, 0);
     return 0;
 }
@@ -81,18 +82,25 @@ static void read_card(const char *card)
 /* The route processors have no slot names; their NVRAM is read through its own calls. */
 static void read_nvram(int nvram_id)
 {
-    printf("NVRAM %d, newest history:\n", nvram_id);
-    const int newest = podlog_nvram_open_dir(nvram_id);
+    int histories[16];
+    int count = 0;
+    time_t ts;
+    printf("NVRAM %d, newest history first:\n", nvram_id);
+    for (int h = podlog_nvram_open_dir(nvram_id); h >= 0 && count < 16;
+         h = podlog_nvram_read_dir(nvram_id, h, &ts))
+        histories[count++] = h;
     podlog_nvram_close_dir(nvram_id);
-    int offset = podlog_nvram_open_log(nvram_id, newest);
-    while (offset > 0) {
-        char msg[65] = "";
-        time_t ts;
-        offset = podlog_nvram_read_log(nvram_id, offset, &ts, msg, sizeof msg - 1);
-        if (offset != -1)
-            print_entry(msg, ts);
+    for (int i = 0; i < count; ++i) {
+        printf("  history %d\n", histories[i]);
+        int offset = podlog_nvram_open_log(nvram_id, histories[i]);
+        while (offset > 0) {
+            char msg[65] = "";
+            offset = podlog_nvram_read_log(nvram_id, offset, &ts, msg, sizeof msg - 1);
+            if (offset != -1)
+                print_entry(msg, ts);
+        }
+        podlog_nvram_close_log(nvram_id, histories[i]);
     }
-    podlog_nvram_close_log(nvram_id, newest);
 }
 
 /* Status words and fault flags are in the NVRAM, for as long as it is open. */
@@ -126,14 +134,9 @@ int main(void)
         return 1;
     podlog_bind_secondary_log_access_func(sw, eeprom_read, eeprom_write);
 
-    if (run_diagnostics(rp_name, rp, 1) != 0)
-        return 1;
-    podlog_close(rp);
-    for (int run = 1; run <= 2; ++run) {
-        if (run_diagnostics(sw_name, sw, run) != 0)
+    for (int run = 1; run <= 2; ++run)
+        if (run_diagnostics(rp_name, rp, run) != 0 || run_diagnostics(sw_name, sw, run) != 0)
             return 1;
-        podlog_close(sw);
-    }
     read_nvram(0);
     read_card(sw_name);
 

@@ -35,11 +35,11 @@ need_compiler_and_tests() {
         nlohmann-json3-dev "$@"
 }
 
-# build PRESET: configures when needed and builds what changed.
+# build PRESET [OPTION...]: configures when needed and builds what changed.
 build() {
     cmake --preset "$1" >"build/$1.log" 2>&1 ||
         { cat "build/$1.log"; give_up "configuring '$1' failed; rm -rf build/$1 starts afresh"; }
-    cmake --build --preset "$1" ||
+    cmake --build --preset "$@" ||
         give_up "building '$1' failed; the compiler's message is above"
 }
 

@@ -30,7 +30,9 @@ struct settings {
 chassis_sim::uio_description register_block(const settings &chosen)
 {
     chassis_sim::uio_description block;
-    block.maps = {{"map0", "0x1000\n"}, {"map1", "0x2000\n"}, {"map3", "0x1000\n"}};
+    block.maps = {{"map0", "0x0000000000001000\n"},
+                  {"map1", "0x0000000000002000\n"},
+                  {"map3", "0x0000000000001000\n"}};
     block.plugged = chosen.uio_appears_ms == 0;
     block.irq_delay_ms = chosen.uio_irq_delay_ms;
     return block;

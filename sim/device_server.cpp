@@ -21,6 +21,7 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -179,6 +180,17 @@ struct uio_device : uio_node {
         }
     }
 
+    // What the kernel does when a device leaves its driver.
+    void unplug()
+    {
+        removed = true;
+        if (!may_make_nodes())
+            ::umount2(node.c_str(), MNT_DETACH);
+        std::error_code gone_already;
+        fs::remove(node, gone_already);
+        fs::remove("/sys/class/uio/" + name, gone_already);
+    }
+
     bool pending() const { return count != seen; }
     void interrupt()
     {
@@ -323,7 +335,7 @@ private:
         else if (verb == "plug")
             device->plug();
         else if (verb == "remove")
-            device->removed = true;
+            device->unplug();
         else if (verb == "answer-read")
             device->read_answer = number;
         else if (verb == "answer-write")
@@ -490,7 +502,8 @@ private:
             return respond(id, std::min(answer, 0), std::max(answer, 0));
         }
         int32_t flag;
-        if (size != sizeof flag || !remote_read(pid, address, &flag, sizeof flag))
+        if (device->removed || size != sizeof flag ||
+            !remote_read(pid, address, &flag, sizeof flag))
             return respond(id, -EINVAL, 0);
         if (!device->irq_control)
             return respond(id, -ENOSYS, 0);
@@ -544,7 +557,9 @@ private:
         if (entry.device && entry.is_removal) {
             state = entry.device->removed ? POLLIN | POLLPRI | POLLERR : 0;
         } else if (entry.device) {
-            state = entry.device->pending() ? POLLIN : 0;
+            state = entry.device->removed     ? POLLIN | POLLERR | POLLHUP
+                    : entry.device->pending() ? POLLIN
+                                              : 0;
         } else if (entry.copy >= 0) {
             pollfd now = {entry.copy, entry.asked.events, 0};
             ::poll(&now, 1, 0);
@@ -575,6 +590,8 @@ private:
     void finish_read(const waiter &w)
     {
         uio_device &device = *w.set.front().device;
+        if (device.removed)
+            return respond(w.id, -EIO, 0);
         device.seen = device.count;
         const bool done = remote_write(w.pid, w.address, &device.count, sizeof device.count);
         respond(w.id, done ? 0 : -EFAULT, done ? int{sizeof device.count} : 0);

@@ -46,7 +46,8 @@ struct storage_node {
 // While it runs, a line written to /dev/chassis controls a device:
 //   interrupt NAME       its interrupt occurs
 //   plug NAME            its node appears
-//   remove NAME          it leaves its bus
+//   remove NAME          it leaves its bus: the removal notice comes, its node and its entry in
+//                        /sys/class/uio go, and what is open fails as it does without a driver
 //   answer-read NAME N   reads of its node return N; "answer-write" likewise
 class device_server
 {

@@ -205,6 +205,10 @@ void add_pci(const pci_function &function)
     const std::string above = function.parent.empty()
                                   ? "/sys/devices/pci" + function.id.substr(0, 7)
                                   : fs::canonical(pci_link(function.parent)).string();
+    if (!function.parent.empty()) {
+        make_directory(above + "/" + function.parent + ":pcie001"); // a service of the port
+        make_directory(above + "/pci_bus/" + function.id.substr(0, 7));
+    }
     const std::string dir = above + "/" + function.id;
     write_file(dir + "/vendor", hex_line(function.vendor));
     write_file(dir + "/device", hex_line(function.device));
@@ -218,15 +222,22 @@ void add_pci(const pci_function &function)
     write_file(dir + "/config",
                std::string_view(reinterpret_cast<const char *>(config.data()), config.size()));
     std::string lines;
-    for (size_t bar = 0; bar < 13; ++bar) { // six BARs, the ROM, and bridge windows
+    const bool is_bridge = config.size() > header_type_register && config[header_type_register] & 1;
+    const size_t line_count = is_bridge ? 17 : 13; // six BARs, the ROM, and more
+    for (size_t bar = 0; bar < line_count; ++bar) {
         const pci_window window =
             bar < function.windows.size() ? function.windows[bar] : pci_window();
         lines += resource_line(window);
         if (window.size == 0)
             continue;
         const std::string file = dir + "/resource" + std::to_string(bar);
-        write_file(file, "", 0600);
-        must(::truncate(file.c_str(), static_cast<off_t>(window.size)), "truncate " + file);
+        for (const char *suffix : {"", "_wc"}) {
+            if (*suffix && !(window.flags & resource_prefetch))
+                continue;
+            write_file(file + suffix, "", 0600);
+            must(::truncate((file + suffix).c_str(), static_cast<off_t>(window.size)),
+                 "truncate " + file + suffix);
+        }
     }
     write_file(dir + "/resource", lines);
     make_symlink(pci_link(function.id), dir);

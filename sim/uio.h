@@ -10,14 +10,16 @@ namespace chassis_sim
 
 struct uio_map {
     std::string name; // "map0"
-    std::string size; // text of its "size" file, e.g. "0x1000\n"
+    std::string size; // text of its "size" file, e.g. "0x0000000000001000\n"
 };
 
 struct uio_description {
     unsigned int number = 0; // N of uioN
-    std::vector<uio_map> maps = {{"map0", "0x1000\n"}};
-    std::string node;           // empty: "/dev/uioN"
-    bool removal_notice = true; // the bus device has a "uio_maps" attribute
+    std::vector<uio_map> maps = {{"map0", "0x0000000000001000\n"}};
+    std::string node; // empty: "/dev/uioN"
+    // The bus device has a "uio_maps" attribute. Poll reports nothing on it until the removal,
+    // which the library relies on; today's kernels call it readable all the time.
+    bool removal_notice = true;
     bool plugged = true;
     bool irq_control = true;
     int irq_delay_ms = -1;

@@ -7,6 +7,7 @@
 #include <fstream>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -73,6 +74,30 @@ TEST(chassis_sim, works_for_an_ordinary_user_devices_included)
     EXPECT_EQ(errno, EBUSY);
     ::close(storage);
     EXPECT_GE(::open("/dev/nvlog-test", O_RDONLY), 0);
+}
+
+// As tests/kernel finds it on a real kernel.
+TEST(chassis_sim, fails_what_is_open_on_a_removed_device)
+{
+    chassis_sim::enter_private_root();
+    chassis_sim::device_server devices;
+    chassis_sim::add_uio(devices, {});
+    devices.start();
+    const int node = ::open("/dev/uio0", O_RDWR);
+    ASSERT_GE(node, 0);
+
+    chassis_sim::control("remove uio0");
+    pollfd ready = {node, POLLIN, 0};
+    EXPECT_EQ(::poll(&ready, 1, -1), 1);
+    EXPECT_EQ(ready.revents, POLLIN | POLLERR | POLLHUP);
+    int32_t word = 1;
+    EXPECT_EQ(::pread(node, &word, sizeof word, 0), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(::pwrite(node, &word, sizeof word, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(fs::exists("/dev/uio0"));
+    EXPECT_FALSE(fs::exists(chassis_sim::uio_class_dir(0)));
+    ::close(node);
 }
 
 TEST(chassis_sim, says_in_one_line_that_it_cannot_be_built)

@@ -317,11 +317,15 @@ TEST(devaccess, passes_what_the_library_prints_to_standard_error_when_asked)
 TEST(devaccess, fails_when_its_output_is_lost)
 {
     start_chassis();
-    const int error = ::memfd_create("error", 0);
-    int status = 0;
-    ::waitpid(start({"pci", "list"}, ::open("/dev/full", O_WRONLY), error), &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_EQ(contents_of(error), "devaccess: cannot write standard output\n");
+    expect_done("podlog prepare --chassis n20");
+    expect_done("podlog add SW1 entry");
+    for (const char *line : {"pci list", "podlog show SW1 --follow"}) {
+        const int error = ::memfd_create("error", 0);
+        int status = 0;
+        ::waitpid(start(split(line), ::open("/dev/full", O_WRONLY), error), &status, 0);
+        EXPECT_EQ(WEXITSTATUS(status), 1);
+        EXPECT_EQ(contents_of(error), "devaccess: cannot write standard output\n");
+    }
 }
 
 //--- PCI ------------------------------------------------------------------------------------------
@@ -389,6 +393,7 @@ TEST(devaccess, finds_the_cards_where_the_library_has_them)
             places.push_back(card["storage"].get<std::string>() + card["storage_id"].dump());
             if (card["id"].is_null())
                 continue;
+            EXPECT_GE(card["id"], 0);
             pod_storage_type_t type;
             pod_secondary_storage_type_t second_type;
             int id, second_id, row;
@@ -514,10 +519,11 @@ TEST(devaccess, follows_a_log)
     wait_for_lines(1);
     expect_done("podlog add SW1 two");
     wait_for_lines(2);
+    expect_done("podlog add SW1 three"); // and on, before it looks again
     expect_done("podlog next SW1");
-    expect_done("podlog add SW1 three");
-    std::istringstream lines(wait_for_lines(3));
-    for (const char *message : {"one", "two", "three"}) {
+    expect_done("podlog add SW1 four");
+    std::istringstream lines(wait_for_lines(4));
+    for (const char *message : {"one", "two", "three", "four"}) {
         std::string line;
         std::getline(lines, line);
         EXPECT_EQ(without_times(json::parse(line)), json({{"message", message}}));

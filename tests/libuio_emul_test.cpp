@@ -298,6 +298,7 @@ TEST(libuio_emul, asks_the_fpga_what_it_is_when_the_name_does_not_say)
         card.code = c.code;
         add_fpga_card(card);
         EXPECT_EQ(blocks_of_card(c.slot), blocks_of(c.type)) << c.slot << int{c.code};
+        EXPECT_EQ(contents("/proc/self/maps").find("/resource0"), std::string::npos);
         chassis_sim::remove_pci(card.port);
     }
 }

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -149,9 +150,18 @@ TEST_F(pci_config, opens_and_closes)
     EXPECT_EQ(errno, EXDEV);
     EXPECT_EQ(test_support::open_descriptors(), before);
 
+    const std::string config = chassis_sim::pci_link(ident.str) + "/config";
+    std::filesystem::remove(config);
+    std::filesystem::create_directory(config);
+    EXPECT_EQ(pci_config_open(&ident), nullptr);
+    EXPECT_EQ(errno, EISDIR);
+    std::filesystem::remove(config);
+    chassis_sim::write_file(config, std::string(0x1800, '!')); // more than a function can have
+
     close(STDIN_FILENO); // the descriptor that would be NULL as a handle
     h = pci_config_open(&ident);
-    EXPECT_EQ(pci_config_read32(0x00, h), 0x00011d0fu);
+    EXPECT_EQ(pci_config_read32(0x17fc, h), 0x21212121u);
+    EXPECT_EQ(pci_config_find_capability(0x10, h), -1);
     pci_config_close(h);
     EXPECT_EQ(test_support::open_descriptors(), before - 1);
 }
@@ -239,6 +249,8 @@ TEST_F(pci_config, asks_three_conditions_of_a_hot_plug_port)
         {"hot-plug", hotplug, 1, 0},
         {"all ones", ones, 0, 0},
         {"unreadable list", three(1).put8(0x34, 0x43), 0, EINVAL},
+        {"no capabilities of the port", three(1).put8(0x34, 0xfe).put8(0xfe, 0x10), 0, 0},
+        {"unaligned", three(1).put8(0x34, 0x42).put16(0x42, 0x0010).put16(0x44, 0x0100), 0, EINVAL},
     };
     for (const auto &c : cases) {
         const opened_function function(c.config.bytes());

@@ -270,6 +270,8 @@ void start_chassis(const std::vector<chassis_sim::pci_window> &windows)
 }
 
 constexpr uint64_t memory = 0x40200;
+constexpr uint64_t memory64 = 0x140204;
+constexpr uint64_t prefetchable64 = 0x14220c;
 constexpr uint64_t io = 0x40101;
 
 TEST(pci_mmap, maps_memory_by_size_and_kind)
@@ -277,8 +279,11 @@ TEST(pci_mmap, maps_memory_by_size_and_kind)
     struct {
         uint64_t size, flags;
         bool mapped;
-    } cases[] = {{127, memory, false}, {128, memory, true}, {128, io, false}, {256, memory, true},
-                 {256, io, false},     {257, io, true},     {4096, io, true}, {0, memory, false}};
+    } cases[] = {{128, memory64, true}, {256, prefetchable64, true},
+                 {127, memory, false},  {128, memory, true},
+                 {128, io, false},      {256, memory, true},
+                 {256, io, false},      {257, io, true},
+                 {4096, io, true},      {0, memory, false}};
     chassis_sim::enter_private_root();
     for (const auto &c : cases) {
         pci_function function;
@@ -328,6 +333,25 @@ TEST(pci_mmap, leaves_out_what_is_masked_and_fails_where_opening_does)
 
     EXPECT_EQ(sysfs_pci_mmap(bars, 0, nullptr), -1);
     EXPECT_EQ(errno, -22);
+}
+
+TEST(pci_mmap, leaves_the_windows_of_a_device_that_vanished_mapped)
+{
+    start_chassis({{0xf0000000, 0x1000, memory}});
+    sysfs_pci_identity_t *list = sysfs_pci_list();
+    ASSERT_STREQ(list->str, ident.str);
+    void *bars[6];
+    ASSERT_EQ(sysfs_pci_mmap(bars, 0, list), 0);
+    void *window = bars[0];
+    chassis_sim::remove_pci(ident.str);
+    EXPECT_EQ(sysfs_pci_open("enable", O_RDWR, list), -1);
+    EXPECT_EQ(errno, ENOENT);
+    sysfs_pci_munmap(bars, list);
+    EXPECT_EQ(bars[0], nullptr);
+    EXPECT_TRUE(is_mapped(window)) << "its length cannot be asked for any more";
+    EXPECT_EQ(sysfs_pci_mmap(bars, 0, list), 0);
+    EXPECT_EQ(bars[0], nullptr);
+    std::free(list);
 }
 
 TEST(pci_mmap, takes_a_small_window_that_cannot_be_asked_for_memory)

@@ -45,6 +45,14 @@ void add(const std::string &id, const std::string &parent = "")
     chassis_sim::add_pci(function);
 }
 
+// The n-th of the functions that a full bus 0, bus 1, ... have.
+std::string function_id(int n)
+{
+    char id[16];
+    std::snprintf(id, sizeof id, "0000:%02x:%02x.%d", n >> 8 & 0xff, n >> 3 & 0x1f, n & 7);
+    return id;
+}
+
 // The lines that a call prints, each "LEVEL FUNCTION: MESSAGE".
 template <typename F>
 std::string log_of(F call)
@@ -234,9 +242,9 @@ std::string text(const sysfs_pci_info_t &info)
 
 TEST(pci_scan, goes_on_behind_bad_attributes)
 {
-    const std::string zeros(130, '0');
+    const std::string zeros(126, '0');
     const std::string long_number = zeros + "12";
-    const std::string long_line = zeros + "10 0x1f 0x2\n";
+    const std::string long_line = zeros + "12 0x1f 0x2\n";
     const std::string invalid = "3 sysfs_fill_attribute: Read returned invalid value ";
     const std::string unreadable = "3 sysfs_fill_attribute: Read failed on the attribute %\n\n";
     const std::string absent = "3 sysfs_fill_attribute: Error opening the file_entry, %\n\n";
@@ -251,7 +259,7 @@ TEST(pci_scan, goes_on_behind_bad_attributes)
         {"vendor", "ffff\n", invalid + "ffff\n\n\n", "0 1 1d0f 1 0+1:0 0+1:0"},
         {"device", "", unreadable, "1d0f 0 1d0f 1 0+1:0 0+1:0"},
         {"vendor", "0x12345678\n", "", "5678 1 1d0f 1 0+1:0 0+1:0"},
-        {"vendor", long_number.c_str(), "", "0 1 1d0f 1 0+1:0 0+1:0"},
+        {"vendor", long_number.c_str(), "", "1 1 1d0f 1 0+1:0 0+1:0"}, // of 127 characters
         {"subsystem_device", nullptr, absent, "1d0f 1 1d0f 0 0+1:0 0+1:0"},
         {"subsystem_vendor", "/", unreadable, "1d0f 1 0 1 0+1:0 0+1:0"},
         {"resource", "/", unreadable, no_bars},
@@ -265,7 +273,7 @@ TEST(pci_scan, goes_on_behind_bad_attributes)
         {"resource", "0xfffffffffffffffff 0xffffffffffffffff 0x123456789abcdef01\n",
          end + "1 of %\n\n", "1d0f 1 1d0f 1 ffffffffffffffff+1:ffffffff 0+0:0"},
         // The rest of a line that is too long is the next one.
-        {"resource", long_line.c_str(), end + "2 of %\n\n", "1d0f 1 1d0f 1 0+1:0 10+10:2"},
+        {"resource", long_line.c_str(), end + "2 of %\n\n", "1d0f 1 1d0f 1 1+0:0 2+1e:2"},
     };
     chassis_sim::enter_private_root();
     const auto descriptors = test_support::open_descriptors();
@@ -314,30 +322,33 @@ TEST(pci_scan, makes_the_system_calls_of_its_steps)
     };
     add("0000:00:00.0");
     const test_support::system_calls one = count();
-    for (const char slot : {'1', '2', '3', '4', '5', '6', '7', '8'})
-        add(std::string("0000:00:00.0").replace(9, 1, 1, slot));
+    for (int n = 1; n <= 1000; ++n)
+        add(function_id(n));
     test_support::system_calls more = count();
     for (const auto &[name, calls] : one)
         more[name] -= calls;
     // Five attributes, of which the resource table is opened twice, and the device itself.
-    EXPECT_EQ(more["open"], 8 * 6);
-    EXPECT_EQ(more["read"], 8 * 6);
-    EXPECT_EQ(more["close"], 8 * 6);
-    EXPECT_EQ(more["stat"], 8 * 1);
-    EXPECT_LE(test_support::total(more), 8 * 19 + 2) << test_support::text(more);
+    EXPECT_EQ(more["open"], 1000 * 6);
+    EXPECT_EQ(more["read"], 1000 * 6);
+    EXPECT_EQ(more["close"], 1000 * 6);
+    EXPECT_EQ(more["stat"], 1000 * 1);
+    EXPECT_LE(test_support::total(more), 1000 * 19 + 30) << test_support::text(more);
 }
 
 TEST(pci_scan, copes_with_4096_devices)
 {
     chassis_sim::enter_private_root();
     for (int n = 0; n < 4096; ++n) {
-        char id[13];
-        std::snprintf(id, sizeof id, "%04x:%02x:%02x.%d", n >> 12, n >> 8 & 0xff, n >> 3 & 0x1f,
-                      n & 7);
-        chassis_sim::make_directory(bus + "/" + id);
+        chassis_sim::make_directory(bus + "/" + function_id(n));
     }
     const std::string log = scan();
     EXPECT_LT(log.find("0000:0f:1f.7"), log.find("0000:00:00.0")) << "from the last to the first";
+    std::string first = "7 sysfs_pci_arraylist_create: # of elements is 4098\n\n";
+    for (const char *attribute :
+         {"device", "vendor", "subsystem_device", "subsystem_vendor", "resource"})
+        first += "3 sysfs_fill_attribute: Error opening the file_entry, " + bus + "/0000:0f:1f.7/" +
+                 attribute + "\n\n";
+    EXPECT_EQ(log.substr(0, first.size()), first);
     EXPECT_EQ(last_scan()->count, 4098u);
     EXPECT_EQ(last_scan()->element[4097].id.sys_fs, bus + "/0000:0f:1f.7");
     sysfs_pci_identity_t *list = sysfs_pci_list();

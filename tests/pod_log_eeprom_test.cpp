@@ -64,7 +64,7 @@ TEST(pod_log_eeprom, is_reached_through_bound_functions_only)
 TEST(pod_log_eeprom, takes_raw_entries_as_they_are)
 {
     char name[] = "a name that is longer than its field";
-    podlog_eeprom_set_pod_info(1, name, 32 + 2 * 264, 2, 64, 0xFFFFFFFF); // two entries each
+    podlog_eeprom_set_pod_info(1, name, 32 + 2 * 260, 2, 64, 0xFFFFFFFF); // room for 3, exactly
     podlog_bind_eeprom_access_func(1, read_memory, write_memory);
     ASSERT_EQ(podlog_eeprom_init(1, 0), 1);
     std::string image = memory;
@@ -75,17 +75,16 @@ TEST(pod_log_eeprom, takes_raw_entries_as_they_are)
     for (int number = 0; number < 4; ++number) {
         std::copy(entry.begin(), entry.end(), raw.get());
         raw[16] = static_cast<uint8_t>('0' + number);
-        EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), number < 2 ? 1 : 0);
-        const uint32_t position = 64 + 80 * static_cast<uint32_t>(std::min(number, 2));
+        EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), number < 1 ? 1 : 0);
+        const uint32_t position = 64 + 80 * static_cast<uint32_t>(std::min(number, 1));
         image.replace(position, 80, entry);
         image[position + 16] = static_cast<char>('0' + number);
         image[position + 79] = '\0';
-        image.replace(44, 20,
-                      pod_header(264, 80 * static_cast<uint32_t>(std::min(number + 1, 2)), 64));
+        image.replace(44, 20, pod_header(260, 80, 64));
         EXPECT_EQ(difference(memory, image), "") << number;
         EXPECT_EQ(output.take_stdout(),
-                  number < 2 ? ""
-                             : "WARNING:\n  hdr pos =0x2c log size =0x108\n  lg pos =0xe0\n"
+                  number < 1 ? ""
+                             : "WARNING:\n  hdr pos =0x2c log size =0x104\n  lg pos =0x90\n"
                                "  NVLOG POD LOG (EEPROM) reached log area limit:\n"
                                "  Subsequent entries will overide the last entry\n");
     }
@@ -94,10 +93,10 @@ TEST(pod_log_eeprom, takes_raw_entries_as_they_are)
     raw[16 + 5] = '\0';
     EXPECT_EQ(podlog_eeprom_use_nxt_log(1), 1);
     EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), 1);
-    EXPECT_EQ(memory.substr(328, 80), std::string(raw.get(), raw.get() + 80));
+    EXPECT_EQ(memory.substr(324, 80), std::string(raw.get(), raw.get() + 80));
     EXPECT_EQ(raw[79], 'm') << "a message with a NUL is not cut";
 
-    memory[308] ^= 1; // the current history's header
+    memory[304] ^= 1; // the current history's header
     EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), -1);
     EXPECT_EQ(output.take_stderr(), "ERROR: podlog_eeprom_add_raw_log: failed to get next "
                                     "available log position!\n");

@@ -84,6 +84,10 @@ TEST(pod_log_file, refuses_to_read_what_is_no_log)
     EXPECT_EQ(podlog_file_init(7, 0), -1);
     EXPECT_EQ(output.take_stderr(),
               "ERROR: pod_file_mem_rd: cannot read or reach eof!! range=0x20-0x2b\n");
+    // An index and nothing else: its histories cannot be read.
+    chassis_sim::write_file("/var/pod/pod_ft2.hex",
+                            std::string(32, '\0') + "\x63\xC3\xE2\x1F" + std::string(8, '\0'));
+    EXPECT_EQ(podlog_file_open_dir(7), -1);
     EXPECT_EQ(test_support::open_descriptors(), descriptors);
 }
 

@@ -7,16 +7,27 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+static std::vector<useconds_t> pauses;
+
+// The library's calls come here first.
+extern "C" int usleep(useconds_t microseconds)
+{
+    pauses.push_back(microseconds);
+    return 0;
+}
 
 namespace
 {
@@ -107,6 +118,20 @@ TEST(pod_log_nvram, says_why_there_is_no_device)
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(output.take_stdout(), " No nvram0 dev file!\n");
     EXPECT_EQ(output.take_stderr(), no_number);
+    EXPECT_EQ(pauses.size(), 20u) << "one after each attempt";
+    const auto [shortest, longest] = std::minmax_element(pauses.begin(), pauses.end());
+    EXPECT_GE(*shortest, 500u);
+    EXPECT_LE(*longest, 1499u);
+
+    chassis_sim::write_file(node, "");
+    ::close(0); // the lowest descriptor is not taken from the first attempts
+    EXPECT_EQ(podlog_nvram_open_dev_file(0, &fd, 1), 0);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(::fcntl(0, F_GETFD), -1) << "nor left open";
+    EXPECT_EQ(::open("/dev/null", O_RDONLY), 0);
+    EXPECT_EQ(output.take_stderr(), no_number);
+    output.take_stdout();
+    fs::remove(node);
 
     for (unsigned int n = 0; n < 21; ++n)
         chassis_sim::write_file(name_of(n), n == 20 ? "nvlog-pod\n" : "other\n");
@@ -223,6 +248,12 @@ TEST(pod_log_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
         const bool repaired = c.image == zeros && result == 1;
         EXPECT_EQ(difference(read_file(node), repaired ? formatted() : c.image), "") << c.name;
     }
+    use_file(formatted());
+    pauses.clear();
+    EXPECT_EQ(podlog_nvram_init(0, 1), 1);
+    EXPECT_EQ(pauses, std::vector<useconds_t>(9, 200)) << "between the checks of two headers";
+    podlog_nvram_close(0);
+
     // An explicit reset brings back what init refuses.
     use_file(wrong_checksum);
     ASSERT_EQ(podlog_nvram_open_dev_file(0, &_nvram_dev_info[0].fd, 0), 1);

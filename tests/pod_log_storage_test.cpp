@@ -329,6 +329,38 @@ TEST_P(pod_log_storage, formats_adds_and_moves_on_byte_for_byte)
     EXPECT_EQ(difference(contents(), image), "");
 }
 
+TEST_P(pod_log_storage, formatting_clears_an_entry_header_every_80_bytes)
+{
+    // 276 has its last one exactly at the end, 275 does not; 30 has its first one beyond it.
+    const size_t overhead = is_nvram ? 100 : 32;
+    std::string path = b.path ? b.path : "";
+    for (size_t size : {276u, 275u, 30u}) {
+        const size_t mem_size = overhead + 2 * size;
+        std::string image(b.path ? 16384 : eeprom_size, '\xFF');
+        set_contents(image);
+        b.set_pod_info(0, path.data(), static_cast<int>(mem_size), 2, 64, ~0u);
+        {
+            const captured_output output;
+            ASSERT_EQ(b.init(0, 0), 1);
+            b.close(0);
+        }
+        if (is_nvram) {
+            for (size_t i = 0; i < 8; ++i)
+                put(image, mem_size - 72 + 4 * i, words({0x80000000}));
+            put(image, mem_size - 40, words({0}));
+        }
+        put(image, 32, index_record(0, static_cast<uint32_t>(size)));
+        for (size_t header : {size_t{b.first_header}, b.first_header + size}) {
+            const size_t end = header + size;
+            for (size_t p = header + 20; p == header + 20 || p + 16 <= end; p += 80)
+                put(image, p, std::string(16, '\0'));
+            put(image, header,
+                pod_header(static_cast<uint32_t>(size), 0, static_cast<uint32_t>(header) + 20));
+        }
+        EXPECT_EQ(difference(contents(), image), "") << size;
+    }
+}
+
 TEST_P(pod_log_storage, composes_the_message_within_64_bytes)
 {
     const auto of = [](char c, size_t count) { return std::string(count, c); };
@@ -719,6 +751,11 @@ TEST_P(pod_log_storage, bears_any_numbers_behind_right_checksums)
     put(good, entry_at(0, 0), pod_entry(5, 0xFFFFFFF0));
     set_contents(good);
     EXPECT_EQ(read_all(), "0:  failed, ");
+    // The bytes in use are signed where the first entry is looked up.
+    put(good, header_at(0), pod_header(b.history_size, 0x80000000, entry_at(0, 0)));
+    set_contents(good);
+    EXPECT_EQ(b.open_log(0, 0), -1);
+    put(good, header_at(0), header_with(0, 1));
     // Of a message longer than the message area, a raw read takes what the area has.
     put(good, entry_at(0, 0), pod_entry(5, 1000));
     set_contents(good);

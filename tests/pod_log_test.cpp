@@ -4,6 +4,7 @@
 #include "support/descriptors.h"
 
 #include <device_access/pod_log.h>
+#include <device_access/pod_log_crc_tmp.h>
 #include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
 #include <device_access/slot_names.h>
@@ -12,6 +13,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -83,8 +85,8 @@ constexpr int pm1 = 8; // a type that does not exist, secondary EEPROM 3
 constexpr int pm2 = 9; // NVRAM 0 too, secondary EEPROM 3
 void configure_one_of_each()
 {
-    configure({row("RP1", rp1, PODSTORAGE_NVRAM, 0), row("SW1", sw1, PODSTORAGE_FILE, 2, 2),
-               row("FT1", ft1, PODSTORAGE_EEPROM, 0), row("PM1", pm1, unknown_type, 0, 3),
+    configure({row("PM1", pm1, unknown_type, 0, 3), row("RP1", rp1, PODSTORAGE_NVRAM, 0),
+               row("SW1", sw1, PODSTORAGE_FILE, 2, 2), row("FT1", ft1, PODSTORAGE_EEPROM, 0),
                row("PM2", pm2, PODSTORAGE_NVRAM, 0, 3)});
 }
 
@@ -463,7 +465,8 @@ TEST(pod_secondary, is_told_apart_from_none_and_from_unknown_kinds)
 
     // Switched to a secondary storage that a new registry no longer has.
     EXPECT_EQ(podlog_select_primary_secondary_storage(sw1, 0), 1);
-    configure({row("RP1", rp1, PODSTORAGE_NVRAM, 0), row("SW1", sw1, PODSTORAGE_FILE, 2)});
+    configure({row("PM1", pm1, unknown_type, 0), row("RP1", rp1, PODSTORAGE_NVRAM, 0),
+               row("SW1", sw1, PODSTORAGE_FILE, 2)});
     EXPECT_EQ(podlog_init(sw1, 0), 1);
     EXPECT_EQ(podlog_use_nxt_log(sw1), -1);
     podlog_close(sw1);
@@ -492,6 +495,10 @@ TEST(pod_secondary, takes_the_calls_of_an_instance_switched_to_it)
                           "for instance 4!\n"),
               std::string::npos)
         << errors;
+    // The primary storage is closed then, though it was not opened: the NVRAM says so.
+    ASSERT_EQ(podlog_select_primary_secondary_storage(pm2, 0), 1);
+    EXPECT_EQ(podlog_init(pm2, 0), -1);
+    EXPECT_NE(output.take_stdout().find("already closed previously! \n"), std::string::npos);
 }
 
 // Tells whether SW1's calls go to the EEPROM, by where an entry ends up.
@@ -611,18 +618,35 @@ TEST_F(pod_copy, that_fails_half_way_still_tries_to_start_the_next_history)
 
 TEST_F(pod_copy, does_not_work_from_nvram)
 {
-    podlog_bind_eeprom_access_func(3, eeprom_read<1>, eeprom_write<1>);
-    ASSERT_EQ(podlog_init(rp1, 0), 1);
-    podlog_add(rp1, nullptr, nullptr, nullptr, "in NVRAM");
-    podlog_close(rp1);
-    ASSERT_GT(podlog_open_log("RP1", 0), 0);
+    ASSERT_EQ(podlog_bind_secondary_log_access_func(pm2, eeprom_read<1>, eeprom_write<1>), 1);
+    ASSERT_EQ(podlog_init(pm2, 0), 1);
+    podlog_add(pm2, nullptr, nullptr, nullptr, "in NVRAM");
+    podlog_close(pm2);
     captured_output output;
-    uint8_t entry[80] = {};
-    EXPECT_EQ(podlog_read_raw_log(68, entry), -1);
+    EXPECT_EQ(podlog_cpy_curr_subblock_to_secondary(pm2), -1);
     EXPECT_EQ(output.take_stderr(),
               "ERROR: podlog_read_raw_log: read raw log not support for NVRAM!\n");
-    podlog_close_log("RP1", 0);
-    EXPECT_EQ(entry[0], 0);
+    EXPECT_EQ(eeprom[1].bytes[44 + 8], 0) << "nothing was appended";
+    EXPECT_EQ(secondary_history(), 1);
+}
+
+TEST_F(pod_copy, takes_no_entry_that_cannot_be_read)
+{
+    run({"good", "bad", "never"});
+    // The second entry states an empty message, which cannot be read; its checksum is right.
+    std::fstream file("/var/pod/pod_sw1.hex", std::ios::in | std::ios::out | std::ios::binary);
+    char header[16];
+    const auto second = 44 + 20 + 80;
+    file.seekg(second).read(header, sizeof header);
+    std::memset(header + 8, 0, 8);
+    const uint32_t checksum = crc32_cksum(header, sizeof header);
+    std::memcpy(header + 8, &checksum, sizeof checksum);
+    file.seekp(second).write(header, sizeof header);
+    file.close();
+    captured_output output;
+    EXPECT_EQ(podlog_cpy_curr_subblock_to_secondary(sw1), -1);
+    EXPECT_EQ(read_secondary(), "0: good|; ");
+    EXPECT_EQ(secondary_history(), 1);
 }
 
 //--- POD status and fault injection ---------------------------------------------------------------
@@ -636,7 +660,10 @@ TEST(pod_status, is_kept_by_instance_and_by_slot)
     map.index0[1] = 200; // no slot
     map.index1[0] = map.index1[1] = -1;
     podlog_nvram_config_inst_mapping(0, &map);
+    const auto before = open_descriptors();
     captured_output output;
+    int injected = 7;
+    EXPECT_EQ(podlog_is_faultinject_cc(sw1, &injected), 1) << "opened for writing, so formatted";
     ASSERT_EQ(podlog_init(rp1, 0), 1);
     output.take_stdout();
     output.take_stderr();
@@ -646,7 +673,7 @@ TEST(pod_status, is_kept_by_instance_and_by_slot)
     EXPECT_EQ(podlog_set_pod_status(sw1, 0x7FFFFFFF), 1);
     EXPECT_EQ(podlog_get_pod_status(sw1), 0x0FFFFFFFu);
     EXPECT_EQ(podlog_get_faultinject_pos(sw1), 16344);
-    int injected = 7;
+    injected = 7;
     EXPECT_EQ(podlog_faultinject_pod_status(sw1, 0), 1);
     EXPECT_EQ(podlog_is_faultinject(sw1, &injected), 1);
     EXPECT_EQ(injected, 0) << "never reported";
@@ -676,6 +703,7 @@ TEST(pod_status, is_kept_by_instance_and_by_slot)
     EXPECT_EQ(output.take_stderr(),
               unmapped + "ERROR: podlog_get_pod_status_cc: slot 6 not matched for pod status!\n" +
                   unmapped + "ERROR: podlog_is_faultinject_cc: invalid instance id 6!\n");
+    EXPECT_EQ(open_descriptors(), before + 4) << "the capture's own";
 }
 
 } // namespace

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -35,16 +36,24 @@ const std::string class_dir = "/sys/class/zmt_nvram/nvram";
 const std::string cannot_read = ": cannot read from the device file!";
 
 nvram_dev_info_t table[3];
+int closings;
+
+void close_device(log_type_t blk)
+{
+    ++closings;
+    postlog_dev_file_nvram_close(blk);
+}
 
 // Puts a row of the test's own into use, read with the library's device file functions.
-nvram_dev_info_t &use_row(log_type_t blk, const char *path, const char *name, int histories)
+nvram_dev_info_t &use_row(log_type_t blk, const char *path, const char *name, int histories,
+                          nvram_rd_log_index_fp rd_log_index = postlog_dev_rd_log_index,
+                          nvram_rd_log_header_fp rd_log_header = postlog_dev_rd_log_header)
 {
     table[blk] = {"", "", 7, 4096, histories, 32, 0xFFFFFFE0, 0, -1, 0x1234};
     std::strcpy(table[blk].path, path);
     std::strcpy(table[blk].name, name);
     postlog_map_nvram_access(table, postlog_dev_file_nvram_init, post_dev_file_nvram_mem_rd,
-                             postlog_dev_file_nvram_close, postlog_dev_rd_log_index,
-                             postlog_dev_rd_log_header, postlog_dev_rd_log,
+                             close_device, rd_log_index, rd_log_header, postlog_dev_rd_log,
                              postlog_dev_validate_log_header, postlog_dev_validate_log_entry);
     return table[blk];
 }
@@ -59,10 +68,29 @@ protected:
         chassis_sim::enter_private_root();
         chassis_sim::device_server server;
         chassis_sim::add_post_logs(server, chassis_sim::sample_post_logs(), 0);
+        chassis_sim::nvram_description empty;
+        empty.number = 3;
+        empty.name = "nvlog-empty";
+        empty.contents.clear();
+        chassis_sim::add_nvram(server, empty);
         server.start();
         postlog_map_def_nvram_access();
     }
     ~post_log_device() override { EXPECT_EQ(open_descriptors(), descriptors_); }
+
+    // Writes to a block behind the library's back; size is what it then has.
+    void store(log_type_t blk, const std::string &bytes, size_t size)
+    {
+        ASSERT_EQ(postlog_nvram_init(blk), 1); // makes the node
+        postlog_nvram_close(blk);
+        const int fd = ::open(nodes[blk], O_RDWR);
+        ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(size)), 0);
+        ::close(fd);
+    }
+
+    static constexpr const char *nodes[] = {"/dev/nvlog-ofw-event", "/dev/nvlog-diag-test",
+                                            "/dev/nvlog-diag-error"};
 
     // Expects the outcome of opening a block.
     void expect_init(log_type_t blk, int result, const std::string &out, const std::string &err)
@@ -120,7 +148,7 @@ TEST_F(post_log_device, opening_takes_over_what_sysfs_says_of_the_block)
     struct {
         const char *mode;
         int attr;
-    } const modes[] = {{"rw\n", 2}, {"ro\n", 0}, {"r\n", 0}, {"wr\n", 0}, {"", 0}};
+    } const modes[] = {{"rw\n", 2}, {"ro\n", 0}, {"r\n", 0}, {"wr\n", 0}, {"rwx\n", 2}, {"", 0}};
     for (const auto &[mode, attr] : modes) {
         chassis_sim::write_file(class_dir + "2/mode", mode);
         const auto &row =
@@ -203,15 +231,8 @@ TEST_F(post_log_device, a_second_opening_is_refused_and_the_first_stays)
 
 TEST_F(post_log_device, blocks_that_the_firmware_has_not_set_up_do_not_open)
 {
-    for (const log_type_t blk : {OFWEVENT_LOG, OFWDIAG_TEST_LOG}) { // makes the nodes
-        ASSERT_EQ(postlog_nvram_init(blk), 1);
-        postlog_nvram_close(blk);
-    }
-    for (const char *node : {"/dev/nvlog-ofw-event", "/dev/nvlog-diag-test"}) {
-        const int fd = ::open(node, O_RDWR);
-        ASSERT_EQ(::pwrite(fd, "\1\2\3\4\5", 5, 0), 5);
-        ::close(fd);
-    }
+    store(OFWEVENT_LOG, "\1\2\3\4\5", 8192);
+    store(OFWDIAG_TEST_LOG, "\1\2\3\4\5", 16384);
     expect_init(OFWEVENT_LOG, -1, "",
                 "ERROR: postlog_dev_file_nvram_init : header structure not initialized! cannot "
                 "open for reading!!\n");
@@ -220,6 +241,137 @@ TEST_F(post_log_device, blocks_that_the_firmware_has_not_set_up_do_not_open)
                 "0x5\t size = 0x660 \n\t\n",
                 "ERROR: postlog_dev_file_nvram_init: magic number not initialized! cannot open for "
                 "reading!!\nmagic number: read = 0x4030201 expect = 0x106f11e5\n");
+}
+
+TEST_F(post_log_device, a_block_whose_first_record_cannot_be_read_is_closed_once)
+{
+    const std::string unread = "ERROR: post_nvram_mem_rd: cannot read or reach eof!! range=0x0-0x";
+    const std::string not_mapped = ": no actual nvram access function mapped!\n";
+    struct {
+        const char *path;
+        int histories;
+        bool has_readers;
+        std::string err;
+    } const cases[] = {
+        {"/dev/nvlog-empty", 1, true,
+         unread + "17\nERROR postlog_dev_rd_log_header" + cannot_read + "\n"},
+        {"/dev/nvlog-empty", 2, true,
+         unread + "b\nERROR postlog_dev_rd_log_index" + cannot_read + "\n"},
+        {"/dev", 1, true, unread + "17\nERROR postlog_dev_rd_log_header" + cannot_read + "\n"},
+        {"/dev", 2, true, unread + "b\nERROR postlog_dev_rd_log_index" + cannot_read + "\n"},
+        {"/dev/nvlog-empty", 1, false, "ERROR: postlog_rd_log_header" + not_mapped},
+        {"/dev/nvlog-empty", 2, false, "ERROR: postlog_rd_log_index" + not_mapped},
+    };
+    for (const auto &[path, histories, has_readers, err] : cases) {
+        const auto &row = use_row(OFWDIAG_TEST_LOG, path, "nvlog-empty", histories,
+                                  has_readers ? postlog_dev_rd_log_index : nullptr,
+                                  has_readers ? postlog_dev_rd_log_header : nullptr);
+        closings = 0;
+        expect_init(OFWDIAG_TEST_LOG, -1, "", err);
+        EXPECT_EQ(closings, 1) << err;
+        EXPECT_EQ(row.fd, -1);
+    }
+}
+
+TEST_F(post_log_device, the_tables_values_hold_where_sysfs_says_nothing)
+{
+    const struct {
+        uint32_t size;
+        const char *base;
+    } blocks[] = {{0x2000, "f0004000"}, {0x4000, "f0006000"}, {0x8000, "f000a000"}};
+    std::string err;
+    const auto open_log = [&](log_type_t blk, int history) {
+        test_support::captured_output output;
+        EXPECT_EQ(postlog_nvram_open_log(blk, history), -1);
+        err = output.take_stderr();
+    };
+    const auto says = [&](const std::string &text) {
+        EXPECT_NE(err.find(text), std::string::npos) << err;
+    };
+    const std::string header = post_header(little, 1, 40, 0x1122334455667788);
+    test_support::captured_output output;
+    for (const log_type_t blk : {OFWEVENT_LOG, OFWDIAG_TEST_LOG, OFWDIAG_ERROR_LOG}) {
+        const auto &[size, base] = blocks[blk];
+        fs::remove(class_dir + std::to_string(blk) + "/baseaddr");
+        // The header is behind the index, if there is one, and ends the device.
+        const std::string records = (blk ? post_index(little, 0, size - 13) : "") + header;
+        store(blk, records, records.size());
+        open_log(blk, 0);
+        says(std::string("hdr struct: OFW base = ") + base +
+             "  start addr/offset=1122334455667788/0x" + (blk ? "24" : "18") + " index =0x28");
+        if (blk == OFWEVENT_LOG)
+            continue;
+        const auto hex = [](uint32_t number) {
+            char text[12];
+            std::snprintf(text, sizeof text, "0x%x", number);
+            return std::string(text);
+        };
+        open_log(blk, 1);
+        says("range=" + hex(size - 1) + "-" + hex(size + 22) + "\n");
+        open_log(blk, 10);
+        says("invalid index 10; must less than 10!");
+        store(blk, post_index(little, 0, size - 12), records.size());
+        open_log(blk, 1);
+        says("hdr position " + hex(size) + " exceeds");
+    }
+    // The event log's size limits how much of a message is taken for one.
+    store(OFWEVENT_LOG,
+          post_header(little, 1, 40) + post_entry_head(little, 1, 2, 0x10000) +
+              std::string(0x4000, 'x'),
+          0x4000);
+    ASSERT_EQ(postlog_nvram_init(OFWEVENT_LOG), 1);
+    output.take_stdout();
+    EXPECT_EQ(postlog_nvram_dump_log_msgs(OFWEVENT_LOG, 0), -1);
+    const std::string dump = output.take_stdout();
+    EXPECT_EQ(std::count(dump.begin(), dump.end(), 'x'), 0x2000);
+}
+
+TEST_F(post_log_device, devices_are_opened_exclusively_while_that_is_possible)
+{
+    const char *const node = nodes[OFWEVENT_LOG];
+    ASSERT_EQ(postlog_nvram_init(OFWEVENT_LOG), 1); // with a node just made: not exclusively
+    const int shared = ::open(node, O_RDONLY);
+    EXPECT_NE(shared, -1);
+    postlog_nvram_close(OFWEVENT_LOG);
+    struct stat status;
+    ASSERT_EQ(::stat(node, &status), 0);
+    EXPECT_TRUE(!S_ISCHR(status.st_mode) || (status.st_mode & 07777) == 0600);
+    const auto opens = [] {
+        return test_support::count_system_calls([] { postlog_nvram_init(OFWEVENT_LOG); })["open"];
+    };
+    constexpr int properties = 4;
+    EXPECT_EQ(opens(), 10 + 2 + 1 + properties) << "attempts, name and number, and the node again";
+    ::close(shared);
+    EXPECT_EQ(opens(), 1 + properties);
+    ASSERT_EQ(postlog_nvram_init(OFWEVENT_LOG), 1);
+    EXPECT_EQ(::open(node, O_RDONLY), -1);
+    postlog_nvram_close(OFWEVENT_LOG);
+}
+
+TEST_F(post_log_device, of_sysfs_so_much_is_read)
+{
+    const std::string name(29, 'n');
+    for (int n = 4; n <= 20; ++n)
+        chassis_sim::write_file(class_dir + std::to_string(n) + "/name", "other\n");
+    chassis_sim::write_file(class_dir + "19/name", name + "?\n"); // 30 bytes, the last replaced
+    chassis_sim::write_file(class_dir + "19/baseaddr", "0x123456789\n");
+    chassis_sim::write_file(class_dir + "19/size", "0x1234567\n");
+    chassis_sim::write_file(class_dir + "19/mode", "rwx\n");
+    chassis_sim::write_file(class_dir + "20/name", "twentieth\n");
+    use_row(OFWEVENT_LOG, nodes[OFWEVENT_LOG], "nvlog-ofw-event", 1);
+    ASSERT_EQ(postlog_nvram_init(OFWEVENT_LOG), 1); // makes the node
+    postlog_nvram_close(OFWEVENT_LOG);
+    const auto &row = use_row(OFWEVENT_LOG, nodes[OFWEVENT_LOG], name.c_str(), 1);
+    expect_init(OFWEVENT_LOG, 1, "", "");
+    EXPECT_EQ(row.ofw_base, 0x12345678u);
+    EXPECT_EQ(row.mem_size, 0x12345);
+    EXPECT_EQ(row.attr, 2);
+    postlog_nvram_close(OFWEVENT_LOG);
+    use_row(OFWEVENT_LOG, nodes[OFWEVENT_LOG], "twentieth", 1);
+    expect_init(OFWEVENT_LOG, 1, "WARNING: failed to read NVRAM info. use default value.\n",
+                "ERROR: twentieth: cannot find nvram block named "
+                "postlog_nvram_find_blk_properties!\n");
+    postlog_nvram_close(OFWEVENT_LOG);
 }
 
 TEST_F(post_log_device, blocks_without_a_row_behave_as_closed_ones)
@@ -242,7 +394,6 @@ TEST_F(post_log_device, blocks_without_a_row_behave_as_closed_ones)
 //--- a block in memory, behind the library's record readers ---------------------------------------
 
 std::string memory;
-int closings;
 int readings_left;
 
 int init_memory(log_type_t)
@@ -312,6 +463,7 @@ protected:
     }
 
     static constexpr log_type_t blk = OFWDIAG_TEST_LOG;
+    static constexpr uint64_t seconds_up = 0x100000008; // shown as far as a long holds it
     const post_block block = {"",
                               4096,
                               32,
@@ -319,7 +471,7 @@ protected:
                               {{{1000, 5, "oldest"}, {1001, 6, "last of it"}},
                                {{0x5F0000000, 7, "newest"}},
                                {},
-                               {{3000, 8, "older"}}}};
+                               {{3000, seconds_up, "older"}}}};
     const size_t first = block.entry_position(0, 0);
 };
 
@@ -531,6 +683,14 @@ TEST_F(post_log, chains_that_leave_the_block_end_as_failed_reads)
     EXPECT_EQ(postlog_nvram_dump_log_msgs(blk, 0), -1);
     const std::string dump = output.take_stdout();
     EXPECT_EQ(dump.find_last_of('x') - dump.find_first_of('x') + 1, 4096u);
+    // A second piece that cannot be read ends the dump.
+    table[1].mem_size = 8192;
+    put(first, post_entry_head(little, 1, 2, 8192));
+    map_memory([](log_type_t which, uint32_t offset, uint8_t *buffer, uint32_t size) {
+        return offset == 0x24 + 40 + 4096 ? 0 : read_memory(which, offset, buffer, size);
+    });
+    EXPECT_EQ(postlog_nvram_dump_log_msgs(blk, 0), -1);
+    EXPECT_EQ(output.take_stdout(), dump.substr(0, dump.size() - 2)) << "no line ends";
     // Not even a medium that answers everywhere is followed there.
     memory = post_entry_head(little, 1, 2, 0xFFFFFFFF);
     map_memory(read_anywhere);
@@ -539,7 +699,7 @@ TEST_F(post_log, chains_that_leave_the_block_end_as_failed_reads)
 
 TEST_F(post_log, dumps_print_the_entries_of_histories)
 {
-    const auto entry = [](int since_boot, const std::string &time, const std::string &message) {
+    const auto entry = [](long since_boot, const std::string &time, const std::string &message) {
         return "   epoch time (since boot): " + std::to_string(since_boot) +
                " seconds.  timestamp: " + time + "\n     msg = " + message + "\n\n";
     };
@@ -550,7 +710,8 @@ TEST_F(post_log, dumps_print_the_entries_of_histories)
                                entry(6, "Thu Jan  1 00:16:41 1970", "last of it");
     const time_t late = static_cast<time_t>(0xF0000000); // before 1970 where time_t has 32 bits
     const std::string newest = entry(7, std::string(ctime(&late), 24), "newest");
-    const std::string older = entry(8, "Thu Jan  1 00:50:00 1970", "older");
+    const std::string older =
+        entry(static_cast<long>(seconds_up), "Thu Jan  1 00:50:00 1970", "older");
     const auto dump_current = [] { return postlog_nvram_dump_curr_log_msgs(blk); };
     const auto dump_all = [] { return postlog_nvram_dump_all_log_msgs(blk); };
     const std::string current = "postlog_nvram_dump_curr_log_msgs: curr log =";
@@ -558,6 +719,9 @@ TEST_F(post_log, dumps_print_the_entries_of_histories)
     expect(dump_current, 1, current + "1 \n" + newest, "", 0);
     expect(dump_all, 1, title(1) + newest + title(0) + oldest + title(3) + older + title(2), "", 1);
 
+    table[1].num_subblock = 1;
+    expect(dump_current, 1, current + "0 \n" + oldest, "", 0);
+    restore();
     put(0, post_index(little, 1, 1024, 5));
     expect(dump_current, -1,
            current + "-1 \nERROR: post_get_log_hdr_pos: invalid magic number 0x5!\n",
@@ -565,6 +729,11 @@ TEST_F(post_log, dumps_print_the_entries_of_histories)
     put(0, post_index(little, 0, 1024));
     memory.resize(first + 40); // a message that is not there
     expect(dump_all, -1, title(0), "", 1);
+    memory.resize(12); // a history without a header
+    expect(dump_all, -1, "",
+           "ERROR postlog_dev_rd_log_header" + cannot_read +
+               "\npost_get_log_pos: subblock=0 log=0 hdr position = 0xc\n",
+           2);
     table[1].num_subblock = 0;
     expect(dump_all, 1, "", "", 1);
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <iomanip>
 #include <sstream>
@@ -124,7 +125,9 @@ TEST_F(post_log_pcie, refused_and_timed_out_reads)
                                 "pcie_nvram_read(): PCIE NVRAM Busy check Timed out.\n";
     const auto read = [&] { return pcie_nvram_read(4, 4, bytes, 0); };
     controller.set_busy_looks(25); // behind the control word: two times 10 looks, and 5 more
+    const auto start = std::chrono::steady_clock::now();
     expect_outcome(read, 1, "", timeout);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10));
     EXPECT_EQ(text(controller.take_log()), "sc4 bbbbbbbbbb");
     expect_outcome([&] { return postlog_pcie_nvram_rd(OFWEVENT_LOG, 4, bytes, 4); }, 0, "",
                    timeout + "ERROR: postlog_pcie_nvram_rd(): POST NVRAM Read error!\n");
@@ -211,12 +214,59 @@ TEST_F(post_log_pcie, blocks_that_the_firmware_has_not_set_up_are_closed_for_goo
     EXPECT_EQ(postlog_pcie_nvram_init(log_type_t(3)), -1);
 }
 
+TEST_F(post_log_pcie, the_table_says_how_large_blocks_are_and_how_many_histories_they_have)
+{
+    const std::pair<log_type_t, uint32_t> blocks[] = {{OFWDIAG_TEST_LOG, test_base},
+                                                      {OFWDIAG_ERROR_LOG, error_base}};
+    for (const auto &[block, base] : blocks) {
+        const log_type_t blk = block;
+        const auto position = [blk] { return post_get_curr_log_hdr_pos(blk); };
+        controller.store(base, chassis_sim::post_index(big, 1, 0x7FF3));
+        expect_outcome(position, 0x7FFF, "", "");
+        controller.store(base, chassis_sim::post_index(big, 1, 0x7FF4));
+        expect_outcome(position, -1, "",
+                       "post_get_log_hdr_pos: calcuated hdr position 0x8000 exceeds to storage "
+                       "size! index log_size = 0x7ff4\n");
+        controller.store(base, chassis_sim::post_index(big, 10, 0x100));
+        expect_outcome([blk] { return postlog_nvram_open_dir(blk); }, -1,
+                       "postlog_nvram_open_dir: invalid subblock # 10!! must be smaller than 10\n",
+                       "");
+    }
+}
+
+TEST_F(post_log_pcie, a_block_that_cannot_be_opened_is_closed_in_the_mapped_way)
+{
+    static int closings = 0;
+    postlog_map_nvram_access(
+        nullptr, postlog_pcie_nvram_init, postlog_pcie_nvram_rd, [](log_type_t) { ++closings; },
+        postlog_pcie_rd_log_index, postlog_pcie_rd_log_header, postlog_pcie_rd_log,
+        postlog_pcie_validate_log_header, postlog_pcie_validate_log_entry);
+    test_support::captured_output output;
+    for (const log_type_t blk : {OFWEVENT_LOG, OFWDIAG_TEST_LOG, OFWDIAG_ERROR_LOG})
+        EXPECT_EQ(postlog_nvram_init(blk), -1);
+    EXPECT_EQ(closings, 3);
+}
+
+TEST_F(post_log_pcie, nothing_is_read_beyond_the_controllers_addresses)
+{
+    constexpr uint32_t last = 0x100000 - event_base - sizeof(nvram_log_t);
+    nvram_log_t entry;
+    uint8_t bytes[64];
+    expect_outcome([&] { return postlog_rd_log(OFWEVENT_LOG, last, &entry); }, 1, "", "");
+    for (const uint32_t offset : {last + 1, 0x100000u, 0xFFFFFFFFu}) {
+        expect_outcome([&] { return postlog_rd_log(OFWEVENT_LOG, offset, &entry); }, -1, "",
+                       "ERROR: postlog_pcie_rd_log(): POST NVRAM Read error!\n");
+        expect_outcome([&] { return post_nvram_mem_rd(OFWEVENT_LOG, offset, bytes, 40); }, 0, "",
+                       "ERROR: postlog_pcie_nvram_rd(): POST NVRAM Read error!\n");
+    }
+}
+
 TEST_F(post_log_pcie, absurd_entries_neither_overrun_nor_go_on_for_ever)
 {
     load_sample_logs();
     const std::string failure = "ERROR: postlog_pcie_rd_log(): POST NVRAM Read error!\n";
     time_t time;
-    for (const uint32_t size : {0xFFFFFFFFu, 0x80000000u}) {
+    for (const uint32_t size : {0xFFFFFFFFu, 0x80000000u, 0x100000u - 40}) { // to itself
         controller.store(event_base + 24, chassis_sim::post_entry_head(big, 1, 2, size));
         controller.store(event_base + 64, std::string(0xF000, 'x'));
         std::string message(64, '.');

@@ -4,8 +4,6 @@
 #include "library.h"
 #include "output.h"
 
-#include <iostream>
-
 namespace
 {
 
@@ -64,6 +62,7 @@ int run(CLI::App &program, int argc, char **argv)
 {
     try {
         program.parse(argc, argv);
+        finish_output();
     } catch (const CLI::CallForHelp &help) {
         return program.exit(help);
     } catch (const CLI::ParseError &wrong) {
@@ -75,8 +74,6 @@ int run(CLI::App &program, int argc, char **argv)
     } catch (const std::exception &failed) {
         return tell(exit_failed, failed.what());
     }
-    if (!std::cout.flush())
-        return tell(exit_failed, "cannot write standard output");
     return exit_ok;
 }
 

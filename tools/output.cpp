@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <stdexcept>
 
 #include <unistd.h>
 
@@ -198,11 +199,18 @@ void print(record_set set)
 void print_line(const record &what)
 {
     if (settings.as_json) {
-        std::cout << serialized(what.as_json(), -1) << std::endl;
-        return;
+        std::cout << serialized(what.as_json(), -1) << '\n';
+    } else {
+        const cells values = what.texts(&record::field::text);
+        std::cout << aligned(values, column_widths({values})) << '\n';
     }
-    const cells values = what.texts(&record::field::text);
-    std::cout << aligned(values, column_widths({values})) << std::endl;
+    finish_output();
+}
+
+void finish_output()
+{
+    if (!std::cout.flush())
+        throw std::runtime_error("cannot write standard output");
 }
 
 void print_error_line(const std::string &text)

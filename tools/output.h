@@ -66,8 +66,11 @@ private:
 void print(const record &what);
 void print(record_set set);
 
-// One line per record, printed at once: a JSON object, or its texts.
+// One line per record, printed at once: a JSON object, or its texts. Fails when the output is lost.
 void print_line(const record &what);
+
+// Writes out what has been printed.
+void finish_output();
 
 void print_error_line(const std::string &text);
 

@@ -118,23 +118,33 @@ struct bookmark {
 };
 
 // The entries that came since; a history that became shorter has been started anew.
-void print_new_entries(const podlog_arguments &arguments, const pod_storage &log, bookmark &seen)
+void print_new_entries(const pod_storage &log, bookmark &seen)
+{
+    const std::vector<log_entry> entries = log.read(seen.history).entries;
+    if (entries.size() < seen.entries)
+        seen.entries = 0;
+    for (; seen.entries < entries.size(); ++seen.entries)
+        print_line(entry_row(entries[seen.entries]));
+}
+
+void go_on(const podlog_arguments &arguments, const pod_storage &log, bookmark &seen)
 {
     const std::optional<int> history = wanted_history(arguments, log);
     if (!history)
         return;
-    const std::vector<log_entry> entries = log.read(*history).entries;
-    if (*history != seen.history || entries.size() < seen.entries)
+    if (seen.history != *history) {
+        if (seen.history >= 0)
+            print_new_entries(log, seen); // the last ones of the history that ended
         seen = {*history, 0};
-    for (; seen.entries < entries.size(); ++seen.entries)
-        print_line(entry_row(entries[seen.entries]));
+    }
+    print_new_entries(log, seen);
 }
 
 [[noreturn]] void follow(const podlog_arguments &arguments, const pod_storage &log)
 {
     for (bookmark seen;;) {
         try {
-            print_new_entries(arguments, log, seen);
+            go_on(arguments, log, seen);
         } catch (const failure &failed) {
             if (failed.error != EBUSY) // a writer has it open for a moment
                 throw;

@@ -195,8 +195,13 @@ DEVICE_ACCESS_API int libuio_irqcontrol(libuio_dev_t *uio, int32_t flag);
  *              the handle
  *   ETIMEDOUT  the deadline has passed
  *   EINTR      a signal came
- *   EIO        poll(2) woke for no known reason
+ *   EIO        poll(2) woke for no known reason, or, when a count is asked for, the device has lost
+ *              its driver; without a count that looks like an interrupt
  *   other      from timerfd_settime(2), poll(2) or the read of the count
+ *
+ * Every event on the removal notice, which is polled for POLLIN, counts as the removal. So a device
+ * that offers one needs a kernel on which a sysfs attribute is silent until it is notified; today's
+ * kernels call it readable at any time, and there every wait ends with ECANCELED at once.
  */
 DEVICE_ACCESS_API int libuio_irqwait(libuio_dev_t *uio, const struct timespec *abs_timeout,
                                      uint32_t *event_count);

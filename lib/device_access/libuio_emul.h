@@ -75,7 +75,7 @@ DEVICE_ACCESS_API int libuio_emul_mmap(libuio_dev_t *uio, uint64_t nop_mask);
  * libuio_close() disables it.
  *
  * Returns 0; -1 with errno: EINVAL for a NULL handle, ENAMETOOLONG for a path above 255 characters,
- * EIO when nothing was written, else from open(2) or write(2).
+ * EIO when nothing was written, else from open(2) or write(2): EBUSY while a driver has the device.
  */
 DEVICE_ACCESS_API int libuio_emul_device_enable(libuio_dev_t *uio_p, int32_t enable);
 

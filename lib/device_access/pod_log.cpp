@@ -300,13 +300,24 @@ unique_malloc<uint8_t> make_entry_buffer(const storage_info_t *row)
     return unique_malloc<uint8_t>(static_cast<uint8_t *>(std::calloc(1, size)));
 }
 
+// Whether a raw read has filled the header of an entry that was blank before: no valid one is.
+bool has_entry(const uint8_t *entry)
+{
+    return std::any_of(entry, entry + sizeof(podlog::nvram_log_t),
+                       [](uint8_t byte) { return byte != 0; });
+}
+
+// The last entry is read even when what follows it cannot be.
 int copy_entries(const char *func, const storage_info_t *row, int offset)
 {
     const unique_malloc<uint8_t> entry = make_entry_buffer(row);
     if (!entry)
         return -1;
     for (int count = 0; offset > 0; ++count) {
+        std::memset(entry.get(), 0, sizeof(podlog::nvram_log_t));
         offset = podlog_read_raw_log(offset, entry.get());
+        if (!has_entry(entry.get()))
+            return -1;
         if (podlog_eeprom_add_raw_log(row->secondary_storage_inst_id, entry.get()) == -1) {
             print_error("ERROR: %s: faild to write %dth log to the secondary storage!\n", func,
                         count);

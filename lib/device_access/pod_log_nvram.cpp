@@ -3,6 +3,7 @@
 #include "internal/nvram_block.h"
 #include "internal/pod_log_nvram_ring.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <iterator>
 

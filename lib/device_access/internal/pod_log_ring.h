@@ -324,11 +324,12 @@ protected:
     // leaves it to be overwritten. 1 or 0.
     int advance(current_header &current, int64_t position) const
     {
-        const uint32_t size = static_cast<uint32_t>(row().msg_size);
-        const int64_t end_of_next = position + 2 * (int64_t{sizeof(pod_entry)} + size);
-        if (end_of_next >= current.position + current.log_size)
+        const uint32_t size = uint32_t{sizeof(pod_entry)} + static_cast<uint32_t>(row().msg_size);
+        const uint32_t end_of_next = static_cast<uint32_t>(position) + 2 * size;
+        // Unsigned: an absurd log_size leaves no room, rather than all of it.
+        if (end_of_next >= static_cast<uint32_t>(current.position) + current.log_size)
             return 0;
-        current.index += uint32_t{sizeof(pod_entry)} + size;
+        current.index += size;
         return 1;
     }
 
@@ -402,7 +403,7 @@ private:
     {
         const int64_t next = message_position(position) + entry.entry_size;
         pod_entry following;
-        if (next > last_position || !read(next, following))
+        if (!read(next, following) || next > last_position)
             return -1;
         return is_valid(following) ? static_cast<int>(next) : -2;
     }
@@ -476,7 +477,7 @@ private:
             if (!dump_entry(message_position(position), entry))
                 return -1;
             position = message_position(position) + entry.entry_size;
-            if (position > last_position || !read(position, entry))
+            if (!read(position, entry) || position > last_position)
                 return -1;
         } while (is_valid(entry));
         return 1;
