@@ -82,7 +82,7 @@ public:
     }
 };
 
-void print_row(const row &r, const contender &peer, std::FILE *json, bool first)
+void print_row(const row &r, const contender &peer, std::FILE *json, bool &first)
 {
     const result &ours = results[full_name(r, r.library)];
     const result &theirs = results[full_name(r, peer)];
@@ -98,6 +98,7 @@ void print_row(const row &r, const contender &peer, std::FILE *json, bool first)
                  "\"%s\", \"beside_ns\": %.1f, \"beside_system_calls\": %.1f, \"ratio\": %.3f}",
                  first ? "" : ",", r.name.c_str(), time, ours.system_calls, peer.name.c_str(),
                  peer_time, theirs.system_calls, time / peer_time);
+    first = false;
 }
 
 void print_table(const char *json_path)
@@ -109,12 +110,9 @@ void print_table(const char *json_path)
     std::fprintf(table, "| --- | ---: | ---: | --- | ---: | ---: | ---: |\n");
     std::fprintf(json, "[");
     bool first = true;
-    for (const row &r : rows) {
-        for (const contender &peer : r.peers) {
+    for (const row &r : rows)
+        for (const contender &peer : r.peers)
             print_row(r, peer, json, first);
-            first = false;
-        }
-    }
     std::fprintf(json, "\n]\n");
     require(std::fclose(json) == 0, json_path);
 }

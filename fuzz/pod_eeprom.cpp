@@ -38,16 +38,15 @@ void fill(const std::string &image)
     podlog_bind_eeprom_access_func(fuzz::pod_device, read_eeprom, write_eeprom);
 }
 
-const fuzz::pod_storage storage = {name,
+const fuzz::pod_storage storage = {POD_LOG_CALLS(eeprom, podlog_eeprom_read_raw_log),
+                                   name,
                                    0x1FE2C363,
                                    false,
                                    44,
                                    8192,
                                    2,
                                    1200,
-                                   fill,
-                                   POD_STORAGE_CALLS(eeprom),
-                                   podlog_eeprom_read_raw_log};
+                                   fill};
 
 } // namespace
 

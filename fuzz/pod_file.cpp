@@ -18,16 +18,15 @@ void fill(const std::string &image)
     fuzz::set_contents(path, image);
 }
 
-const fuzz::pod_storage storage = {path,
+const fuzz::pod_storage storage = {POD_LOG_CALLS(file, podlog_file_read_raw_log),
+                                   path,
                                    0x1FE2C363,
                                    false,
                                    44,
                                    16384,
                                    10,
                                    1200,
-                                   fill,
-                                   POD_STORAGE_CALLS(file),
-                                   podlog_file_read_raw_log};
+                                   fill};
 
 std::string eeprom;
 

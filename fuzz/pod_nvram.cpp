@@ -13,7 +13,7 @@ void fill(const std::string &image)
 }
 
 const fuzz::pod_storage storage = {
-    path, 0x1FE2C365, true, 48, 16384, 10, 1300, fill, POD_STORAGE_CALLS(nvram), nullptr};
+    POD_LOG_CALLS(nvram, nullptr), path, 0x1FE2C365, true, 48, 16384, 10, 1300, fill};
 
 } // namespace
 
