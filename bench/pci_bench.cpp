@@ -1,5 +1,5 @@
-// A configuration register beside a bare pread, and the scan beside libpci's, on one simulated
-// tree.
+// Configuration registers and the scan, beside bare system calls and libpci, on one simulated tree.
+#include "bench/bench.h"
 #include "sim/chassis.h"
 
 #include <device_access/pci_config.h>
@@ -10,9 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,6 +20,8 @@ extern "C" {
 #include <pci/pci.h>
 }
 
+namespace bench
+{
 namespace
 {
 
@@ -75,144 +76,130 @@ private:
     std::string tree_;
 };
 
-// The scan's own lines go nowhere while the object lives.
-class silent_output
-{
-public:
-    silent_output()
-    {
-        std::fflush(stdout);
-        const int nowhere = ::open("/dev/null", O_WRONLY);
-        ::dup2(nowhere, STDOUT_FILENO);
-        ::close(nowhere);
-    }
-    ~silent_output()
-    {
-        std::fflush(stdout);
-        ::dup2(saved_, STDOUT_FILENO);
-        ::close(saved_);
-    }
+//--- registers
+//-------------------------------------------------------------------------------------
 
-private:
-    int saved_ = ::dup(STDOUT_FILENO);
-};
+constexpr uint32_t scratch_register = 0x3c;
 
-void config_bare_pread(benchmark::State &state)
+std::shared_ptr<int> open_config()
 {
-    const int fd = sysfs_pci_open("config", O_RDWR, &first);
-    for (auto _ : state) {
+    return {new int(sysfs_pci_open("config", O_RDWR, &first)), [](int *fd) {
+                ::close(*fd);
+                delete fd;
+            }};
+}
+
+work_t bare_read()
+{
+    return [fd = open_config()] {
         uint32_t value = 0;
-        if (::pread(fd, &value, sizeof value, 0) != sizeof value)
-            state.SkipWithError("pread failed");
+        require(::pread(*fd, &value, sizeof value, 0) == sizeof value, "pread");
         benchmark::DoNotOptimize(value);
-    }
-    ::close(fd);
+    };
 }
 
-void config_read32(benchmark::State &state)
+work_t bare_write()
 {
-    void *handle = pci_config_open(&first);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(pci_config_read32(0, handle));
-    pci_config_close(handle);
+    return [fd = open_config()] {
+        const uint32_t value = 5;
+        require(::pwrite(*fd, &value, sizeof value, scratch_register) == sizeof value, "pwrite");
+    };
 }
 
-void scan_library(benchmark::State &state, int size)
+std::shared_ptr<void> open_registers()
 {
-    const selected_tree tree(size);
-    size_t found = 0;
-    {
-        const silent_output silent;
-        for (auto _ : state) {
-            sysfs_pci_info_init();
-            sysfs_pci_get_next_element_t next;
-            sysfs_pci_info_fetch_init(&next);
-            for (found = 0; sysfs_pci_info_fetch_next(&next);)
-                ++found;
-            // Scans keep their results for ever; so many would fill the memory.
-            std::free(const_cast<void *>(next.seed));
-        }
-    }
-    if (found != static_cast<size_t>(size))
-        state.SkipWithError("not all functions found");
+    return {pci_config_open(&first), pci_config_close};
 }
 
-void scan_libpci(benchmark::State &state, int size, int fields)
+work_t library_read()
 {
-    const selected_tree tree(size);
-    size_t found = 0;
-    for (auto _ : state) {
-        pci_access *access = pci_alloc();
-        access->method = PCI_ACCESS_SYS_BUS_PCI;
-        pci_init(access);
-        pci_scan_bus(access);
-        found = 0;
+    return [handle = open_registers()] {
+        benchmark::DoNotOptimize(pci_config_read32(0, handle.get()));
+    };
+}
+
+work_t library_write()
+{
+    return [handle = open_registers()] {
+        require(pci_config_write32(5, scratch_register, handle.get()) == 0, "pci_config_write32");
+    };
+}
+
+std::shared_ptr<pci_access> open_libpci()
+{
+    std::shared_ptr<pci_access> access(pci_alloc(), pci_cleanup);
+    access->method = PCI_ACCESS_SYS_BUS_PCI;
+    access->writeable = 1;
+    pci_init(access.get());
+    return access;
+}
+
+work_t libpci_read()
+{
+    const auto access = open_libpci();
+    return [access, dev = pci_get_dev(access.get(), 0, 0, 0, 0)] {
+        benchmark::DoNotOptimize(pci_read_long(dev, 0));
+    };
+}
+
+work_t libpci_write()
+{
+    const auto access = open_libpci();
+    return [access, dev = pci_get_dev(access.get(), 0, 0, 0, 0)] {
+        require(pci_write_long(dev, scratch_register, 5) == 1, "pci_write_long");
+    };
+}
+
+//--- scan
+//------------------------------------------------------------------------------------------
+
+work_t library_scan(int size)
+{
+    return [size, tree = std::make_shared<selected_tree>(size)] {
+        sysfs_pci_info_init();
+        sysfs_pci_get_next_element_t next;
+        sysfs_pci_info_fetch_init(&next);
+        int found = 0;
+        while (sysfs_pci_info_fetch_next(&next))
+            ++found;
+        // Scans keep their results for ever; so many would fill the memory.
+        std::free(const_cast<void *>(next.seed));
+        require(found == size, "the scan");
+    };
+}
+
+work_t libpci_scan(int size, int fields)
+{
+    return [size, fields, tree = std::make_shared<selected_tree>(size)] {
+        const auto access = open_libpci();
+        pci_scan_bus(access.get());
+        int found = 0;
         for (pci_dev *dev = access->devices; dev; dev = dev->next) {
             pci_fill_info(dev, fields);
             found += dev->vendor_id == 0x1d0f && dev->size[0] == 0x1000;
         }
-        pci_cleanup(access);
-    }
-    if (found != static_cast<size_t>(size))
-        state.SkipWithError("not all functions found");
+        require(found == size, "libpci's scan");
+    };
 }
-
-// Prints, behind the table, how the library's median CPU times compare with the others'.
-class ratio_reporter : public benchmark::ConsoleReporter
-{
-public:
-    ratio_reporter() : ConsoleReporter(OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        for (const Run &run : runs)
-            if (run.aggregate_name == "median")
-                medians_[run.run_name.function_name] = run.GetAdjustedCPUTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-
-    void Finalize() override
-    {
-        print("config/pci_config_read32", "config/bare_pread");
-        for (int size : sizes)
-            for (const char *peer : {"scan/libpci/", "scan/libpci_with_subsystem/"})
-                print("scan/sysfs_pci_info_init/" + std::to_string(size),
-                      peer + std::to_string(size));
-    }
-
-private:
-    void print(const std::string &name, const std::string &peer)
-    {
-        if (medians_.count(name) && medians_.count(peer))
-            std::printf("%-32s takes %.2f of %s\n", name.c_str(), medians_[name] / medians_[peer],
-                        peer.c_str());
-    }
-
-    std::map<std::string, double> medians_;
-};
 
 } // namespace
 
-int main(int argc, char **argv)
+void add_pci_rows()
 {
-    chassis_sim::enter_private_root();
     build_trees();
-    benchmark::RegisterBenchmark("config/bare_pread", config_bare_pread);
-    benchmark::RegisterBenchmark("config/pci_config_read32", config_read32);
-    constexpr int ids_and_bases = PCI_FILL_IDENT | PCI_FILL_BASES | PCI_FILL_SIZES;
-    for (int size : sizes) {
-        const auto add = [size](const char *name, auto run, auto... arguments) {
-            const std::string full_name = std::string(name) + std::to_string(size);
-            benchmark::RegisterBenchmark(full_name.c_str(), run, size, arguments...);
-        };
-        add("scan/sysfs_pci_info_init/", scan_library);
-        add("scan/libpci/", scan_libpci, ids_and_bases);
-        add("scan/libpci_with_subsystem/", scan_libpci, ids_and_bases | PCI_FILL_SUBSYS);
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    ratio_reporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    return 0;
+    add({.name = "pci_config_read32",
+         .library = {"library", library_read},
+         .peers = {{"pread", bare_read}, {"libpci pci_read_long", libpci_read}}});
+    add({.name = "pci_config_write32",
+         .library = {"library", library_write},
+         .peers = {{"pwrite", bare_write}, {"libpci pci_write_long", libpci_write}}});
+    constexpr int fields = PCI_FILL_IDENT | PCI_FILL_BASES | PCI_FILL_SIZES;
+    for (int size : sizes)
+        add({.name = "scan of " + std::to_string(size) + " functions",
+             .library = {"library", [size] { return library_scan(size); }},
+             .peers = {{"libpci", [size] { return libpci_scan(size, fields); }},
+                       {"libpci, subsystem ids too",
+                        [size] { return libpci_scan(size, fields | PCI_FILL_SUBSYS); }}}});
 }
+
+} // namespace bench

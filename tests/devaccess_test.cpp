@@ -290,6 +290,12 @@ TEST(devaccess, says_in_one_line_what_is_wrong)
     for (const auto &c : cases)
         expect_one_line(c.line, c.status, c.text);
     EXPECT_EQ(run("pci read --help").status, 0);
+    // A width of nothing is none.
+    for (words line :
+         {split("uio read /dev/uio0 0 0 --width"), split("pci read 03:00.0 0 --width")}) {
+        line.push_back("");
+        EXPECT_EQ(run(line).status, 2);
+    }
 }
 
 TEST(devaccess, passes_what_the_library_prints_to_standard_error_when_asked)

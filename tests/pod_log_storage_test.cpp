@@ -2,11 +2,8 @@
 #include "sim/chassis.h"
 #include "support/captured_output.h"
 #include "support/pod_image.h"
+#include "support/pod_log_calls.h"
 #include "support/system_calls.h"
-
-#include <device_access/pod_log_eeprom.h>
-#include <device_access/pod_log_file.h>
-#include <device_access/pod_log_nvram.h>
 
 #include <gtest/gtest.h>
 
@@ -114,29 +111,13 @@ int write_eeprom(uint32_t offset, uint8_t *buffer, uint32_t size)
     return static_cast<int>(size);
 }
 
-struct backend {
+struct backend : test_support::pod_log_calls {
     const char *name;
     const char *path; // NULL: the EEPROM
     uint32_t magic;
     uint32_t first_header;
     uint32_t history_size;
     int histories;
-    decltype(&podlog_file_init) init;
-    decltype(&podlog_file_close) close;
-    decltype(&podlog_file_reset) reset;
-    decltype(&podlog_file_add) add;
-    decltype(&podlog_file_use_nxt_log) use_nxt_log;
-    decltype(&podlog_file_set_curr_log_status) set_curr_log_status;
-    decltype(&podlog_file_open_dir) open_dir;
-    decltype(&podlog_file_read_dir) read_dir;
-    decltype(&podlog_file_close_dir) close_dir;
-    decltype(&podlog_file_open_log) open_log;
-    decltype(&podlog_file_read_log) read_log;
-    decltype(&podlog_file_read_raw_log) read_raw_log;
-    decltype(&podlog_file_dump_log_msgs) dump_log_msgs;
-    decltype(&podlog_file_dump_curr_log_msgs) dump_curr_log_msgs;
-    decltype(&podlog_file_dump_all_log_msgs) dump_all_log_msgs;
-    decltype(&podlog_file_set_pod_info) set_pod_info;
 };
 
 void PrintTo(const backend &b, std::ostream *stream)
@@ -144,18 +125,11 @@ void PrintTo(const backend &b, std::ostream *stream)
     *stream << b.name;
 }
 
-#define CALLS(x, raw)                                                                              \
-    podlog_##x##_init, podlog_##x##_close, podlog_##x##_reset, podlog_##x##_add,                   \
-        podlog_##x##_use_nxt_log, podlog_##x##_set_curr_log_status, podlog_##x##_open_dir,         \
-        podlog_##x##_read_dir, podlog_##x##_close_dir, podlog_##x##_open_log,                      \
-        podlog_##x##_read_log, raw, podlog_##x##_dump_log_msgs, podlog_##x##_dump_curr_log_msgs,   \
-        podlog_##x##_dump_all_log_msgs, podlog_##x##_set_pod_info
-
 const backend backends[] = {
-    {"nvram", "/dev/nvlog-pod", 0x1FE2C365, 48, 1600, 10, CALLS(nvram, nullptr)},
-    {"file", "/var/pod/pod_alsw1.hex", 0x1FE2C363, 44, 1635, 10,
-     CALLS(file, podlog_file_read_raw_log)},
-    {"eeprom", nullptr, 0x1FE2C363, 44, 4080, 2, CALLS(eeprom, podlog_eeprom_read_raw_log)},
+    {POD_LOG_CALLS(nvram, nullptr), "nvram", "/dev/nvlog-pod", 0x1FE2C365, 48, 1600, 10},
+    {POD_LOG_CALLS(file, podlog_file_read_raw_log), "file", "/var/pod/pod_alsw1.hex", 0x1FE2C363,
+     44, 1635, 10},
+    {POD_LOG_CALLS(eeprom, podlog_eeprom_read_raw_log), "eeprom", nullptr, 0x1FE2C363, 44, 4080, 2},
 };
 
 class pod_log_storage : public testing::TestWithParam<backend>

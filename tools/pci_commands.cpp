@@ -401,7 +401,7 @@ CLI::App *add_register_command(CLI::App &family, const std::string &name,
     CLI::App *command = add_device_command(family, name, description, arguments, action);
     command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
     command->add_option("--width", arguments->width, "of the register, in bits")
-        ->check(CLI::IsMember({8, 16, 32}))
+        ->check(CLI::IsMember({"8", "16", "32"}))
         ->capture_default_str();
     return command;
 }

@@ -386,7 +386,8 @@ uint32_t fault_mask()
     const auto read = ask([&] { return pod_nvram_mem_rd(0, position, bytes, sizeof bytes); });
     if (read.result != sizeof bytes)
         fail("read the fault flags", read, nvram_hint);
-    return bytes[0] | bytes[1] << 8 | bytes[2] << 16 | static_cast<uint32_t>(bytes[3]) << 24;
+    return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
+           uint32_t{bytes[3]} << 24;
 }
 
 void faults(const podlog_arguments &arguments)

@@ -306,7 +306,7 @@ CLI::App *add_register_command(CLI::App &family, const std::string &name,
     command->add_option("MAP", arguments->map, "number of the window")->required();
     command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
     command->add_option("--width", arguments->width, "of the register, in bits")
-        ->check(CLI::IsMember({8, 16, 32, 64}))
+        ->check(CLI::IsMember({"8", "16", "32", "64"}))
         ->capture_default_str();
     return command;
 }

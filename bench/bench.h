@@ -1,0 +1,37 @@
+// Rows of the table: an operation of the library beside others that do the same.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bench
+{
+
+using work_t = std::function<void()>;
+
+struct contender {
+    std::string name;
+    // Sets up and returns what is measured; what that holds is torn down with it.
+    std::function<work_t()> prepare;
+};
+
+struct row {
+    std::string name;
+    contender library;
+    std::vector<contender> peers;
+    int operations = 1; // how many of them the work is; the table shows one
+};
+
+void add(row added);
+
+// Each adds its rows; the chassis's private root has been entered.
+void add_pci_rows();
+void add_uio_rows();
+void add_pod_log_rows();
+void add_crc_rows();
+
+// Ends the program: nothing is measured that does not work.
+void require(bool done, const char *what);
+
+} // namespace bench
