@@ -21,7 +21,8 @@ static struct timespec in_seconds(int seconds)
     return time;
 }
 
-/* Returns how the device ended: ECANCELED when it was removed. */
+/* Returns how the device ended: ECANCELED when it was removed, EIO when that came between an
+ * interrupt and the reading of its count. */
 static int serve(libuio_dev_t *uio)
 {
     for (;;) {
@@ -60,6 +61,7 @@ int main(int argc, char **argv)
 
     const int end = serve(uio);
     libuio_close(uio);
-    printf("%s: %s\n", node, end == ECANCELED ? "removed" : strerror(end));
-    return end == ECANCELED ? 0 : 1;
+    const int removed = end == ECANCELED || end == EIO;
+    printf("%s: %s\n", node, removed ? "removed" : strerror(end));
+    return removed ? 0 : 1;
 }

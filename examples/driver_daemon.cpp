@@ -48,9 +48,11 @@ bool serve_once(libuio_dev_t *uio)
         std::cout << "interrupt " << count << std::endl;
     else if (errno == ETIMEDOUT)
         std::cout << "quiet for " << quiet_seconds << " s" << std::endl;
-    else if (errno != EINTR && errno != ECANCELED)
+    else if (errno == ECANCELED || errno == EIO) // EIO: before the interrupt's count was read
+        return false;
+    else if (errno != EINTR)
         fail("wait");
-    return libuio_get_uio_fd(uio) >= 0;
+    return true;
 }
 
 } // namespace
