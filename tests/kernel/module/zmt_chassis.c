@@ -23,7 +23,7 @@
 #include <linux/vmalloc.h>
 #include <linux/workqueue.h>
 
-/* --- the register block ------------------------------------------------------------------------ */
+/* --- the register block --- */
 
 #define IRQ_DELAY_MS 40
 
@@ -182,7 +182,7 @@ static int control_regblock(const char *text, const struct kernel_param *param)
 static const struct kernel_param_ops regblock_control = { .set = control_regblock };
 module_param_cb(regblock, &regblock_control, NULL, 0200);
 
-/* --- NVRAM ------------------------------------------------------------------------------------- */
+/* --- NVRAM --- */
 
 static struct nvram_block {
 	const char *name;
@@ -259,7 +259,7 @@ static struct nvram_block *block_of(struct device *dev)
 	return dev_get_drvdata(dev);
 }
 
-#define NVRAM_ATTRIBUTE(field, format)                                                              \
+#define NVRAM_ATTRIBUTE(field, format)                                                             \
 	static ssize_t field##_show(struct device *dev, struct device_attribute *attr, char *buf)  \
 	{                                                                                          \
 		return sysfs_emit(buf, format "\n", block_of(dev)->field);                         \
