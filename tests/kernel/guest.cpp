@@ -35,13 +35,15 @@ public:
         ::tcgetattr(line_, &settings);
         ::cfmakeraw(&settings);
         ::tcsetattr(line_, TCSANOW, &settings);
-        execute("{\"execute\": \"qmp_capabilities\"}");
+        // Its greeting may have been echoed to it before; it begins afresh after a byte of ones.
+        send("\xff{\"execute\": \"qmp_capabilities\", \"id\": \"begin\"}");
+        if (wait_for({"\"begin\""}).empty())
+            check("reaching the monitor", false, "no answer");
     }
 
     void execute(const std::string &command)
     {
-        if (::write(line_, command.data(), command.size()) != static_cast<ssize_t>(command.size()))
-            check("writing to the monitor", false, std::strerror(errno));
+        send(command);
         const std::string answer = wait_for({"\"return\"", "\"error\""});
         if (answer.find("\"return\"") == std::string::npos)
             check("asking the monitor for " + command, false, answer);
@@ -68,6 +70,12 @@ public:
     }
 
 private:
+    void send(const std::string &text)
+    {
+        if (::write(line_, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+            check("writing to the monitor", false, std::strerror(errno));
+    }
+
     void receive()
     {
         pollfd line = {line_, POLLIN, 0};
