@@ -76,17 +76,44 @@ unsigned int first_descriptor()
 
 //--- the asking process ---------------------------------------------------------------------------
 
+// The memory of another process, as a file: it reaches a 64-bit one from a 32-bit one too. What
+// cannot be opened gives a descriptor on which reads and writes fail.
+class remote_memory
+{
+public:
+    explicit remote_memory(pid_t pid)
+        : fd_(::open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDWR | O_CLOEXEC))
+    {
+    }
+    ~remote_memory() { ::close(fd_); }
+    remote_memory(const remote_memory &) = delete;
+    remote_memory &operator=(const remote_memory &) = delete;
+
+    bool read(uint64_t address, void *data, size_t size) const
+    {
+        const auto length = static_cast<ssize_t>(size);
+        return ::pread(fd_, data, size, static_cast<off_t>(address)) == length;
+    }
+    bool write(uint64_t address, const void *data, size_t size) const
+    {
+        const auto length = static_cast<ssize_t>(size);
+        return ::pwrite(fd_, data, size, static_cast<off_t>(address)) == length;
+    }
+
+private:
+    int fd_;
+};
+
 // Text at an address of another process; empty when it cannot be read.
 std::string remote_text(pid_t pid, uint64_t address)
 {
+    const remote_memory memory(pid);
     std::string text;
     while (text.size() < 4096) {
         char block[256];
         // A read stops short at a page that is not there, which may follow the text's end.
         const size_t length = std::min<size_t>(sizeof block, 4096 - address % 4096);
-        const iovec to = {block, length};
-        const iovec from = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), length};
-        if (::process_vm_readv(pid, &to, 1, &from, 1, 0) != static_cast<ssize_t>(length))
+        if (!memory.read(address, block, length))
             return {};
         const size_t end = ::strnlen(block, length);
         text.append(block, end);
@@ -99,16 +126,12 @@ std::string remote_text(pid_t pid, uint64_t address)
 
 bool remote_read(pid_t pid, uint64_t address, void *data, size_t size)
 {
-    const iovec to = {data, size};
-    const iovec from = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), size};
-    return ::process_vm_readv(pid, &to, 1, &from, 1, 0) == static_cast<ssize_t>(size);
+    return remote_memory(pid).read(address, data, size);
 }
 
 bool remote_write(pid_t pid, uint64_t address, const void *data, size_t size)
 {
-    const iovec from = {const_cast<void *>(data), size};
-    const iovec to = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), size};
-    return ::process_vm_writev(pid, &from, 1, &to, 1, 0) == static_cast<ssize_t>(size);
+    return remote_memory(pid).write(address, data, size);
 }
 
 std::string remote_link(pid_t pid, const std::string &entry)
