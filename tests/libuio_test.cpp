@@ -580,6 +580,8 @@ TEST_F(libuio_irq, counts_interrupts_and_leaves_uncounted_ones_pending)
     EXPECT_EQ(libuio_messages(output.take_stderr()),
               "LOG_DEBUG libuio_irqwait: poll() fires timer-fd (" + std::to_string(uio_->tmr_fd) +
                   ")\n");
+    const timespec zero = {0, 0};
+    EXPECT_EQ(wait(&zero, &count), ETIMEDOUT) << "as long past as any";
     control("interrupt uio0");
     EXPECT_EQ(wait(&long_past, &count), 0) << "an interrupt wins over a past deadline";
     EXPECT_EQ(count, 2u);

@@ -69,15 +69,15 @@ TEST(pod_log_eeprom, takes_raw_entries_as_they_are)
     ASSERT_EQ(podlog_eeprom_init(1, 0), 1);
     std::string image = memory;
     // Exactly the size that is asked for; no NUL anywhere in the message.
-    const std::string entry = pod_entry(77, 1234) + std::string(64, 'm');
-    const auto raw = std::make_unique<uint8_t[]>(80);
+    const std::string entry = pod_entry(77, 1234) + std::string(65, 'm');
+    const auto raw = std::make_unique<uint8_t[]>(81);
     captured_output output;
     for (int number = 0; number < 4; ++number) {
         std::copy(entry.begin(), entry.end(), raw.get());
         raw[16] = static_cast<uint8_t>('0' + number);
         EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), number < 1 ? 1 : 0);
         const uint32_t position = 64 + 80 * static_cast<uint32_t>(std::min(number, 1));
-        image.replace(position, 80, entry);
+        image.replace(position, 80, entry, 0, 80);
         image[position + 16] = static_cast<char>('0' + number);
         image[position + 79] = '\0';
         image.replace(44, 20, pod_header(260, 80, 64));
@@ -90,11 +90,14 @@ TEST(pod_log_eeprom, takes_raw_entries_as_they_are)
     }
 
     std::copy(entry.begin(), entry.end(), raw.get());
-    raw[16 + 5] = '\0';
+    for (const int end : {64, 5}) {
+        raw[16 + end] = '\0';
+        EXPECT_EQ(podlog_eeprom_use_nxt_log(1), 1);
+        EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), 1);
+        EXPECT_EQ(memory.substr(end == 64 ? 324 : 64, 80), std::string(raw.get(), raw.get() + 80));
+        EXPECT_EQ(raw[79], 'm') << "a message that fits is not cut";
+    }
     EXPECT_EQ(podlog_eeprom_use_nxt_log(1), 1);
-    EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), 1);
-    EXPECT_EQ(memory.substr(324, 80), std::string(raw.get(), raw.get() + 80));
-    EXPECT_EQ(raw[79], 'm') << "a message with a NUL is not cut";
 
     memory[304] ^= 1; // the current history's header
     EXPECT_EQ(podlog_eeprom_add_raw_log(1, raw.get()), -1);

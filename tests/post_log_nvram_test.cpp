@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -419,6 +420,7 @@ int read_anywhere(log_type_t blk, uint32_t, uint8_t *buffer, uint32_t size)
 void close_memory(log_type_t)
 {
     ++closings;
+    errno = EPIPE;
 }
 
 void map_memory(nvram_mem_rd_fp rd = read_memory,
@@ -458,8 +460,10 @@ protected:
                 const std::string &err, int closes)
     {
         closings = 0;
+        errno = EIO;
         expect_outcome(call, result, out, err);
         EXPECT_EQ(closings, closes);
+        EXPECT_NE(errno, EPIPE) << "closing hides why the call failed";
     }
 
     static constexpr log_type_t blk = OFWDIAG_TEST_LOG;

@@ -474,7 +474,10 @@ int libuio_irqwait(libuio_dev_t *uio, const struct timespec *abs_timeout, uint32
     }
     const pollfd *timer = nullptr;
     if (abs_timeout) {
-        const itimerspec deadline = {{0, 0}, *abs_timeout};
+        itimerspec deadline = {{0, 0}, *abs_timeout};
+        // An expiry of zero would disarm the timer instead.
+        if (deadline.it_value.tv_sec == 0 && deadline.it_value.tv_nsec == 0)
+            deadline.it_value.tv_nsec = 1;
         if (::timerfd_settime(uio->tmr_fd, TFD_TIMER_ABSTIME, &deadline, nullptr) != 0) {
             LIBUIO_ERR("timerfd_settime %llu,%llu failed: %s",
                        static_cast<unsigned long long>(abs_timeout->tv_sec),

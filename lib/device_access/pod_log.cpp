@@ -290,14 +290,14 @@ const storage_info_t *find_secondary_or_report(const char *func, int inst_id)
 
 //--- copying to the secondary storage -------------------------------------------------------------
 
-// Room for one entry as either end of the copy takes it.
+// Room for one entry as either end of the copy takes it, and a NUL behind its text.
 unique_malloc<uint8_t> make_entry_buffer(const storage_info_t *row)
 {
     const size_t source = row->type == PODSTORAGE_EEPROM
                               ? eeprom_raw_entry_size(row->storage_inst_id)
                               : file_raw_entry_size(row->storage_inst_id);
     const size_t size = std::max(source, eeprom_raw_entry_size(row->secondary_storage_inst_id));
-    return unique_malloc<uint8_t>(static_cast<uint8_t *>(std::calloc(1, size)));
+    return unique_malloc<uint8_t>(static_cast<uint8_t *>(std::calloc(1, size + 1)));
 }
 
 // Whether a raw read has filled the header of an entry that was blank before: no valid one is.

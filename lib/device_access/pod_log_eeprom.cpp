@@ -100,7 +100,7 @@ public:
             return -1;
         const uint32_t room = static_cast<uint32_t>(row_.msg_size);
         char *message = reinterpret_cast<char *>(buf + sizeof(pod_entry));
-        if (room > 0 && strnlen(message, room) == room)
+        if (room > 0 && strnlen(message, size_t{room} + 1) > room)
             message[room - 1] = '\0';
         current_header current;
         pod_entry old;

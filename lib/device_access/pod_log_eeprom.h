@@ -99,9 +99,10 @@ DEVICE_ACCESS_API int podlog_eeprom_add(int eeprom_id, char *event_level, char *
  * Add an entry that was read raw from another log (podlog_file_read_raw_log()) to the current
  * history, as it is: with its own time, checksum and entry_size.
  *
- * buf: the 16 bytes of its header and as many bytes of message as the EEPROM's message area has (80
- *      bytes in all unless configured otherwise). A message without NUL in there gets one as its
- *      last byte, in buf.
+ * buf: the 16 bytes of its header, as many bytes of message as the EEPROM's message area has, and
+ *      one more, which tells whether the text goes on (81 bytes in all unless configured
+ *      otherwise); what is behind a NUL in the text is not looked at for that. A longer text gets a
+ *      NUL as the last byte of its message area, in buf. All but the last byte are written.
  *
  * Returns 1; 0, with a warning on standard output, when the entry was written and the history is
  * full, so that the next one will overwrite it; -1 on failure.

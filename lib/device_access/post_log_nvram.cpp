@@ -1,5 +1,6 @@
 #include <device_access/post_log_nvram.h>
 
+#include "internal/errno_guard.h"
 #include "internal/messages.h"
 #include "internal/nvram_block.h"
 #include "internal/post_log_records.h"
@@ -16,6 +17,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+using device_access::errno_guard;
 using device_access::find_nvram_block;
 using device_access::make_nvram_node;
 using device_access::nvram_attr_path;
@@ -81,8 +83,10 @@ nvram_dev_info_t &row_of(log_type_t blk)
     return block_row(dev_info, blk);
 }
 
+// The close function may be a client's: it must not hide why a step failed.
 int close_with(log_type_t blk, int result)
 {
+    const errno_guard keep;
     postlog_nvram_close(blk);
     return result;
 }
