@@ -1,0 +1,380 @@
+#include "support/sweep.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstddef>
+#include <initializer_list>
+#include <string_view>
+
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+int allocations_left; // until one fails; 0: none does
+long blocks;          // on the heap, since the count began
+
+#if !defined __SANITIZE_ADDRESS__ // which must keep the heap to itself
+bool allocation_fails()
+{
+    if (allocations_left == 0 || --allocations_left != 0)
+        return false;
+    errno = ENOMEM;
+    return true;
+}
+
+void *counted(void *block)
+{
+    blocks += block ? 1 : 0;
+    return block;
+}
+#endif
+
+} // namespace
+
+#if !defined __SANITIZE_ADDRESS__
+extern "C" {
+
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *block, size_t size);
+void __libc_free(void *block);
+
+void *malloc(size_t size) noexcept
+{
+    return allocation_fails() ? nullptr : counted(__libc_malloc(size));
+}
+
+void *calloc(size_t count, size_t size) noexcept
+{
+    return allocation_fails() ? nullptr : counted(__libc_calloc(count, size));
+}
+
+void *realloc(void *block, size_t size) noexcept
+{
+    if (allocation_fails())
+        return nullptr;
+    return block ? __libc_realloc(block, size) : counted(__libc_realloc(nullptr, size));
+}
+
+void free(void *block) noexcept
+{
+    blocks -= block ? 1 : 0;
+    __libc_free(block);
+}
+
+} // extern "C"
+#endif
+
+namespace test
+{
+namespace
+{
+
+// Never made otherwise in here, so it marks the beginning and the end of what is watched.
+constexpr long marker = SYS_getpgid;
+
+struct call_name {
+    long number;
+    const char *name;
+    int path = -1; // which argument is one
+};
+constexpr call_name names[] = {
+    {SYS_access, "access", 0},
+    {SYS_clock_nanosleep, "nanosleep"},
+    {SYS_close, "close"},
+    {SYS_fstat, "stat"},
+    {SYS_getdents64, "getdents64"},
+    {SYS_getxattr, "getxattr", 0},
+    {SYS_ioctl, "ioctl"},
+    {SYS_lseek, "lseek"},
+    {SYS_lstat, "stat", 0},
+    {SYS_mkdir, "mkdir", 0},
+    {SYS_mknod, "mknod", 0},
+    {SYS_mmap, "mmap"},
+    {SYS_munmap, "munmap"},
+    {SYS_open, "open", 0},
+    {SYS_openat, "open", 1},
+    {SYS_poll, "poll"},
+    {SYS_pread64, "pread"},
+    {SYS_pwrite64, "pwrite"},
+    {SYS_read, "read"},
+    {SYS_readlink, "readlink", 0},
+    {SYS_stat, "stat", 0},
+    {SYS_statx, "stat", 1},
+    {SYS_timerfd_create, "timerfd_create"},
+    {SYS_timerfd_settime, "timerfd_settime"},
+    {SYS_write, "write"},
+#ifdef __x86_64__
+    {SYS_newfstatat, "stat", 1},
+#else
+    {SYS_clock_nanosleep_time64, "nanosleep"},
+    {SYS_fstat64, "stat"},
+    {SYS_fstatat64, "stat", 1},
+    {SYS__llseek, "lseek"},
+    {SYS_lstat64, "stat", 0},
+    {SYS_mmap2, "mmap"},
+    {SYS_stat64, "stat", 0},
+    {SYS_timerfd_settime64, "timerfd_settime"},
+#endif
+};
+
+// What the child tells of its run.
+struct report {
+    bool allocation_failed;
+    result value;
+    int error;
+    long opens;
+    long blocks;
+    char err[8192];
+    char out[8192];
+};
+
+void copy(char (&to)[8192], const std::string &text)
+{
+    to[text.copy(to, sizeof to - 1)] = '\0';
+}
+
+[[noreturn]] void run_traced(const std::function<result()> &operation, int allocation, report &told)
+{
+    ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    ::raise(SIGSTOP);
+    const outcome seen = outcome_of([&] {
+        ::syscall(marker, 0);
+        blocks = 0;
+        errno = 0;
+        allocations_left = allocation;
+        const result value = operation();
+        const int error = errno;
+        told.allocation_failed = allocation != 0 && allocations_left == 0;
+        allocations_left = 0;
+        told.blocks = blocks;
+        ::syscall(marker, 0);
+        errno = error;
+        return value;
+    });
+    told.value = seen.value;
+    told.error = seen.error;
+    told.opens = seen.opens;
+    copy(told.err, seen.err);
+    copy(told.out, seen.out);
+    ::_exit(0);
+}
+
+struct stopped_call {
+    long number;
+    uint64_t arguments[6];
+};
+
+stopped_call call_of(pid_t pid)
+{
+    __ptrace_syscall_info info = {};
+    ::ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info);
+    stopped_call call = {static_cast<long>(info.entry.nr), {}};
+    std::copy(std::begin(info.entry.args), std::end(info.entry.args), call.arguments);
+    return call;
+}
+
+std::string text_at(pid_t pid, uint64_t address)
+{
+    std::string text;
+    for (;; address += sizeof(long)) {
+        errno = 0;
+        const long word = ::ptrace(PTRACE_PEEKDATA, pid, address, nullptr);
+        if (errno != 0)
+            return text;
+        char bytes[sizeof word];
+        std::memcpy(bytes, &word, sizeof word);
+        const size_t length = ::strnlen(bytes, sizeof bytes);
+        text.append(bytes, length);
+        if (length < sizeof bytes)
+            return text;
+    }
+}
+
+std::string describe(pid_t pid, const stopped_call &call, bool with_path)
+{
+    std::string text;
+    for (const call_name &known : names) {
+        if (known.number != call.number)
+            continue;
+        text = known.name;
+        if (with_path && known.path >= 0)
+            text.append(1, ' ').append(text_at(pid, call.arguments[known.path]));
+        return text;
+    }
+    return text.append(1, '#').append(std::to_string(call.number));
+}
+
+bool is_one_of(const std::string &name, std::initializer_list<std::string_view> calls)
+{
+    return std::find(calls.begin(), calls.end(), name) != calls.end();
+}
+
+// The heap's own calls and the output to the standard streams do not fail.
+bool may_fail(const std::string &name, const stopped_call &call)
+{
+    if (call.number == SYS_brk || is_one_of(name, {"nanosleep"}))
+        return false;
+    if (name == "mmap")
+        return (call.arguments[3] & MAP_ANONYMOUS) == 0;
+    return !(name == "write" && call.arguments[0] <= STDERR_FILENO);
+}
+
+#ifdef __x86_64__
+constexpr size_t number_register = offsetof(user_regs_struct, orig_rax);
+constexpr size_t result_register = offsetof(user_regs_struct, rax);
+#else
+constexpr size_t number_register = offsetof(user_regs_struct, orig_eax);
+constexpr size_t result_register = offsetof(user_regs_struct, eax);
+#endif
+
+// Runs an operation in a child, and lets one of its calls fail if it is told so.
+class traced_run
+{
+public:
+    // Which system call fails, from 0 on, or which allocation, from 1 on.
+    traced_run(const std::function<result()> &operation, int call, int allocation, int error)
+        : told_(static_cast<report *>(::mmap(nullptr, sizeof(report), PROT_READ | PROT_WRITE,
+                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0))),
+          failing_(call), error_(error)
+    {
+        std::fflush(nullptr);
+        pid_ = ::fork();
+        if (pid_ == 0)
+            run_traced(operation, allocation, *told_);
+        watch();
+    }
+    ~traced_run() { ::munmap(told_, sizeof *told_); }
+    traced_run(const traced_run &) = delete;
+    traced_run &operator=(const traced_run &) = delete;
+
+    bool ended() const { return markers_ == 2; }
+    bool failed() const { return !failed_.empty(); }
+    bool allocation_failed() const { return told_->allocation_failed; }
+    const call_counts &counts() const { return counts_; }
+
+    run what() const
+    {
+        return {failed_,
+                {told_->value, told_->err, told_->out, told_->error, told_->opens},
+                told_->blocks};
+    }
+
+private:
+    void watch()
+    {
+        int status;
+        ::waitpid(pid_, &status, 0);
+        ::ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+        int signal = 0;
+        for (bool entering = true;;) {
+            ::ptrace(PTRACE_SYSCALL, pid_, nullptr, signal);
+            if (::waitpid(pid_, &status, 0) != pid_ || !WIFSTOPPED(status))
+                return;
+            signal = WSTOPSIG(status);
+            if (signal != (SIGTRAP | 0x80))
+                continue;
+            signal = 0;
+            if (entering)
+                enter(call_of(pid_));
+            else
+                leave();
+            entering = !entering;
+        }
+    }
+
+    void enter(const stopped_call &call)
+    {
+        if (call.number == marker)
+            ++markers_;
+        else if (markers_ == 1)
+            see(call);
+    }
+
+    void see(const stopped_call &call)
+    {
+        const std::string name = describe(pid_, call, false);
+        ++counts_[name];
+        if (!may_fail(name, call) || failing_-- != 0)
+            return;
+        failed_ = describe(pid_, call, true);
+        fails_now_ = true;
+        if (!is_one_of(name, {"close", "munmap"}))
+            ::ptrace(PTRACE_POKEUSER, pid_, number_register, -1L);
+    }
+
+    void leave()
+    {
+        if (fails_now_)
+            ::ptrace(PTRACE_POKEUSER, pid_, result_register, static_cast<long>(-error_));
+        fails_now_ = false;
+    }
+
+    report *told_;
+    pid_t pid_;
+    int failing_;
+    int error_;
+    int markers_ = 0;
+    bool fails_now_ = false;
+    std::string failed_;
+    call_counts counts_;
+};
+
+constexpr int none = -1;
+
+#if defined __SANITIZE_ADDRESS__
+constexpr bool heap_can_fail = false;
+#else
+constexpr bool heap_can_fail = true;
+#endif
+
+} // namespace
+
+std::ostream &operator<<(std::ostream &stream, const run &what)
+{
+    return stream << "with a failing " << what.failed << ": " << what.seen << "\nblocks "
+                  << what.blocks;
+}
+
+int fail_each_call(int error, const std::function<result()> &operation,
+                   const std::function<void(const run &)> &judge)
+{
+    int runs = 0;
+    for (int call = 0;; ++call, ++runs) {
+        const traced_run attempt(operation, call, 0, error);
+        if (!attempt.ended())
+            ADD_FAILURE() << "call " << call << " ended the process: " << attempt.what();
+        if (!attempt.failed())
+            break;
+        judge(attempt.what());
+    }
+    for (int allocation = 1; heap_can_fail; ++allocation, ++runs) {
+        const traced_run attempt(operation, none, allocation, 0);
+        run seen = attempt.what();
+        seen.failed = std::string("allocation ").append(std::to_string(allocation));
+        if (!attempt.ended())
+            ADD_FAILURE() << "the process ended " << seen;
+        if (!attempt.allocation_failed())
+            break;
+        judge(seen);
+    }
+    return runs;
+}
+
+call_counts system_calls_of(const std::function<void()> &operation)
+{
+    const auto call = [&] {
+        operation();
+        return 0;
+    };
+    const traced_run counted(call, none, 0, 0);
+    return counted.ended() ? counted.counts() : call_counts{{"did not end", 1}};
+}
+
+} // namespace test

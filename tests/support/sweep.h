@@ -1,0 +1,34 @@
+// Each system call and each allocation of an operation fails once.
+#pragma once
+
+#include "support/test.h"
+
+#include <functional>
+#include <map>
+#include <string>
+
+namespace test
+{
+
+// One run of an operation, in a child process: what it changes in memory is lost, what it does to
+// files stays.
+struct run {
+    std::string failed; // the call that failed, with its path if it has one: "open /dev/uio0"
+    outcome seen = {0, "", ""};
+    long blocks = 0; // on the heap after it and not before; always 0 under the address sanitizer
+};
+std::ostream &operator<<(std::ostream &stream, const run &what);
+
+// Runs the operation with its first system call failing with this error, then with its second, and
+// so on to the last; then with each of its allocations failing. A close or an unmapping that fails
+// has been done all the same, as in a kernel. Output to the standard streams does not fail. `judge`
+// sees what came of each run. Returns how many there were.
+int fail_each_call(int error, const std::function<result()> &operation,
+                   const std::function<void(const run &)> &judge);
+
+// How often the operation makes each system call, by its name; "#N" for one without a name here.
+// One that does not end normally has made {{"did not end", 1}}.
+using call_counts = std::map<std::string, int>;
+call_counts system_calls_of(const std::function<void()> &operation);
+
+} // namespace test

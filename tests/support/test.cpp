@@ -1,0 +1,135 @@
+#include "support/test.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace test
+{
+namespace
+{
+
+// A standard stream that goes to a file while this lives.
+class capture
+{
+public:
+    explicit capture(int number)
+        : number_(number), saved_(::fcntl(number, F_DUPFD_CLOEXEC, 100)),
+          file_(::memfd_create("captured", MFD_CLOEXEC))
+    {
+        if (saved_ < 0 || file_ < 0 || ::dup2(file_, number) < 0)
+            std::abort();
+    }
+
+    std::string end()
+    {
+        std::fflush(nullptr);
+        ::dup2(saved_, number_);
+        ::close(saved_);
+        std::string text(static_cast<size_t>(::lseek(file_, 0, SEEK_END)), '\0');
+        if (::pread(file_, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
+            std::abort();
+        ::close(file_);
+        return text;
+    }
+
+private:
+    int number_;
+    int saved_;
+    int file_;
+};
+
+} // namespace
+
+bool outcome::operator==(const outcome &seen) const
+{
+    return value == seen.value && err == seen.err && out == seen.out && opens == seen.opens &&
+           (error == seen.error || error == any_error || seen.error == any_error);
+}
+
+std::ostream &operator<<(std::ostream &stream, const outcome &what)
+{
+    stream << what.value.number;
+    if (what.error != any_error)
+        stream << ", errno " << what.error << " (" << std::strerror(what.error) << ")";
+    if (what.opens != 0)
+        stream << ", " << what.opens << " descriptors more";
+    return stream << "\nstderr: " << testing::PrintToString(what.err)
+                  << "\nstdout: " << testing::PrintToString(what.out);
+}
+
+outcome outcome_of(const std::function<result()> &call)
+{
+    outcome seen = {0, "", ""};
+    std::fflush(nullptr);
+    const long before = open_descriptors();
+    capture out(STDOUT_FILENO);
+    capture err(STDERR_FILENO);
+    errno = 0;
+    seen.value = call();
+    seen.error = errno;
+    seen.err = short_lines(err.end());
+    seen.out = short_lines(out.end());
+    seen.opens = open_descriptors() - before;
+    return seen;
+}
+
+streams output_of(const std::function<void()> &code)
+{
+    const outcome seen = outcome_of([&] {
+        code();
+        return 0;
+    });
+    return {seen.out, seen.err};
+}
+
+long open_descriptors()
+{
+    namespace fs = std::filesystem;
+    // The one that the count itself uses comes and goes.
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()) - 1;
+}
+
+std::string short_lines(const std::string &text)
+{
+    std::string result;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        char level[16];
+        char function[64];
+        int length = 0;
+        for (const char *form : {"log[%15[A-Z_]]: lib/device_access/libuio:%*u:%63[^(](): %n",
+                                 "[%15[0-9]], lib/device_access/pci_sysfs:%*u:%63[^(](): %n"})
+            if (length == 0)
+                std::sscanf(line.c_str(), form, level, function, &length);
+        if (length > 0)
+            result.append(level).append(1, ' ').append(function).append(": ");
+        result.append(line, static_cast<size_t>(length)).append(lines.eof() ? "" : "\n");
+    }
+    return result;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string difference(const std::string &one, const std::string &other)
+{
+    if (one.size() != other.size())
+        return "sizes " + std::to_string(one.size()) + " and " + std::to_string(other.size());
+    for (size_t i = 0; i < one.size(); ++i)
+        if (one[i] != other[i])
+            return "byte " + std::to_string(i);
+    return "";
+}
+
+} // namespace test

@@ -1,0 +1,69 @@
+// What every test program includes: how to state a call whole, and the files of the chassis.
+#pragma once
+
+#include "sim/chassis.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <concepts>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <ostream>
+#include <string>
+
+namespace test
+{
+
+constexpr int any_error = -1;
+
+// A call's result: a number, or a pointer of which only NULL or not NULL counts.
+struct result {
+    intmax_t number;
+    result(std::integral auto value) : number(static_cast<intmax_t>(value)) {}
+    result(const void *pointer) : number(pointer ? 1 : 0) {}
+    bool operator==(const result &) const = default;
+};
+inline const void *const a_pointer = &errno;
+
+// All that a call does to its process. What an expectation does not name must not happen.
+struct outcome {
+    result value;
+    std::string err;       // on standard error
+    std::string out;       // on standard output
+    int error = any_error; // errno after the call, which finds 0 there
+    long opens = 0;        // descriptors that are open after it and were not before
+    bool operator==(const outcome &seen) const;
+};
+std::ostream &operator<<(std::ostream &stream, const outcome &what);
+
+// Makes the call. Both streams are the process's own again when it returns, so that what is
+// asserted of the outcome is seen.
+outcome outcome_of(const std::function<result()> &call);
+
+// States a call whole: DOES(call, result, standard error, standard output, errno, descriptors).
+#define DOES(call, ...)                                                                            \
+    EXPECT_EQ((test::outcome{__VA_ARGS__}), test::outcome_of([&] { return call; }))
+
+// What a piece of code writes to standard output and to standard error.
+struct streams {
+    std::string out, err;
+};
+streams output_of(const std::function<void()> &code);
+
+// How many descriptors the process has open.
+long open_descriptors();
+
+// Diagnostic lines of libuio ("log[LEVEL]: lib/device_access/libuio:LINE:FUNCTION(): TEXT") and of
+// the PCI scan ("[LEVEL], lib/device_access/pci_sysfs:LINE:FUNCTION(): TEXT") without what changes
+// from build to build: "LEVEL FUNCTION: TEXT". Outcomes have them so. Other lines stay as they are.
+std::string short_lines(const std::string &text);
+
+// A file's contents; "" when there is none.
+std::string read_file(const std::string &path);
+
+// Where two images differ; "" if they do not.
+std::string difference(const std::string &one, const std::string &other);
+
+} // namespace test
