@@ -188,9 +188,11 @@ private:
 
 //--- the logs of an instance ----------------------------------------------------------------------
 
-// None for a type that is none of the three.
+// None for no row, and for a type that is none of the three.
 pod_log_ring primary_log(const storage_info_t *row)
 {
+    if (!row)
+        return {};
     switch (row->type) {
     case PODSTORAGE_NVRAM:
         return nvram_ring(row->storage_inst_id);
@@ -209,9 +211,11 @@ pod_log_ring secondary_log(const storage_info_t *row)
     return {};
 }
 
-// The log an instance is switched to.
+// The log an instance is switched to; none for no row.
 pod_log_ring selected_log(const storage_info_t *row)
 {
+    if (!row)
+        return {};
     return use_primary_flag(row) ? primary_log(row) : secondary_log(row);
 }
 
@@ -544,19 +548,13 @@ int podlog_add(int inst_id, char *event_level, char *diag_string, const char *re
 
 int podlog_use_nxt_log(int inst_id)
 {
-    const storage_info_t *row = find_row_or_report(__func__, inst_id);
-    if (!row)
-        return -1;
-    pod_log_ring log = selected_log(row);
+    pod_log_ring log = selected_log(find_row_or_report(__func__, inst_id));
     return log ? log.use_nxt_log() : -1;
 }
 
 void podlog_close(int inst_id)
 {
-    const storage_info_t *row = find_row_or_report(__func__, inst_id);
-    if (!row)
-        return;
-    if (pod_log_ring log = selected_log(row))
+    if (pod_log_ring log = selected_log(find_row_or_report(__func__, inst_id)))
         log.close();
 }
 
@@ -589,19 +587,13 @@ int podlog_open_dir(const char *cardname)
 
 int podlog_read_dir(int log_num, time_t *ts)
 {
-    const storage_info_t *row = find_row_or_report(__func__, _hist_inst_id);
-    if (!row)
-        return -1;
-    pod_log_ring log = primary_log(row);
+    pod_log_ring log = primary_log(find_row_or_report(__func__, _hist_inst_id));
     return log ? log.read_dir(log_num, ts) : -1;
 }
 
 int podlog_close_dir(const char *cardname)
 {
-    const storage_info_t *row = find_card_or_report(__func__, cardname);
-    if (!row)
-        return -1;
-    pod_log_ring log = primary_log(row);
+    pod_log_ring log = primary_log(find_card_or_report(__func__, cardname));
     if (!log)
         return -1;
     log.close();
@@ -620,19 +612,14 @@ int podlog_open_log(const char *cardname, int log_num)
 
 int podlog_read_log(int offset, time_t *ts, char *msg, uint32_t buf_size)
 {
-    const storage_info_t *row = find_row_or_report(__func__, _curr_opened_log_inst_id);
-    if (!row)
-        return -1;
-    pod_log_ring log = primary_log(row);
+    pod_log_ring log = primary_log(find_row_or_report(__func__, _curr_opened_log_inst_id));
     return log ? log.read_log(offset, ts, msg, buf_size) : -1;
 }
 
 int podlog_read_raw_log(int offset, uint8_t *buf)
 {
     const storage_info_t *row = find_row_or_report(__func__, _curr_opened_log_inst_id);
-    if (!row)
-        return -1;
-    if (row->type == PODSTORAGE_NVRAM)
+    if (row && row->type == PODSTORAGE_NVRAM)
         return refuse(-1, "ERROR: %s: read raw log not support for NVRAM!\n", __func__);
     pod_log_ring log = primary_log(row);
     return log ? log.read_raw_log(offset, buf) : -1;

@@ -83,7 +83,7 @@ int eeprom_storage::mem_rd(int eeprom_id, int64_t position, void *data, uint32_t
 {
     const mem_access_fp_t rd_fp = row_of(eeprom_id).rd_fp;
     if (!rd_fp)
-        return refuse(0, "ERROR(%s): No binded EEPROM %d read function!\n", "pod_eeprom_mem_rd",
+        return refuse(0, "ERROR(pod_eeprom_mem_rd): No binded EEPROM %d read function!\n",
                       eeprom_id);
     if (!can_address(position, size))
         return 0;

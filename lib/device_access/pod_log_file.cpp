@@ -119,8 +119,8 @@ bool file_storage::open(int file_id, bool rdonly)
         return false;
     if (row.fd != -1) {
         for (const auto print : {print_error, print_output})
-            print("ERROR: %s: file %d current device is currently  opened already!\n",
-                  "podlog_file_init", file_id);
+            print("ERROR: podlog_file_init: file %d current device is currently  opened already!\n",
+                  file_id);
         return false;
     }
     unique_fd opened;

@@ -161,8 +161,10 @@ bool nvram_storage::open(int nvram_id, bool rdonly)
         return false;
     podlog::nvram_dev_info_t &row = nvram_row(nvram_id);
     if (row.fd != -1)
-        return refuse(false, "ERROR: %s: nvram %d current device is currently opened already!\n",
-                      "podlog_nvram_init", nvram_id);
+        return refuse(
+            false,
+            "ERROR: podlog_nvram_init: nvram %d current device is currently opened already!\n",
+            nvram_id);
     unique_fd opened;
     if (!open_dev_file(opened, row, rdonly))
         return false;
@@ -186,12 +188,27 @@ void nvram_storage::close(int nvram_id)
 
 int nvram_storage::mem_rd(int nvram_id, int64_t position, void *data, uint32_t size)
 {
-    return nvram_mem_rd(nvram_id, position, data, size);
+    const int fd = nvram_row(nvram_id).fd;
+    if (fd == -1)
+        return refuse(0, "ERROR: pod_nvram_mem_rd: nvram %d: cannot access device!\n", nvram_id);
+    const ssize_t length = ::pread(fd, data, size, position);
+    const uint32_t first = static_cast<uint32_t>(position);
+    if (length < 1)
+        return refuse(0, "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
+                      first, first + size - 1);
+    return static_cast<int>(length);
 }
 
 int nvram_storage::mem_wr(int nvram_id, int64_t position, const void *data, uint32_t size)
 {
-    return nvram_mem_wr(nvram_id, position, data, size);
+    const int fd = nvram_row(nvram_id).fd;
+    if (fd == -1)
+        return refuse(0, "ERROR: pod_nvram_mem_wr: cannot access device %d!\n", nvram_id);
+    const ssize_t length = ::pwrite(fd, data, size, position);
+    if (length < 1)
+        return refuse(0, "ERROR: pod_nvram_mem_wr: cannot write %d bytes to 0x%x!!\n",
+                      static_cast<int>(size), static_cast<uint32_t>(position));
+    return static_cast<int>(length);
 }
 
 pod_opening nvram_storage::judge(const pod_index &index, bool rdonly) const
@@ -260,13 +277,13 @@ void nvram_storage::report(int nvram_id, pod_fault fault, uint32_t detail) const
 
 bool nvram_storage::reset_beyond_log(int nvram_id)
 {
-    print_output("%s: reset POD status & fault injection\n", "podlog_nvram_reset");
+    print_output("podlog_nvram_reset: reset POD status & fault injection\n");
     const podlog::nvram_dev_info_t &row = nvram_row(nvram_id);
     uint32_t statuses[8];
     std::fill(std::begin(statuses), std::end(statuses), POD_STATUS_INVALID);
     const uint32_t no_faults = 0;
-    return nvram_mem_wr(nvram_id, row.pod_status_pos, statuses, sizeof statuses) > 0 &&
-           nvram_mem_wr(nvram_id, row.pod_faultinject_pos, &no_faults, sizeof no_faults) > 0;
+    return mem_wr(nvram_id, row.pod_status_pos, statuses, sizeof statuses) > 0 &&
+           mem_wr(nvram_id, row.pod_faultinject_pos, &no_faults, sizeof no_faults) > 0;
 }
 
 } // namespace
@@ -281,29 +298,9 @@ bool has_nvram(int nvram_id)
     return nvram_id >= 0 && nvram_id < static_cast<int>(std::size(_nvram_dev_info));
 }
 
-int nvram_mem_rd(int nvram_id, int64_t position, void *data, uint32_t size)
+pod_storage &nvram_devices()
 {
-    const int fd = nvram_row(nvram_id).fd;
-    if (fd == -1)
-        return refuse(0, "ERROR: pod_nvram_mem_rd: nvram %d: cannot access device!\n", nvram_id);
-    const ssize_t length = ::pread(fd, data, size, position);
-    const uint32_t first = static_cast<uint32_t>(position);
-    if (length < 1)
-        return refuse(0, "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
-                      first, first + size - 1);
-    return static_cast<int>(length);
-}
-
-int nvram_mem_wr(int nvram_id, int64_t position, const void *data, uint32_t size)
-{
-    const int fd = nvram_row(nvram_id).fd;
-    if (fd == -1)
-        return refuse(0, "ERROR: pod_nvram_mem_wr: cannot access device %d!\n", nvram_id);
-    const ssize_t length = ::pwrite(fd, data, size, position);
-    if (length < 1)
-        return refuse(0, "ERROR: pod_nvram_mem_wr: cannot write %d bytes to 0x%x!!\n",
-                      static_cast<int>(size), static_cast<uint32_t>(position));
-    return static_cast<int>(length);
+    return storage;
 }
 
 pod_log_ring nvram_ring(int nvram_id)
@@ -345,12 +342,12 @@ int podlog_nvram_open_dev_file(int nvram_id, int *nvram_fd, int flg_rdonly)
 
 int pod_nvram_mem_rd(int nvram_id, uint32_t offset, uint8_t *buffer, uint32_t num_byte)
 {
-    return nvram_mem_rd(nvram_id, offset, buffer, num_byte);
+    return storage.mem_rd(nvram_id, offset, buffer, num_byte);
 }
 
 int pod_nvram_mem_wr(int nvram_id, uint32_t offset, uint8_t *buffer, uint32_t num_byte)
 {
-    return nvram_mem_wr(nvram_id, offset, buffer, num_byte);
+    return storage.mem_wr(nvram_id, offset, buffer, num_byte);
 }
 
 int podlog_nvram_init(int nvram_id, int flg_rdonly)

@@ -37,12 +37,12 @@ int64_t status_position(int nvram_id, int mapped_index)
 bool read_word(int nvram_id, int64_t position, uint32_t &word)
 {
     word = 0;
-    return nvram_mem_rd(nvram_id, position, &word, sizeof word) > 0;
+    return nvram_devices().mem_rd(nvram_id, position, &word, sizeof word) > 0;
 }
 
 int write_word(int nvram_id, int64_t position, uint32_t word)
 {
-    return nvram_mem_wr(nvram_id, position, &word, sizeof word) > 0 ? 1 : -1;
+    return nvram_devices().mem_wr(nvram_id, position, &word, sizeof word) > 0 ? 1 : -1;
 }
 
 int set_status(int nvram_id, int inst_id, uint32_t status)

@@ -1,9 +1,9 @@
 // The POD log's NVRAM devices, as the POD status words beside the log need them.
 #pragma once
 
-#include <device_access/pod_log_nvram.h>
+#include "pod_storage.h"
 
-#include <cstdint>
+#include <device_access/pod_log_nvram.h>
 
 namespace device_access
 {
@@ -12,8 +12,6 @@ namespace device_access
 podlog::nvram_dev_info_t &nvram_row(int nvram_id);
 bool has_nvram(int nvram_id);
 
-// One transfer on an open device. Bytes moved; 0 on failure, which is reported.
-int nvram_mem_rd(int nvram_id, int64_t position, void *data, uint32_t size);
-int nvram_mem_wr(int nvram_id, int64_t position, const void *data, uint32_t size);
+pod_storage &nvram_devices();
 
 } // namespace device_access
