@@ -3,7 +3,7 @@
 #include "support/captured_output.h"
 #include "support/pod_image.h"
 
-#include <device_access/internal/pod_log_nvram_ring.h>
+#include <device_access/internal/pod_log_ring.h>
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,8 @@
 namespace
 {
 
-using device_access::nvram_ring;
+using device_access::pod_index;
+using device_access::pod_log_ring;
 using test_support::captured_output;
 
 // A region in memory whose histories' first entries have these times; 0 for an empty history.
@@ -51,8 +52,8 @@ protected:
     }
 
     podlog::nvram_dev_info_t &row = podlog::_nvram_dev_info[0];
-    nvram_ring ring{0};
-    const nvram_ring::index_t index = {0x1FE2C365, 9, 1600, 0};
+    pod_log_ring ring = device_access::nvram_ring(0);
+    const pod_index index = {0x1FE2C365, 9, 1600, 0};
 };
 
 TEST_F(pod_log_recovery, finds_the_history_with_the_newest_first_entry)
@@ -64,39 +65,39 @@ TEST_F(pod_log_recovery, finds_the_history_with_the_newest_first_entry)
         {{0, 30, 40, 40}, 2}, // an empty history 0 is passed over; the lower number wins a tie
         {{10, 0, 99, 99}, 0}, // any other ends the search
         {{10, 5, 0xFFFFFFFF80000000, 7}, 2},
-        {{0, 0, 5, 5}, nvram_ring::no_history},
+        {{0, 0, 5, 5}, pod_log_ring::no_history},
     };
     for (const auto &c : cases) {
         fill(c.times);
-        EXPECT_EQ(ring.find_latest_history(index), c.latest);
+        EXPECT_EQ(ring.find_latest_blk(index), c.latest);
     }
     row.num_subblock = 12; // the last one lies outside the region
     fill({1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1});
-    EXPECT_EQ(ring.find_latest_history(index), -1);
+    EXPECT_EQ(ring.find_latest_blk(index), -1);
     row.num_subblock = 0;
-    EXPECT_EQ(ring.find_latest_history(index), nvram_ring::no_history);
+    EXPECT_EQ(ring.find_latest_blk(index), pod_log_ring::no_history);
 }
 
 TEST_F(pod_log_recovery, guesses_the_current_history)
 {
     captured_output output;
-    EXPECT_EQ(ring.recover(index, 2), 1);
+    EXPECT_EQ(ring.guess(index, 2), 1);
     EXPECT_EQ(stored_index(), test_support::checked_pod_index(index.magic, 2, 1600));
     EXPECT_EQ(output.take_stdout(),
               "podlog_nvram_init: corrupted block index = 0x9 best guess = 0x2\n");
-    nvram_ring::index_t in_range = index;
+    pod_index in_range = index;
     in_range.header_index = 3;
-    EXPECT_EQ(ring.recover(in_range, 2), 1);
+    EXPECT_EQ(ring.guess(in_range, 2), 1);
     EXPECT_EQ(stored_index(), test_support::checked_pod_index(index.magic, 3, 1600));
     EXPECT_EQ(output.take_stdout(), "");
 
-    nvram_ring::index_t foreign = index;
+    pod_index foreign = index;
     foreign.magic = 1;
-    EXPECT_EQ(ring.recover(foreign, 2), -1);
+    EXPECT_EQ(ring.guess(foreign, 2), -1);
     const int writable = row.fd;
     row.fd = ::open(("/proc/self/fd/" + std::to_string(writable)).c_str(), O_RDONLY);
     output.take_stderr();
-    EXPECT_EQ(ring.recover(index, 2), -1);
+    EXPECT_EQ(ring.guess(index, 2), -1);
     EXPECT_EQ(output.take_stderr(), "ERROR: pod_nvram_mem_wr: cannot write 16 bytes to 0x20!!\n"
                                     "Failed to write NVRAM index structure!\n");
 }
@@ -107,11 +108,11 @@ TEST_F(pod_log_recovery, resets_what_cannot_be_guessed)
     const std::string fresh = test_support::checked_pod_index(index.magic, 0, 1600);
     captured_output output;
     for (int headers : {1, -1, 0})
-        EXPECT_EQ(ring.recover(index, headers), -1) << "all good is not enough";
+        EXPECT_EQ(ring.guess(index, headers), -1) << "all good is not enough";
     fill({0, 0, 0, 0});
-    EXPECT_EQ(ring.recover(index, 2), 1);
+    EXPECT_EQ(ring.guess(index, 2), 1);
     EXPECT_EQ(output.take_stdout(), "podlog_nvram_init: no available block log\n" + reset);
-    EXPECT_EQ(ring.recover(index, -3), 1);
+    EXPECT_EQ(ring.guess(index, -3), 1);
     EXPECT_EQ(output.take_stdout(), "podlog_nvram_init: invalid hdr structure found!\n" + reset);
     EXPECT_EQ(ring.accept(-3), 1);
     EXPECT_EQ(output.take_stdout(), "podlog_nvram_init: invalid header structure found.\n" + reset);
@@ -120,15 +121,6 @@ TEST_F(pod_log_recovery, resets_what_cannot_be_guessed)
     EXPECT_EQ(ring.accept(-1), -1);
     EXPECT_EQ(output.take_stdout() + output.take_stderr(), "");
     EXPECT_EQ(stored_index(), fresh);
-}
-
-TEST_F(pod_log_recovery, dumps_a_history_header)
-{
-    captured_output output;
-    nvram_ring::dump_log_block_header({0xA, 0xB, 0xC, 0x1122, 0xD});
-    EXPECT_EQ(output.take_stdout(),
-              "nvram_dump_log_block_header: \theader checksum = 0xa \n\t size = 0xb \n\t index = "
-              "0xc\n\t version = 0x1122 \n\t start = 0xd \n");
 }
 
 } // namespace

@@ -4,8 +4,8 @@
 #include <device_access/pod_log_nvram.h>
 #include <device_access/slot_names.h>
 
-#include "internal/messages.h"
-#include "internal/pod_log_raw_entry.h"
+#include "internal/pod_log_ring.h"
+#include "internal/print.h"
 #include "internal/unique_malloc.h"
 
 #include <algorithm>
@@ -92,8 +92,7 @@ int &use_primary_flag(const storage_info_t *row)
 
 int invalid_instance(const char *func, int inst_id)
 {
-    print_error("ERROR: %s: invalid instance id %d!\n", func, inst_id);
-    return -1;
+    return refuse(-1, "ERROR: %s: invalid instance id %d!\n", func, inst_id);
 }
 
 const storage_info_t *find_row_or_report(const char *func, int inst_id)
@@ -187,66 +186,37 @@ private:
     int count_ = 0;
 };
 
-//--- the backends ---------------------------------------------------------------------------------
+//--- the logs of an instance ----------------------------------------------------------------------
 
-struct backend {
-    int (*init)(int id, int flg_rdonly);
-    int (*add)(int id, char *event_level, char *diag_string, const char *ret_string,
-               const char *fmt, va_list args);
-    int (*use_nxt_log)(int id);
-    int (*open_dir)(int id);
-    int (*read_dir)(int id, int log_num, time_t *ts);
-    int (*close_dir)(int id);
-    int (*open_log)(int id, int log_num);
-    int (*read_log)(int id, int offset, time_t *ts, char *msg, uint32_t buf_size);
-    int (*read_raw_log)(int id, int offset, uint8_t *buf); // NULL: it has none
-    void (*close)(int id);
-};
-
-constexpr backend backends[] = {
-    // PODSTORAGE_NVRAM
-    {podlog_nvram_init, podlog_nvram_add, podlog_nvram_use_nxt_log, podlog_nvram_open_dir,
-     podlog_nvram_read_dir, podlog_nvram_close_dir, podlog_nvram_open_log, podlog_nvram_read_log,
-     nullptr, podlog_nvram_close},
-    // PODSTORAGE_FILE
-    {podlog_file_init, podlog_file_add, podlog_file_use_nxt_log, podlog_file_open_dir,
-     podlog_file_read_dir, podlog_file_close_dir, podlog_file_open_log, podlog_file_read_log,
-     podlog_file_read_raw_log, podlog_file_close},
-    // PODSTORAGE_EEPROM
-    {podlog_eeprom_init, podlog_eeprom_add, podlog_eeprom_use_nxt_log, podlog_eeprom_open_dir,
-     podlog_eeprom_read_dir, podlog_eeprom_close_dir, podlog_eeprom_open_log,
-     podlog_eeprom_read_log, podlog_eeprom_read_raw_log, podlog_eeprom_close},
-};
-
-// NULL for a type that is none of the three.
-const backend *primary_backend(const storage_info_t *row)
+// None for no row, and for a type that is none of the three.
+pod_log_ring primary_log(const storage_info_t *row)
 {
-    const auto type = static_cast<unsigned int>(row->type);
-    return type < std::size(backends) ? &backends[type] : nullptr;
+    if (!row)
+        return {};
+    switch (row->type) {
+    case PODSTORAGE_NVRAM:
+        return nvram_ring(row->storage_inst_id);
+    case PODSTORAGE_FILE:
+        return file_ring(row->storage_inst_id);
+    case PODSTORAGE_EEPROM:
+        return eeprom_ring(row->storage_inst_id);
+    }
+    return {};
 }
 
-constexpr const backend *secondary_backend = &backends[PODSTORAGE_EEPROM];
-
-// A backend and the index of a device in its table; without a backend, nothing to work on.
-struct storage {
-    const backend *ops;
-    int id;
-    explicit operator bool() const { return ops != nullptr; }
-};
-
-storage primary_storage(const storage_info_t *row)
+pod_log_ring secondary_log(const storage_info_t *row)
 {
-    return {primary_backend(row), row->storage_inst_id};
-}
-
-// The storage an instance is switched to.
-storage selected_storage(const storage_info_t *row)
-{
-    if (use_primary_flag(row))
-        return primary_storage(row);
     if (row->secondary_storage_type == POD2NDSTORAGE_EEPROM)
-        return {secondary_backend, row->secondary_storage_inst_id};
-    return {nullptr, -1};
+        return eeprom_ring(row->secondary_storage_inst_id);
+    return {};
+}
+
+// The log an instance is switched to; none for no row.
+pod_log_ring selected_log(const storage_info_t *row)
+{
+    if (!row)
+        return {};
+    return use_primary_flag(row) ? primary_log(row) : secondary_log(row);
 }
 
 //--- the run --------------------------------------------------------------------------------------
@@ -293,18 +263,16 @@ const storage_info_t *find_secondary_or_report(const char *func, int inst_id)
 // Room for one entry as either end of the copy takes it, and a NUL behind its text.
 unique_malloc<uint8_t> make_entry_buffer(const storage_info_t *row)
 {
-    const size_t source = row->type == PODSTORAGE_EEPROM
-                              ? eeprom_raw_entry_size(row->storage_inst_id)
-                              : file_raw_entry_size(row->storage_inst_id);
-    const size_t size = std::max(source, eeprom_raw_entry_size(row->secondary_storage_inst_id));
+    const pod_log_ring source = primary_log(row);
+    const pod_log_ring target = eeprom_ring(row->secondary_storage_inst_id);
+    const size_t size = std::max(source ? source.raw_entry_size() : 0, target.raw_entry_size());
     return unique_malloc<uint8_t>(static_cast<uint8_t *>(std::calloc(1, size + 1)));
 }
 
 // Whether a raw read has filled the header of an entry that was blank before: no valid one is.
 bool has_entry(const uint8_t *entry)
 {
-    return std::any_of(entry, entry + sizeof(podlog::nvram_log_t),
-                       [](uint8_t byte) { return byte != 0; });
+    return std::any_of(entry, entry + sizeof(pod_entry), [](uint8_t byte) { return byte != 0; });
 }
 
 // The last entry is read even when what follows it cannot be.
@@ -313,16 +281,15 @@ int copy_entries(const char *func, const storage_info_t *row, int offset)
     const unique_malloc<uint8_t> entry = make_entry_buffer(row);
     if (!entry)
         return -1;
+    pod_log_ring target = eeprom_ring(row->secondary_storage_inst_id);
     for (int count = 0; offset > 0; ++count) {
-        std::memset(entry.get(), 0, sizeof(podlog::nvram_log_t));
+        std::memset(entry.get(), 0, sizeof(pod_entry));
         offset = podlog_read_raw_log(offset, entry.get());
         if (!has_entry(entry.get()))
             return -1;
-        if (podlog_eeprom_add_raw_log(row->secondary_storage_inst_id, entry.get()) == -1) {
-            print_error("ERROR: %s: faild to write %dth log to the secondary storage!\n", func,
-                        count);
-            return -1;
-        }
+        if (target.add_raw_log(entry.get()) == -1)
+            return refuse(-1, "ERROR: %s: faild to write %dth log to the secondary storage!\n",
+                          func, count);
     }
     return 1;
 }
@@ -330,14 +297,11 @@ int copy_entries(const char *func, const storage_info_t *row, int offset)
 // Moves the secondary storage, opened by the copy, to its next history and closes it.
 int close_secondary_history(const char *func, const storage_info_t *row, int result)
 {
-    const int saved_flag = use_primary_flag(row);
-    use_primary_flag(row) = 0;
-    if (podlog_eeprom_use_nxt_log(row->secondary_storage_inst_id) == -1) {
-        print_error("ERROR: %s: faild to increment to next history for secondary storage!\n", func);
-        result = -1;
-    }
-    podlog_eeprom_close(row->secondary_storage_inst_id);
-    use_primary_flag(row) = saved_flag;
+    pod_log_ring target = eeprom_ring(row->secondary_storage_inst_id);
+    if (target.use_nxt_log() == -1)
+        result = refuse(
+            -1, "ERROR: %s: faild to increment to next history for secondary storage!\n", func);
+    target.close();
     return result;
 }
 
@@ -461,9 +425,8 @@ int podlog_set_curr_active_inst(int inst_id, int flg_rdonly)
     }
     if (flg_rdonly || inst_id == pod_state_info.active_inst_id)
         return 0;
-    print_error("ERROR: %s: POD currently running for %d and  cannot run card %d!\n", __func__,
-                pod_state_info.active_inst_id, inst_id);
-    return 1;
+    return refuse(1, "ERROR: %s: POD currently running for %d and  cannot run card %d!\n", __func__,
+                  pod_state_info.active_inst_id, inst_id);
 }
 
 int podlog_get_active_inst_id(void)
@@ -522,27 +485,21 @@ int podlog_cpy_curr_subblock_to_secondary(int inst_id)
     const char *const name = row->inst_name;
 
     use_primary_flag(row) = 0;
-    if (podlog_init(inst_id, 0) == -1) {
-        print_error("ERROR: %s: failed to open device for instance %d!\n", __func__, inst_id);
-        return -1;
-    }
+    if (podlog_init(inst_id, 0) == -1)
+        return refuse(-1, "ERROR: %s: failed to open device for instance %d!\n", __func__, inst_id);
     use_primary_flag(row) = 1;
     const int history = podlog_open_dir(name);
     podlog_close_dir(name);
-    if (history == -1) {
-        print_error("ERROR: failed when opening the storage device!\n");
-        return -1;
-    }
+    if (history == -1)
+        return refuse(-1, "ERROR: failed when opening the storage device!\n");
     if (history == -2)
         print_output("No log!\n");
 
     int result = copy_entries(__func__, row, podlog_open_log(name, history));
     result = close_secondary_history(__func__, row, result);
     const int closed = podlog_close_log(name, history);
-    if (closed != 1) {
-        print_error("ERROR: %s: faild to close podlog rtn_close=%d\n", __func__, closed);
-        result = closed;
-    }
+    if (closed != 1)
+        return refuse(closed, "ERROR: %s: faild to close podlog rtn_close=%d\n", __func__, closed);
     return result;
 }
 
@@ -553,22 +510,21 @@ int podlog_init(int inst_id, int flg_rdonly)
     const storage_info_t *row = find_row_or_report(__func__, inst_id);
     if (!row)
         return -1;
-    const storage primary = primary_storage(row);
+    pod_log_ring primary = primary_log(row);
     if (use_primary_flag(row)) {
-        if (primary && primary.ops->init(primary.id, flg_rdonly) != -1)
+        if (primary && primary.init(flg_rdonly != 0) != -1)
             return 1;
-        print_error("ERROR: %s: failed to initialize primary storage for instance id %d!\n",
-                    __func__, inst_id);
-        return -1;
+        return refuse(-1, "ERROR: %s: failed to initialize primary storage for instance id %d!\n",
+                      __func__, inst_id);
     }
-    const storage secondary = selected_storage(row);
-    if (!secondary || secondary.ops->init(secondary.id, flg_rdonly) != -1)
+    pod_log_ring secondary = secondary_log(row);
+    if (!secondary || secondary.init(flg_rdonly != 0) != -1)
         return 1;
     if (primary)
-        primary.ops->close(primary.id);
-    print_error("ERROR: %s: failed to initialize secondary storage (EEPROM) for instance %d!\n",
-                __func__, inst_id);
-    return -1;
+        primary.close();
+    return refuse(-1,
+                  "ERROR: %s: failed to initialize secondary storage (EEPROM) for instance %d!\n",
+                  __func__, inst_id);
 }
 
 int podlog_add(int inst_id, char *event_level, char *diag_string, const char *ret_string,
@@ -577,36 +533,29 @@ int podlog_add(int inst_id, char *event_level, char *diag_string, const char *re
     const storage_info_t *row = find_row_or_report(__func__, inst_id);
     if (!row)
         return -1;
-    if (!use_primary_flag(row) && row->secondary_storage_type == POD2NDSTORAGE_NONE) {
-        print_error("ERROR(%s): No secondary storage for instance id %d!\n", __func__, inst_id);
-        return 1;
-    }
-    const storage target = selected_storage(row);
-    if (!target)
+    if (!use_primary_flag(row) && row->secondary_storage_type == POD2NDSTORAGE_NONE)
+        return refuse(1, "ERROR(%s): No secondary storage for instance id %d!\n", __func__,
+                      inst_id);
+    pod_log_ring log = selected_log(row);
+    if (!log)
         return 1;
     va_list args;
     va_start(args, fmt);
-    const int result = target.ops->add(target.id, event_level, diag_string, ret_string, fmt, args);
+    const int result = log.add(event_level, diag_string, ret_string, fmt, args);
     va_end(args);
     return result == -1 ? -1 : 1;
 }
 
 int podlog_use_nxt_log(int inst_id)
 {
-    const storage_info_t *row = find_row_or_report(__func__, inst_id);
-    if (!row)
-        return -1;
-    const storage target = selected_storage(row);
-    return target ? target.ops->use_nxt_log(target.id) : -1;
+    pod_log_ring log = selected_log(find_row_or_report(__func__, inst_id));
+    return log ? log.use_nxt_log() : -1;
 }
 
 void podlog_close(int inst_id)
 {
-    const storage_info_t *row = find_row_or_report(__func__, inst_id);
-    if (!row)
-        return;
-    if (const storage target = selected_storage(row))
-        target.ops->close(target.id);
+    if (pod_log_ring log = selected_log(find_row_or_report(__func__, inst_id)))
+        log.close();
 }
 
 int podlog_chk_storage_integrity(void)
@@ -632,26 +581,23 @@ int podlog_open_dir(const char *cardname)
     if (!row)
         return -1;
     _hist_inst_id = row->inst_id;
-    const storage primary = primary_storage(row);
-    return primary ? primary.ops->open_dir(primary.id) : -1;
+    pod_log_ring log = primary_log(row);
+    return log ? log.open_dir() : -1;
 }
 
 int podlog_read_dir(int log_num, time_t *ts)
 {
-    const storage_info_t *row = find_row_or_report(__func__, _hist_inst_id);
-    if (!row)
-        return -1;
-    const storage primary = primary_storage(row);
-    return primary ? primary.ops->read_dir(primary.id, log_num, ts) : -1;
+    pod_log_ring log = primary_log(find_row_or_report(__func__, _hist_inst_id));
+    return log ? log.read_dir(log_num, ts) : -1;
 }
 
 int podlog_close_dir(const char *cardname)
 {
-    const storage_info_t *row = find_card_or_report(__func__, cardname);
-    if (!row)
+    pod_log_ring log = primary_log(find_card_or_report(__func__, cardname));
+    if (!log)
         return -1;
-    const storage primary = primary_storage(row);
-    return primary ? primary.ops->close_dir(primary.id) : -1;
+    log.close();
+    return 1;
 }
 
 int podlog_open_log(const char *cardname, int log_num)
@@ -660,32 +606,23 @@ int podlog_open_log(const char *cardname, int log_num)
     if (!row)
         return -1;
     _curr_opened_log_inst_id = row->inst_id;
-    const storage primary = primary_storage(row);
-    return primary ? primary.ops->open_log(primary.id, log_num) : -1;
+    pod_log_ring log = primary_log(row);
+    return log ? log.open_log(log_num) : -1;
 }
 
 int podlog_read_log(int offset, time_t *ts, char *msg, uint32_t buf_size)
 {
-    const storage_info_t *row = find_row_or_report(__func__, _curr_opened_log_inst_id);
-    if (!row)
-        return -1;
-    const storage primary = primary_storage(row);
-    return primary ? primary.ops->read_log(primary.id, offset, ts, msg, buf_size) : -1;
+    pod_log_ring log = primary_log(find_row_or_report(__func__, _curr_opened_log_inst_id));
+    return log ? log.read_log(offset, ts, msg, buf_size) : -1;
 }
 
 int podlog_read_raw_log(int offset, uint8_t *buf)
 {
     const storage_info_t *row = find_row_or_report(__func__, _curr_opened_log_inst_id);
-    if (!row)
-        return -1;
-    const storage primary = primary_storage(row);
-    if (!primary)
-        return -1;
-    if (!primary.ops->read_raw_log) {
-        print_error("ERROR: %s: read raw log not support for NVRAM!\n", __func__);
-        return -1;
-    }
-    return primary.ops->read_raw_log(primary.id, offset, buf);
+    if (row && row->type == PODSTORAGE_NVRAM)
+        return refuse(-1, "ERROR: %s: read raw log not support for NVRAM!\n", __func__);
+    pod_log_ring log = primary_log(row);
+    return log ? log.read_raw_log(offset, buf) : -1;
 }
 
 int podlog_close_log(const char *cardname, int)
@@ -693,8 +630,8 @@ int podlog_close_log(const char *cardname, int)
     const storage_info_t *row = find_card_or_report(__func__, cardname);
     if (!row)
         return -1;
-    if (const storage primary = primary_storage(row))
-        primary.ops->close(primary.id);
+    if (pod_log_ring log = primary_log(row))
+        log.close();
     return 1;
 }
 
@@ -739,30 +676,24 @@ int podlog_clr_all_faultinject(int inst_id)
     int nvram_id;
     if (podlog_get_pod_primary_storage_info(inst_id, &type, &nvram_id) != 1)
         return invalid_instance(__func__, inst_id);
-    if (type != PODSTORAGE_NVRAM) {
-        print_error("ERROR: %s: not suppored for instance %d!\n", __func__, inst_id);
-        return -1;
-    }
+    if (type != PODSTORAGE_NVRAM)
+        return refuse(-1, "ERROR: %s: not suppored for instance %d!\n", __func__, inst_id);
     return podlog_nvram_clr_all_faultinject(nvram_id);
 }
 
 uint32_t podlog_get_pod_status_cc(uint8_t slotId)
 {
     const int slot = GetSlotById(slotId)->slotN;
-    if (slot == -1) {
-        print_error("ERROR: %s: invalid slot id %d!\n", __func__, slot);
-        return status_unknown;
-    }
+    if (slot == -1)
+        return refuse(status_unknown, "ERROR: %s: invalid slot id %d!\n", __func__, slot);
     int nvram_id;
     int mapped_index;
-    if (podlog_get_podstatus_inst_info(slotId, &nvram_id, &mapped_index) != 1) {
-        print_error("ERROR: %s: slot %d not matched for pod status!\n", __func__, slot);
-        return status_unknown;
-    }
-    if (podlog_nvram_init(nvram_id, 0) == -1) {
-        print_error("ERROR: %s: cannot open POD Status stroage NVRAM %d!\n", __func__, nvram_id);
-        return status_unknown;
-    }
+    if (podlog_get_podstatus_inst_info(slotId, &nvram_id, &mapped_index) != 1)
+        return refuse(status_unknown, "ERROR: %s: slot %d not matched for pod status!\n", __func__,
+                      slot);
+    if (podlog_nvram_init(nvram_id, 0) == -1)
+        return refuse(status_unknown, "ERROR: %s: cannot open POD Status stroage NVRAM %d!\n",
+                      __func__, nvram_id);
     const uint32_t status = podlog_nvram_get_pod_status(nvram_id, slotId);
     podlog_nvram_close(nvram_id);
     return status;
@@ -782,11 +713,9 @@ int podlog_is_faultinject_cc(uint8_t slotId, int *faultinjected)
         return invalid_instance(__func__, slot);
     if (podlog_nvram_init(nvram_id, 0) == -1)
         return -1;
-    int result = podlog_nvram_is_faultinject(nvram_id, slotId, faultinjected);
+    const int result = podlog_nvram_is_faultinject(nvram_id, slotId, faultinjected);
     if (result == -1)
         print_error("ERROR: Fail to read fault inject for slot Id %d!\n", slotId);
-    else
-        result = 1;
     podlog_nvram_close(nvram_id);
-    return result;
+    return result == -1 ? -1 : 1;
 }

@@ -1,6 +1,5 @@
 #include <device_access/pod_log_eeprom.h>
 
-#include "internal/pod_log_raw_entry.h"
 #include "internal/pod_log_ring.h"
 
 #include <iterator>
@@ -29,122 +28,84 @@ eeprom_dev_info_t _eeprom_dev_info[] = {
 
 eeprom_dev_info_t nowhere = {""}; // stands for every id without EEPROM
 
-class eeprom_ring : public pod_bare_index_ring<eeprom_ring>
+bool has_eeprom(int eeprom_id)
+{
+    return eeprom_id >= 0 && eeprom_id < static_cast<int>(std::size(_eeprom_dev_info));
+}
+
+eeprom_dev_info_t &row_of(int eeprom_id)
+{
+    return has_eeprom(eeprom_id) ? _eeprom_dev_info[eeprom_id] : nowhere;
+}
+
+// The functions are only asked for what an int can address.
+bool can_address(int64_t position, uint32_t size)
+{
+    return position >= 0 && position + size <= INT32_MAX;
+}
+
+//--- the storage ----------------------------------------------------------------------------------
+
+class eeprom_storage final : public pod_storage
 {
 public:
-    static constexpr pod_log_traits traits = {
-        .overhead = 32,
-        .first_header = 44,
-        .status_position = index_position,
-        .name_limit = 15,
-        .dumps_epoch = true,
-        .announces_start = false,
-        .reports_failed_dump = false,
-        .init = "podlog_eeprom_init",
-        .get_log_hdr_pos = "eeprom_get_log_hdr_pos",
-        .get_curr_log_hdr_pos = "eeprom_get_curr_log_hdr_pos",
-        .read_dir = "podlog_eeprom_read_dir",
-        .dump_curr_log_msgs = "podlog_eeprom_dump_curr_log_msgs",
-        .dump_log_block_header = "eeprom_dump_log_block_header",
-    };
-
-    explicit eeprom_ring(int eeprom_id)
-        : id_(eeprom_id),
-          row_(eeprom_id >= 0 && eeprom_id < static_cast<int>(std::size(_eeprom_dev_info))
-                   ? _eeprom_dev_info[eeprom_id]
-                   : nowhere)
+    constexpr eeprom_storage()
+        : pod_storage({.kind = "eeprom",
+                       .index_size = sizeof(eeprom_log_index_t),
+                       .first_header = 44,
+                       .status_position = 32,
+                       .index_sets_distance = true,
+                       .dumps_epoch = true,
+                       .announces_start = false,
+                       .reports_failed_dump = false},
+                      0x1FE2C363)
     {
     }
 
-    eeprom_dev_info_t &row() const { return row_; }
-    bool exists() const { return &row_ != &nowhere; }
-
-    void bind(mem_access_fp_t rd_fp, mem_access_fp_t wr_fp)
-    {
-        if (!exists())
-            return;
-        row_.rd_fp = rd_fp;
-        row_.wr_fp = wr_fp;
-    }
-
-    int init(bool rdonly) { return exists() ? check(rdonly) : -1; }
-    void close() {}
-
-    int mem_rd(int64_t position, void *data, uint32_t size)
-    {
-        if (!row_.rd_fp) {
-            print_error("ERROR(%s): No binded EEPROM %d read function!\n", "pod_eeprom_mem_rd",
-                        id_);
-            return 0;
-        }
-        return has(position, size)
-                   ? row_.rd_fp(static_cast<uint32_t>(position), static_cast<uint8_t *>(data), size)
-                   : 0;
-    }
-
-    int mem_wr(int64_t position, const void *data, uint32_t size)
-    {
-        if (!row_.wr_fp) {
-            print_error("ERROR: No binded EEPROM write function!\n");
-            return 0;
-        }
-        return has(position, size)
-                   ? row_.wr_fp(static_cast<uint32_t>(position),
-                                const_cast<uint8_t *>(static_cast<const uint8_t *>(data)), size)
-                   : 0;
-    }
-
-    int add_raw_log(uint8_t *buf)
-    {
-        if (row_.msg_size < 0)
-            return -1;
-        const uint32_t room = static_cast<uint32_t>(row_.msg_size);
-        char *message = reinterpret_cast<char *>(buf + sizeof(pod_entry));
-        if (room > 0 && strnlen(message, size_t{room} + 1) > room)
-            message[room - 1] = '\0';
-        current_header current;
-        pod_entry old;
-        if (!load(current))
-            return -1;
-        const int64_t position = free_position(current);
-        if (position == -1) {
-            print_error("ERROR: %s: failed to get next available log position!\n",
-                        "podlog_eeprom_add_raw_log");
-            return -1;
-        }
-        if (!read(position, old) || !write_bytes(position, buf, uint32_t{sizeof(pod_entry)} + room))
-            return -1;
-        const int advanced = advance(current, position);
-        if (!advanced)
-            warn_of_full_history(current, position);
-        return write_header(current) ? advanced : -1;
-    }
-
-private:
-    static bool has(int64_t position, uint32_t size)
-    {
-        return position >= 0 && position + size <= last_position;
-    }
-
-    static void warn_of_full_history(const current_header &current, int64_t position)
-    {
-        print_output("WARNING:\n");
-        print_output("  hdr pos =0x%x log size =0x%x\n", static_cast<uint32_t>(current.position),
-                     current.log_size);
-        print_output("  lg pos =0x%x\n", static_cast<uint32_t>(position));
-        print_output("  NVLOG %s reached log area limit:\n", "POD LOG (EEPROM)");
-        print_output("  Subsequent entries will overide the last entry\n");
-    }
-
-    int id_;
-    eeprom_dev_info_t &row_;
+    pod_shape shape(int eeprom_id) const override { return shape_of(row_of(eeprom_id)); }
+    bool open(int eeprom_id, bool rdonly) override;
+    void close(int) override {}
+    int mem_rd(int eeprom_id, int64_t position, void *data, uint32_t size) override;
+    int mem_wr(int eeprom_id, int64_t position, const void *data, uint32_t size) override;
 };
+
+constinit eeprom_storage storage;
+
+bool eeprom_storage::open(int eeprom_id, bool)
+{
+    if (!has_eeprom(eeprom_id))
+        return false;
+    compute_subblock_size(row_of(eeprom_id), 32);
+    return true;
+}
+
+int eeprom_storage::mem_rd(int eeprom_id, int64_t position, void *data, uint32_t size)
+{
+    const mem_access_fp_t rd_fp = row_of(eeprom_id).rd_fp;
+    if (!rd_fp)
+        return refuse(0, "ERROR(pod_eeprom_mem_rd): No binded EEPROM %d read function!\n",
+                      eeprom_id);
+    if (!can_address(position, size))
+        return 0;
+    return rd_fp(static_cast<uint32_t>(position), static_cast<uint8_t *>(data), size);
+}
+
+int eeprom_storage::mem_wr(int eeprom_id, int64_t position, const void *data, uint32_t size)
+{
+    const mem_access_fp_t wr_fp = row_of(eeprom_id).wr_fp;
+    if (!wr_fp)
+        return refuse(0, "ERROR: No binded EEPROM write function!\n");
+    if (!can_address(position, size))
+        return 0;
+    uint8_t *const bytes = const_cast<uint8_t *>(static_cast<const uint8_t *>(data));
+    return wr_fp(static_cast<uint32_t>(position), bytes, size);
+}
 
 } // namespace
 
-size_t device_access::eeprom_raw_entry_size(int eeprom_id)
+pod_log_ring device_access::eeprom_ring(int eeprom_id)
 {
-    return eeprom_ring(eeprom_id).raw_entry_size();
+    return {storage, eeprom_id};
 }
 
 //--- the interface --------------------------------------------------------------------------------
@@ -152,17 +113,21 @@ size_t device_access::eeprom_raw_entry_size(int eeprom_id)
 void podlog_eeprom_set_pod_info(int eeprom_id, char *dev_name, int mem_size, int num_log,
                                 int msg_len, uint32_t align_msk)
 {
-    eeprom_ring(eeprom_id).describe(dev_name, mem_size, num_log, msg_len, align_msk);
+    if (has_eeprom(eeprom_id))
+        set_pod_info(row_of(eeprom_id), dev_name, 15, mem_size, num_log, msg_len, align_msk);
 }
 
 void podlog_bind_eeprom_access_func(int eeprom_id, mem_access_fp_t rd_fp, mem_access_fp_t wr_fp)
 {
-    eeprom_ring(eeprom_id).bind(rd_fp, wr_fp);
+    if (!has_eeprom(eeprom_id))
+        return;
+    row_of(eeprom_id).rd_fp = rd_fp;
+    row_of(eeprom_id).wr_fp = wr_fp;
 }
 
 void podlog_unbind_eeprom_access_func(int eeprom_id)
 {
-    eeprom_ring(eeprom_id).bind(nullptr, nullptr);
+    podlog_bind_eeprom_access_func(eeprom_id, nullptr, nullptr);
 }
 
 int podlog_eeprom_init(int eeprom_id, int flg_rdonly)

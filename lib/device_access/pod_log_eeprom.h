@@ -33,8 +33,14 @@
 #include <time.h>
 
 #include <device_access/device_access_api.h>
+#include <device_access/pod_log_file.h>
 
 DEVICE_ACCESS_BEGIN_DECLS
+
+/* The records of a log, which are those of a file. */
+typedef file_log_index_t eeprom_log_index_t;
+typedef file_log_header_t eeprom_log_header_t;
+typedef file_log_t eeprom_log_t;
 
 /*
  * Moves num_byte bytes between buffer and the EEPROM's log area at byte offset; a writing function

@@ -1,6 +1,5 @@
 #include <device_access/pod_log_file.h>
 
-#include "internal/pod_log_raw_entry.h"
 #include "internal/pod_log_ring.h"
 #include "internal/unique_fd.h"
 
@@ -39,135 +38,135 @@ file_dev_info_t _file_dev_info[] = {
 
 file_dev_info_t nowhere = {""}; // stands for every id without file
 
-class file_ring : public pod_bare_index_ring<file_ring>
+bool has_file(int file_id)
+{
+    return file_id >= 0 && file_id < static_cast<int>(std::size(_file_dev_info));
+}
+
+file_dev_info_t &row_of(int file_id)
+{
+    return has_file(file_id) ? _file_dev_info[file_id] : nowhere;
+}
+
+bool make_directory()
+{
+    const mode_t mask = ::umask(0);
+    if (::mkdir("/var/pod", 0777) != 0 && errno != EEXIST) {
+        const errno_guard keep;
+        std::perror("Unable to create POD directory");
+        return false; // with the mask still at 0
+    }
+    ::umask(mask);
+    return true;
+}
+
+bool fill_new_file(int fd)
+{
+    static char zeros[16384]; // not const: as such it would lie in the library's file
+    return ::pwrite(fd, zeros, sizeof zeros, 0) == ssize_t{sizeof zeros};
+}
+
+// False when the file is missing and cannot be made. One that cannot be opened for another reason
+// gives no descriptor, which the next access reports.
+bool open_dev_file(unique_fd &opened, const file_dev_info_t &row, bool rdonly)
+{
+    if (!make_directory())
+        return false;
+    const int access_mode = (rdonly ? O_RDONLY : row.attr) | O_CLOEXEC;
+    const pod_device_path path(row.name);
+    opened.reset(::open(path.str, access_mode));
+    if (opened || errno != ENOENT)
+        return true;
+    if (rdonly)
+        return refuse(false, "ERROR: file %s does not exist!\n", path.str);
+    opened.reset(::open(path.str, access_mode | O_CREAT, 0777));
+    if (!opened || fill_new_file(opened.get()))
+        return true;
+    return refuse(false, "ERROR: cannot write to file %s!\n", path.str);
+}
+
+//--- the storage ----------------------------------------------------------------------------------
+
+class file_storage final : public pod_storage
 {
 public:
-    static constexpr pod_log_traits traits = {
-        .overhead = 32,
-        .first_header = 44,
-        .status_position = 0,
-        .name_limit = 40,
-        .dumps_epoch = true,
-        .announces_start = false,
-        .reports_failed_dump = false,
-        .init = "podlog_file_init",
-        .get_log_hdr_pos = "file_get_log_hdr_pos",
-        .get_curr_log_hdr_pos = "file_get_curr_log_hdr_pos",
-        .read_dir = "podlog_file_read_dir",
-        .dump_curr_log_msgs = "podlog_file_dump_curr_log_msgs",
-        .dump_log_block_header = "file_dump_log_block_header",
-    };
-
-    explicit file_ring(int file_id)
-        : id_(file_id), row_(file_id >= 0 && file_id < static_cast<int>(std::size(_file_dev_info))
-                                 ? _file_dev_info[file_id]
-                                 : nowhere)
+    constexpr file_storage()
+        : pod_storage({.kind = "file",
+                       .index_size = sizeof(file_log_index_t),
+                       .first_header = 44,
+                       .status_position = 0,
+                       .index_sets_distance = true,
+                       .dumps_epoch = true,
+                       .announces_start = false,
+                       .reports_failed_dump = false},
+                      0x1FE2C363)
     {
     }
 
-    file_dev_info_t &row() const { return row_; }
-    bool exists() const { return &row_ != &nowhere; }
+    pod_shape shape(int file_id) const override { return shape_of(row_of(file_id)); }
+    bool open(int file_id, bool rdonly) override;
+    void close(int file_id) override;
+    int mem_rd(int file_id, int64_t position, void *data, uint32_t size) override;
+    int mem_wr(int file_id, int64_t position, const void *data, uint32_t size) override;
+};
 
-    int init(bool rdonly)
-    {
-        if (!exists())
-            return -1;
-        if (row_.fd != -1) {
-            for (const auto print : {print_error, print_output})
-                print("ERROR: %s: file %d current device is currently  opened already!\n",
-                      traits.init, id_);
-            return -1;
-        }
-        unique_fd opened;
-        if (!make_directory() || !open_file(opened, rdonly))
-            return -1;
-        row_.fd = opened.release();
-        const int result = check(rdonly);
-        if (result != 1)
-            close();
-        return result;
-    }
+constinit file_storage storage;
 
-    void close()
-    {
-        const unique_fd closing(row_.fd);
-        row_.fd = -1;
-    }
-
-    int mem_rd(int64_t position, void *data, uint32_t size)
-    {
-        if (row_.fd == -1) {
-            print_error("ERROR: pod_file_mem_rd: cannot access device!\n");
-            return 0;
-        }
-        const ssize_t length = ::pread(row_.fd, data, size, position);
-        if (length < 1) {
-            const uint32_t first = static_cast<uint32_t>(position);
-            print_error("ERROR: pod_file_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
-                        first, first + size - 1);
-            return 0;
-        }
-        return static_cast<int>(length);
-    }
-
-    int mem_wr(int64_t position, const void *data, uint32_t size)
-    {
-        if (row_.fd == -1) {
-            print_error("ERROR: pod_file_mem_wr: cannot access device for file instance %d !\n",
-                        id_);
-            return 0;
-        }
-        const ssize_t length = ::pwrite(row_.fd, data, size, position);
-        if (length < 1) {
-            print_error("ERROR: pod_file_mem_wr: cannot write!!\n");
-            return 0;
-        }
-        return static_cast<int>(length);
-    }
-
-private:
-    static bool make_directory()
-    {
-        const mode_t mask = ::umask(0);
-        if (::mkdir("/var/pod", 0777) != 0 && errno != EEXIST) {
-            const errno_guard keep;
-            std::perror("Unable to create POD directory");
-            return false; // with the mask still at 0
-        }
-        ::umask(mask);
-        return true;
-    }
-
-    // False when the file is missing and cannot be made. One that cannot be opened for another
-    // reason gives no descriptor, which the next access reports.
-    bool open_file(unique_fd &opened, bool rdonly) const
-    {
-        const int access_mode = (rdonly ? O_RDONLY : row_.attr) | O_CLOEXEC;
-        const pod_device_path path(row_.name);
-        opened.reset(::open(path.str, access_mode));
-        if (opened || errno != ENOENT)
-            return true;
-        if (rdonly) {
-            print_error("ERROR: file %s does not exist!\n", path.str);
-            return false;
-        }
-        static constexpr char zeros[16384] = {};
-        opened.reset(::open(path.str, access_mode | O_CREAT, 0777));
-        if (!opened || ::pwrite(opened.get(), zeros, sizeof zeros, 0) == ssize_t{sizeof zeros})
-            return true;
-        print_error("ERROR: cannot write to file %s!\n", path.str);
+bool file_storage::open(int file_id, bool rdonly)
+{
+    file_dev_info_t &row = row_of(file_id);
+    if (!has_file(file_id))
+        return false;
+    if (row.fd != -1) {
+        for (const auto print : {print_error, print_output})
+            print("ERROR: podlog_file_init: file %d current device is currently  opened already!\n",
+                  file_id);
         return false;
     }
+    unique_fd opened;
+    if (!open_dev_file(opened, row, rdonly))
+        return false;
+    row.fd = opened.release();
+    compute_subblock_size(row, 32);
+    return true;
+}
 
-    int id_;
-    file_dev_info_t &row_;
-};
+void file_storage::close(int file_id)
+{
+    file_dev_info_t &row = row_of(file_id);
+    const unique_fd closing(row.fd);
+    row.fd = -1;
+}
+
+int file_storage::mem_rd(int file_id, int64_t position, void *data, uint32_t size)
+{
+    const int fd = row_of(file_id).fd;
+    if (fd == -1)
+        return refuse(0, "ERROR: pod_file_mem_rd: cannot access device!\n");
+    const ssize_t length = ::pread(fd, data, size, position);
+    const uint32_t first = static_cast<uint32_t>(position);
+    if (length < 1)
+        return refuse(0, "ERROR: pod_file_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
+                      first, first + size - 1);
+    return static_cast<int>(length);
+}
+
+int file_storage::mem_wr(int file_id, int64_t position, const void *data, uint32_t size)
+{
+    const int fd = row_of(file_id).fd;
+    if (fd == -1)
+        return refuse(0, "ERROR: pod_file_mem_wr: cannot access device for file instance %d !\n",
+                      file_id);
+    const ssize_t length = ::pwrite(fd, data, size, position);
+    return length < 1 ? refuse(0, "ERROR: pod_file_mem_wr: cannot write!!\n")
+                      : static_cast<int>(length);
+}
 
 } // namespace
 
-size_t device_access::file_raw_entry_size(int file_id)
+pod_log_ring device_access::file_ring(int file_id)
 {
-    return file_ring(file_id).raw_entry_size();
+    return {storage, file_id};
 }
 
 //--- the interface --------------------------------------------------------------------------------
@@ -175,7 +174,16 @@ size_t device_access::file_raw_entry_size(int file_id)
 void podlog_file_set_pod_info(int file_id, char *dev_name, int mem_size, int num_log, int msg_len,
                               uint32_t align_msk)
 {
-    file_ring(file_id).describe(dev_name, mem_size, num_log, msg_len, align_msk);
+    if (has_file(file_id))
+        set_pod_info(row_of(file_id), dev_name, 40, mem_size, num_log, msg_len, align_msk);
+}
+
+int podlog_file_open_dev_file(int file_id, int *file_fd, int flg_rdonly)
+{
+    unique_fd opened;
+    const bool done = has_file(file_id) && open_dev_file(opened, row_of(file_id), flg_rdonly != 0);
+    *file_fd = done ? opened.release() : -1;
+    return done ? 1 : 0;
 }
 
 int podlog_file_init(int file_id, int flg_rdonly)

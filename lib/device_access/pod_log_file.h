@@ -40,6 +40,32 @@
 
 DEVICE_ACCESS_BEGIN_DECLS
 
+/* The records of a log, for programs that read such a file themselves. They are little-endian. */
+
+/* Index, 12 bytes at position 32. */
+typedef struct file_log_index {
+    uint32_t magic;        /* 0x1FE2C363 */
+    uint32_t header_index; /* number of the current history */
+    uint32_t log_size;     /* history size in bytes: header i is at 44 + i * log_size */
+} file_log_index_t;
+
+/* History header, 20 bytes at the start of each history. */
+typedef struct file_log_header {
+    uint32_t header_checksum; /* crc32_cksum of the 16 bytes behind it */
+    uint32_t log_size;        /* history size in bytes */
+    uint32_t index;           /* bytes of entries in use; the next goes to start + index */
+    uint32_t version;         /* 0x1122 */
+    uint32_t start;           /* position of the first entry */
+} file_log_header_t;
+
+/* Entry header, 16 bytes, directly followed by entry_size bytes of message. */
+typedef struct file_log {
+    uint64_t epoch_time;   /* 32-bit time of adding, sign-extended */
+    uint32_t log_checksum; /* crc32_cksum of this record with a log_checksum of 0 */
+    uint32_t entry_size;
+} file_log_t;
+
+
 /*
  * Describe a file, before use.
  *
@@ -64,6 +90,7 @@ DEVICE_ACCESS_API void podlog_file_set_pod_info(int file_id, char *dev_name, int
  * Returns 1; -1, with the file closed again, on failure. A file that is open already stays so, and
  * the call fails.
  */
+DEVICE_ACCESS_API int podlog_file_open_dev_file(int file_id, int *file_fd, int flg_rdonly);
 DEVICE_ACCESS_API int podlog_file_init(int file_id, int flg_rdonly);
 
 /* Close a file, if it is open. */

@@ -1,17 +1,17 @@
 #include <device_access/pod_log_nvram.h>
 
-#include "internal/pod_log_nvram_ring.h"
+#include "internal/pod_log_records.h"
+#include "internal/pod_nvram.h"
+#include "internal/print.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
 
+using namespace device_access;
+
 namespace
 {
-
-using device_access::nvram_ring;
-using device_access::print_error;
-using device_access::print_output;
 
 constexpr size_t name_size = sizeof pod_nvram_inst_map_t::name0[0];
 
@@ -29,27 +29,26 @@ int find_mapped_index(const pod_nvram_inst_map_t &map, int inst_id)
     return -1;
 }
 
-int64_t status_position(const nvram_ring &device, int mapped_index)
+int64_t status_position(int nvram_id, int mapped_index)
 {
-    return device.row().pod_status_pos + int64_t{4} * mapped_index;
+    return nvram_row(nvram_id).pod_status_pos + int64_t{4} * mapped_index;
 }
 
-bool read_word(nvram_ring &device, int64_t position, uint32_t &word)
+bool read_word(int nvram_id, int64_t position, uint32_t &word)
 {
     word = 0;
-    return device.mem_rd(position, &word, sizeof word) > 0;
+    return nvram_devices().mem_rd(nvram_id, position, &word, sizeof word) > 0;
 }
 
-int write_word(nvram_ring &device, int64_t position, uint32_t word)
+int write_word(int nvram_id, int64_t position, uint32_t word)
 {
-    return device.mem_wr(position, &word, sizeof word) > 0 ? 1 : -1;
+    return nvram_devices().mem_wr(nvram_id, position, &word, sizeof word) > 0 ? 1 : -1;
 }
 
 int set_status(int nvram_id, int inst_id, uint32_t status)
 {
-    nvram_ring device(nvram_id);
     const int index = nvram_get_podstatus_inst_mapped_index(nvram_id, inst_id);
-    return index == -1 ? -1 : write_word(device, status_position(device, index), status);
+    return index == -1 ? -1 : write_word(nvram_id, status_position(nvram_id, index), status);
 }
 
 } // namespace
@@ -63,26 +62,25 @@ void podlog_nvram_set_podstatus_info(int nvram_id, int num_inst, int *inst_id, c
     for (int i = 0; i < mapped_count(map); ++i) {
         map.index0[i] = inst_id[i];
         map.index1[i] = -1;
-        device_access::copy_pod_name(map.name0[0], inst_name[i], name_size);
+        copy_pod_name(map.name0[0], inst_name[i], name_size);
     }
     podlog_nvram_config_inst_mapping(nvram_id, &map);
 }
 
 void podlog_nvram_config_inst_mapping(int nvram_id, pod_nvram_inst_map_t *inst_map)
 {
-    const nvram_ring device(nvram_id);
-    if (device.exists())
-        device.row().inst_map = *inst_map;
+    if (has_nvram(nvram_id))
+        nvram_row(nvram_id).inst_map = *inst_map;
 }
 
 void podlog_nvram_get_inst_mapping(int nvram_id, pod_nvram_inst_map_t *inst_map)
 {
-    *inst_map = nvram_ring(nvram_id).row().inst_map;
+    *inst_map = nvram_row(nvram_id).inst_map;
 }
 
 int nvram_get_podstatus_inst_mapped_index(int nvram_id, int inst_id)
 {
-    const int index = find_mapped_index(nvram_ring(nvram_id).row().inst_map, inst_id);
+    const int index = find_mapped_index(nvram_row(nvram_id).inst_map, inst_id);
     if (index == -1) {
         print_error("ERROR: %s: invalid nvram id %d or inst id %d!\n ", __func__, nvram_id,
                     inst_id);
@@ -94,11 +92,9 @@ int nvram_get_podstatus_inst_mapped_index(int nvram_id, int inst_id)
 int nvram_get_podstatus_inst_info(int podsts_inst_id, int *nvram_id, int *mapped_index)
 {
     *nvram_id = -1;
-    const int index = find_mapped_index(nvram_ring(0).row().inst_map, podsts_inst_id);
-    if (index == -1) {
-        print_error("ERROR: %s: invalid inst id %d!\n ", __func__, podsts_inst_id);
-        return 0;
-    }
+    const int index = find_mapped_index(nvram_row(0).inst_map, podsts_inst_id);
+    if (index == -1)
+        return refuse(0, "ERROR: %s: invalid inst id %d!\n ", __func__, podsts_inst_id);
     *nvram_id = 0;
     *mapped_index = index;
     return 1;
@@ -106,7 +102,7 @@ int nvram_get_podstatus_inst_info(int podsts_inst_id, int *nvram_id, int *mapped
 
 void nvram_dump_podstatus_inst_mapping(int nvram_id)
 {
-    const pod_nvram_inst_map_t &map = nvram_ring(nvram_id).row().inst_map;
+    const pod_nvram_inst_map_t &map = nvram_row(nvram_id).inst_map;
     print_output("%s: nvram %d # of inst =%d \n", __func__, nvram_id, map.num_inst);
     for (int i = 0; i < mapped_count(map); ++i) {
         print_output(" inst index = %2d mapped to index0 =%2d for %.40s\n", i, map.index0[i],
@@ -147,10 +143,9 @@ uint32_t podlog_nvram_get_pod_status(int nvram_id, int inst_id)
         print_output("nvram %d: POD failure is injected for %d\n", nvram_id, inst_id);
         return POD_STATUS_FAILED;
     }
-    nvram_ring device(nvram_id);
     const int index = nvram_get_podstatus_inst_mapped_index(nvram_id, inst_id);
     uint32_t word;
-    if (index == -1 || !read_word(device, status_position(device, index), word) || word >> 31)
+    if (index == -1 || !read_word(nvram_id, status_position(nvram_id, index), word) || word >> 31)
         return POD_STATUS_INVALID;
     return word == 0 ? POD_STATUS_PASSED : POD_STATUS_FAILED;
 }
@@ -164,7 +159,7 @@ int podlog_nvram_set_pod_status(int, int inst_id, int pod_status)
 
 int podlog_nvram_get_faultinject_pos(int nvram_id)
 {
-    return nvram_ring(nvram_id).row().pod_faultinject_pos;
+    return nvram_row(nvram_id).pod_faultinject_pos;
 }
 
 int podlog_nvram_is_faultinject(int, int, int *faultinjected)
@@ -177,30 +172,28 @@ int podlog_nvram_is_faultinject(int, int, int *faultinjected)
 
 int podlog_nvram_clr_all_faultinject(int nvram_id)
 {
-    nvram_ring device(nvram_id);
-    return write_word(device, device.row().pod_faultinject_pos, 0);
+    return write_word(nvram_id, nvram_row(nvram_id).pod_faultinject_pos, 0);
 }
 
 int podlog_nvram_faultinject_pod_status(int nvram_id, int inst_id, int clr)
 {
-    nvram_ring device(nvram_id);
-    const int64_t position = device.row().pod_faultinject_pos;
+    const int64_t position = nvram_row(nvram_id).pod_faultinject_pos;
     uint32_t mask;
-    if (!read_word(device, position, mask))
+    if (!read_word(nvram_id, position, mask))
         return -1;
     const int index = nvram_get_podstatus_inst_mapped_index(nvram_id, inst_id);
     if (index == -1)
         return -1;
     const uint32_t bit = uint32_t{1} << index;
-    return write_word(device, position, clr ? mask & ~bit : mask | bit);
+    return write_word(nvram_id, position, clr ? mask & ~bit : mask | bit);
 }
 
 int nvram_disp_faultinject_status(int nvram_id)
 {
-    nvram_ring device(nvram_id);
-    const pod_nvram_inst_map_t &map = device.row().inst_map;
+    const podlog::nvram_dev_info_t &row = nvram_row(nvram_id);
+    const pod_nvram_inst_map_t &map = row.inst_map;
     uint32_t mask;
-    if (!read_word(device, device.row().pod_faultinject_pos, mask))
+    if (!read_word(nvram_id, row.pod_faultinject_pos, mask))
         return -1;
     for (int i = 0; i < mapped_count(map); ++i) {
         if (!(mask >> i & 1))

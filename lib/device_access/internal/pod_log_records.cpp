@@ -26,17 +26,17 @@ uint32_t checksum_of(pod_entry entry)
 
 } // namespace
 
-uint32_t checksum_of(const podlog::nvram_log_index_t &index)
+uint32_t checksum_of(const pod_index &index)
 {
-    return crc32_cksum(&index, offsetof(podlog::nvram_log_index_t, checksum));
+    return crc32_cksum(&index, offsetof(pod_index, checksum));
 }
 
-bool is_valid(const pod_header &header)
+bool validate_hdr(const pod_header &header)
 {
     return header.header_checksum == checksum_of(header);
 }
 
-bool is_valid(const pod_entry &entry)
+bool validate_log_entry(const pod_entry &entry)
 {
     return entry.log_checksum == checksum_of(entry);
 }
@@ -54,6 +54,11 @@ pod_header fresh_header(int64_t position, uint32_t log_size)
 void seal(pod_header &header)
 {
     header.header_checksum = checksum_of(header);
+}
+
+void seal(pod_index &index)
+{
+    index.checksum = checksum_of(index);
 }
 
 pod_entry entry_of_now(uint32_t entry_size)

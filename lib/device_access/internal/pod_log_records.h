@@ -1,6 +1,8 @@
 // The records of the POD log, as they lie on every kind of storage.
 #pragma once
 
+#include <device_access/pod_log_eeprom.h>
+#include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
 
 #include <cstdarg>
@@ -11,40 +13,41 @@
 namespace device_access
 {
 
-// History header and entry header are the same on every storage.
-using pod_header = podlog::nvram_log_header_t;
-using pod_entry = podlog::nvram_log_t;
+// Files and EEPROMs store the same index without its checksum; the rest is the same everywhere.
+using pod_index = podlog::nvram_log_index_t;
+using pod_header = file_log_header_t;
+using pod_entry = file_log_t;
 
-static_assert(sizeof(podlog::nvram_log_index_t) == 16);
-static_assert(offsetof(podlog::nvram_log_index_t, checksum) == 12);
+template <typename Index>
+constexpr bool is_laid_out_as_index = offsetof(Index, header_index) == 4 &&
+                                      offsetof(Index, log_size) == 8;
+static_assert(is_laid_out_as_index<pod_index> && sizeof(pod_index) == 16);
+static_assert(is_laid_out_as_index<file_log_index_t> && sizeof(file_log_index_t) == 12);
+static_assert(offsetof(pod_index, checksum) == sizeof(file_log_index_t));
 
-// The index of a file or an EEPROM.
-struct pod_bare_index {
-    uint32_t magic;
-    uint32_t header_index; // number of the current history
-    uint32_t log_size;     // history size in bytes
-};
-static_assert(sizeof(pod_bare_index) == 12);
-static_assert(offsetof(pod_bare_index, log_size) == 8);
+template <typename Header>
+constexpr bool is_laid_out_as_header = sizeof(Header) == 20 && offsetof(Header, log_size) == 4 &&
+                                       offsetof(Header, index) == 8 &&
+                                       offsetof(Header, version) == 12 &&
+                                       offsetof(Header, start) == 16;
+static_assert(is_laid_out_as_header<pod_header>);
+static_assert(is_laid_out_as_header<podlog::nvram_log_header_t>);
 
-static_assert(sizeof(pod_header) == 20);
-static_assert(offsetof(pod_header, log_size) == 4);
-static_assert(offsetof(pod_header, index) == 8);
-static_assert(offsetof(pod_header, version) == 12);
-static_assert(offsetof(pod_header, start) == 16);
+template <typename Entry>
+constexpr bool is_laid_out_as_entry = sizeof(Entry) == 16 && offsetof(Entry, log_checksum) == 8 &&
+                                      offsetof(Entry, entry_size) == 12;
+static_assert(is_laid_out_as_entry<pod_entry>);
+static_assert(is_laid_out_as_entry<podlog::nvram_log_t>);
 
-static_assert(sizeof(pod_entry) == 16);
-static_assert(offsetof(pod_entry, log_checksum) == 8);
-static_assert(offsetof(pod_entry, entry_size) == 12);
-
-uint32_t checksum_of(const podlog::nvram_log_index_t &index);
+uint32_t checksum_of(const pod_index &index);
 
 // A record is valid when its checksum is right; nothing else is looked at.
-bool is_valid(const pod_header &header);
-bool is_valid(const pod_entry &entry);
+bool validate_hdr(const pod_header &header);
+bool validate_log_entry(const pod_entry &entry);
 
 pod_header fresh_header(int64_t position, uint32_t log_size);
 void seal(pod_header &header);
+void seal(pod_index &index);
 
 // The header of an entry that is added now.
 pod_entry entry_of_now(uint32_t entry_size);
