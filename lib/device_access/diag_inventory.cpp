@@ -1,6 +1,6 @@
 #include <device_access/diag_inventory.h>
 
-#include "internal/messages.h"
+#include "internal/print.h"
 #include "internal/unique_fd.h"
 
 #include <device_access/slot_names.h>

@@ -3,8 +3,8 @@
 #include "internal/diagnostic_line.h"
 #include "internal/dir_list.h"
 #include "internal/errno_guard.h"
-#include "internal/messages.h"
 #include "internal/pci_root.h"
+#include "internal/print.h"
 #include "internal/unique_fd.h"
 
 #include <algorithm>

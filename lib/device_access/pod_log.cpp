@@ -4,8 +4,8 @@
 #include <device_access/pod_log_nvram.h>
 #include <device_access/slot_names.h>
 
-#include "internal/messages.h"
 #include "internal/pod_log_raw_entry.h"
+#include "internal/print.h"
 #include "internal/unique_malloc.h"
 
 #include <algorithm>

@@ -1,9 +1,9 @@
 #include <device_access/post_log_nvram.h>
 
 #include "internal/errno_guard.h"
-#include "internal/messages.h"
 #include "internal/nvram_block.h"
 #include "internal/post_log_records.h"
+#include "internal/print.h"
 #include "internal/unique_fd.h"
 
 #include <device_access/pod_log_crc_tmp.h>

@@ -1,7 +1,7 @@
 #include <device_access/post_log_nvram_pcie_access.h>
 
-#include "internal/messages.h"
 #include "internal/post_log_records.h"
+#include "internal/print.h"
 
 #include <device_access/regiomap_x86.h>
 

@@ -1,6 +1,6 @@
 #include "nvram_block.h"
 
-#include "messages.h"
+#include "print.h"
 
 #include <cerrno>
 #include <cstdio>

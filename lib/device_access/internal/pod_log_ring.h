@@ -2,8 +2,8 @@
 // layout, what a crash leaves, and in what the storages differ.
 #pragma once
 
-#include "messages.h"
 #include "pod_log_records.h"
+#include "print.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,19 +1,23 @@
-#include "messages.h"
+#include "print.h"
 
 #include "errno_guard.h"
 
-#include <cstdarg>
 #include <cstdio>
 
 namespace device_access
 {
 
-void print_error(const char *fmt, ...)
+void vprint_error(const char *fmt, va_list args)
 {
     const errno_guard keep;
+    std::vfprintf(stderr, fmt, args);
+}
+
+void print_error(const char *fmt, ...)
+{
     va_list args;
     va_start(args, fmt);
-    std::vfprintf(stderr, fmt, args);
+    vprint_error(fmt, args);
     va_end(args);
 }
 
