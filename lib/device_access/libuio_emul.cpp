@@ -281,32 +281,20 @@ void get_fpga_name(const libuio_dev_t &uio, uio_info_t &info)
 
 //--- register blocks ------------------------------------------------------------------------------
 
-// The ranges of a register block, NULL when an FPGA of this type has none of this name.
-const swfpga_region_spec *region_spec_lkup(swfpga_type type, const char *region_name)
-{
-    if (type >= std::size(swfpga_spec_list))
-        return nullptr;
-    const swfpga_spec &spec = swfpga_spec_list[type];
-    for (unsigned int i = 0; i < spec.uio_count; ++i)
-        if (::strcasecmp(spec.uio_spec[i].name, region_name) == 0)
-            return spec.uio_spec[i].region_spec;
-    return nullptr;
-}
-
+// Fills the maps of a register block; false when an FPGA of this type has none of this name.
 bool libuio_emul_find_maps(libuio_dev_t &uio, swfpga_type type, const char *region_name)
 {
-    const swfpga_region_spec *region = region_spec_lkup(type, region_name);
-    if (!region)
-        return false;
-    for (; !region_spec_is_end(*region); ++region) {
+    for (const swfpga::map_row &row : swfpga::map_table) {
+        if (!row.belongs_to(type) || ::strcasecmp(row.block, region_name) != 0)
+            continue;
         libuio_map_t &map = uio.map[uio.map_count];
         map.index = uio.map_count++;
-        map.bar = region->bar;
-        map.offset = static_cast<unsigned int>(region->first);
-        map.size = region->last - region->first + (region->bar == 0 ? 4096 : 0);
+        map.bar = row.bytes.bar;
+        map.offset = static_cast<unsigned int>(row.bytes.offset());
+        map.size = row.bytes.size();
         uio.map_index_max = map.index;
     }
-    return true;
+    return uio.map_count > 0;
 }
 
 } // namespace
