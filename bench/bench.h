@@ -25,6 +25,17 @@ struct row {
 
 void add(row added);
 
+// While the object lives, the process sees the machine's own /sys and not the chassis's.
+class real_machine
+{
+public:
+    static void remember(); // before the private root is entered
+    real_machine();
+    ~real_machine();
+    real_machine(const real_machine &) = delete;
+    real_machine &operator=(const real_machine &) = delete;
+};
+
 // Each adds its rows; the chassis's private root has been entered.
 void add_pci_rows();
 void add_uio_rows();

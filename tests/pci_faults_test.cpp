@@ -30,10 +30,10 @@ off_t unreadable = -1; // position in a file
 
 extern "C" {
 
-FILE *fopen(const char *path, const char *mode)
+int openat(int dir, const char *name, int flags, ...)
 {
-    return fails("fopen") ? nullptr
-                          : next<FILE *(const char *, const char *)>("fopen64")(path, mode);
+    return fails("openat") ? -1
+                           : next<int(int, const char *, int, ...)>("openat64")(dir, name, flags);
 }
 
 int open(const char *path, int flags, ...)
@@ -110,12 +110,23 @@ TEST_F(pci_faults, a_scan_without_memory_has_no_result_not_even_the_last_one)
 
 TEST_F(pci_faults, a_resource_table_that_leaves_between_its_two_openings_is_skipped)
 {
-    failing = {"fopen", ENOENT};
+    failing = {"openat", ENOENT, 5};
     EXPECT_EQ(scan(0), "7 sysfs_pci_arraylist_create: # of elements is 3\n\n"
                        "3 sysfs_fetch_resource_attr: Failed to open " +
                            root_port_dir +
                            "/resource\n\n"
                            "7 sysfs_pci_info_init: info_set has 3 entries\n\n");
+}
+
+TEST_F(pci_faults, a_function_that_no_descriptor_is_left_for_is_listed_without_its_attributes)
+{
+    failing = {"open", EMFILE};
+    std::string log = "7 sysfs_pci_arraylist_create: # of elements is 3\n\n";
+    for (const char *name :
+         {"device", "vendor", "subsystem_device", "subsystem_vendor", "resource"})
+        log += "3 sysfs_fill_attribute: Error opening the file_entry, " + root_port_dir + "/" +
+               name + "\n\n";
+    EXPECT_EQ(scan(0), log + "7 sysfs_pci_info_init: info_set has 3 entries\n\n");
 }
 
 TEST_F(pci_faults, a_window_that_may_not_be_opened_fails_the_mapping)

@@ -14,8 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-using device_access::print_error;
-using device_access::unique_fd;
+using namespace device_access;
 
 namespace
 {
@@ -67,10 +66,8 @@ int copy_from_serno(const char *slotName, uint8_t *pBuff, int room, int size)
     diag_inventory_t record;
     if (!diag_inventory_get_all(slotName, &record))
         return 0;
-    if (room < size) {
-        print_error("DIAG's INVENTORY: not enough memory for serial number\n");
-        return 0;
-    }
+    if (room < size)
+        return refuse(0, "DIAG's INVENTORY: not enough memory for serial number\n");
     std::memcpy(pBuff, record.serNo, static_cast<size_t>(size));
     return 1;
 }
@@ -92,10 +89,8 @@ int diag_inventory_store(const char *slotName, diag_inventory_t *pContent)
     }
 
     const unique_fd file = open_for_writing(path.str);
-    if (!file) {
-        print_error("DIAG's INVENTORY: cannot open inventory %s!\n", path.str);
-        return 0;
-    }
+    if (!file)
+        return refuse(0, "DIAG's INVENTORY: cannot open inventory %s!\n", path.str);
     write_record(file, *pContent);
     return 1;
 }
@@ -104,16 +99,13 @@ int diag_inventory_get_all(const char *slotName, diag_inventory_t *pContent)
 {
     const inv_file_name path = get_inv_file_name(slotName);
     const unique_fd file(::open(path.str, O_RDONLY | O_CLOEXEC));
-    if (!file) {
-        print_error("DIAG's INVENTORY: cannot open inventory %s\n", path.str);
-        return 0;
-    }
+    if (!file)
+        return refuse(0, "DIAG's INVENTORY: cannot open inventory %s\n", path.str);
     if (::read(file.get(), pContent, sizeof *pContent) == sizeof *pContent &&
         std::memcmp(pContent->magicWord, magic_word, sizeof magic_word) == 0 &&
         std::memcmp(pContent->formatRev, format_rev, sizeof format_rev) == 0)
         return 1;
-    print_error("DIAG's INVENTORY: inventory %s is corrupted\n", path.str);
-    return 0;
+    return refuse(0, "DIAG's INVENTORY: inventory %s is corrupted\n", path.str);
 }
 
 int diag_inventory_get_serno(const char *slotName, uint8_t *pBuff, int size)

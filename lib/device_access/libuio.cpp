@@ -13,6 +13,7 @@
 #include "internal/unique_fd.h"
 #include "internal/unique_malloc.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -41,13 +42,11 @@ bool libuio_check(const char *devnode_name, const timespec *max_wait)
     struct stat status;
     if (::stat(devnode_name, &status) == 0)
         return true;
-    if (errno != ENOENT) {
-        LIBUIO_ERR("stat(%s) failed: %s", devnode_name, error_text());
+    if (errno != ENOENT)
+        return LIBUIO_REFUSE(false, "stat(%s) failed: %s", devnode_name, error_text());
+    if (max_wait && max_wait->tv_sec == 0 && max_wait->tv_nsec == 0)
         return false;
-    }
     libuio_wait wait(max_wait);
-    if (wait.forbidden())
-        return false;
     do {
         if (::stat(devnode_name, &status) == 0)
             return true;
@@ -72,14 +71,10 @@ const char *libuio_scan_class_dir(libuio_path_t &buf, dev_t dev_id)
 const char *libuio_locate_class_dir(libuio_path_t &buf, const char *real_name)
 {
     struct stat status;
-    if (::lstat(real_name, &status) != 0) {
-        LIBUIO_ERR("lstat(%s) failed: %s", real_name, error_text());
-        return nullptr;
-    }
-    if (!S_ISCHR(status.st_mode)) {
-        LIBUIO_ERR("%s: not cdev", real_name);
-        return invalid_pointer();
-    }
+    if (::lstat(real_name, &status) != 0)
+        return LIBUIO_REFUSE(nullptr, "lstat(%s) failed: %s", real_name, error_text());
+    if (!S_ISCHR(status.st_mode))
+        return LIBUIO_REFUSE(invalid_pointer(), "%s: not cdev", real_name);
     if (libuio_extract_inst_id(real_name) >= 0)
         if (const char *found =
                 libuio_make_class_dir(buf, libuio_basename(real_name), status.st_rdev))
@@ -98,14 +93,11 @@ unique_malloc<char> libuio_locate_device_dir(const char *class_dir)
     char *end = device_dir.get() + std::strlen(device_dir.get());
     std::strcpy(end, "/uevent");
     struct stat status;
-    if (::lstat(device_dir.get(), &status) != 0) {
-        LIBUIO_ERR("lstat(%s) failed: %s", device_dir.get(), error_text());
-        return nullptr;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        LIBUIO_ERR("lstat(%s) found a non-regular file", device_dir.get());
-        return invalid_pointer();
-    }
+    if (::lstat(device_dir.get(), &status) != 0)
+        return LIBUIO_REFUSE(nullptr, "lstat(%s) failed: %s", device_dir.get(), error_text());
+    if (!S_ISREG(status.st_mode))
+        return LIBUIO_REFUSE(invalid_pointer(), "lstat(%s) found a non-regular file",
+                             device_dir.get());
     *end = '\0';
     LIBUIO_DEBUG("Found %s", device_dir.get());
     return device_dir;
@@ -116,18 +108,12 @@ bool libuio_fill_map(libuio_map_t &map, const char *maps_dir, const char *name)
     libuio_path_t buf;
     const char *path = libuio_concat_path(buf, {maps_dir, "/", name, "/size"});
     unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!file) {
-        LIBUIO_ERR("open(%s) failed: %s", path, error_text());
-        return false;
-    }
+    if (!file)
+        return LIBUIO_REFUSE(false, "open(%s) failed: %s", path, error_text());
     char text[41];
     const ssize_t length = ::pread(file.get(), text, sizeof text - 1, 0);
-    if (length <= 0) {
-        if (length == 0)
-            errno = EIO;
-        LIBUIO_ERR("pread(%s) failed: %s", path, error_text());
-        return false;
-    }
+    if (!has_moved(length))
+        return LIBUIO_REFUSE(false, "pread(%s) failed: %s", path, error_text());
     file.reset();
     text[length] = '\0';
     map.index = static_cast<unsigned int>(libuio_extract_map_id(name));
@@ -146,16 +132,14 @@ bool libuio_find_maps(libuio_dev_t &uio)
     if (!dir) {
         if (errno == ENOENT)
             return true;
-        LIBUIO_ERR("opendir(%s) failed: %s", maps_dir, error_text());
-        return false;
+        return LIBUIO_REFUSE(false, "opendir(%s) failed: %s", maps_dir, error_text());
     }
     while (const dirent *entry = ::readdir(dir.get())) {
         if (libuio_extract_map_id(entry->d_name) < 0)
             continue;
         if (uio.map_count == LIBUIO_MAX_MAPS) {
-            LIBUIO_ERR("max-map reached");
             errno = ENOMEM;
-            return false;
+            return LIBUIO_REFUSE(false, "max-map reached");
         }
         libuio_map_t &map = uio.map[uio.map_count];
         if (!libuio_fill_map(map, maps_dir, entry->d_name))
@@ -170,30 +154,19 @@ bool libuio_find_maps(libuio_dev_t &uio)
 bool libuio_open_files(libuio_dev_t &uio)
 {
     unique_fd node(::open(uio.devnode_name, O_RDWR | O_CLOEXEC));
-    if (!node) {
-        LIBUIO_ERR("open(%s) failed: %s", uio.devnode_name, error_text());
-        return false;
-    }
+    if (!node)
+        return LIBUIO_REFUSE(false, "open(%s) failed: %s", uio.devnode_name, error_text());
     unique_fd gone(libuio_open_device_attr(&uio, removal_attr, O_CLOEXEC));
     if (!gone && errno != ENOENT)
         return false;
     // A sysfs attribute must be read once before poll reports its changes.
     char first;
-    if (gone) {
-        const ssize_t length = ::pread(gone.get(), &first, 1, 0);
-        if (length != 1) {
-            if (length == 0)
-                errno = EIO;
-            LIBUIO_ERR("1st read(%s/%s) failed: %s", uio.sys_device_dir, removal_attr,
-                       error_text());
-            return false;
-        }
-    }
+    if (gone && !has_moved(::pread(gone.get(), &first, 1, 0)))
+        return LIBUIO_REFUSE(false, "1st read(%s/%s) failed: %s", uio.sys_device_dir, removal_attr,
+                             error_text());
     unique_fd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
-    if (!timer) {
-        LIBUIO_ERR("timerfd_create() failed: %s", error_text());
-        return false;
-    }
+    if (!timer)
+        return LIBUIO_REFUSE(false, "timerfd_create() failed: %s", error_text());
     uio.tmr_fd = timer.release();
     uio.uio_fd = node.release();
     uio.gone_fd = gone.release();
@@ -210,22 +183,57 @@ bool is_pci_device(const libuio_dev_t &uio)
            uio.sys_class_dir[length] == '/';
 }
 
-// Closes a descriptor of a handle; 0 is never one of ours.
-void close_descriptor(int &fd)
+//--- waiting --------------------------------------------------------------------------------------
+
+bool arm_timer(int timer, const timespec &deadline)
 {
-    if (fd > 0) {
-        ::close(fd);
-        fd = -1;
-    }
+    itimerspec expiry = {{0, 0}, deadline};
+    // An expiry of zero would disarm the timer instead.
+    if (expiry.it_value.tv_sec == 0 && expiry.it_value.tv_nsec == 0)
+        expiry.it_value.tv_nsec = 1;
+    return ::timerfd_settime(timer, TFD_TIMER_ABSTIME, &expiry, nullptr) == 0;
 }
 
-// Leaves the handle allocated, with nothing mapped and nothing open.
-void libuio_shut(libuio_dev_t &uio)
+// What a wait can end with, the most important first.
+enum class wait_event { removal, interrupt, deadline, none };
+
+// The descriptors that a wait watches.
+struct wait_set {
+    wait_set(const libuio_dev_t &uio, bool timed)
+    {
+        add(uio.uio_fd, wait_event::interrupt);
+        if (uio.gone_fd > 0)
+            add(uio.gone_fd, wait_event::removal);
+        if (timed)
+            add(uio.tmr_fd, wait_event::deadline);
+    }
+
+    void add(int fd, wait_event event)
+    {
+        entries[count] = {fd, POLLIN, 0};
+        events[count++] = event;
+    }
+
+    wait_event first_event() const
+    {
+        wait_event first = wait_event::none;
+        for (nfds_t i = 0; i < count; ++i)
+            if (entries[i].revents)
+                first = std::min(first, events[i]);
+        return first;
+    }
+
+    pollfd entries[3];
+    wait_event events[3];
+    nfds_t count = 0;
+};
+
+// Reads the count of interrupts, if it is asked for; unread, the interrupt stays pending.
+int take_interrupt(int node, uint32_t *event_count)
 {
-    libuio_munmap(&uio, 0);
-    close_descriptor(uio.gone_fd);
-    close_descriptor(uio.uio_fd);
-    close_descriptor(uio.tmr_fd);
+    if (!event_count)
+        return 0;
+    return ::pread(node, event_count, sizeof *event_count, 0) == sizeof *event_count ? 0 : -1;
 }
 
 } // namespace
@@ -264,38 +272,6 @@ libuio_dev_t *libuio_open_timed(const char *devnode_name, const struct timespec 
     return uio.release();
 }
 
-libuio_dev_t *libuio_adjust_size(libuio_dev_t *uio)
-{
-    if (!uio) {
-        LIBUIO_ERR("uio is NULL");
-        return nullptr;
-    }
-    const char *const strings[] = {uio->sys_device_dir, uio->sys_class_dir, uio->devnode_name};
-    const size_t fixed = sizeof(libuio_dev_t) + uio->map_count * sizeof(libuio_map_t);
-    size_t sizes[3];
-    for (int i = 0; i < 3; ++i)
-        sizes[i] = std::strlen(strings[i]) + 1;
-
-    void *block = std::realloc(uio, fixed + sizes[0] + sizes[1] + sizes[2]);
-    const long parts[] = {static_cast<long>(fixed), static_cast<long>(sizes[0]),
-                          static_cast<long>(sizes[1]), static_cast<long>(sizes[2])};
-    if (!block) {
-        LIBUIO_ERR("realloc (%ld+%ld+%ld+%ld) failed", parts[0], parts[1], parts[2], parts[3]);
-        errno = ENOMEM;
-        return nullptr;
-    }
-    libuio_dev_t *const moved = static_cast<libuio_dev_t *>(block);
-    const char **const fields[] = {&moved->sys_device_dir, &moved->sys_class_dir,
-                                   &moved->devnode_name};
-    char *tail = static_cast<char *>(block) + fixed;
-    for (int i = 0; i < 3; ++i) {
-        *fields[i] = static_cast<const char *>(std::memcpy(tail, strings[i], sizes[i]));
-        tail += sizes[i];
-    }
-    LIBUIO_DEBUG("realloc (%ld+%ld+%ld+%ld) ok", parts[0], parts[1], parts[2], parts[3]);
-    return moved;
-}
-
 void libuio_close(libuio_dev_t *uio)
 {
     if (!uio) {
@@ -312,20 +288,14 @@ int libuio_open_device_attr(const libuio_dev_t *uio, const char *attr_name, int 
 {
     if (!uio || !attr_name)
         return invalid_number();
-    if (attr_name[0] == '/') {
-        LIBUIO_ERR("%s: attr-name is not relative\n", attr_name);
-        return invalid_number();
-    }
-    if (!uio->sys_device_dir) {
-        LIBUIO_ERR("sys_device_dir is NULL\n");
-        errno = ENOENT;
-        return -1;
-    }
+    if (attr_name[0] == '/')
+        return LIBUIO_REFUSE(invalid_number(), "%s: attr-name is not relative\n", attr_name);
+    if (!uio->sys_device_dir)
+        return LIBUIO_REFUSE(failure(ENOENT), "sys_device_dir is NULL\n");
     const unique_fd dir(::open(uio->sys_device_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir) {
-        LIBUIO_ERR("open(%s,O_DIRECTORY) failed: %s", uio->sys_device_dir, error_text());
-        return -1;
-    }
+    if (!dir)
+        return LIBUIO_REFUSE(-1, "open(%s,O_DIRECTORY) failed: %s", uio->sys_device_dir,
+                             error_text());
     // The mode counts only with O_CREAT, which must not be without one.
     const int fd = ::openat(dir.get(), attr_name, flags, 0600);
     if (fd < 0 && errno != ENOENT)
@@ -372,38 +342,17 @@ int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask)
         libuio_map_t &map = uio->map[i];
         if (map.addr || libuio_is_masked(map, nop_mask))
             continue;
-        if (uio->uio_fd < 0) {
-            LIBUIO_ERR("UIO-fd closed");
-            return -static_cast<int>(map.index);
-        }
+        if (uio->uio_fd < 0)
+            return LIBUIO_REFUSE(-static_cast<int>(map.index), "UIO-fd closed");
         void *addr = ::mmap(nullptr, map.size, PROT_READ | PROT_WRITE, MAP_SHARED, uio->uio_fd,
                             off_t{map.index} * page_size);
-        if (addr == MAP_FAILED) {
-            LIBUIO_ERR("mmap(%ld, (%u*%ld)) failed: %s", static_cast<long>(map.size), map.index,
-                       page_size, error_text());
-            return -static_cast<int>(map.index);
-        }
+        if (addr == MAP_FAILED)
+            return LIBUIO_REFUSE(-static_cast<int>(map.index), "mmap(%ld, (%u*%ld)) failed: %s",
+                                 static_cast<long>(map.size), map.index, page_size, error_text());
         map.addr = addr;
         ++mapped;
     }
     return mapped;
-}
-
-void libuio_munmap(libuio_dev_t *uio, uint64_t nop_mask)
-{
-    if (!uio) {
-        errno = EINVAL;
-        return;
-    }
-    for (unsigned int i = 0; i < uio->map_count; ++i) {
-        libuio_map_t &map = uio->map[i];
-        if (!map.addr || libuio_is_masked(map, nop_mask))
-            continue;
-        if (::munmap(map.addr, map.size) != 0)
-            LIBUIO_DEBUG("munmap(%p, %#lx) failed: %s", map.addr,
-                         static_cast<unsigned long>(map.size), error_text());
-        map.addr = nullptr;
-    }
 }
 
 void *libuio_get_mapinfo(const libuio_dev_t *uio, unsigned int index, size_t *size)
@@ -437,16 +386,12 @@ int libuio_irqcontrol(libuio_dev_t *uio, int32_t flag)
         return invalid_number();
     const ssize_t length = ::pwrite(uio->uio_fd, &flag, sizeof flag, 0);
     const unsigned long shown = static_cast<uint32_t>(flag);
-    if (length < 0) {
-        LIBUIO_ERR("pwrite(%d, %#lx, 0) failed: %s", uio->uio_fd, shown, error_text());
-        return -1;
-    }
-    if (length != sizeof flag) {
-        LIBUIO_ERR("pwrite(%d, %#lx, 0) partial %ld", uio->uio_fd, shown,
-                   static_cast<long>(length));
-        errno = EIO;
-        return -1;
-    }
+    if (length < 0)
+        return LIBUIO_REFUSE(-1, "pwrite(%d, %#lx, 0) failed: %s", uio->uio_fd, shown,
+                             error_text());
+    if (length != sizeof flag)
+        return LIBUIO_REFUSE(failure(EIO), "pwrite(%d, %#lx, 0) partial %ld", uio->uio_fd, shown,
+                             static_cast<long>(length));
     return 0;
 }
 
@@ -454,62 +399,31 @@ int libuio_irqwait(libuio_dev_t *uio, const struct timespec *abs_timeout, uint32
 {
     if (!uio)
         return invalid_number();
-    if (uio->uio_fd < 0) {
-        errno = EBADF;
-        return -1;
-    }
-    if (uio->tmr_fd < 0) {
-        LIBUIO_ERR("Corrupted tmr_fd: %d\n", uio->tmr_fd);
-        return invalid_number();
-    }
+    if (uio->uio_fd < 0)
+        return failure(EBADF);
+    if (uio->tmr_fd < 0)
+        return LIBUIO_REFUSE(invalid_number(), "Corrupted tmr_fd: %d\n", uio->tmr_fd);
+    if (abs_timeout && !arm_timer(uio->tmr_fd, *abs_timeout))
+        return LIBUIO_REFUSE(-1, "timerfd_settime %llu,%llu failed: %s",
+                             static_cast<unsigned long long>(abs_timeout->tv_sec),
+                             static_cast<unsigned long long>(abs_timeout->tv_nsec), error_text());
+    wait_set set(*uio, abs_timeout != nullptr);
+    const int count = static_cast<int>(set.count);
+    if (::poll(set.entries, set.count, -1) <= 0)
+        return LIBUIO_REFUSE(-1, "poll(,%d,-1) failed: %s", count, error_text());
 
-    pollfd set[3];
-    nfds_t count = 0;
-    const pollfd *const node = &set[count];
-    set[count++] = {uio->uio_fd, POLLIN, 0};
-    const pollfd *gone = nullptr;
-    if (uio->gone_fd > 0) {
-        gone = &set[count];
-        set[count++] = {uio->gone_fd, POLLIN, 0};
-    }
-    const pollfd *timer = nullptr;
-    if (abs_timeout) {
-        itimerspec deadline = {{0, 0}, *abs_timeout};
-        // An expiry of zero would disarm the timer instead.
-        if (deadline.it_value.tv_sec == 0 && deadline.it_value.tv_nsec == 0)
-            deadline.it_value.tv_nsec = 1;
-        if (::timerfd_settime(uio->tmr_fd, TFD_TIMER_ABSTIME, &deadline, nullptr) != 0) {
-            LIBUIO_ERR("timerfd_settime %llu,%llu failed: %s",
-                       static_cast<unsigned long long>(abs_timeout->tv_sec),
-                       static_cast<unsigned long long>(abs_timeout->tv_nsec), error_text());
-            return -1;
-        }
-        timer = &set[count];
-        set[count++] = {uio->tmr_fd, POLLIN, 0};
-    }
-
-    if (::poll(set, count, -1) <= 0) {
-        LIBUIO_ERR("poll(,%d,-1) failed: %s", static_cast<int>(count), error_text());
-        return -1;
-    }
-    if (gone && gone->revents) {
+    switch (set.first_event()) {
+    case wait_event::removal:
         libuio_shut(*uio);
         LIBUIO_DEBUG("uio_maps removed");
-        errno = ECANCELED;
-        return -1;
-    }
-    if (node->revents) {
-        if (!event_count)
-            return 0;
-        const ssize_t length = ::pread(uio->uio_fd, event_count, sizeof *event_count, 0);
-        return length == sizeof *event_count ? 0 : -1;
-    }
-    if (timer && timer->revents) {
+        return failure(ECANCELED);
+    case wait_event::interrupt:
+        return take_interrupt(uio->uio_fd, event_count);
+    case wait_event::deadline:
         LIBUIO_DEBUG("poll() fires timer-fd (%d)", uio->tmr_fd);
-        errno = ETIMEDOUT;
-        return -1;
+        return failure(ETIMEDOUT);
+    case wait_event::none:
+        break;
     }
-    LIBUIO_ERR("poll(,%d,-1) failed: %s", static_cast<int>(count), error_text());
-    errno = EIO;
-    return -1;
+    return LIBUIO_REFUSE(failure(EIO), "poll(,%d,-1) failed: %s", count, error_text());
 }

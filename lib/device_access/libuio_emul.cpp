@@ -165,12 +165,20 @@ bool find_device_behind(const pci_address &port, device_path &device_dir)
     return first[0] && make_path(device_dir, "%s/%s", port_dir.str, first);
 }
 
+// Of an FPGA whose ranges are physical addresses in /dev/mem.
+constexpr char memory_dir[] = "/dev/";
+
+bool is_physical_memory(const libuio_dev_t &uio)
+{
+    return std::strcmp(uio.sys_device_dir, memory_dir) == 0;
+}
+
 // The directory whose files are the device's resources.
 bool pci_sysfs_rsrc_get_device_dir(const uio_info_t &info, device_path &dir)
 {
     switch (get_fpga_type(info)) {
     case SWFPGA_RP_PELLUM:
-        return make_path(dir, "/dev/");
+        return make_path(dir, "%s", memory_dir);
     case SWFPGA_RP_PELLUM2:
         return make_path(dir, "%s/0000:0d:00.0", pci_root);
     default:
@@ -218,8 +226,8 @@ void *map_file(const unique_fd &file, uint64_t length, uint64_t offset)
 void *pci_sysfs_rsrc_mmap_uio(const libuio_dev_t &uio, const libuio_map_t &map, size_t &rlength)
 {
     device_path path;
-    if (get_fpga_type(devnode_name_parse(uio.devnode_name)) == SWFPGA_RP_PELLUM)
-        make_path(path, "/dev/mem");
+    if (is_physical_memory(uio))
+        make_path(path, "%smem", memory_dir);
     else if (!make_path(path, "%s/resource%d", uio.sys_device_dir, static_cast<int>(map.bar)))
         return nullptr;
     const unique_fd file(::open(path.str, O_RDWR | O_CLOEXEC));
@@ -273,32 +281,20 @@ void get_fpga_name(const libuio_dev_t &uio, uio_info_t &info)
 
 //--- register blocks ------------------------------------------------------------------------------
 
-// The ranges of a register block, NULL when an FPGA of this type has none of this name.
-const swfpga_region_spec *region_spec_lkup(swfpga_type type, const char *region_name)
-{
-    if (type >= std::size(swfpga_spec_list))
-        return nullptr;
-    const swfpga_spec &spec = swfpga_spec_list[type];
-    for (unsigned int i = 0; i < spec.uio_count; ++i)
-        if (::strcasecmp(spec.uio_spec[i].name, region_name) == 0)
-            return spec.uio_spec[i].region_spec;
-    return nullptr;
-}
-
+// Fills the maps of a register block; false when an FPGA of this type has none of this name.
 bool libuio_emul_find_maps(libuio_dev_t &uio, swfpga_type type, const char *region_name)
 {
-    const swfpga_region_spec *region = region_spec_lkup(type, region_name);
-    if (!region)
-        return false;
-    for (; !region_spec_is_end(*region); ++region) {
+    for (const swfpga::map_row &row : swfpga::map_table) {
+        if (!row.belongs_to(type) || ::strcasecmp(row.block, region_name) != 0)
+            continue;
         libuio_map_t &map = uio.map[uio.map_count];
         map.index = uio.map_count++;
-        map.bar = region->bar;
-        map.offset = static_cast<unsigned int>(region->first);
-        map.size = region->last - region->first + (region->bar == 0 ? 4096 : 0);
+        map.bar = row.bytes.bar;
+        map.offset = static_cast<unsigned int>(row.bytes.offset());
+        map.size = row.bytes.size();
         uio.map_index_max = map.index;
     }
-    return true;
+    return uio.map_count > 0;
 }
 
 } // namespace
@@ -350,12 +346,11 @@ int libuio_emul_mmap(libuio_dev_t *uio, uint64_t nop_mask)
             continue;
         }
         map.addr = pci_sysfs_rsrc_mmap_uio(*uio, map, map.size);
-        if (!map.addr) {
-            LIBUIO_ERR("mmap(%ld, (%u*%ld)),%x,%d failed : %s", static_cast<long>(map.size),
-                       map.index, ::sysconf(_SC_PAGESIZE), map.offset, static_cast<int>(map.bar),
-                       error_text());
-            return -static_cast<int>(map.index);
-        }
+        if (!map.addr)
+            return LIBUIO_REFUSE(-static_cast<int>(map.index),
+                                 "mmap(%ld, (%u*%ld)),%x,%d failed : %s",
+                                 static_cast<long>(map.size), map.index, ::sysconf(_SC_PAGESIZE),
+                                 map.offset, static_cast<int>(map.bar), error_text());
         ++mapped;
     }
     return mapped;
@@ -369,16 +364,9 @@ int libuio_emul_device_enable(libuio_dev_t *uio_p, int32_t enable)
     unique_fd file;
     if (make_path(path, "%s/%s", uio_p->sys_device_dir, "enable"))
         file.reset(::open(path.str, O_WRONLY | O_CLOEXEC));
-    if (!file) {
-        LIBUIO_ERR("Failed to open %s (errno=%d)", path.str, errno);
-        return -1;
-    }
-    const ssize_t written = ::write(file.get(), enable ? "1" : "0", 1);
-    if (written != 1) {
-        if (written == 0)
-            errno = EIO;
-        LIBUIO_ERR("Failed to write to %s (errno=%d)", path.str, errno);
-        return -1;
-    }
+    if (!file)
+        return LIBUIO_REFUSE(-1, "Failed to open %s (errno=%d)", path.str, errno);
+    if (!has_moved(::write(file.get(), enable ? "1" : "0", 1)))
+        return LIBUIO_REFUSE(-1, "Failed to write to %s (errno=%d)", path.str, errno);
     return 0;
 }

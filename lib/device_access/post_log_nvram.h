@@ -170,9 +170,23 @@ DEVICE_ACCESS_API int postlog_validate_log_entry(nvram_log_t *lg);
 /*
  * Open a block's device file for reading, exclusively; up to 10 attempts, 0.5 to 1.5 ms apart. If
  * none succeeds the block is looked up by name in /sys/class/zmt_nvram (nvram0 to nvram19, without
- * gaps), its node is made, and opened without exclusion. Then the base address, size and mode in
- * sysfs replace those of the block's row, all three or none, and the header (blocks of fewer than
- * two histories) or the index is checked.
+ * gaps), its node is made, and opened without exclusion.
+ *
+ * nvram_fd: gets the descriptor, which the caller closes; -1 on failure.
+ *
+ * Returns 1; 0 on failure, with a message when the node cannot be made or, once made, not opened.
+ */
+DEVICE_ACCESS_API int postlog_nvram_open_dev_file(log_type_t blk, int *nvram_fd);
+
+/*
+ * Look a block up by name, as above, and let its base address, size and mode in sysfs replace those
+ * of the block's row, all three or none. Returns 1; -1 with a message.
+ */
+DEVICE_ACCESS_API int postlog_nvram_find_blk_properties(log_type_t blk);
+
+/*
+ * Open a block with the two calls above; without properties in sysfs those of its row stay, with a
+ * warning. Then check its header (blocks of fewer than two histories) or its index.
  *
  * Returns 1 with the block open; -1 with a message, and the block closed, unless it was open
  * already: then it stays so.

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include <sys/types.h>
+
 namespace device_access
 {
 
@@ -13,16 +15,35 @@ inline const char *error_text()
     return std::strerror(errno);
 }
 
+// Whether a read or a write moved anything; that it came to an end counts as an error.
+inline bool has_moved(ssize_t length)
+{
+    if (length == 0)
+        errno = EIO;
+    return length > 0;
+}
+
+inline int failure(int error)
+{
+    errno = error;
+    return -1;
+}
+
+inline int invalid_number()
+{
+    return failure(EINVAL);
+}
+
 inline std::nullptr_t invalid_pointer()
 {
     errno = EINVAL;
     return nullptr;
 }
 
-inline int invalid_number()
+inline std::nullptr_t no_memory()
 {
-    errno = EINVAL;
-    return -1;
+    errno = ENOMEM;
+    return nullptr;
 }
 
 } // namespace device_access

@@ -1,9 +1,12 @@
 // The FPGAs of the chassis: which one a name means, how it identifies itself, and which ranges of
-// its PCI resources make up its register blocks.
+// its PCI resources make up its register blocks. Texts stand in the rows, so that the loader has
+// nothing to relocate.
 #pragma once
 
 #include <device_access/libuio.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <iterator>
 
 namespace device_access
@@ -37,8 +40,8 @@ enum libuio_fpga_e {
 //--- names ----------------------------------------------------------------------------------------
 
 struct fpga_type_row {
-    const char *slot_prefix;
-    const char *fpga_name; // "" stands for a name that gives no FPGA
+    char slot_prefix[5];
+    char fpga_name[13]; // "" stands for a name that gives no FPGA
     swfpga_type type;
 };
 
@@ -65,9 +68,9 @@ inline constexpr fpga_type_row fpga_type_table[] = {
 };
 
 struct fpga_name_row {
-    const char *slot_prefix;
+    char slot_prefix[5];
     libuio_fpga_e code;
-    const char *fpga_name;
+    char fpga_name[13];
 };
 
 inline constexpr fpga_name_row fpga_name_table[] = {
@@ -79,38 +82,32 @@ inline constexpr fpga_name_row fpga_name_table[] = {
 
 //--- register blocks ------------------------------------------------------------------------------
 
-// A map: bytes first to last of PCI resource bar. In resource 0 last is where the last 4 KiB page
-// starts, in the others where the range ends.
-struct swfpga_region_spec {
-    unsigned int bar;
-    unsigned long first;
-    unsigned long last; // below first: the end of a list
-};
-
-struct swfpga_uio_spec {
-    const char *name;
-    const swfpga_region_spec *region_spec;
-};
-
-struct swfpga_spec {
-    swfpga_type dev_type;
-    unsigned int bar_count;
-    unsigned int uio_count;
-    const swfpga_uio_spec *uio_spec;
-};
-
-constexpr bool region_spec_is_end(const swfpga_region_spec &region)
-{
-    return region.last < region.first;
-}
-
 namespace swfpga
 {
 
-using range = swfpga_region_spec;
+constexpr unsigned long page_size = 4096;
 
-// As the end of a range that starts at 0: all of the resource file.
-inline constexpr unsigned long whole = 0xffffffff;
+// As the end of a range: all of the resource file.
+constexpr unsigned long whole = 0xffffffff;
+
+// A map of a register block: bytes of PCI resource bar, in pages.
+struct range {
+    // In resource 0 last is where the last page starts, in the others where the range ends.
+    constexpr range(unsigned int number, unsigned long first, unsigned long last)
+        : bar(static_cast<uint16_t>(number)), first_page(static_cast<uint16_t>(first / page_size)),
+          pages(last == whole ? all
+                              : static_cast<uint16_t>((last - first) / page_size + (bar == 0)))
+    {
+    }
+
+    constexpr unsigned long offset() const { return first_page * page_size; }
+    constexpr unsigned long size() const { return pages == all ? whole : pages * page_size; }
+
+    static constexpr uint16_t all = 0;
+    uint16_t bar;
+    uint16_t first_page;
+    uint16_t pages;
+};
 
 // One page of resource 0.
 constexpr range page(unsigned long start)
@@ -118,186 +115,160 @@ constexpr range page(unsigned long start)
     return {0, start, start};
 }
 
-// The maps of a register block, in the order of their numbers.
-template <range... Ranges>
-requires(sizeof...(Ranges) <= LIBUIO_MAX_MAPS) inline constexpr range maps[] = {Ranges...,
-                                                                                {0, 1, 0}};
-
-// clang-format off
-
-inline constexpr swfpga_uio_spec zarnik_fe = {"uio_fe", maps<range{1, 0, whole}, page(0x1000)>};
-
-inline constexpr swfpga_uio_spec local_zarnik[] = {
-    zarnik_fe,
-    {"uio_cmneqp", maps<range{0, 0x2000, 0x6000}>},
-    {"uio_cmbhub", maps<page(0x10000)>},
-    {"uio_glb", maps<page(0)>},
-};
-
-inline constexpr swfpga_uio_spec remote_zarnik[] = {
-    zarnik_fe,
-};
-
-template <unsigned int bar>
-inline constexpr auto &zarnik2_fe_maps = maps<
-    range{bar, 0x40000, 0x80000}, range{bar, 0x1000, 0x2000}, range{bar, 0x9000, 0xa000},
-    range{bar, 0, 0x1000}>;
-template <unsigned int bar>
-inline constexpr auto &zarnik2_ntb_maps = maps<
-    range{bar, 0, 0x1000}, range{bar, 0x1000, 0x2000}, range{bar, 0x9000, 0xa000},
-    range{bar, 0x8000, 0x9000}>;
-inline constexpr swfpga_uio_spec zarnik2_fe0 = {"uio_fe0", zarnik2_fe_maps<1>};
-inline constexpr swfpga_uio_spec zarnik2_fe1 = {"uio_fe1", zarnik2_fe_maps<2>};
-inline constexpr swfpga_uio_spec zarnik2_fe0_ntb = {"uio_fe0_ntb", zarnik2_ntb_maps<1>};
-inline constexpr swfpga_uio_spec zarnik2_fe1_ntb = {"uio_fe1_ntb", zarnik2_ntb_maps<2>};
-inline constexpr swfpga_uio_spec zarnik2_glb = {"uio_glb", maps<page(0)>};
-
-inline constexpr swfpga_uio_spec local_zarnik2[] = {
-    zarnik2_fe0,
-    zarnik2_fe1,
-    zarnik2_fe0_ntb,
-    zarnik2_fe1_ntb,
-    {"uio_cmneqp", maps<range{0, 0x2000, 0x5000}>},
-    {"uio_cmbhub", maps<page(0xa000), page(0x8000)>},
-    zarnik2_glb,
-};
-
-inline constexpr swfpga_uio_spec remote_zarnik2[] = {
-    zarnik2_fe0,
-    zarnik2_fe1,
-    zarnik2_fe0_ntb,
-    zarnik2_fe1_ntb,
-    zarnik2_glb,
-};
-
-inline constexpr swfpga_uio_spec rp_pellum[] = {
-    {"uio_brd_ctrl", maps<page(0xb0000)>},
-    {"uio_rpmb", maps<page(0xb3000)>},
-    {"uio_config", maps<page(0xb4000)>},
-    {"uio_cma", maps<page(0xb2000)>},
-    {"uio_ch_i2c", maps<page(0xb5000)>},
-};
-
-inline constexpr swfpga_uio_spec rp_pellum2[] = {
-    {"uio_brd_ctrl", maps<page(0)>},
-    {"uio_rpmb", maps<page(0x3000)>},
-    {"uio_config", maps<page(0x4000)>},
-    {"uio_cma", maps<page(0x2000)>},
-    {"uio_ch_i2c", maps<page(0x5000)>},
-    {"uio_spi_flsh", maps<page(0x6000)>},
-    {"uio_nvram", maps<range{1, 0, whole}>},
-};
-
-inline constexpr swfpga_uio_spec vostra_fe = {"uio_fe", maps<range{1, 0, whole}, page(0x6000)>};
-inline constexpr swfpga_uio_spec vostra_flash = {"uio_flash", maps<page(0x1000)>};
-inline constexpr swfpga_uio_spec sw_vostra_cma = {"uio_cma", maps<
-    range{0, 0x4000, 0x5000}, page(0x2000), page(0x8000)>};
-
-inline constexpr swfpga_uio_spec sw_vostra[] = {
-    vostra_fe,
-    vostra_flash,
-    sw_vostra_cma,
-};
-
-inline constexpr swfpga_uio_spec vostra2_fe0 = {"uio_fe0", maps<
-    range{1, 0x40000, 0x80000}, range{1, 0x1000, 0x2000}, page(0x38000)>};
-inline constexpr swfpga_uio_spec vostra2_fe1 = {"uio_fe1", maps<
-    range{2, 0x40000, 0x80000}, range{2, 0x1000, 0x2000}, page(0x39000)>};
-
-inline constexpr swfpga_uio_spec sw_vostra2[] = {
-    vostra2_fe0,
-    vostra2_fe1,
-    vostra_flash,
-    sw_vostra_cma,
-    {"uio_ntb", maps<
-        page(0x22000), page(0x23000), page(0x30000), page(0x31000), page(0x32000), page(0x33000),
-        page(0x38000), page(0x39000),
-        range{1, 0x1000, 0x2000}, range{2, 0x1000, 0x2000}>},
-};
-
-inline constexpr swfpga_uio_spec al_vostra_cma = {"uio_cma", maps<
-    range{0, 0x4000, 0x5000}, page(0x2000), page(0xb000), range{0, 0xc000, 0xd000}>};
-inline constexpr swfpga_uio_spec al_vostra_pci = {"uio_pci", maps<
-    range{2, 0, whole}, range{0, 0x10000, 0x14000}, page(0x9000), page(0x7000)>};
-inline constexpr swfpga_uio_spec al_vostra_tcm = {"uio_tcm", maps<page(0xa000)>};
-inline constexpr swfpga_uio_spec al_vostra_spi = {"uio_spi", maps<page(0xe000)>};
-inline constexpr swfpga_uio_spec al_vostra_cmb_emul = {"uio_cmb_emul", maps<page(0xf000)>};
-
-inline constexpr swfpga_uio_spec al_vostra[] = {
-    vostra_fe,
-    vostra_flash,
-    al_vostra_cma,
-    al_vostra_pci,
-    al_vostra_tcm,
-};
-
-inline constexpr swfpga_uio_spec al_vostrat[] = {
-    vostra_fe,
-    vostra_flash,
-    al_vostra_cma,
-    al_vostra_pci,
-    al_vostra_tcm,
-    al_vostra_spi,
-    al_vostra_cmb_emul,
-    {"uio_i2c", maps<page(0x3000)>},
-};
-
-inline constexpr swfpga_uio_spec al_vostra2[] = {
-    vostra2_fe0,
-    vostra2_fe1,
-    {"uio_ge0", maps<
-        range{3, 0, 0x100000}, range{4, 0, 0x4000000},
-        page(0), page(0x2a000), page(0x3a000), page(0x7000)>},
-    {"uio_ge1", maps<
-        range{3, 0x100000, 0x200000}, range{4, 0x4000000, 0x8000000},
-        page(0), page(0x2c000), page(0x3b000), page(0x3000)>},
-    {"uio_mdio", maps<page(0x9000)>},
-    vostra_flash,
-    al_vostra_cma,
-    al_vostra_tcm,
-    al_vostra_spi,
-    al_vostra_cmb_emul,
-    {"uio_ntb", maps<
-        page(0x22000), page(0x23000), page(0x30000), page(0x31000), page(0x32000), page(0x33000),
-        page(0x34000), page(0x35000), page(0x3a000), page(0x3b000), page(0x38000), page(0x39000),
-        page(0x2a000), page(0x2c000),
-        range{1, 0x1000, 0x2000}, range{2, 0x1000, 0x2000}>},
-};
-
-} // namespace swfpga
-
-// Indexed by type.
-inline constexpr swfpga_spec swfpga_spec_list[] = {
-    {SWFPGA_LOCAL_ZARNIK, 2, std::size(swfpga::local_zarnik), swfpga::local_zarnik},
-    {SWFPGA_REMOTE_ZARNIK, 2, std::size(swfpga::remote_zarnik), swfpga::remote_zarnik},
-    {SWFPGA_LOCAL_ZARNIK2, 3, std::size(swfpga::local_zarnik2), swfpga::local_zarnik2},
-    {SWFPGA_REMOTE_ZARNIK2, 3, std::size(swfpga::remote_zarnik2), swfpga::remote_zarnik2},
-    {SWFPGA_RP_PELLUM, 2, std::size(swfpga::rp_pellum), swfpga::rp_pellum},
-    {SWFPGA_RP_PELLUM2, 2, std::size(swfpga::rp_pellum2), swfpga::rp_pellum2},
-    {SWFPGA_SW_VOSTRA, 2, std::size(swfpga::sw_vostra), swfpga::sw_vostra},
-    {SWFPGA_SW_VOSTRA2, 3, std::size(swfpga::sw_vostra2), swfpga::sw_vostra2},
-    {SWFPGA_AL_VOSTRA, 3, std::size(swfpga::al_vostra), swfpga::al_vostra},
-    {SWFPGA_AL_VOSTRAT, 3, std::size(swfpga::al_vostrat), swfpga::al_vostrat},
-    {SWFPGA_AL_VOSTRA2, 5, std::size(swfpga::al_vostra2), swfpga::al_vostra2},
-};
-
-// clang-format on
-
-// Types index the list, and no block reaches into a resource that its FPGA does not have.
-constexpr bool swfpga_spec_list_is_sound()
+template <typename... Types>
+constexpr uint16_t any_of(Types... types)
 {
-    for (unsigned int type = 0; type < std::size(swfpga_spec_list); ++type) {
-        const swfpga_spec &spec = swfpga_spec_list[type];
-        if (spec.dev_type != type)
+    return static_cast<uint16_t>((... | (1u << types)));
+}
+
+constexpr uint16_t local_zarnik = any_of(SWFPGA_LOCAL_ZARNIK);
+constexpr uint16_t zarnik = any_of(SWFPGA_LOCAL_ZARNIK, SWFPGA_REMOTE_ZARNIK);
+constexpr uint16_t local_zarnik2 = any_of(SWFPGA_LOCAL_ZARNIK2);
+constexpr uint16_t zarnik2 = any_of(SWFPGA_LOCAL_ZARNIK2, SWFPGA_REMOTE_ZARNIK2);
+constexpr uint16_t pellum = any_of(SWFPGA_RP_PELLUM);
+constexpr uint16_t pellum2 = any_of(SWFPGA_RP_PELLUM2);
+constexpr uint16_t sw_vostra2 = any_of(SWFPGA_SW_VOSTRA2);
+constexpr uint16_t any_sw = any_of(SWFPGA_SW_VOSTRA, SWFPGA_SW_VOSTRA2);
+constexpr uint16_t al_vostrat = any_of(SWFPGA_AL_VOSTRAT);
+constexpr uint16_t al_vostra = any_of(SWFPGA_AL_VOSTRA, SWFPGA_AL_VOSTRAT);
+constexpr uint16_t al_vostra2 = any_of(SWFPGA_AL_VOSTRA2);
+constexpr uint16_t any_al = al_vostra | al_vostra2;
+constexpr uint16_t first_vostra = al_vostra | any_of(SWFPGA_SW_VOSTRA);
+constexpr uint16_t second_vostra = sw_vostra2 | al_vostra2;
+
+// A map of the block of this name that FPGAs of these types have.
+struct map_row {
+    uint16_t types;
+    char block[13];
+    range bytes;
+
+    constexpr bool belongs_to(swfpga_type type) const { return (types >> type & 1) != 0; }
+};
+
+// The maps of a block, in the order of their numbers.
+inline constexpr map_row map_table[] = {
+    {zarnik, "uio_fe", {1, 0, whole}},
+    {zarnik, "uio_fe", page(0x1000)},
+    {local_zarnik, "uio_cmneqp", {0, 0x2000, 0x6000}},
+    {local_zarnik, "uio_cmbhub", page(0x10000)},
+    {local_zarnik, "uio_glb", page(0)},
+
+    {zarnik2, "uio_fe0", {1, 0x40000, 0x80000}},
+    {zarnik2, "uio_fe0", {1, 0x1000, 0x2000}},
+    {zarnik2, "uio_fe0", {1, 0x9000, 0xa000}},
+    {zarnik2, "uio_fe0", {1, 0, 0x1000}},
+    {zarnik2, "uio_fe1", {2, 0x40000, 0x80000}},
+    {zarnik2, "uio_fe1", {2, 0x1000, 0x2000}},
+    {zarnik2, "uio_fe1", {2, 0x9000, 0xa000}},
+    {zarnik2, "uio_fe1", {2, 0, 0x1000}},
+    {zarnik2, "uio_fe0_ntb", {1, 0, 0x1000}},
+    {zarnik2, "uio_fe0_ntb", {1, 0x1000, 0x2000}},
+    {zarnik2, "uio_fe0_ntb", {1, 0x9000, 0xa000}},
+    {zarnik2, "uio_fe0_ntb", {1, 0x8000, 0x9000}},
+    {zarnik2, "uio_fe1_ntb", {2, 0, 0x1000}},
+    {zarnik2, "uio_fe1_ntb", {2, 0x1000, 0x2000}},
+    {zarnik2, "uio_fe1_ntb", {2, 0x9000, 0xa000}},
+    {zarnik2, "uio_fe1_ntb", {2, 0x8000, 0x9000}},
+    {local_zarnik2, "uio_cmneqp", {0, 0x2000, 0x5000}},
+    {local_zarnik2, "uio_cmbhub", page(0xa000)},
+    {local_zarnik2, "uio_cmbhub", page(0x8000)},
+    {zarnik2, "uio_glb", page(0)},
+
+    {pellum, "uio_brd_ctrl", page(0xb0000)},
+    {pellum, "uio_rpmb", page(0xb3000)},
+    {pellum, "uio_config", page(0xb4000)},
+    {pellum, "uio_cma", page(0xb2000)},
+    {pellum, "uio_ch_i2c", page(0xb5000)},
+
+    {pellum2, "uio_brd_ctrl", page(0)},
+    {pellum2, "uio_rpmb", page(0x3000)},
+    {pellum2, "uio_config", page(0x4000)},
+    {pellum2, "uio_cma", page(0x2000)},
+    {pellum2, "uio_ch_i2c", page(0x5000)},
+    {pellum2, "uio_spi_flsh", page(0x6000)},
+    {pellum2, "uio_nvram", {1, 0, whole}},
+
+    {first_vostra, "uio_fe", {1, 0, whole}},
+    {first_vostra, "uio_fe", page(0x6000)},
+    {second_vostra, "uio_fe0", {1, 0x40000, 0x80000}},
+    {second_vostra, "uio_fe0", {1, 0x1000, 0x2000}},
+    {second_vostra, "uio_fe0", page(0x38000)},
+    {second_vostra, "uio_fe1", {2, 0x40000, 0x80000}},
+    {second_vostra, "uio_fe1", {2, 0x1000, 0x2000}},
+    {second_vostra, "uio_fe1", page(0x39000)},
+    {any_sw, "uio_flash", page(0x1000)},
+    {any_sw, "uio_cma", {0, 0x4000, 0x5000}},
+    {any_sw, "uio_cma", page(0x2000)},
+    {any_sw, "uio_cma", page(0x8000)},
+    {sw_vostra2, "uio_ntb", page(0x22000)},
+    {sw_vostra2, "uio_ntb", page(0x23000)},
+    {sw_vostra2, "uio_ntb", page(0x30000)},
+    {sw_vostra2, "uio_ntb", page(0x31000)},
+    {sw_vostra2, "uio_ntb", page(0x32000)},
+    {sw_vostra2, "uio_ntb", page(0x33000)},
+    {sw_vostra2, "uio_ntb", page(0x38000)},
+    {sw_vostra2, "uio_ntb", page(0x39000)},
+    {sw_vostra2, "uio_ntb", {1, 0x1000, 0x2000}},
+    {sw_vostra2, "uio_ntb", {2, 0x1000, 0x2000}},
+
+    {any_al, "uio_flash", page(0x1000)},
+    {any_al, "uio_cma", {0, 0x4000, 0x5000}},
+    {any_al, "uio_cma", page(0x2000)},
+    {any_al, "uio_cma", page(0xb000)},
+    {any_al, "uio_cma", {0, 0xc000, 0xd000}},
+    {any_al, "uio_tcm", page(0xa000)},
+    {al_vostra, "uio_pci", {2, 0, whole}},
+    {al_vostra, "uio_pci", {0, 0x10000, 0x14000}},
+    {al_vostra, "uio_pci", page(0x9000)},
+    {al_vostra, "uio_pci", page(0x7000)},
+    {al_vostrat, "uio_spi", page(0xe000)},
+    {al_vostrat, "uio_cmb_emul", page(0xf000)},
+    {al_vostrat, "uio_i2c", page(0x3000)},
+    {al_vostra2, "uio_ge0", {3, 0, 0x100000}},
+    {al_vostra2, "uio_ge0", {4, 0, 0x4000000}},
+    {al_vostra2, "uio_ge0", page(0)},
+    {al_vostra2, "uio_ge0", page(0x2a000)},
+    {al_vostra2, "uio_ge0", page(0x3a000)},
+    {al_vostra2, "uio_ge0", page(0x7000)},
+    {al_vostra2, "uio_ge1", {3, 0x100000, 0x200000}},
+    {al_vostra2, "uio_ge1", {4, 0x4000000, 0x8000000}},
+    {al_vostra2, "uio_ge1", page(0)},
+    {al_vostra2, "uio_ge1", page(0x2c000)},
+    {al_vostra2, "uio_ge1", page(0x3b000)},
+    {al_vostra2, "uio_ge1", page(0x3000)},
+    {al_vostra2, "uio_mdio", page(0x9000)},
+    {al_vostra2, "uio_spi", page(0xe000)},
+    {al_vostra2, "uio_cmb_emul", page(0xf000)},
+    {al_vostra2, "uio_ntb", page(0x22000)},
+    {al_vostra2, "uio_ntb", page(0x23000)},
+    {al_vostra2, "uio_ntb", page(0x30000)},
+    {al_vostra2, "uio_ntb", page(0x31000)},
+    {al_vostra2, "uio_ntb", page(0x32000)},
+    {al_vostra2, "uio_ntb", page(0x33000)},
+    {al_vostra2, "uio_ntb", page(0x34000)},
+    {al_vostra2, "uio_ntb", page(0x35000)},
+    {al_vostra2, "uio_ntb", page(0x3a000)},
+    {al_vostra2, "uio_ntb", page(0x3b000)},
+    {al_vostra2, "uio_ntb", page(0x38000)},
+    {al_vostra2, "uio_ntb", page(0x39000)},
+    {al_vostra2, "uio_ntb", page(0x2a000)},
+    {al_vostra2, "uio_ntb", page(0x2c000)},
+    {al_vostra2, "uio_ntb", {1, 0x1000, 0x2000}},
+    {al_vostra2, "uio_ntb", {2, 0x1000, 0x2000}},
+};
+
+// So no block has more maps than a handle.
+constexpr bool maps_fit_a_handle()
+{
+    for (unsigned int type = 0; type < SWFPGA_UNKNOWN; ++type)
+        if (std::ranges::count_if(map_table, [=](const map_row &row) {
+                return row.belongs_to(static_cast<swfpga_type>(type));
+            }) > LIBUIO_MAX_MAPS)
             return false;
-        for (unsigned int i = 0; i < spec.uio_count; ++i)
-            for (const swfpga_region_spec *region = spec.uio_spec[i].region_spec;
-                 !region_spec_is_end(*region); ++region)
-                if (region->bar >= spec.bar_count)
-                    return false;
-    }
     return true;
 }
-static_assert(std::size(swfpga_spec_list) == SWFPGA_UNKNOWN && swfpga_spec_list_is_sound());
+static_assert(maps_fit_a_handle());
+
+} // namespace swfpga
 
 } // namespace device_access

@@ -1,4 +1,5 @@
-// Building a UIO handle, whatever kind of device is behind it.
+// A UIO handle's whole life, whatever kind of device is behind it: made with room for everything,
+// finished (libuio_adjust_size()), unmapped (libuio_munmap()), shut.
 #pragma once
 
 #include "unique_malloc.h"
@@ -16,5 +17,8 @@ unique_malloc<libuio_dev_t> libuio_new_handle(const char *devnode_name);
 bool libuio_finish_handle(unique_malloc<libuio_dev_t> &uio);
 
 bool libuio_is_masked(const libuio_map_t &map, uint64_t nop_mask);
+
+// Leaves the handle allocated, with nothing mapped and nothing open.
+void libuio_shut(libuio_dev_t &uio);
 
 } // namespace device_access

@@ -1,5 +1,6 @@
 #include "libuio_path.h"
 
+#include "libuio_errors.h"
 #include "libuio_pr.h"
 #include "unique_fd.h"
 
@@ -92,10 +93,8 @@ const char *libuio_concat_path(libuio_path_t &buf, std::initializer_list<const c
 
 const char *libuio_basename(const char *name)
 {
-    if (!name) {
-        LIBUIO_ERR("unexpected NULL");
-        return nullptr;
-    }
+    if (!name)
+        return LIBUIO_REFUSE(nullptr, "unexpected NULL");
     const char *slash = std::strrchr(name, '/');
     return slash ? slash + 1 : name;
 }
@@ -109,10 +108,8 @@ int libuio_extract_inst_id(const char *name)
 int libuio_extract_map_id(const char *name)
 {
     const char *base = libuio_basename(name);
-    if (!base) {
-        LIBUIO_ERR("name is NULL");
-        return -1;
-    }
+    if (!base)
+        return LIBUIO_REFUSE(-1, "name is NULL");
     return numbered_name(base, "map", 5, LIBUIO_MAX_MAPS);
 }
 
@@ -120,26 +117,18 @@ const char *libuio_make_class_dir(libuio_path_t &buf, const char *basename, dev_
 {
     const char *path = libuio_concat_path(buf, {"/sys/class/uio/", basename, "/dev"});
     unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
-    if (!file) {
-        LIBUIO_ERR("open(%s) failed: %s", path, std::strerror(errno));
-        return nullptr;
-    }
+    if (!file)
+        return LIBUIO_REFUSE(nullptr, "open(%s) failed: %s", path, error_text());
     char text[20];
     const ssize_t length = ::read(file.get(), text, sizeof text - 1);
     file.reset();
-    if (length <= 0) {
-        if (length == 0)
-            errno = EIO;
-        LIBUIO_ERR("read(%s) failed: %s", path, std::strerror(errno));
-        return nullptr;
-    }
+    if (!has_moved(length))
+        return LIBUIO_REFUSE(nullptr, "read(%s) failed: %s", path, error_text());
     text[length] = '\0';
 
     uint32_t number;
-    if (!parse_device_number(text, number)) {
-        LIBUIO_ERR("read(%s) returns \"%s\"", path, text);
-        return nullptr;
-    }
+    if (!parse_device_number(text, number))
+        return LIBUIO_REFUSE(nullptr, "read(%s) returns \"%s\"", path, text);
     if (uint64_t{dev_id} != number) {
         LIBUIO_DEBUG("%#lx not matching %s",
                      static_cast<unsigned long>(static_cast<uint32_t>(dev_id)), text);
@@ -154,23 +143,18 @@ const char *libuio_make_class_dir(libuio_path_t &buf, const char *basename, dev_
 unique_malloc<char> libuio_locate_real_name(const char *given_name)
 {
     struct stat status;
-    if (::stat(given_name, &status) != 0) {
-        LIBUIO_ERR("stat(%s) failed: %s", given_name, std::strerror(errno));
-        return nullptr;
-    }
+    if (::stat(given_name, &status) != 0)
+        return LIBUIO_REFUSE(nullptr, "stat(%s) failed: %s", given_name, error_text());
     const unique_malloc<char> canonical(::canonicalize_file_name(given_name));
-    if (!canonical) {
-        LIBUIO_ERR("canonicalize_file_name(%s) failed: %s", given_name, std::strerror(errno));
-        return nullptr;
-    }
+    if (!canonical)
+        return LIBUIO_REFUSE(nullptr, "canonicalize_file_name(%s) failed: %s", given_name,
+                             error_text());
     const size_t length = std::strlen(canonical.get());
     const size_t size = length + 1 + suffix_room;
     unique_malloc<char> copy(static_cast<char *>(std::calloc(1, size)));
-    if (!copy) {
-        LIBUIO_ERR("calloc(%ld) failed for %s", static_cast<long>(size), canonical.get());
-        errno = ENOMEM;
-        return nullptr;
-    }
+    if (!copy)
+        return LIBUIO_REFUSE(no_memory(), "calloc(%ld) failed for %s", static_cast<long>(size),
+                             canonical.get());
     std::memcpy(copy.get(), canonical.get(), length + 1);
     return copy;
 }

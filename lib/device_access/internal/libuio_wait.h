@@ -17,16 +17,12 @@ public:
     {
         if (!max_wait)
             return;
-        forbidden_ = max_wait->tv_sec == 0 && max_wait->tv_nsec == 0;
         // Ten million, not one: the part below a second has always counted a tenth of its value.
         const int64_t below_second = max_wait->tv_nsec / 10000000;
         if (__builtin_mul_overflow(int64_t{max_wait->tv_sec}, 1000, &budget_ms_) ||
             __builtin_add_overflow(budget_ms_, below_second, &budget_ms_))
             budget_ms_ = max_wait->tv_sec < 0 ? INT64_MIN : INT64_MAX;
     }
-
-    // A limit of zero asks not to wait at all.
-    bool forbidden() const { return forbidden_; }
 
     // Sleeps one interval; false, leaving errno alone, when the budget is used up.
     bool pause()
@@ -43,7 +39,6 @@ public:
 private:
     static constexpr int interval_ms = 5;
     bool limited_;
-    bool forbidden_ = false;
     int64_t budget_ms_ = 0;
 };
 

@@ -66,8 +66,7 @@ bool make_nvram_node(const char *node, dev_t number)
 {
     if (::mknod(node, S_IFCHR | 0600, number) == 0 || errno == EEXIST)
         return true;
-    print_error("mknod(%s) failed: %s\n", node, std::strerror(errno));
-    return false;
+    return refuse(false, "mknod(%s) failed: %s\n", node, std::strerror(errno));
 }
 
 unique_fd open_nvram_exclusively(const char *node, int access_mode, int attempts)
