@@ -2,76 +2,56 @@
 // is removed.
 //
 // driver_daemon_cxx [NODE]    NODE: "/dev/uio0" unless given
-#include <device_access/libuio.h>
-#include <device_access/regiomap_x86.h>
+#include <device_access/device_access.hpp>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <iostream>
-#include <memory>
-#include <system_error>
 
 namespace
 {
 
-struct closer {
-    void operator()(libuio_dev_t *uio) const { libuio_close(uio); }
-};
-using device = std::unique_ptr<libuio_dev_t, closer>;
+using device_access::uio;
+constexpr size_t control_register = 0x10;
+constexpr std::chrono::seconds quiet(2);
 
-constexpr unsigned control_register = 0x10;
-constexpr int quiet_seconds = 2;
-
-[[noreturn]] void fail(const char *what)
+int fail(const device_access::failure &failed)
 {
-    throw std::system_error(errno, std::generic_category(), what);
+    std::fprintf(stderr, "%s: %s\n", failed.call, failed.reason());
+    return 1;
 }
 
-char *map_registers(libuio_dev_t *uio)
+// Until the device has gone: EIO comes when it goes before the interrupt's count is read.
+int serve(uio &device)
 {
-    if (libuio_mmap(uio, 0) < 1)
-        fail("map registers");
-    return static_cast<char *>(libuio_get_mapinfo(uio, 0, nullptr));
-}
-
-// Whether the device is still there.
-bool serve_once(libuio_dev_t *uio)
-{
-    timespec deadline;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += quiet_seconds;
-    uint32_t count;
-    if (libuio_irqcontrol(uio, 1) != 0) // perhaps removed: then the wait says so
-        std::perror("enable the interrupt");
-    if (libuio_irqwait(uio, &deadline, &count) == 0)
-        std::cout << "interrupt " << count << std::endl;
-    else if (errno == ETIMEDOUT)
-        std::cout << "quiet for " << quiet_seconds << " s" << std::endl;
-    else if (errno == ECANCELED || errno == EIO) // EIO: before the interrupt's count was read
-        return false;
-    else if (errno != EINTR)
-        fail("wait");
-    return true;
+    for (;;) {
+        (void)device.enable_interrupt(); // perhaps removed: then the wait says so
+        const auto count = device.wait(uio::clock::now() + quiet);
+        if (count)
+            std::printf("interrupt %u\n", *count);
+        else if (count.error().error == ETIMEDOUT)
+            std::printf("quiet for %d s\n", static_cast<int>(quiet.count()));
+        else if (count.error().error == ECANCELED || count.error().error == EIO)
+            return 0;
+        else if (count.error().error != EINTR)
+            return fail(count.error());
+    }
 }
 
 } // namespace
 
 int main(int argc, char **argv)
-try {
+{
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const char *node = argc > 1 ? argv[1] : "/dev/uio0";
-    const timespec max_wait = {5, 0};
-    const device uio(libuio_open_timed(node, &max_wait));
-    if (!uio)
-        fail(node);
-    char *registers = map_registers(uio.get());
-    iowrite32(1, registers + control_register);
-    std::cout << node << " runs, control register 0x" << std::hex
-              << ioread32(registers + control_register) << std::dec << std::endl;
-    while (serve_once(uio.get())) {
-    }
-    std::cout << node << ": removed" << std::endl;
-} catch (const std::exception &failure) {
-    std::cerr << failure.what() << std::endl;
-    return 1;
+    auto device = uio::open(node, timespec{5, 0});
+    if (!device)
+        return fail(device.error());
+    if (const auto windows = device->map(); !windows || *windows < 1)
+        return fail(windows ? device_access::failure{"libuio_mmap", 0} : windows.error());
+    const auto registers = device->mapped(0);
+    registers->write<uint32_t>(control_register, 1);
+    std::printf("%s runs, control register 0x%x\n", node,
+                registers->read<uint32_t>(control_register));
+    const int status = serve(*device);
+    std::printf("%s: removed\n", node);
+    return status;
 }

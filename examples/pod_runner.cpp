@@ -1,79 +1,62 @@
 // A POD runner: logs one run of a card's power-on diagnostics, and sets the card's status.
 // pod_runner_cxx CARD STEP=RESULT...     CARD: such as SW1; RESULT: PASS, else it is a failure
-#include <device_access/pod_log.h>
+#include <device_access/device_access.hpp>
 #include <device_access/pod_log_nvram.h>
 
 #include <cstdio>
-#include <stdexcept>
 #include <string>
 
 namespace
 {
 
-// The run of one card: claimed, with its storage open.
-class pod_run
+int fail(const char *what, const char *card)
 {
-public:
-    explicit pod_run(std::string name)
-    {
-        if (podlog_find_pod_instance(name.data(), &card_) != 1 ||
-            podlog_set_curr_active_inst(card_, 0) != 0 || podlog_init(card_, 0) != 1)
-            throw std::runtime_error("cannot run the diagnostics of " + name);
-    }
-    ~pod_run()
-    {
-        podlog_use_nxt_log(card_);
-        podlog_close(card_);
-        podlog_clr_curr_active_inst(card_, !passed_);
-    }
-    pod_run(const pod_run &) = delete;
-    pod_run &operator=(const pod_run &) = delete;
+    std::fprintf(stderr, "cannot %s of %s\n", what, card);
+    return 1;
+}
 
-    // Returns whether all steps so far have passed.
-    bool log(const std::string &step)
-    {
-        const size_t equals = step.find('=');
-        std::string name = step.substr(0, equals);
-        const std::string result = equals == step.npos ? "" : step.substr(equals + 1);
-        std::string level = result == "PASS" ? "INFO: " : "ERROR: ";
-        passed_ &= result == "PASS";
-        if (podlog_add(card_, level.data(), name.data(), result.c_str(), "step of %zu letters",
-                       name.size()) != 1)
-            throw std::runtime_error("cannot log step " + name);
-        return passed_;
-    }
-
-private:
-    int card_ = -1;
-    bool passed_ = true;
-};
-
-// The status words are in the route processor's NVRAM.
-void set_status(std::string name, bool passed)
+// Returns whether the step has passed; false, too, when it cannot be logged.
+bool log(device_access::pod_run &run, const std::string &step)
 {
-    int card = -1, nvram = 0;
-    if (podlog_find_pod_instance(name.data(), &card) != 1 || podlog_nvram_init(nvram, 0) != 1)
-        throw std::runtime_error("cannot set the status of " + name);
-    podlog_set_pod_status(card, static_cast<int>(passed ? POD_STATUS_PASSED : POD_STATUS_FAILED));
-    std::printf("status: %s\n", podlog_nvram_convert_pod_status_str(podlog_get_pod_status(card)));
+    const size_t equals = step.find('=');
+    const std::string outcome = equals == step.npos ? "" : step.substr(equals + 1);
+    const bool passed = outcome == "PASS";
+    return run.add(passed ? "INFO: " : "ERROR: ", step.substr(0, equals).c_str(), outcome.c_str(),
+                   "by the C++ runner") &&
+           passed;
+}
+
+// The status words are in the route processor's NVRAM, which no run may have open.
+bool set_status(int instance, bool passed)
+{
+    constexpr int nvram = 0;
+    if (podlog_nvram_init(nvram, 0) != 1)
+        return false;
+    podlog_set_pod_status(instance,
+                          static_cast<int>(passed ? POD_STATUS_PASSED : POD_STATUS_FAILED));
+    std::printf("status: %s\n",
+                podlog_nvram_convert_pod_status_str(podlog_get_pod_status(instance)));
     podlog_nvram_close(nvram);
+    return true;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
-try {
-    const std::string card = argc > 1 ? argv[1] : "SW1";
-    podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
+{
+    const char *card = argc > 1 ? argv[1] : "SW1";
+    int instance;
     bool passed = true;
+    podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
     {
-        pod_run run(card);
+        auto run = device_access::pod_run::begin(card);
+        if (!run)
+            return fail("run the diagnostics", card);
+        instance = run->instance();
         for (int i = 2; i < argc; ++i)
-            passed = run.log(argv[i]);
+            passed &= log(*run, argv[i]);
     }
-    set_status(card, passed);
+    if (!set_status(instance, passed))
+        return fail("set the status", card);
     return passed ? 0 : 1;
-} catch (const std::exception &failure) {
-    std::fprintf(stderr, "%s\n", failure.what());
-    return 1;
 }

@@ -12,7 +12,8 @@ root=$work/root
 }
 rm -rf "$work"
 mkdir -p "$work"
-"$source/scripts/package" "$work/packages" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+"$source/scripts/package" "$(dpkg --print-architecture)" "$work/packages" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+rm "$work"/packages/*-dbgsym_*
 
 # The names in a list of dependencies; of alternatives, the first.
 names() {
@@ -78,5 +79,5 @@ $CC "$source/tests/interface/client.c" $(pkg-config --cflags --libs common_devic
 chroot "$root" chassis-sim -- /examples/client | grep -q '^1 window, register 0x1234$'
 
 dpkg --root="$root" -r libcommon-device-access-dev common-device-access-tools \
-    libcommon-device-access0 >>"$work/log" 2>&1
+    libcommon-device-access0.0 >>"$work/log" 2>&1
 ! find "$root/usr" -name '*device_access*' | grep .
