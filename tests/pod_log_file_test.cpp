@@ -13,6 +13,7 @@
 
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -66,6 +67,21 @@ TEST(pod_log_file, makes_directory_and_file_only_for_writing)
     EXPECT_EQ(output.take_stderr(),
               "ERROR: pod_file_mem_wr: cannot access device for file instance 16 !\n"
               "ERROR: pod_file_mem_rd: cannot access device!\n");
+}
+
+TEST(pod_log_file, opens_a_file_for_its_caller)
+{
+    chassis_sim::enter_private_root();
+    captured_output output;
+    int fd = 5;
+    EXPECT_EQ(podlog_file_open_dev_file(0, &fd, 1), 0);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(podlog_file_open_dev_file(17, &fd, 0), 0);
+    EXPECT_EQ(output.take_stderr(), "ERROR: file /var/pod/pod_alsw1.hex does not exist!\n");
+    EXPECT_EQ(podlog_file_open_dev_file(0, &fd, 0), 1);
+    EXPECT_EQ(::close(fd), 0);
+    EXPECT_EQ(fs::file_size("/var/pod/pod_alsw1.hex"), 16384u);
+    EXPECT_EQ(podlog_file_init(0, 1), -1) << "it is not formatted";
 }
 
 TEST(pod_log_file, refuses_to_read_what_is_no_log)

@@ -691,11 +691,12 @@ uint32_t podlog_get_pod_status_cc(uint8_t slotId)
     if (podlog_get_podstatus_inst_info(slotId, &nvram_id, &mapped_index) != 1)
         return refuse(status_unknown, "ERROR: %s: slot %d not matched for pod status!\n", __func__,
                       slot);
-    if (podlog_nvram_init(nvram_id, 0) == -1)
+    pod_log_ring nvram = nvram_ring(nvram_id);
+    if (nvram.init(false) == -1)
         return refuse(status_unknown, "ERROR: %s: cannot open POD Status stroage NVRAM %d!\n",
                       __func__, nvram_id);
     const uint32_t status = podlog_nvram_get_pod_status(nvram_id, slotId);
-    podlog_nvram_close(nvram_id);
+    nvram.close();
     return status;
 }
 
@@ -711,11 +712,12 @@ int podlog_is_faultinject_cc(uint8_t slotId, int *faultinjected)
     int mapped_index;
     if (podlog_get_podstatus_inst_info(slotId, &nvram_id, &mapped_index) != 1)
         return invalid_instance(__func__, slot);
-    if (podlog_nvram_init(nvram_id, 0) == -1)
+    pod_log_ring nvram = nvram_ring(nvram_id);
+    if (nvram.init(false) == -1)
         return -1;
     const int result = podlog_nvram_is_faultinject(nvram_id, slotId, faultinjected);
     if (result == -1)
         print_error("ERROR: Fail to read fault inject for slot Id %d!\n", slotId);
-    podlog_nvram_close(nvram_id);
+    nvram.close();
     return result == -1 ? -1 : 1;
 }

@@ -3,10 +3,16 @@
  * kept, the calls that POD runners and log readers use, and the POD status words and
  * fault-injection flags.
  *
- * A card's log is a ring of histories, one for each POD run, of entries. It is kept in NVRAM
- * (pod_log_nvram.h), in a file (pod_log_file.h) or in an EEPROM on the card (pod_log_eeprom.h);
- * which, the registry says. An instance is one card's log; its id is the card's slot number, its
- * name the card's name. A card may have a secondary storage besides, an EEPROM.
+ * A log is a ring of histories, numbered from 0, one for each POD run: the current one grows, and
+ * the one after the last is the first. A history is a list of entries: a header of 16 bytes and a
+ * message. Logs are kept in NVRAM (pod_log_nvram.h), in files (pod_log_file.h) and in EEPROMs on
+ * the cards (pod_log_eeprom.h); which card's log is where, the registry says. An instance is one
+ * card's log; its id is the card's slot number, its name the card's name. A card may have a
+ * secondary storage besides, an EEPROM.
+ *
+ * Each storage has calls of its own, on one device by its id there: podlog_file_add() does to a
+ * file what podlog_add() does to an instance. pod_log_file.h describes these calls; the other two
+ * headers say in what theirs differ.
  *
  * A run:    podlog_config_pod_storage_n20_n10(), podlog_set_curr_active_inst(), podlog_init(),
  *           podlog_add() for every result, podlog_use_nxt_log() at its end, podlog_close(),
@@ -15,12 +21,18 @@
  *           history, podlog_open_log(), podlog_read_log() while its result is positive,
  *           podlog_close_log().
  *
- * Results are 1 for success and -1 for failure unless stated; errno is not part of the interface.
- * Errors are printed on standard error, one line each; an id that the registry does not hold as
- * "ERROR: CALL: invalid instance id ID!".
+ * Results are 1 for success and -1 for failure unless stated. Errors are printed on standard error,
+ * one line each; an id that the registry does not hold as "ERROR: CALL: invalid instance id ID!".
+ * Warnings and dumps go to standard output. errno is not part of the interface of the calls below;
+ * after a storage's own call it is what the failing system call set, and as before when there was
+ * none (bad contents, no such device).
  *
- * Threads: all state is the process's own and unlocked. Configure the registry before several
- * threads use it; one POD runner and one reader at a time.
+ * Times are seconds since the epoch, of which the log keeps the low 32 bits. A time_t of 32 bits
+ * gets them as they are; a wider one gets their value without sign, which is right until 2106.
+ *
+ * Threads: all state is the process's own and unlocked: the registry, the devices, and one walk
+ * over the histories of each storage. Configure before several threads use it; one POD runner and
+ * one reader at a time, and the calls of one storage from one thread at a time.
  */
 #ifndef DEVICE_ACCESS_POD_LOG_H
 #define DEVICE_ACCESS_POD_LOG_H
@@ -186,10 +198,12 @@ DEVICE_ACCESS_API int podlog_cpy_curr_subblock_to_secondary(int inst_id);
 DEVICE_ACCESS_API int podlog_init(int inst_id, int flg_rdonly);
 
 /*
- * Append one entry to the current history of the opened storage: event_level (which brings its own
- * separator), diag_string and ret_string with two blanks behind each, and the text that fmt and the
- * arguments give (at most 63 bytes of it); each string may be NULL but fmt. At most 63 bytes of the
- * whole are kept. In a full history the entry replaces the last one.
+ * Append one entry, stamped with the time of now, to the current history of the opened storage. Its
+ * message is event_level (which brings its own separator), diag_string and two blanks, ret_string
+ * and two blanks, and the text that fmt and the arguments give (at most 63 bytes of it), cut to 64
+ * bytes of which the last is NUL. A string that is NULL or empty, or for which there is no room, is
+ * left out with its blanks; fmt must not be NULL. In a full history the entry replaces the last
+ * one.
  *
  * Returns 1; -1 when the storage could not be read or written. An instance switched to a secondary
  * storage that it lacks prints a line on standard error, drops the entry and returns 1.
@@ -222,17 +236,20 @@ DEVICE_ACCESS_API int podlog_chk_storage_integrity(void);
  */
 
 /*
- * Start a walk over a card's histories. Returns the number of the newest one that holds entries; -2
- * when there is none; -1 on failure. On both the storage is closed again.
+ * Start a walk over a card's histories, newest first. Returns the number of the newest one that
+ * holds entries; -2 when there is none, or when the current history's header is bad; -1 on failure.
+ * On both the storage is closed again.
  */
 DEVICE_ACCESS_API int podlog_open_dir(const char *cardname);
 
 /*
- * Go on with the walk started last. *ts receives the time of the first entry of history log_num, 0
- * when it has none (seconds since the epoch, kept as 32 bits).
+ * Go on with the walk started last.
  *
- * Returns the number of the next older history that holds entries, -2 when none is left, -1 on
- * failure.
+ * log_num: the history that the last call of the walk returned.
+ * ts:      receives the time of its first entry, 0 when it has none.
+ *
+ * Returns the number of the next older history that holds entries; -2 when none is left; -1 on
+ * failure (reported when it is about log_num; *ts is then unset).
  */
 DEVICE_ACCESS_API int podlog_read_dir(int log_num, time_t *ts);
 
@@ -246,20 +263,24 @@ DEVICE_ACCESS_API int podlog_close_dir(const char *cardname);
 DEVICE_ACCESS_API int podlog_open_log(const char *cardname, int log_num);
 
 /*
- * Read the entry at offset of the history opened last.
+ * Read an entry of the history opened last.
  *
- * ts:       receives its time (seconds since the epoch, kept as 32 bits).
- * msg:      receives min(the entry's message size, buf_size) bytes; no terminator is added.
- * buf_size: bytes that msg has room for.
+ * offset:   its position: what podlog_open_log() or the last podlog_read_log() returned.
+ * ts:       receives its time.
+ * msg:      receives its message, at most buf_size bytes. No NUL is added: it may fill msg.
+ * buf_size: bytes that msg has room for, at least 1.
  *
- * Returns the position of the next entry; -2 after the last one, -1 on failure.
+ * Returns the position of the next entry; -2 after the last one; -1 when the entry or what follows
+ * it cannot be read or the entry is not valid. Costs at most 3 reads of the storage.
  */
 DEVICE_ACCESS_API int podlog_read_log(int offset, time_t *ts, char *msg, uint32_t buf_size);
 
 /*
- * Read the entry at offset of the history opened last as it is stored: 16 bytes of header, then the
- * message. buf must have room for 16 bytes and the device's message size. Not for NVRAM (-1, with a
- * line on standard error). Returns as podlog_read_log().
+ * As podlog_read_log(), with the entry as it is stored: the 16 bytes of its header and its message.
+ * Not for NVRAM (-1, with a line on standard error).
+ *
+ * buf: 16 bytes and the device's message area size (80 bytes unless configured otherwise). A longer
+ *      message is cut to that; bytes beyond a shorter one are left alone.
  */
 DEVICE_ACCESS_API int podlog_read_raw_log(int offset, uint8_t *buf);
 

@@ -1,28 +1,16 @@
 /*
- * The POD log in battery-backed NVRAM, and the POD status words and fault mask beside it.
+ * The POD log in battery-backed NVRAM, and the POD status words and fault mask beside it. What a
+ * log is, and what holds for the calls of every storage, is described in pod_log.h; the calls of
+ * the log are those of pod_log_file.h, with what is said here of the differences.
  *
- * The log is a ring of histories, numbered from 0, each a list of entries: an entry header
- * (nvram_log_t) and its message. One history is the current one, which grows. Devices have ids 0
- * and 1 and are described by the rows of _nvram_dev_info; other ids name no device: operations on
- * them fail, or do nothing where there is no result, and touch no device.
+ * Devices have ids 0 and 1 and are described by the rows of _nvram_dev_info; other ids name no
+ * device: operations on them fail, or do nothing where there is no result, and touch no device.
  *
- * A writer's life: podlog_nvram_init(id, 0), podlog_nvram_add() for each entry,
- * podlog_nvram_use_nxt_log() at the end of a run, podlog_nvram_close(). Readers open the device
- * themselves: podlog_nvram_open_dir(), podlog_nvram_read_dir() for each history,
- * podlog_nvram_close_dir(); then podlog_nvram_open_log(), podlog_nvram_read_log() for each entry,
- * podlog_nvram_close_log(). The device must be closed between the two.
+ * A device is opened exclusively: while one process holds it, others cannot open it.
  *
- * The device is opened exclusively: while one process holds it, others cannot open it.
- *
- * Results and errors: where nothing else is said, 1 is success and -1 failure. Errors are reported
- * in words on standard error, warnings and dumps go to standard output. errno is what the failing
- * system call set; a failure without one (bad contents, no such device) leaves it alone.
- *
- * Threads: no locks. The device table, the magic number and the directory walk (one at a time) are
- * those of the process; all calls belong to one thread at a time.
- *
- * Times are seconds since the epoch, of which the log keeps the low 32 bits. A time_t of 32 bits
- * gets them as they are; a wider one gets their value without sign, which is right until 2106.
+ * In C++ the record types below live in namespace podlog, because the POST reader has types of the
+ * same names (namespace postlog); unqualified names work where one of the two headers is included.
+ * C files include one of the two.
  */
 #ifndef DEVICE_ACCESS_POD_LOG_NVRAM_H
 #define DEVICE_ACCESS_POD_LOG_NVRAM_H
@@ -32,6 +20,10 @@
 #include <time.h>
 
 #include <device_access/device_access_api.h>
+
+#if !defined(__cplusplus) && defined(DEVICE_ACCESS_POST_LOG_NVRAM_H)
+#error "a C file includes pod_log_nvram.h or post_log_nvram.h, not both: use two files, or C++"
+#endif
 
 /* POD status of a card, as podlog_nvram_get_pod_status() gives it. */
 #define POD_STATUS_PASSED 0u
@@ -50,10 +42,6 @@ typedef struct pod_nvram_inst_map {
     char name1[8][40]; /* name of the instance in index1 */
 } pod_nvram_inst_map_t;
 
-/*
- * The POST reader has types of the same names for its own records (namespace postlog). In C++ each
- * set has its namespace, and unqualified names work where one of the two headers is included.
- */
 #ifdef __cplusplus
 namespace podlog
 {
@@ -118,16 +106,9 @@ DEVICE_ACCESS_BEGIN_DECLS
 /*** Configuration, before use ***/
 
 /*
- * Describe a device.
- *
- * dev_name:  path of its node. At most 40 bytes are kept, without NUL if that many.
- * mem_size:  bytes of the region: the log, 8 status words at mem_size - 72 and the fault mask at
- *            mem_size - 40.
- * num_log:   histories. Each gets (mem_size - 100) / num_log bytes, masked with align_msk; with no
- *            histories nothing can be logged.
- * msg_len:   bytes of message area per entry. Messages of up to 64 bytes are written whatever it
- *            is, so that less than 64 lets an entry reach into what follows it.
- * align_msk: mask applied to the history size.
+ * As podlog_file_set_pod_info(). dev_name is the path of the device's node; mem_size counts the
+ * whole region, with 8 status words at mem_size - 72 and the fault mask at mem_size - 40; each
+ * history gets (mem_size - 100) / num_log bytes, masked with align_msk.
  */
 DEVICE_ACCESS_API void podlog_nvram_set_pod_info(int nvram_id, char *dev_name, int mem_size,
                                                  int num_log, int msg_len, uint32_t align_msk);
@@ -175,7 +156,7 @@ DEVICE_ACCESS_API int pod_nvram_mem_rd(int nvram_id, uint32_t offset, uint8_t *b
 DEVICE_ACCESS_API int pod_nvram_mem_wr(int nvram_id, uint32_t offset, uint8_t *buffer,
                                        uint32_t num_byte);
 
-/*** Writing the log ***/
+/*** The log ***/
 
 /*
  * Open a device and check its log. With a right index checksum every history's header must be good.
@@ -190,102 +171,42 @@ DEVICE_ACCESS_API int pod_nvram_mem_wr(int nvram_id, uint32_t offset, uint8_t *b
  */
 DEVICE_ACCESS_API int podlog_nvram_init(int nvram_id, int flg_rdonly);
 
-/*
- * Format the region of an open device: index, status words (invalid), fault mask (0) and empty
- * histories, the current one being 0. Returns 1; -1 when the index, status or mask cannot be
- * written or the index not be read back. Histories that cannot be written do not count.
- */
-DEVICE_ACCESS_API int podlog_nvram_reset(int nvram_id);
+/* Close a device; one that is closed is reported on standard output. Valid in every state. */
+DEVICE_ACCESS_API void podlog_nvram_close(int nvram_id);
 
 /*
- * Add an entry to the current history of an open device, stamped with the time of now. Its message
- * is event_level (which brings its own separator), diag_string and two blanks, ret_string and two
- * blanks, and the formatted text (at most 63 characters), cut to 64 bytes of which the last is NUL.
- * A string that is NULL or empty, or for which there is no room, is left out with its blanks.
- *
- * fmt, args: as for vprintf(3); args is indeterminate afterwards.
- *
- * Returns 1; 0 when the entry was written and the history is full, so that the next one will
- * overwrite it; -1 on failure. Costs 3 reads and 3 writes of the device, and no memory.
+ * As podlog_file_reset(), and set the status words to invalid and the fault mask to 0; -1 also when
+ * these cannot be written.
  */
-DEVICE_ACCESS_API int podlog_nvram_add(int nvram_id, char *event_level, char *diag_string,
-                                       const char *ret_string, const char *fmt, va_list args);
+DEVICE_ACCESS_API int podlog_nvram_reset(int nvram_id);
 
 /* Write the index of an open device back unchanged. clr_or_set is not used. Returns 1 or -1. */
 DEVICE_ACCESS_API int podlog_nvram_set_curr_log_status(int nvram_id, int clr_or_set);
 
-/*
- * Make the next history of an open device the current one (the first after the last) and empty it.
- * Returns 1, also when the magic number is wrong and nothing was changed, or when the history could
- * not be emptied; -1 when the index cannot be read or written or the history not be located.
- */
-DEVICE_ACCESS_API int podlog_nvram_use_nxt_log(int nvram_id);
-
-/*
- * Close a device; one that is closed is reported on standard output. Valid in every state.
- */
-DEVICE_ACCESS_API void podlog_nvram_close(int nvram_id);
-
-/*** Reading the log ***/
-
-/*
- * Open a closed device for a walk over its histories, newest first.
- *
- * Returns the number of the newest history that holds entries; -2 when there is none, or when the
- * current history's header is bad; -1 on failure. On success the device stays open until
- * podlog_nvram_close_dir(); otherwise it is closed.
- */
-DEVICE_ACCESS_API int podlog_nvram_open_dir(int nvram_id);
-
-/*
- * Go on with the walk.
- *
- * log_num: the history that the last call of the walk returned.
- * ts:      gets the time of log_num's first entry, 0 when it has none.
- *
- * Returns the number of the next older history that holds entries; -2 when there is none; -1 on
- * failure (reported when it is about log_num; *ts is then unset).
- */
-DEVICE_ACCESS_API int podlog_nvram_read_dir(int nvram_id, int log_num, time_t *ts);
-
-/* Close the device. Returns 1. */
-DEVICE_ACCESS_API int podlog_nvram_close_dir(int nvram_id);
-
-/*
- * Open a closed device to read history log_num. Returns the position of its first entry, for
- * podlog_nvram_read_log(); -1, with the device closed again, when it has none or on failure.
- */
-DEVICE_ACCESS_API int podlog_nvram_open_log(int nvram_id, int log_num);
-
-/*
- * Read the entry at a position of an open device.
- *
- * offset:   what podlog_nvram_open_log() or the last podlog_nvram_read_log() returned.
- * ts:       gets its time.
- * msg:      gets its message, at most buf_size bytes. No NUL is added: the message may fill msg.
- * buf_size: bytes at msg, at least 1.
- *
- * Returns the position of the next entry; -2 when this was the last one; -1 when the entry or what
- * follows it cannot be read or the entry is not valid. Costs at most 3 reads of the device.
- */
-DEVICE_ACCESS_API int podlog_nvram_read_log(int nvram_id, int offset, time_t *ts, char *msg,
-                                            uint32_t buf_size);
-
 /* Close the device; log_num is not used. Returns 1. */
 DEVICE_ACCESS_API int podlog_nvram_close_log(int nvram_id, int log_num);
 
-/*
- * Print the entries of history log_num, or of the current history, of an open device. Return 1,
- * also for a history without entries; -1 on failure.
- */
+/* As podlog_file_dump_all_log_msgs(); -1 also at the first history that cannot be read. */
+DEVICE_ACCESS_API int podlog_nvram_dump_all_log_msgs(int nvram_id);
+
+/* As podlog_file_add() and so on, on a device. */
+DEVICE_ACCESS_API int podlog_nvram_add(int nvram_id, char *event_level, char *diag_string,
+                                       const char *ret_string, const char *fmt, va_list args);
+DEVICE_ACCESS_API int podlog_nvram_use_nxt_log(int nvram_id);
+DEVICE_ACCESS_API int podlog_nvram_close_dir(int nvram_id);
 DEVICE_ACCESS_API int podlog_nvram_dump_log_msgs(int nvram_id, int log_num);
 DEVICE_ACCESS_API int podlog_nvram_dump_curr_log_msgs(int nvram_id);
 
 /*
- * Open a closed device, print the entries of all histories, newest first, and close it. Returns 1;
- * -1 when the device cannot be opened or at the first history that cannot be read.
+ * As podlog_open_dir(), podlog_open_log() and so on, on a device. The two that open take a closed
+ * device and leave it open when they return a history or a position: until podlog_nvram_close_dir()
+ * and podlog_nvram_close_log().
  */
-DEVICE_ACCESS_API int podlog_nvram_dump_all_log_msgs(int nvram_id);
+DEVICE_ACCESS_API int podlog_nvram_open_dir(int nvram_id);
+DEVICE_ACCESS_API int podlog_nvram_read_dir(int nvram_id, int log_num, time_t *ts);
+DEVICE_ACCESS_API int podlog_nvram_open_log(int nvram_id, int log_num);
+DEVICE_ACCESS_API int podlog_nvram_read_log(int nvram_id, int offset, time_t *ts, char *msg,
+                                            uint32_t buf_size);
 
 /*** POD status and fault injection ***/
 

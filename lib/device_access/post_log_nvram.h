@@ -53,6 +53,10 @@
 
 #include <device_access/device_access_api.h>
 
+#if !defined(__cplusplus) && defined(DEVICE_ACCESS_POD_LOG_NVRAM_H)
+#error "a C file includes pod_log_nvram.h or post_log_nvram.h, not both: use two files, or C++"
+#endif
+
 /* The log blocks. */
 typedef enum log_blk_e DEVICE_ACCESS_INT_ENUM {
     OFWEVENT_LOG = 0,
