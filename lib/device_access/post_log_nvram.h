@@ -43,7 +43,7 @@
  *
  * In C++ the names below live in namespace postlog, because the POD log has types of the same
  * names; unqualified names keep working as long as only one of the two headers is included. C files
- * include one of the two.
+ * include one of the two; including both is an error that says so.
  */
 #ifndef DEVICE_ACCESS_POST_LOG_NVRAM_H
 #define DEVICE_ACCESS_POST_LOG_NVRAM_H
@@ -52,6 +52,10 @@
 #include <time.h>
 
 #include <device_access/device_access_api.h>
+
+#if !defined(__cplusplus) && defined(DEVICE_ACCESS_POD_LOG_NVRAM_H)
+#error "pod_log_nvram.h and post_log_nvram.h have types of the same names: include one per C file"
+#endif
 
 /* The log blocks. */
 typedef enum log_blk_e DEVICE_ACCESS_INT_ENUM {
