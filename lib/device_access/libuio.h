@@ -9,6 +9,20 @@
  * Names beginning "sysfs_pci:" are no UIO nodes: they are served by mapping PCI resource files (see
  * libuio_emul.h) and give a handle of the same kind, without interrupts.
  *
+ * In an event loop of one's own: watch libuio_get_uio_fd() for POLLIN, which stays until the
+ * interrupt's count has been read. Then call libuio_irqwait() with a deadline in the past, such as
+ * {0, 0}, and a place for the count: it never blocks, and takes what has come, or fails with
+ * ETIMEDOUT when nothing has. Watch libuio_get_removed_fd(), unless it is -1, for POLLPRI: the
+ * kernel reports it, and POLLERR, when the device is removed. POLLIN is no sign there: many kernels
+ * call the descriptor readable at any time. Since libuio_irqwait() takes any event on it for the
+ * removal, on such a kernel read the 4 bytes of the count from libuio_get_uio_fd() instead.
+ *
+ * After a removal: a wait that reports it has unmapped everything, so that addresses handed out
+ * before are no longer valid. Until then a register access may come first. Reads of a register on a
+ * bus whose device has left give all ones, and writes are lost; where the kernel has taken the
+ * mapping back, as it does with the resource files of emulated devices, an access raises SIGBUS.
+ * Drivers of removable cards check for all ones, and those that must survive handle SIGBUS.
+ *
  * Threads: no call keeps state outside the handle. Different handles may be used from different
  * threads; one handle must not be used from two threads at once.
  *
@@ -24,6 +38,8 @@
 #include <time.h>
 
 #include <device_access/device_access_api.h>
+
+struct timespec; /* which <time.h> does not define in C99 alone */
 
 DEVICE_ACCESS_BEGIN_DECLS
 
@@ -129,8 +145,8 @@ DEVICE_ACCESS_API const char *libuio_get_sys_class_dir(const libuio_dev_t *uio);
 DEVICE_ACCESS_API const char *libuio_get_sys_device_dir(const libuio_dev_t *uio);
 
 /*
- * The descriptor to watch, in the client's own poll loop, for the device's removal. An event on it
- * means that the device is gone; close the handle then.
+ * The descriptor to watch for the device's removal in the client's own loop: for POLLPRI, as told
+ * above. When it comes the device is gone; close the handle then.
  */
 DEVICE_ACCESS_API int libuio_get_removed_fd(const libuio_dev_t *uio);
 

@@ -43,7 +43,7 @@
  *
  * In C++ the names below live in namespace postlog, because the POD log has types of the same
  * names; unqualified names keep working as long as only one of the two headers is included. C files
- * include one of the two.
+ * include one of the two; including both is an error that says so.
  */
 #ifndef DEVICE_ACCESS_POST_LOG_NVRAM_H
 #define DEVICE_ACCESS_POST_LOG_NVRAM_H

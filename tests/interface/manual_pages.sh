@@ -2,10 +2,10 @@
 # manual_pages.sh DIRECTORY LIST: every function of LIST has a page of its name in DIRECTORY, which is
 # or leads to one that declares it.
 set -eu
-exec <"$2"
+names=$(sed -n 's/^    \([^*]*\);$/\1/p' "$2")
 cd "$1"
 status=0
-while read -r name; do
+for name in $names; do
     page=$(sed -n 's|^\.so man3/||p' "$name.3" 2>/dev/null || true)
     grep -q "[ *B]$name\\((\\|;\\|\\[\\|\\\\fP\\)" "${page:-$name.3}" 2>/dev/null && continue
     case $name in _nvram_dev_info | lc2_pod_log_again) continue ;; esac # data, not functions

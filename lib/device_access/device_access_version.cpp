@@ -1,0 +1,6 @@
+#include <device_access/device_access_version.h>
+
+const char *device_access_version(void)
+{
+    return DEVICE_ACCESS_VERSION;
+}
