@@ -8,14 +8,14 @@
 #pragma once
 
 #include "fuzz/support.h"
-#include "tests/support/pod_log_calls.h"
+#include "tests/support/pod_log.h"
 
 #include <string>
 
 namespace fuzz
 {
 
-struct pod_storage : test_support::pod_log_calls {
+struct pod_storage : test::pod_log_calls {
     char *path;
     uint32_t magic;
     bool index_has_checksum;

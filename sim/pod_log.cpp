@@ -1,33 +1,17 @@
 #include "sim/pod_log.h"
 
-#include <array>
-
 namespace chassis_sim
 {
 namespace
 {
 
-constexpr size_t storage_size = 16384;
-constexpr uint32_t history_count = 10;
 constexpr uint32_t message_size = 64;
-constexpr size_t index_position = 32;
-constexpr size_t header_size = 20;
-constexpr size_t status_position = storage_size - 72;
+constexpr uint32_t header_size = 20;
 constexpr size_t status_words = 8;
+constexpr uint32_t status_unknown = 0x80000000;
 
-// Where a storage keeps its histories.
-struct ring {
-    size_t first_header;
-    uint32_t history_size;
-};
-constexpr ring nvram_ring = {48, 1600};
-constexpr ring file_ring = {44, 1635};
-
-struct run_entry {
-    uint64_t seconds;
-    std::string message;
-};
-using run = std::vector<run_entry>;
+constexpr pod_layout nvram_layout = {0x1FE2C365, 48, 1600, 10, 16384, 16384 - 72};
+constexpr pod_layout file_layout = {0x1FE2C363, 44, 1635, 10, 16384, 0};
 
 std::string word(uint32_t value)
 {
@@ -39,31 +23,20 @@ void put(std::string &image, size_t position, const std::string &bytes)
     image.replace(position, bytes.size(), bytes);
 }
 
-std::string history(const run &entries, const ring &where, size_t header_position)
+std::string history(const pod_run &entries, const pod_layout &layout, uint32_t header_position)
 {
-    const auto start = static_cast<uint32_t>(header_position + header_size);
     std::string bytes;
-    for (const run_entry &entry : entries) {
-        std::string message = entry.message;
+    for (const pod_message &entry : entries) {
+        std::string message = entry.text;
         message.resize(message_size);
         bytes += pod_entry(entry.seconds, message_size) + message;
     }
-    return pod_header(where.history_size, static_cast<uint32_t>(bytes.size()), start) + bytes;
+    return pod_header(layout.history_size, static_cast<uint32_t>(bytes.size()),
+                      header_position + header_size) +
+           bytes;
 }
 
-// The runs are the histories from 0 on; the next one, empty, is the current one.
-std::string log_image(const std::string &index, const ring &where, const std::vector<run> &runs)
-{
-    std::string image(storage_size, '\0');
-    put(image, index_position, index);
-    for (size_t i = 0; i < history_count; ++i) {
-        const size_t position = where.first_header + i * where.history_size;
-        put(image, position, history(i < runs.size() ? runs[i] : run(), where, position));
-    }
-    return image;
-}
-
-std::vector<run> sample_runs(const std::string &card, bool passes)
+std::vector<pod_run> sample_runs(const std::string &card, bool passes)
 {
     const uint64_t first = 1700000020;
     const uint64_t second = first + 86400;
@@ -78,25 +51,19 @@ std::string nvram_image(size_t cards)
 {
     constexpr uint32_t passed = 0;
     constexpr uint32_t failed = 0x0FFFFFFF;
-    constexpr uint32_t unknown = 0x80000000;
     constexpr size_t alsw2 = 3;
-    const auto current = static_cast<uint32_t>(sample_runs("", true).size());
-    std::string image = log_image(checked_pod_index(0x1FE2C365, current, nvram_ring.history_size),
-                                  nvram_ring, sample_runs("RPSW1", true));
-    for (size_t i = 0; i < status_words; ++i)
-        put(image, status_position + 4 * i,
-            word(i == alsw2  ? failed
-                 : i < cards ? passed
-                             : unknown));
+    const std::vector<pod_run> runs = sample_runs("RPSW1", true);
+    std::string image = log_image(nvram_layout, static_cast<uint32_t>(runs.size()), runs);
+    for (size_t i = 0; i < cards; ++i)
+        put(image, nvram_layout.status_position + 4 * i, word(i == alsw2 ? failed : passed));
     return image;
 }
 
 file_image card_file(const std::string &file, const std::string &card)
 {
-    const std::vector<run> runs = sample_runs(card, card != "ALSW2");
-    const std::string index =
-        word(0x1FE2C363) + word(static_cast<uint32_t>(runs.size())) + word(file_ring.history_size);
-    return {"/var/pod/pod_" + file + ".hex", log_image(index, file_ring, runs)};
+    const std::vector<pod_run> runs = sample_runs(card, card != "ALSW2");
+    return {"/var/pod/pod_" + file + ".hex",
+            log_image(file_layout, static_cast<uint32_t>(runs.size()), runs)};
 }
 
 void add_cards(std::vector<file_image> &files, const std::string &file, const std::string &card,
@@ -109,10 +76,10 @@ void add_cards(std::vector<file_image> &files, const std::string &file, const st
 
 } // namespace
 
-std::string checked_pod_index(uint32_t magic, uint32_t current, uint32_t history_size)
+std::string pod_index(const pod_layout &layout, uint32_t current)
 {
-    const std::string fields = word(magic) + word(current) + word(history_size);
-    return fields + word(cksum(fields));
+    const std::string fields = word(layout.magic) + word(current) + word(layout.history_size);
+    return layout.is_nvram() ? fields + word(cksum(fields)) : fields;
 }
 
 std::string pod_header(uint32_t history_size, uint32_t used, uint32_t start)
@@ -125,6 +92,18 @@ std::string pod_entry(uint64_t seconds, uint32_t entry_size)
 {
     const std::string time = number(byte_order::little, seconds, 8);
     return time + word(cksum(time + word(0) + word(entry_size))) + word(entry_size);
+}
+
+std::string log_image(const pod_layout &layout, uint32_t current, const std::vector<pod_run> &runs)
+{
+    std::string image(layout.size, '\0');
+    put(image, pod_index_position, pod_index(layout, current));
+    for (size_t i = 0; layout.is_nvram() && i < status_words; ++i)
+        put(image, layout.status_position + 4 * i, word(status_unknown));
+    for (uint32_t i = 0; i < layout.histories; ++i)
+        put(image, layout.header_at(i),
+            history(i < runs.size() ? runs[i] : pod_run(), layout, layout.header_at(i)));
+    return image;
 }
 
 pod_logs sample_pod_logs(chassis_model model)

@@ -1,0 +1,1057 @@
+// The three storages of the POD log: what they have in common, each case on each of them; what a
+// failing call, a cut and a flipped bit leave; then what only one of them has.
+#include "support/pod_log.h"
+#include "support/sweep.h"
+#include "support/test.h"
+
+#include <device_access/pod_log_crc_tmp.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <regex>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+using namespace test;
+namespace fs = std::filesystem;
+using chassis_sim::pod_entry;
+using chassis_sim::pod_header;
+using chassis_sim::write_file;
+
+constexpr size_t index_position = chassis_sim::pod_index_position;
+
+class storage : public testing::TestWithParam<pod_storage>
+{
+protected:
+    pod_storage s = GetParam();
+    const bool is_file = s.name == "file";
+    const bool is_eeprom = s.path.empty();
+
+    void SetUp() override
+    {
+        chassis_sim::enter_private_root();
+        ::setenv("TZ", "UTC0", 1);
+        bind_eeprom<0>(0);
+        if (is_eeprom)
+            s.path = eeprom_path(0);
+        s.set(s.image());
+    }
+
+    void open(const std::string &image) const
+    {
+        s.set(image);
+        ASSERT_EQ(s.init(0, 0), 1);
+    }
+};
+
+const auto name_of = [](const auto &kind) { return kind.param.name; };
+INSTANTIATE_TEST_SUITE_P(on, storage, testing::ValuesIn(pod_storages), name_of);
+
+//--- what is written ------------------------------------------------------------------------------
+
+TEST_P(storage, formats_adds_and_moves_on_byte_for_byte)
+{
+    open(std::string(s.layout.size, '\0'));
+    std::string image = s.image();
+    ASSERT_EQ(difference(s.contents(), image), "");
+    now = 1700000001;
+    DOES(s.add_parts("INFO ", "memtest", "ok", "%d%% of %llx, %s", 50, 0x123456789ULL, "done"), 1);
+    now = static_cast<time_t>(0x80000002); // beyond 32 signed bits
+    DOES(s.add_text("second"), 1);
+    image = s.image(0, {{{1700000001, "INFO memtest  ok  50% of 123456789, done"},
+                         {0xFFFFFFFF80000002, "second"}}});
+    EXPECT_EQ(difference(s.contents(), image), "");
+
+    // Messages are not cleared, only entry headers, at the fixed distance.
+    DOES(s.set_curr_log_status(0, 1), 1);
+    for (uint32_t i = 0; i < s.layout.histories; ++i)
+        DOES(s.use_nxt_log(0), 1);
+    put(image, s.header_at(0), s.image().substr(s.header_at(0), 36));
+    put(image, s.entry_at(0, 1), std::string(16, '\0'));
+    put(image, 0, is_file ? s.index(0) : "");
+    EXPECT_EQ(difference(s.contents(), image), "");
+    DOES(s.use_nxt_log(0), 1);
+    put(image, index_position, s.index(1));
+    EXPECT_EQ(difference(s.contents(), image), "");
+}
+
+TEST_P(storage, formatting_clears_an_entry_header_every_80_bytes)
+{
+    // 276 has its last one exactly at the end, 275 does not; 30 has its first one beyond it.
+    for (const auto &[size, slots] : {std::pair{276u, 4u}, {275u, 3u}, {30u, 1u}}) {
+        s.describe(2, size);
+        std::string image(s.layout.size, '\xFF');
+        open(image);
+        s.close(0);
+        const std::string fresh = s.image();
+        const auto take = [&](size_t position, size_t length) {
+            image.replace(position, length, fresh, position, length);
+        };
+        take(index_position, s.index(0).size());
+        take(s.layout.status_position, s.is_nvram() ? 36 : 0);
+        for (uint32_t history : {0u, 1u}) {
+            for (uint32_t slot = 0; slot < slots; ++slot)
+                put(image, s.entry_at(history, slot), std::string(16, '\0'));
+            take(s.header_at(history), 20);
+        }
+        EXPECT_EQ(difference(s.contents(), image), "") << size;
+    }
+}
+
+TEST_P(storage, composes_the_message_within_64_bytes)
+{
+    const auto of = [](char c, size_t count) { return std::string(count, c); };
+    const struct {
+        std::string level, diag, ret, text, message;
+    } cases[] = {
+        {"", "", "", "", ""},
+        {"L", "", "r", "t", "Lr  t"},
+        {"L", of('d', 100), "r", "t", cat({"L", of('d', 61), " "})},
+        {"L", of('d', 59), "r", "t", cat({"L", of('d', 59), "  t"})},
+        {"L", of('d', 58), "rr", "t", cat({"L", of('d', 58), "  r "})},
+        {of('x', 61), "dd", "r", "t", of('x', 61) + "d "},
+        {of('x', 62), "d", "r", "tu", of('x', 62) + "t"},
+        {of('x', 63), "d", "r", "t", of('x', 63)},
+        {of('x', 64), "d", "r", "t", of('x', 63)},
+        {"ab", "", "", of('t', 64), cat({"ab", of('t', 61)})},
+        {"", "", "", of('t', 64), of('t', 63)},
+    };
+    std::string image = s.image();
+    put(image, s.entry_at(0, 0) + 16, of('#', 64)); // what an earlier entry left
+    for (const auto &[level, diag, ret, text, message] : cases) {
+        open(image);
+        DOES(s.add_parts(level.c_str(), diag.c_str(), ret.c_str(), "%s", text.c_str()), 1);
+        s.close(0);
+        std::string area = of('#', 64);
+        put(area, 0, message + '\0');
+        EXPECT_EQ(s.contents().substr(s.entry_at(0, 0) + 16, 64), area) << message;
+    }
+}
+
+TEST_P(storage, overwrites_the_last_entry_of_a_full_history)
+{
+    // The last entry must leave a byte of its history: 260 bytes have no room for three.
+    for (const auto &[size, room] : {std::pair{260u, 2u}, {261u, 3u}, {1600u, 19u}}) {
+        s.describe(2, size);
+        open(s.image());
+        for (uint32_t i = 1; i < room; ++i)
+            DOES(s.add_text("entry"), 1);
+        std::string image = s.contents();
+        for (const char *text : {"last", "late"}) {
+            DOES(s.add_text(text), 0);
+            put(image, s.entry_at(0, room - 1), pod_entry(static_cast<uint64_t>(now), 64) + text);
+            EXPECT_EQ(difference(s.contents(), image), ""); // the header still counts one less
+        }
+        s.close(0);
+    }
+}
+
+//--- what is read ---------------------------------------------------------------------------------
+
+TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)
+{
+    s.describe(3, 416);
+    s.set(s.image(1, {{{1000, "old"}}, {{0x90000000, "new"}, {0x90000001, "newer"}}, {}}));
+    EXPECT_EQ(s.text(), "1: new|newer, 0: old, ");
+
+    const long held = is_eeprom ? 0 : 1; // descriptors while it is open
+    time_t ts = -1;
+    DOES(s.open_dir(0), 1, "", "", any_error, held);
+    DOES(s.read_dir(0, 1, &ts), 0);
+    EXPECT_EQ(ts, static_cast<time_t>(0x90000000u)) << "32 bits without sign";
+    DOES(s.read_dir(0, 0, &ts), -2); // the empty history 2 is passed over
+    EXPECT_EQ(ts, 1000);
+    DOES(s.close_dir(0), 1, "", "", 0, -held);
+
+    char msg[4] = "###";
+    const auto raw = std::make_unique<uint8_t[]>(80);
+    const int first = static_cast<int>(s.entry_at(1, 0));
+    DOES(s.open_log(0, 1), first, "", "", any_error, held);
+    DOES(s.read_log(0, first, &ts, msg, 2), first + 80);
+    EXPECT_STREQ(msg, "ne#");
+    EXPECT_EQ(s.read_log(0, first, &ts, msg, 0), -1);
+    DOES(s.read_log(0, first + 80, &ts, msg, 1), -2);
+    EXPECT_EQ(ts, static_cast<time_t>(0x90000001u));
+    if (s.read_raw_log) {
+        DOES(s.read_raw_log(0, first + 80, raw.get()), -2);
+        EXPECT_EQ(std::string(raw.get(), raw.get() + 80),
+                  s.contents().substr(s.entry_at(1, 1), 80));
+    }
+    s.close(0);
+    for (int none : {2, 3, -2})
+        EXPECT_EQ(s.open_log(0, none), -1);
+
+    s.set(s.image(2, {{{1000, "old"}}}));
+    EXPECT_EQ(s.open_dir(0), 0);
+    DOES(s.read_dir(0, 2, &ts), -2);
+    EXPECT_EQ(ts, 0) << "the time of an empty history";
+    s.close_dir(0);
+    s.set(s.image());
+    DOES(s.open_dir(0), -2);
+
+    // Checksums count, and nothing else: neither the version nor entries that are not in use.
+    std::string image = s.image();
+    const std::string header = words({416, 80, 0x9999, s.entry_at(0, 0)});
+    put(image, s.header_at(0), words({chassis_sim::cksum(header)}) + header);
+    put(image, s.entry_at(0, 0), pod_entry(5, 64) + "changed");
+    put(image, s.entry_at(1, 0), pod_entry(6, 64));
+    s.set(image);
+    EXPECT_EQ(s.text(), "0: changed, ");
+}
+
+TEST_P(storage, dumps_histories_newest_first)
+{
+    s.describe(3, 416);
+    const auto line = [&](int minute, const std::string &message) {
+        const std::string time = std::to_string(17280000 + 60 * minute);
+        return cat({s.is_nvram() ? "" : cat({"    timestamp: epoch time ", time, ": "}),
+                    "    timestamp: Mon Jul 20 00:0", std::to_string(minute),
+                    ":00 1970\n: msg = ", message, "\n"});
+    };
+    const std::string first = line(0, "one") + line(1, "two");
+    open(s.image(1, {{{17280000, "one"}, {17280060, "two"}}, {{17280120, "three"}}}));
+    DOES(s.dump_log_msgs(0, 0), 1, "", first);
+    DOES(s.dump_curr_log_msgs(0), 1, "",
+         cat({"podlog_", s.name, "_dump_curr_log_msgs: curr log =1 \n", line(2, "three")}));
+    s.close(0);
+    DOES(s.dump_all_log_msgs(0), 1, "",
+         cat({s.is_nvram() ? "-------- starting history/subblock = 1 --------\n" : "",
+              "-------- history/subblock = 1 --------\n", line(2, "three"),
+              "-------- history/subblock = 0 --------\n", first,
+              "-------- history/subblock = 2 --------\n"}));
+
+    // A message without NUL, longer than the pieces it is read in, and a chain that then leaves
+    // the storage.
+    std::string image = s.image(0, {{{17280000, "x"}}});
+    put(image, s.entry_at(0, 0), pod_entry(17280000, 0x7FFFFFFF) + std::string(300, 'm') + '\0');
+    open(image);
+    const outcome seen = outcome_of([&] { return s.dump_log_msgs(0, 0); });
+    EXPECT_EQ(seen.value, -1);
+    EXPECT_EQ(seen.out, line(0, std::string(300, 'm')));
+    s.close(0);
+    const outcome of_all = outcome_of([&] { return s.dump_all_log_msgs(0); });
+    EXPECT_EQ(of_all.value, s.is_nvram() ? -1 : 1);
+    EXPECT_EQ(of_all.opens, 0);
+    open(s.image());
+    DOES(s.dump_log_msgs(0, 0), 1);
+}
+
+//--- what is said ---------------------------------------------------------------------------------
+
+TEST_P(storage, reports_a_bad_index)
+{
+    const std::string invalid = cat({"ERROR: ", s.name, "_get_curr_log_hdr_pos: invalid index!\n"});
+    const auto said = [&](const char *on_nvram, const std::string &on_others) {
+        return s.is_nvram() ? on_nvram : on_others;
+    };
+    const int limit = static_cast<int>(s.layout.histories);
+    open(s.image());
+    s.set(s.image(s.layout.histories));
+    DOES(s.add_text("x"), -1,
+         said("ERROR: get_curr_log_hdr_pos: index 10 out of range!\n", invalid));
+    DOES(s.dump_log_msgs(0, limit), -1,
+         cat({"ERROR: ", s.name, "_get_log_hdr_pos: invalid index ", std::to_string(limit),
+              "; must less than ", std::to_string(limit), "!\n"}));
+
+    std::string image = s.image();
+    put(image, index_position, words({0x12345678}));
+    s.set(image);
+    DOES(s.add_text("x"), -1, said("", invalid));
+    DOES(s.set_curr_log_status(0, 0), -1);
+    DOES(s.use_nxt_log(0), 1);
+    EXPECT_EQ(difference(s.contents(), image), "") << "nothing changed";
+    DOES(s.dump_log_msgs(0, 0), -1,
+         said("nvram_get_log_hdr_pos: unexpected magic number 0x12345678. canot not get the index "
+              "from the structure!",
+              ""));
+
+    image = s.image();
+    s.layout.history_size += 16;
+    put(image, index_position, s.index(0));
+    s.set(image);
+    DOES(s.add_text("x"), s.is_nvram() ? -1 : 1,
+         said("get_curr_log_hdr_pos: corrupted log size 0x650 in the structure!\n", ""));
+}
+
+TEST_P(storage, ids_without_a_device_fail_and_change_nothing)
+{
+    s.set("");
+    bind_eeprom<0>(6);
+    for (int id : {-1, is_file ? 17 : s.is_nvram() ? 2 : 6, 1000000, INT_MIN, INT_MAX}) {
+        time_t ts;
+        char msg[8];
+        va_list none = {};
+        const auto sum_of_all = [&] {
+            s.set_pod_info(id, msg, 100, 1, 64, 0);
+            s.close(id);
+            return s.init(id, 0) + s.reset(id) + s.add(id, nullptr, nullptr, nullptr, "", none) +
+                   s.use_nxt_log(id) + s.set_curr_log_status(id, 1) + s.open_dir(id) +
+                   s.read_dir(id, 0, &ts) + s.open_log(id, 0) +
+                   s.read_log(id, 0, &ts, msg, sizeof msg) + s.dump_log_msgs(id, 0) +
+                   s.dump_all_log_msgs(id);
+        };
+        EXPECT_EQ(outcome_of(sum_of_all).value, -11) << id;
+    }
+    EXPECT_EQ(s.contents(), "");
+}
+
+TEST_P(storage, bears_numbers_that_make_no_sense_behind_right_checksums)
+{
+    s.describe(3, 416);
+    const uint32_t start = s.entry_at(0, 0);
+    const auto raw = std::make_unique<uint8_t[]>(80); // exactly as much as is asked for
+    time_t ts;
+    const struct {
+        size_t position;
+        std::string record, found;
+        int added;
+    } cases[] = {
+        {index_position, s.index(~0u), "!", -1},
+        {s.header_at(0), pod_header(0, 80, start), "0: x, ", 0},
+        {s.header_at(0), pod_header(0xFFFFFFF0, 80, start), "0: x, ", 0},
+        {s.header_at(0), pod_header(416, 0x80000000, start), "!", -1},
+        {s.header_at(0), pod_header(416, 80, 0x80000000), "!", -1},
+        {s.header_at(0), pod_header(416, 80, 0x7FFFFFF0), "!", -1},
+        {start, pod_entry(5, 0x7FFFFFC0) + "x", "0: x!, ", 1},
+        {start, pod_entry(5, 0xFFFFFFF0) + "x", "0: x!, ", 1}, // leads back to itself
+        {start, pod_entry(5, 1000) + "x", "0: x, ", 1},
+    };
+    for (const auto &[position, record, found, added] : cases) {
+        std::string image = s.image(0, {{{5, "x"}}});
+        put(image, position, record);
+        s.set(image);
+        EXPECT_EQ(s.text(), found);
+        s.init(0, 0);
+        s.dump_log_msgs(0, 0);
+        for (uint32_t at : {start, 0x7FFFFFFFu, 0x80000000u, ~0u}) {
+            s.read_log(0, static_cast<int>(at), &ts, reinterpret_cast<char *>(raw.get()), 80);
+            if (s.read_raw_log)
+                s.read_raw_log(0, static_cast<int>(at), raw.get());
+        }
+        EXPECT_EQ(s.add_text("y"), added) << found;
+        s.close(0);
+    }
+}
+
+TEST_P(storage, bears_any_configuration)
+{
+    for (int histories : {0, -1, INT_MIN, 1})
+        for (int mem_size : {16384, 0, 40, 120, -1, INT_MIN})
+            for (int msg_size : {64, 0, -1, INT_MIN, INT_MAX}) {
+                s.set(std::string(16384, '\0'));
+                s.set_pod_info(0, s.path.data(), mem_size, histories, msg_size, ~0u);
+                s.init(0, 0);
+                s.add_text("x");
+                s.use_nxt_log(0);
+                s.close(0);
+                EXPECT_EQ(s.text().find(": !"), std::string::npos);
+            }
+}
+
+//--- what a failing call, a cut and a flipped bit leave
+//--------------------------------------------
+
+TEST_P(storage, each_failing_call_gives_the_documented_result)
+{
+    s.describe(2, 196);
+    const std::string filled = s.image(1, {{{5, "a"}}, {{6, "b"}}});
+    const std::string blank(s.layout.size, '\0');
+    const int first = static_cast<int>(s.entry_at(1, 0));
+    time_t ts;
+    char msg[26];
+    ::ctime_r(&now, msg); // reads the time zone's file before the calls count
+    enum { opening, opening_and_closing, opened, walking };
+    // R: the failure of a read gives -1, r: it does not matter; p: open, k: mkdir, l: close.
+    const struct {
+        const char *name;
+        std::function<result()> call;
+        const std::string &before;
+        int kind;
+        std::string on_nvram, on_others;
+    } cases[] = {
+        {"init", [&] { return s.init(0, 0); }, filled, opening, "RRR", "R"},
+        {"format", [&] { return s.init(0, 0); }, blank, opening, "Rwwwrrwwwwrwwww",
+         "Rwrrwwwwrwwww"},
+        {"reset", [&] { return s.reset(0); }, filled, opened, "WWWRrwwwwrwwww", "WRrwwwwrwwww"},
+        {"add", [&] { return s.add_text("x"); }, filled, opened, "RRRWWW", "RRRWWW"},
+        {"next", [&] { return s.use_nxt_log(0); }, filled, opened, "RWRrwwww", "RWRrwwww"},
+        {"status", [&] { return s.set_curr_log_status(0, 0); }, filled, opened, "RW", "RW"},
+        {"open_dir", [&] { return s.open_dir(0); }, filled, opening, "RRRRrRR", "RRrRR"},
+        {"read_dir", [&] { return s.read_dir(0, 1, &ts); }, filled, walking, "RRRRRR", "RRRRRR"},
+        {"open_log", [&] { return s.open_log(0, 1); }, filled, opening, "RRRRRR", "RRRR"},
+        {"read_log", [&] { return s.read_log(0, first, &ts, msg, 8); }, filled, opened, "RRR",
+         "RRR"},
+        {"dump", [&] { return s.dump_log_msgs(0, 1); }, filled, opened, "RRRRR", "RRRRR"},
+        {"dump_curr", [&] { return s.dump_curr_log_msgs(0); }, filled, opened, "RRRRRR", "RRRRRR"},
+        {"dump_all", [&] { return s.dump_all_log_msgs(0); }, filled, opening_and_closing,
+         "RRRRRRRRRRRR", "Rrrrrrrrrr"},
+    };
+    for (const auto &c : cases) {
+        s.set(c.before);
+        if (c.kind >= opened)
+            c.kind == opened ? s.init(0, 0) : s.open_dir(0);
+        std::string seen;
+        fail_each_call(EIO, c.call, [&](const run &one) {
+            s.set(c.before);
+            const auto &[value, err, out, error, opens] = one.seen;
+            const char letter = one.failed[1];
+            seen += static_cast<char>(value.number < 0 ? std::toupper(letter) : letter);
+            EXPECT_EQ(one.blocks, 0) << one;
+            EXPECT_EQ(opens, c.kind == opening && value.number >= 0 && !is_eeprom) << one;
+            EXPECT_TRUE(value.number >= 0 || error == EIO || error == EINVAL) << one;
+            // Who has a descriptor of its own says what failed.
+            const char *const said = letter == 'r'   ? "_mem_rd: cannot read or reach eof!!"
+                                     : letter == 'w' ? "_mem_wr: cannot write"
+                                                     : "";
+            EXPECT_EQ(err.find(said) == err.npos, is_eeprom) << one;
+        });
+        s.close(0);
+        const bool opens = c.kind < opened && !is_eeprom;
+        EXPECT_EQ(seen, cat({!opens    ? ""
+                             : is_file ? "KP"
+                                       : "p",
+                             s.is_nvram() ? c.on_nvram : c.on_others,
+                             opens && c.kind == opening_and_closing ? "l" : ""}))
+            << c.name;
+    }
+}
+
+// Where a storage whose writing was cut differs from one cut a byte earlier: the number of bytes
+// that it has got, on NVRAM and on the others (-1: not there), then what is found in it, and what
+// when one more, "+", is added. The oldest history is the one after the current one.
+const char survivors[] = R"(
+  0   0 add: 2: c, 1: b, 0: a, -> 2: c|+, 1: b, 0: a, ;
+ 13  13 add: 2: c|, 1: b, 0: a, -> 2: c|+, 1: b, 0: a, ;
+ 17  17 add: 2: c|2, 1: b, 0: a, -> 2: c|+, 1: b, 0: a, ;
+ 19  19 add: damaged
+ 27  27 add: 2: c|2, 1: b, 0: a, -> 2: c|2|+, 1: b, 0: a, ;
+  0   0 first add: -> 0: +, ;
+ 19  19 first add: damaged
+ 27  27 first add: 0: 2, -> 0: 2|+, ;
+  0   0 next: 2: c, 1: b, 0: a, -> 2: c|+, 1: b, 0: a, ;
+  5  -1 next: damaged
+ 16   5 next: 0: a, 2: c, 1: b, -> 0: a|+, 2: c, 1: b, ;
+ 17  13 next: 2: c, 1: b, -> 2: c, 1: b, ;
+ 97  93 next: damaged
+105 101 next: 2: c, 1: b, -> 0: +, 2: c, 1: b, ;
+  0   0 reset: 2: c, 1: b, 0: a, -> 2: c|+, 1: b, 0: a, ;
+  5  -1 reset: damaged
+ 16   5 reset: 0: a, 2: c, 1: b, -> 0: a|+, 2: c, 1: b, ;
+ 53  13 reset: 2: c, 1: b, -> 2: c, 1: b, ;
+133  93 reset: damaged
+141 101 reset: 2: c, 1: b, -> 0: +, 2: c, 1: b, ;
+153 113 reset: 2: c, -> 0: +, 2: c, ;
+233  -1 reset: damaged
+241  -1 reset: 2: c, -> 0: +, 2: c, ;
+253 213 reset: -> 0: +, ;
+333  -1 reset: damaged
+341  -1 reset: -> 0: +, ;
+  0   0 format: !-> 0: +, ;
+  4   4 format: damaged
+350 109 format: -> 0: +, ;
+)";
+
+class damaged_storage : public storage
+{
+protected:
+    std::string wrong; // what is not as it should be while the streams are captured
+    void expect(bool right, const std::string &what) { wrong += right ? "" : what + "\n"; }
+
+    // What is found, and what when one more is added; "" then when none can be.
+    using state = std::pair<std::string, std::string>;
+    state state_of(const std::string &image)
+    {
+        s.set(image);
+        const std::string found = s.text();
+        const bool opens = s.init(0, 0) == 1;
+        const bool adds = s.add_text("+") >= 0;
+        s.close(0);
+        expect(opens == (adds || !s.is_nvram()), "opened: " + found);
+        expect(adds || found == (s.is_nvram() ? "!" : ""), "damaged: " + found);
+        return {found, adds ? s.text() : ""};
+    }
+
+    // Does the work on this image until it has written so many bytes; whether it was through.
+    bool cut(const std::string &image, const std::function<int()> &work, long bytes) const
+    {
+        s.set(image);
+        if (image.find_first_not_of('\0') != image.npos)
+            s.init(0, 0);
+        bytes_left = bytes;
+        work();
+        const bool through = bytes_left > 0;
+        bytes_left = LONG_MAX;
+        s.close(0);
+        return through;
+    }
+
+    void kill(const std::string &image, const std::function<int()> &work, long bytes) const
+    {
+        const pid_t pid = ::fork();
+        dies_then = pid == 0;
+        if (pid == 0)
+            ::_exit(cut(image, work, bytes));
+        ::waitpid(pid, nullptr, 0);
+    }
+
+    // One more add, cut after each of its bytes, has come, has not come, or has damaged the log.
+    void cut_once_more(const std::string &image, const std::string &once)
+    {
+        const std::string twice = std::regex_replace(once, std::regex("\\+"), "+|+");
+        bool through = false;
+        for (long bytes = 0; !through; ++bytes) {
+            through = cut(
+                image, [&] { return s.add_text("+"); }, bytes);
+            const std::string found = state_of(s.contents()).second;
+            expect(found == once || found == twice || found.empty(), once + "then " + found);
+        }
+    }
+
+    // All that the table has about an operation.
+    std::string cut_everywhere(const char *name, const std::string &before,
+                               const std::function<int()> &work)
+    {
+        std::string rows;
+        state last;
+        bool through = false;
+        for (long bytes = 0; !through; ++bytes) {
+            through = cut(before, work, bytes);
+            const std::string image = s.contents();
+            if (bytes % 4 == 0)
+                kill(before, work, bytes);
+            expect(s.contents() == image, "being killed makes a difference");
+            const state left = state_of(image);
+            if (bytes == 0 || left != last)
+                rows += cat(
+                    {std::to_string(bytes), name,
+                     left.second.empty() ? "damaged" : cat({left.first, "-> ", left.second, ";"}),
+                     "\n"});
+            if (left != last || bytes % 16 == 0)
+                cut_once_more(image, left.second);
+            last = left;
+        }
+        return rows;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(on, damaged_storage, testing::ValuesIn(pod_storages), name_of);
+
+TEST_P(damaged_storage, keeps_what_the_table_says_when_it_is_cut_after_any_byte)
+{
+    s.describe(3, 416);
+    const std::string filled = s.image(2, {{{5, "a"}}, {{6, "b"}}, {{7, "c"}}});
+    const std::string blank(s.layout.size, '\0');
+    std::string seen;
+    output_of([&] {
+        seen += cut_everywhere(" add: ", filled, [&] { return s.add_text("2"); });
+        seen += cut_everywhere(" first add: ", s.image(), [&] { return s.add_text("2"); });
+        seen += cut_everywhere(" next: ", filled, [&] { return s.use_nxt_log(0); });
+        seen += cut_everywhere(" reset: ", filled, [&] { return s.reset(0); });
+        seen += cut_everywhere(" format: ", blank, [&] { return s.init(0, 0); });
+    });
+    std::string expected;
+    std::istringstream rows(survivors + 1);
+    for (long nvram, others; rows >> nvram >> others;) {
+        std::string left;
+        std::getline(rows, left);
+        if (const long bytes = s.is_nvram() ? nvram : others; bytes >= 0)
+            expected += cat({std::to_string(bytes), left, "\n"});
+    }
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(wrong, "");
+}
+
+TEST_P(damaged_storage, shows_nothing_with_a_wrong_checksum)
+{
+    s.describe(3, 196);
+    const std::string image = s.image(2, {{{5, "a"}}, {{6, "b"}}, {{7, "c"}, {8, "d"}}});
+    // What is found when a bit is flipped; NVRAM whose index or headers are damaged is not opened.
+    const struct {
+        size_t position, size;
+        std::string found;
+    } records[] = {
+        {s.header_at(0), 20, s.is_nvram() ? "!" : "2: c|d, 1: b, "},
+        {s.entry_at(0, 0), 16, "2: c|d, 1: b, "},
+        {s.header_at(1), 20, s.is_nvram() ? "!" : "2: c|d, 0: a, "},
+        {s.entry_at(1, 0), 16, "2: c|d, 0: a, "},
+        {s.header_at(2), 20, s.is_nvram() ? "!" : ""},
+        {s.entry_at(2, 0), 16, "1: b, 0: a, "},
+        {s.entry_at(2, 1), 16, "2: c, 1: b, 0: a, "},
+        {s.entry_at(2, 1) + 80, 16, "2: c|d, 1: b, 0: a, "}, // not in use
+    };
+    const auto flip = [&](size_t bit) {
+        std::string other = image;
+        other[bit / 8] = static_cast<char>(other[bit / 8] ^ 1 << bit % 8);
+        s.set(other);
+        return s.text();
+    };
+    std::map<std::string, int> of_index;
+    output_of([&] {
+        for (const auto &[position, size, found] : records)
+            for (size_t bit = 8 * position; bit < 8 * (position + size); ++bit) {
+                const std::string seen = flip(bit);
+                expect(seen == found, cat({std::to_string(bit), ": ", seen}));
+            }
+        for (size_t bit = 8 * index_position; bit < 8 * (index_position + s.index(0).size()); ++bit)
+            ++of_index[flip(bit)];
+        for (size_t bit = 8 * (s.entry_at(0, 0) + 16); bit < 8 * s.entry_at(0, 1); ++bit) {
+            const std::string seen = flip(bit); // no checksum covers a message
+            expect(seen.find("2: c|d, 1: b, 0: ") == 0, seen);
+        }
+    });
+    EXPECT_EQ(wrong, "");
+    const std::map<std::string, int> closed = {{"!", 128}};
+    const std::map<std::string, int> elsewhere = {{"", 10}, {"!", 85}, {"0: a, 2: c|d, 1: b, ", 1}};
+    EXPECT_EQ(of_index, s.is_nvram() ? closed : elsewhere);
+}
+
+//--- NVRAM ----------------------------------------------------------------------------------------
+
+class pod_nvram : public testing::Test
+{
+protected:
+    pod_storage s = pod_storages[0];
+    std::string good = s.image();
+
+    void SetUp() override
+    {
+        chassis_sim::enter_private_root();
+        s.layout.magic = 7;
+    }
+
+    // What is said about an "instance(%p)", without the address.
+    static std::string said(const std::function<result()> &call, int value)
+    {
+        const outcome seen = outcome_of(call);
+        EXPECT_EQ(seen.value, value);
+        EXPECT_EQ(seen.opens, 0);
+        return std::regex_replace(seen.out + seen.err, std::regex("\\(0x[0-9a-f]+\\)"), "()");
+    }
+};
+
+TEST_F(pod_nvram, makes_the_node_of_the_block_it_finds_and_holds_it_alone)
+{
+    chassis_sim::device_server server;
+    chassis_sim::add_nvram(server, {.number = 0, .name = "nvlog-pod2"});
+    chassis_sim::add_nvram(server, {.number = 1, .name = "nvlog-po"});
+    chassis_sim::add_nvram(server, {.number = 2});
+    server.start();
+    ASSERT_EQ(s.init(0, 0), 1);
+    s.close(0);
+    EXPECT_EQ(difference(s.contents(), good), "");
+    DOES(s.init(0, 1), 1, "", "", any_error, 1);
+    const int held = std::exchange(_nvram_dev_info[0].fd, -1);
+    DOES(s.init(0, 0), -1); // a busy device is no news
+    ::close(held);
+}
+
+TEST_F(pod_nvram, says_why_there_is_no_device)
+{
+    const std::string no_number = " ERROR: fail to find major/minor number\n";
+    int fd = 5;
+    const auto open = [&] { return podlog_nvram_open_dev_file(0, &fd, 1); };
+    DOES(open(), 0, no_number, " No nvram0 dev file!\n");
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(pauses.count, 20) << "one after each attempt";
+    EXPECT_GE(pauses.shortest, 500u);
+    EXPECT_LE(pauses.longest, 1499u);
+
+    s.set("");
+    const auto open_as_0 = [&] { // the lowest descriptor is not taken, nor left open
+        ::close(0);
+        const int result = open();
+        return ::open("/dev/null", O_RDONLY) == 0 ? result : -1;
+    };
+    DOES(open_as_0(), 0, no_number, " No nvram0 dev file!\n");
+    fs::remove(s.path);
+
+    for (unsigned int n = 0; n < 21; ++n)
+        write_file(chassis_sim::nvram_class_dir(n) + "/name", n == 20 ? "nvlog-pod\n" : "other\n");
+    DOES(open(), 0, no_number);
+    write_file(chassis_sim::nvram_class_dir(19) + "/name", "nvlog-pod\n");
+    DOES(s.init(0, 0), -1, no_number); // no dev attribute
+    write_file(chassis_sim::nvram_class_dir(19) + "/dev", "1:3\n");
+    const auto configure = [&](std::string node) {
+        s.set_pod_info(0, node.data(), 16384, 10, 64, 0xFFFFFFE0);
+    };
+    configure("/dev/missing/node");
+    DOES(s.init(0, 0), -1, "mknod(/dev/missing/node) failed: No such file or directory\n");
+    chassis_sim::make_symlink("/dev/dangling", "/dev/missing/node");
+    configure("/dev/dangling");
+    for (int rdonly : {0, 1})
+        EXPECT_EQ(said([&] { return s.init(0, rdonly); }, -1),
+                  cat({"ERROR: instance() cannot open newly created dev file /dev/dangling for ",
+                       rdonly ? "read-only" : "read-write", "!\n"}));
+
+    const std::string path = "/dev/" + std::string(35, 'n'); // 40 bytes of a name are kept
+    write_file(path, good);
+    configure(path + "more");
+    DOES(s.init(0, 1), 1, "", "", any_error, 1);
+    EXPECT_EQ(std::string(_nvram_dev_info[0].name, 41), path + '\2');
+}
+
+TEST_F(pod_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
+{
+    const std::string zeros(16384, '\0');
+    const std::string other_magic = s.image();
+    std::string bad_header = good;
+    bad_header[s.header_at(3)] ^= 1;
+    std::string bad_checksum = good;
+    bad_checksum[36] = 7;
+    const std::string zero_dump =
+        "nvram_dump_block_index: \t  magic number = 0x0 \n\t header index "
+        "= 0x0\t size = 0x0 \n\t checksum = 0x0\n";
+    const std::string zero_crc = "CRC: read = 0x0 expect = 0xcaf3649b\n";
+    const std::string crc = "CRC: read = 0x7708c70f expect = 0xa089ab53\n";
+    const std::string dump =
+        "nvram_dump_block_index: \t  magic number = 0x1fe2c365 \n\t header index = 0x7\t size = 0x640 \n\t checksum = 0x7708c70f\n";
+    const std::string refused =
+        "ERROR: podlog_nvram_init: checksum incorrect! cannot open for reading!!\n";
+    const std::string no_guess = "Can not perform best guess for read-only NVRAM region!\n";
+    const std::string warning =
+        "WARNING: podlog_nvram_init: Block index structure CRC not matched!\n";
+    const std::string reset = "podlog_nvram_reset: reset POD status & fault injection\n";
+    const struct {
+        std::string image;
+        int rdonly, result;
+        std::string out, err;
+    } cases[] = {
+        {good, 1, 1, "", ""},
+        {zeros, 1, -1, zero_dump, refused + zero_crc + no_guess},
+        {zeros, 0, 1, cat({zero_dump, warning, zero_crc, reset}), ""},
+        {bad_checksum, 1, -1, dump, refused + crc + no_guess},
+        {bad_checksum, 0, -1, dump + warning + crc, ""},
+        {bad_header, 0, -1, "", ""},
+        {other_magic, 0, -1, "nvram_check_hdr failed to get_log_hdr_pos, nvram_id 0, subblock_id 0",
+         "nvram_get_log_hdr_pos: unexpected magic number 0x7. canot not get the index from the "
+         "structure!"},
+        {"", 0, -1, "",
+         "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0x20-0x2f\n"
+         "ERROR: canot read magic number for NVRAM!\n"},
+    };
+    for (const auto &[image, rdonly, result, out, err] : cases) {
+        s.set(image);
+        pauses.count = 0;
+        DOES(s.init(0, rdonly), result, err, out, any_error, result == 1);
+        EXPECT_EQ(pauses.count, image == good ? 9 : pauses.count) << "between two headers";
+        EXPECT_EQ(_nvram_dev_info[0].fd == -1, result == -1);
+        EXPECT_EQ(difference(s.contents(), image == zeros && result == 1 ? good : image), "");
+        output_of([&] { s.close(0); });
+    }
+
+    // An explicit reset brings back what init refuses.
+    s.set(bad_checksum);
+    ASSERT_EQ(podlog_nvram_open_dev_file(0, &_nvram_dev_info[0].fd, 0), 1);
+    DOES(s.reset(0), 1, "", reset);
+    EXPECT_EQ(difference(s.contents(), good), "");
+    s.close(0);
+    podlog_nvram_set_magic_number(7);
+    s.set(other_magic);
+    DOES(s.init(0, 0), 1, "", "", any_error, 1);
+    DOES(s.reset(0), 1, "", reset);
+    EXPECT_EQ(difference(s.contents(), other_magic), "");
+}
+
+TEST_F(pod_nvram, reports_misuse_and_refused_transfers)
+{
+    uint8_t data[8] = {};
+    s.set(good);
+    DOES(pod_nvram_mem_rd(1, 0, data, 4), 0,
+         "ERROR: pod_nvram_mem_rd: nvram 1: cannot access device!\n");
+    DOES(pod_nvram_mem_wr(2, 0, data, 4), 0, "ERROR: pod_nvram_mem_wr: cannot access device 2!\n");
+    EXPECT_EQ(said([&] { return s.close(0), 1; }, 1),
+              "podlog_nvram_close: instance() already closed previously! \n");
+    DOES(s.init(0, 1), 1, "", "", any_error, 1);
+    DOES(s.init(0, 1), -1,
+         "ERROR: podlog_nvram_init: nvram 0 current device is currently opened already!\n");
+    DOES(pod_nvram_mem_rd(0, 16380, data, 8), 4); // a short transfer is one
+    DOES(pod_nvram_mem_rd(0, 16384, data, 8), 0,
+         "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0x4000-0x4007\n");
+    DOES(s.reset(0), -1,
+         "ERROR: pod_nvram_mem_wr: cannot write 16 bytes to 0x20!!\n"
+         "Failed to write NVRAM index structure!\n");
+
+    // The current history is that of a verified index.
+    put(good, 36, words({1}));
+    s.set(good);
+    DOES(s.dump_curr_log_msgs(0), -1,
+         "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0xfffff9f0-0xfffffa03\n",
+         "nvram_verify_blk_index: incorrect CRC 0x7708c70f! expected 0x85086d69 "
+         "podlog_nvram_dump_curr_log_msgs: curr log =-1 \n");
+    s.set(s.image());
+    DOES(
+        s.dump_curr_log_msgs(0), -1,
+        "nvram_get_log_hdr_pos: unexpected magic number 0x7. canot not get the index from the structure!",
+        "nvram_verify_blk_index: unexpected magic number 0x7! expected 0x1fe2c365 "
+        "podlog_nvram_dump_curr_log_msgs: curr log =-1 \n");
+    DOES(podlog_nvram_close_log(0, 0), 1, "", "", any_error, -1);
+    EXPECT_EQ(_nvram_dev_info[0].fd, -1);
+}
+
+TEST_F(pod_nvram, keeps_a_status_word_and_a_fault_bit_per_instance)
+{
+    s.set(good);
+    ASSERT_EQ(s.init(0, 0), 1);
+    const struct {
+        uint32_t stored, read;
+        const char *text;
+    } cases[] = {{0, 0, "Passed"},
+                 {1, 0x0FFFFFFF, "Unrecognized!"},
+                 {0x0FFFFFFF, 0x0FFFFFFF, "Failed"},
+                 {0x7FFFFFFF, 0x0FFFFFFF, "Unrecognized!"},
+                 {0x80000000, 0x80000000, "Invalid"},
+                 {0x80000001, 0x80000000, "Unrecognized!"},
+                 {0xFFFFFFFF, 0x80000000, "Unrecognized!"}};
+    for (const auto &[stored, read, text] : cases) {
+        // Instance 20 has word 6; the device is number 0, whatever is asked for.
+        DOES(podlog_nvram_set_pod_status(1, 20, static_cast<int>(stored)), 1);
+        put(good, 16312 + 24, words({stored}));
+        EXPECT_EQ(difference(s.contents(), good), "");
+        DOES(podlog_nvram_get_pod_status(0, 20), read);
+        EXPECT_STREQ(podlog_nvram_convert_pod_status_str(stored), text);
+    }
+    DOES(podlog_nvram_set_pod_status(0, 20, 0), 1);
+    DOES(podlog_nvram_invalidate_pod_status(0, 20), 1);
+    DOES(podlog_nvram_get_pod_status(0, 20), POD_STATUS_INVALID);
+
+    int id = 7;
+    int index = 7;
+    DOES(nvram_get_podstatus_inst_info(21, &id, &index), 1);
+    EXPECT_EQ(id, 0);
+    EXPECT_EQ(index, 7);
+    DOES(nvram_get_podstatus_inst_info(28, &id, &index), 0,
+         "ERROR: nvram_get_podstatus_inst_info: invalid inst id 28!\n ");
+    EXPECT_EQ(id, -1);
+    const std::string unknown = "ERROR: nvram_get_podstatus_inst_mapped_index: invalid nvram id ";
+    const std::string mapping = output_of([] { nvram_dump_podstatus_inst_mapping(0); }).out;
+    EXPECT_EQ(crc32_cksum(mapping.data(), mapping.size()), 3143714574u) << mapping;
+    DOES(podlog_nvram_get_pod_status(0, 28), POD_STATUS_INVALID, unknown + "0 or inst id 28!\n ",
+         mapping);
+    DOES(podlog_nvram_set_pod_status(0, 28, 0), -1, unknown + "0 or inst id 28!\n ", mapping);
+    DOES(podlog_nvram_faultinject_pod_status(0, 28, 0), -1, unknown + "0 or inst id 28!\n ",
+         mapping);
+    DOES(podlog_nvram_invalidate_pod_status(1, 22), -1, unknown + "1 or inst id 22!\n ",
+         "nvram_dump_podstatus_inst_mapping: nvram 1 # of inst =0 \n");
+
+    // Injected faults are shown but never reported.
+    DOES(podlog_nvram_get_faultinject_pos(0), 16344);
+    DOES(nvram_disp_faultinject_status(0), 1, "", " no fault was injected\n");
+    DOES(podlog_nvram_faultinject_pod_status(0, 22, 0), 1);
+    DOES(podlog_nvram_faultinject_pod_status(0, 21, 0), 1);
+    DOES(podlog_nvram_faultinject_pod_status(0, 23, 1), 1); // not set, still clear
+    EXPECT_EQ(s.contents().substr(16344, 4), words({0x81}));
+    DOES(nvram_disp_faultinject_status(0), 1, "",
+         "   inst 22 ALSW1  mapped index 0: fault injected\n"
+         "   inst 21 RPSW2  mapped index 7: fault injected\n");
+    DOES(podlog_nvram_is_faultinject(0, 22, &index), 1);
+    EXPECT_EQ(index, 0);
+    DOES(podlog_nvram_is_faultinject(0, 22, nullptr), -1);
+    DOES(podlog_nvram_faultinject_pod_status(0, 22, 1), 1);
+    EXPECT_EQ(s.contents().substr(16344, 4), words({0x80}));
+    DOES(podlog_nvram_clr_all_faultinject(0), 1);
+    EXPECT_EQ(s.contents().substr(16344, 4), words({0}));
+    s.close(0);
+    const auto refused = [] {
+        return podlog_nvram_clr_all_faultinject(0) + nvram_disp_faultinject_status(0) +
+               podlog_nvram_faultinject_pod_status(0, 22, 0);
+    };
+    EXPECT_EQ(outcome_of(refused).value, -3);
+    EXPECT_EQ(podlog_nvram_get_pod_status(0, 20), POD_STATUS_INVALID);
+}
+
+TEST_F(pod_nvram, takes_over_instance_mappings)
+{
+    int ids[9] = {5, 6, 7, 8, 9, 10, 11, 12, 13};
+    std::string names[9] = {"a", "b", std::string(50, 'c')};
+    char *pointers[9];
+    for (int i = 0; i < 9; ++i)
+        pointers[i] = names[i].data();
+    podlog_nvram_set_podstatus_info(1, 3, ids, pointers);
+    pod_nvram_inst_map_t map;
+    podlog_nvram_get_inst_mapping(1, &map);
+    map.index1[0] = 6; // also on index 1: the lower one wins
+    std::strcpy(map.name1[0], "twin");
+    podlog_nvram_config_inst_mapping(1, &map);
+    EXPECT_EQ(nvram_get_podstatus_inst_mapped_index(1, 6), 0);
+    // The last name is the first one's; 40 bytes of it are kept.
+    EXPECT_EQ(output_of([] { nvram_dump_podstatus_inst_mapping(1); }).out,
+              cat({"nvram_dump_podstatus_inst_mapping: nvram 1 # of inst =3 \n"
+                   " inst index =  0 mapped to index0 = 5 for ",
+                   std::string(40, 'c'),
+                   "\n              mapped to index1 = 6 for twin\n"
+                   " inst index =  1 mapped to index0 = 6 for \n"
+                   " inst index =  2 mapped to index0 = 7 for \n"}));
+    podlog_nvram_set_podstatus_info(1, 9, ids, pointers);
+    EXPECT_EQ(nvram_get_podstatus_inst_mapped_index(1, 12), 7);
+    EXPECT_EQ(nvram_get_podstatus_inst_mapped_index(1, 13), -1) << "there are 8 words";
+    podlog_nvram_set_podstatus_info(1, 0, ids, pointers);
+    EXPECT_EQ(nvram_get_podstatus_inst_mapped_index(1, 5), -1);
+    podlog_nvram_config_inst_mapping(2, &map);
+    podlog_nvram_get_inst_mapping(2, &map);
+    EXPECT_EQ(map.num_inst, 0);
+    EXPECT_EQ(podlog_nvram_get_faultinject_pos(2), -1);
+}
+
+//--- files and EEPROMs ----------------------------------------------------------------------------
+
+TEST(pod_file, makes_directory_and_file_only_for_writing)
+{
+    chassis_sim::enter_private_root();
+    ::umask(027);
+    DOES(podlog_file_init(16, 1), -1, "ERROR: file /var/pod/pod_rpsw_mate.hex does not exist!\n",
+         "", ENOENT);
+    EXPECT_EQ(fs::status("/var/pod").permissions(), fs::perms{0777});
+    EXPECT_TRUE(fs::is_empty("/var/pod"));
+    podlog_file_set_pod_info(3, std::string("/var/pod/small").data(), 1000, 2, 64, ~0u);
+    const std::pair<int, std::string> files[] = {
+        {0, "alsw1.hex"}, {15, "pem8.hex"}, {16, "rpsw_mate.hex"}, {3, ""}};
+    for (const auto &[id, name] : files) {
+        const std::string path = id == 3 ? "/var/pod/small" : "/var/pod/pod_" + name;
+        DOES(podlog_file_init(id, 0), 1, "", "", any_error, 1);
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms{0750});
+        EXPECT_EQ(fs::file_size(path), 16384u) << "whatever the log's size";
+    }
+
+    // Open is open, for reading too; the report goes to both streams.
+    const std::string twice =
+        "ERROR: podlog_file_init: file 16 current device is currently  opened already!\n";
+    DOES(podlog_file_init(16, 1), -1, twice, twice);
+    podlog_file_close(16);
+    DOES(podlog_file_init(16, 1), 1, "", "", any_error, 1);
+    DOES(podlog_file_reset(16), -1, "ERROR: pod_file_mem_wr: cannot write!!\n");
+    podlog_file_close(16);
+    podlog_file_close(16);
+    DOES(podlog_file_reset(16), -1,
+         "ERROR: pod_file_mem_wr: cannot access device for file instance 16 !\n");
+    DOES(podlog_file_use_nxt_log(16), -1, "ERROR: pod_file_mem_rd: cannot access device!\n");
+}
+
+TEST(pod_file, says_why_there_is_no_log)
+{
+    chassis_sim::enter_private_root();
+    const std::string other(100, 'x');
+    write_file("/var/pod/pod_ft1.hex", other);
+    DOES(podlog_file_init(6, 1), -1,
+         "ERROR: podlog_file_init: magic number not initialized! cannot open for reading!!\n"
+         "magic number: read = 0x78787878 expect = 0x1fe2c363\n");
+    EXPECT_EQ(read_file("/var/pod/pod_ft1.hex"), other);
+    write_file("/var/pod/pod_ft2.hex", "");
+    DOES(podlog_file_init(7, 0), -1,
+         "ERROR: pod_file_mem_rd: cannot read or reach eof!! range=0x20-0x2b\n");
+    // An index and nothing else: its histories cannot be read.
+    write_file("/var/pod/pod_ft2.hex", pod_storages[1].image().substr(0, 44));
+    EXPECT_EQ(outcome_of([] { return podlog_file_open_dir(7); }).value, -1);
+
+    podlog_file_set_pod_info(1, std::string("/var/missing/pod.hex").data(), 16384, 10, 64, ~0u);
+    DOES(podlog_file_init(1, 0), -1, "ERROR: pod_file_mem_rd: cannot access device!\n");
+    bytes_left = 16383;
+    DOES(podlog_file_init(0, 0), -1, "ERROR: cannot write to file /var/pod/pod_alsw1.hex!\n", "",
+         EIO);
+    ::umask(022);
+    chassis_sim::bind_mount("/proc", "/var"); // where no directory can be made
+    DOES(podlog_file_init(0, 0), -1, "Unable to create POD directory: No such file or directory\n",
+         "", ENOENT);
+    EXPECT_EQ(::umask(022), 0u) << "left so";
+}
+
+TEST(pod_eeprom, is_reached_through_bound_functions_only)
+{
+    const std::string no_read = "ERROR(pod_eeprom_mem_rd): No binded EEPROM 5 read function!\n";
+    const std::string no_write = "ERROR: No binded EEPROM write function!\n";
+    DOES(podlog_eeprom_init(5, 0), -1, no_read);
+    write_file(eeprom_path(0), std::string(8300, '\0'));
+    podlog_bind_eeprom_access_func(
+        5,
+        [](uint32_t position, uint8_t *buffer, uint32_t size) {
+            return read_eeprom(0, position, buffer, size);
+        },
+        nullptr);
+    DOES(podlog_eeprom_init(5, 1), -1,
+         "ERROR: podlog_eeprom_init: magic number not initialized! cannot open for reading!!\n"
+         "magic number: read = 0x0 expect = 0x1fe2c363\n");
+    DOES(podlog_eeprom_init(5, 0), 1, no_write); // the result of formatting does not count
+    DOES(podlog_eeprom_reset(5), -1, no_write);
+    bind_eeprom<0>(5);
+    DOES(podlog_eeprom_init(5, 0), 1);
+    DOES(podlog_eeprom_init(5, 1), 1); // there is no open state
+    podlog_unbind_eeprom_access_func(5);
+    DOES(podlog_eeprom_init(5, 1), -1, no_read);
+    DOES(podlog_eeprom_close_dir(5), 1);
+}
+
+TEST(pod_eeprom, takes_raw_entries_as_they_are)
+{
+    pod_storage s = pod_storages[2];
+    s.path = eeprom_path(0);
+    bind_eeprom<0>(0);
+    s.describe(2, 260);
+    s.set(s.image());
+    DOES(s.init(0, 0), 1);
+    std::string image = s.image(0, {{{77, ""}}});
+    const std::string warning =
+        "WARNING:\n  hdr pos =0x2c log size =0x104\n  lg pos =0x90\n  NVLOG POD LOG (EEPROM) reached log area limit:\n  Subsequent entries will overide the last entry\n";
+    // Exactly the size that is asked for: a text that is too long is cut, one that fits is not.
+    const auto raw = std::make_unique<uint8_t[]>(81);
+    const auto add = [&](const std::string &text) {
+        const std::string entry = pod_entry(77, 1234) + text + std::string(65, '\0');
+        std::copy_n(entry.begin(), 81, raw.get());
+        return podlog_eeprom_add_raw_log(0, raw.get());
+    };
+    const std::string longest(64, 'm');
+    DOES(add(longest + "m"), 1);
+    put(image, s.entry_at(0, 0), pod_entry(77, 1234) + longest.substr(1) + '\0');
+    EXPECT_EQ(difference(s.contents(), image), "");
+    for (const std::string &text : {longest, std::string("last")}) {
+        DOES(add(text), 0, "", warning);
+        put(image, s.entry_at(0, 1),
+            pod_entry(77, 1234) + text + std::string(64 - text.size(), '\0'));
+        EXPECT_EQ(difference(s.contents(), image), "");
+    }
+
+    image[s.header_at(0)] ^= 1;
+    s.set(image);
+    DOES(add("x"), -1,
+         "ERROR: podlog_eeprom_add_raw_log: failed to get next available log position!\n");
+    put(image, index_position, words({0}));
+    s.set(image);
+    DOES(add("x"), -1, "ERROR: eeprom_get_curr_log_hdr_pos: invalid index!\n");
+}
+
+// A storage that changes under a walk.
+int reads_left;
+int read_changing(uint32_t offset, uint8_t *buffer, uint32_t size)
+{
+    const int result = read_eeprom(0, offset, buffer, size);
+    buffer[0] ^= static_cast<uint8_t>(--reads_left == 0);
+    return reads_left == -1 ? 0 : result;
+}
+
+TEST(pod_eeprom, tells_what_went_wrong_in_a_walk)
+{
+    write_file(eeprom_path(0), pod_storages[2].image(0, {{{5, "x"}}}));
+    bind_eeprom<0>(0);
+    ASSERT_EQ(podlog_eeprom_open_dir(0), 0);
+    podlog_bind_eeprom_access_func(0, read_changing, nullptr);
+    const auto read_dir = [](int reads) { // until one is changed; the next fails
+        time_t ts;
+        reads_left = reads;
+        return podlog_eeprom_read_dir(0, 0, &ts);
+    };
+    const std::string error = "ERROR: podlog_eeprom_read_dir: ";
+    DOES(read_dir(0), -1, error + "failed to get lg position!\n");
+    DOES(read_dir(1), -1, error + "failed to get lg position!\n");
+    DOES(read_dir(3), -1);
+    DOES(read_dir(4), -1, error + "invalid LOG entry!\n");
+}
+
+} // namespace

@@ -1,0 +1,182 @@
+#include "support/pod_log.h"
+
+#include "support/test.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdlib>
+
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+extern "C" time_t time(time_t *) noexcept
+{
+    return test::now;
+}
+
+extern "C" int usleep(useconds_t length)
+{
+    auto &[count, shortest, longest] = test::pauses;
+    ++count;
+    shortest = std::min(shortest, length);
+    longest = std::max(longest, length);
+    return 0;
+}
+
+extern "C" ssize_t pwrite(int fd, const void *data, size_t size, off_t position)
+{
+    static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t, off64_t)>(
+        ::dlsym(RTLD_NEXT, "pwrite64"));
+    const long granted = std::min(test::bytes_left, static_cast<long>(size));
+    test::bytes_left -= test::bytes_left == LONG_MAX ? 0 : granted;
+    const ssize_t written = real(fd, data, static_cast<size_t>(granted), position);
+    if (granted == static_cast<long>(size))
+        return written;
+    if (test::dies_then)
+        ::raise(SIGKILL);
+    errno = EIO;
+    return -1;
+}
+
+namespace test
+{
+namespace
+{
+
+int eeprom_file(int number)
+{
+    static std::array<int, 4> files = {-1, -1, -1, -1};
+    int &file = files.at(static_cast<size_t>(number));
+    if (file < 0 && ((file = ::memfd_create("eeprom", MFD_CLOEXEC)) < 0 || ::ftruncate(file, 8300)))
+        std::abort();
+    return file;
+}
+
+} // namespace
+
+std::string log_text(const log_reader &log)
+{
+    std::vector<int> histories;
+    time_t ts;
+    int history = log.open_dir();
+    for (; history >= 0 && histories.size() < 100; history = log.read_dir(history, &ts))
+        histories.push_back(history);
+    if (!histories.empty())
+        log.close_dir();
+    std::string text = history == -2 ? "" : "!";
+    for (int each : histories) {
+        text += std::to_string(each) + ":";
+        int position = log.open_log(each);
+        for (int limit = 1000; position > 0 && limit > 0; --limit) {
+            char msg[65] = "";
+            position = log.read_log(position, &ts, msg, 64);
+            text.append(1, text.back() == ':' ? ' ' : '|').append(msg);
+        }
+        log.close_log();
+        text += position == -2 ? ", " : "!, ";
+    }
+    return text;
+}
+
+std::string eeprom_path(int number)
+{
+    return "/proc/self/fd/" + std::to_string(eeprom_file(number));
+}
+
+int read_eeprom(int number, uint32_t position, uint8_t *buffer, uint32_t size)
+{
+    return static_cast<int>(::pread(eeprom_file(number), buffer, size, position));
+}
+
+int write_eeprom(int number, uint32_t position, const uint8_t *buffer, uint32_t size)
+{
+    return static_cast<int>(::pwrite(eeprom_file(number), buffer, size, position));
+}
+
+const pod_storage pod_storages[3] = {
+    {POD_LOG_CALLS(nvram, nullptr),
+     "nvram",
+     "/dev/nvlog-pod",
+     {0x1FE2C365, 48, 1600, 10, 16384, 16312}},
+    {POD_LOG_CALLS(file, podlog_file_read_raw_log),
+     "file",
+     "/var/pod/pod_alsw1.hex",
+     {0x1FE2C363, 44, 1635, 10, 16384, 0}},
+    {POD_LOG_CALLS(eeprom, podlog_eeprom_read_raw_log),
+     "eeprom",
+     "",
+     {0x1FE2C363, 44, 4080, 2, 8300, 0}},
+};
+
+void PrintTo(const pod_storage &storage, std::ostream *stream)
+{
+    *stream << storage.name;
+}
+
+void pod_storage::describe(uint32_t histories, uint32_t history_size)
+{
+    const uint32_t size = (is_nvram() ? 100 : 32) + histories * history_size;
+    std::string device = path;
+    set_pod_info(0, device.data(), static_cast<int>(size), static_cast<int>(histories), 64, ~0u);
+    layout = {layout.magic, layout.first_header, history_size,
+              histories,    size + 1000,         is_nvram() ? size - 72 : 0};
+}
+
+std::string pod_storage::contents() const
+{
+    return read_file(path);
+}
+
+void pod_storage::set(const std::string &bytes) const
+{
+    chassis_sim::write_file(path, bytes);
+}
+
+int pod_storage::add_parts(const char *level, const char *diag, const char *ret, const char *fmt,
+                           ...) const
+{
+    va_list args;
+    va_start(args, fmt);
+    const int result = add(0, const_cast<char *>(level), const_cast<char *>(diag), ret, fmt, args);
+    va_end(args);
+    return result;
+}
+
+std::string pod_storage::text() const
+{
+    return log_text({[this] { return open_dir(0); },
+                     [this](int history, time_t *ts) { return read_dir(0, history, ts); },
+                     [this] { close_dir(0); }, [this](int history) { return open_log(0, history); },
+                     [this](int position, time_t *ts, char *msg, uint32_t size) {
+                         return read_log(0, position, ts, msg, size);
+                     },
+                     [this] { close(0); }});
+}
+
+std::string words(std::initializer_list<uint32_t> values)
+{
+    std::string text;
+    for (uint32_t value : values)
+        text += chassis_sim::number(chassis_sim::byte_order::little, value, 4);
+    return text;
+}
+
+std::string cat(std::initializer_list<std::string_view> parts)
+{
+    std::string text;
+    for (std::string_view part : parts)
+        text += part;
+    return text;
+}
+
+void put(std::string &image, size_t position, const std::string &record)
+{
+    image.resize(std::max(image.size(), position + record.size()));
+    image.replace(position, record.size(), record);
+}
+
+} // namespace test

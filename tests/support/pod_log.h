@@ -1,0 +1,130 @@
+// The POD log in a test: its storages, the log as one text, and the world around the library.
+#pragma once
+
+#include "sim/pod_log.h"
+
+#include <device_access/pod_log_eeprom.h>
+#include <device_access/pod_log_file.h>
+#include <device_access/pod_log_nvram.h>
+
+#include <climits>
+#include <functional>
+#include <initializer_list>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace test
+{
+
+// The calls that every storage of the POD log has.
+struct pod_log_calls {
+    decltype(&podlog_file_init) init;
+    decltype(&podlog_file_close) close;
+    decltype(&podlog_file_reset) reset;
+    decltype(&podlog_file_add) add;
+    decltype(&podlog_file_use_nxt_log) use_nxt_log;
+    decltype(&podlog_file_set_curr_log_status) set_curr_log_status;
+    decltype(&podlog_file_open_dir) open_dir;
+    decltype(&podlog_file_read_dir) read_dir;
+    decltype(&podlog_file_close_dir) close_dir;
+    decltype(&podlog_file_open_log) open_log;
+    decltype(&podlog_file_read_log) read_log;
+    decltype(&podlog_file_read_raw_log) read_raw_log; // NULL: it has none
+    decltype(&podlog_file_dump_log_msgs) dump_log_msgs;
+    decltype(&podlog_file_dump_curr_log_msgs) dump_curr_log_msgs;
+    decltype(&podlog_file_dump_all_log_msgs) dump_all_log_msgs;
+    decltype(&podlog_file_set_pod_info) set_pod_info;
+};
+
+#define POD_LOG_CALLS(x, raw)                                                                      \
+    {                                                                                              \
+        podlog_##x##_init, podlog_##x##_close, podlog_##x##_reset, podlog_##x##_add,               \
+            podlog_##x##_use_nxt_log, podlog_##x##_set_curr_log_status, podlog_##x##_open_dir,     \
+            podlog_##x##_read_dir, podlog_##x##_close_dir, podlog_##x##_open_log,                  \
+            podlog_##x##_read_log, raw, podlog_##x##_dump_log_msgs,                                \
+            podlog_##x##_dump_curr_log_msgs, podlog_##x##_dump_all_log_msgs,                       \
+            podlog_##x##_set_pod_info                                                              \
+    }
+
+// The reading calls of one log.
+struct log_reader {
+    std::function<int()> open_dir;
+    std::function<int(int history, time_t *ts)> read_dir;
+    std::function<void()> close_dir;
+    std::function<int(int history)> open_log;
+    std::function<int(int position, time_t *ts, char *msg, uint32_t size)> read_log;
+    std::function<void()> close_log;
+};
+
+// All histories with their messages, the newest first: "2: one|two, 0: old, ". A "!" stands where
+// the log could not be read.
+std::string log_text(const log_reader &log);
+
+// The library's calls of time(), usleep() and pwrite() come here first.
+inline time_t now = 1700000000;
+struct pause_record {
+    int count;
+    useconds_t shortest, longest;
+};
+inline pause_record pauses = {0, UINT_MAX, 0};
+inline long bytes_left = LONG_MAX; // until no more are written: the call fails, or
+inline bool dies_then = false;     // the process dies
+
+// EEPROMs of 8300 bytes, in files that child processes share, and how the library reaches them.
+std::string eeprom_path(int number);
+int read_eeprom(int number, uint32_t position, uint8_t *buffer, uint32_t size);
+int write_eeprom(int number, uint32_t position, const uint8_t *buffer, uint32_t size);
+
+template <int Number>
+void bind_eeprom(int id)
+{
+    podlog_bind_eeprom_access_func(
+        id,
+        [](uint32_t position, uint8_t *buffer, uint32_t size) {
+            return read_eeprom(Number, position, buffer, size);
+        },
+        [](uint32_t position, uint8_t *buffer, uint32_t size) {
+            return write_eeprom(Number, position, buffer, size);
+        });
+}
+
+// One of the three storages: device 0 of its kind.
+struct pod_storage : pod_log_calls {
+    std::string name;
+    std::string path; // of the file behind it; "": an EEPROM that is not bound yet
+    chassis_sim::pod_layout layout;
+
+    // The device gets so many histories of this size.
+    void describe(uint32_t histories, uint32_t history_size);
+
+    bool is_nvram() const { return layout.is_nvram(); }
+    uint32_t header_at(uint32_t history) const { return layout.header_at(history); }
+    uint32_t entry_at(uint32_t history, uint32_t number) const
+    {
+        return header_at(history) + 20 + number * 80;
+    }
+    std::string index(uint32_t current) const { return chassis_sim::pod_index(layout, current); }
+    std::string image(uint32_t current = 0,
+                      const std::vector<chassis_sim::pod_run> &histories = {}) const
+    {
+        return chassis_sim::log_image(layout, current, histories);
+    }
+    std::string contents() const;
+    void set(const std::string &bytes) const;
+
+    int add_parts(const char *level, const char *diag, const char *ret, const char *fmt, ...) const;
+    int add_text(const char *text) const { return add_parts(text, nullptr, nullptr, ""); }
+    std::string text() const;
+};
+extern const pod_storage pod_storages[3]; // NVRAM, file, EEPROM
+void PrintTo(const pod_storage &storage, std::ostream *stream);
+
+std::string words(std::initializer_list<uint32_t> values);
+std::string cat(std::initializer_list<std::string_view> parts);
+void put(std::string &image, size_t position, const std::string &record);
+
+} // namespace test
