@@ -13,7 +13,6 @@
 namespace
 {
 
-
 TEST(pod_log_recovery, guesses_the_history_with_the_newest_first_entry_or_resets)
 {
     constexpr chassis_sim::pod_layout layout = {0x1FE2C365, 48, 1600, 4, 16384, 16312};
@@ -48,7 +47,7 @@ TEST(pod_log_recovery, guesses_the_history_with_the_newest_first_entry_or_resets
     };
     for (const auto &[runs, headers, result, guess] : cases) {
         fill(runs);
-        EXPECT_EQ(ring.recover(index, headers), result);
+        EXPECT_EQ(ring.guess(index, headers), result);
         EXPECT_EQ(current(), guess);
     }
     EXPECT_EQ(ring.accept(-3), 1);

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstddef>
 #include <initializer_list>
+#include <sstream>
 #include <string_view>
 
 #include <sys/mman.h>
@@ -16,6 +17,10 @@
 namespace
 {
 
+// Never made otherwise in here, so it marks, with 0, the beginning and the end of what is watched;
+// with 1, that an allocation fails.
+constexpr long marker = SYS_getpgid;
+
 int allocations_left; // until one fails; 0: none does
 long blocks;          // on the heap, since the count began
 
@@ -24,6 +29,7 @@ bool allocation_fails()
 {
     if (allocations_left == 0 || --allocations_left != 0)
         return false;
+    ::syscall(marker, 1);
     errno = ENOMEM;
     return true;
 }
@@ -75,9 +81,6 @@ namespace test
 {
 namespace
 {
-
-// Never made otherwise in here, so it marks the beginning and the end of what is watched.
-constexpr long marker = SYS_getpgid;
 
 struct call_name {
     long number;
@@ -240,10 +243,11 @@ class traced_run
 {
 public:
     // Which system call fails, from 0 on, or which allocation, from 1 on.
-    traced_run(const std::function<result()> &operation, int call, int allocation, int error)
+    traced_run(const std::function<result()> &operation, int call, int allocation, int error,
+               int later = 0)
         : told_(static_cast<report *>(::mmap(nullptr, sizeof(report), PROT_READ | PROT_WRITE,
                                              MAP_SHARED | MAP_ANONYMOUS, -1, 0))),
-          failing_(call), error_(error)
+          failing_(call), error_(error), later_(later)
     {
         std::fflush(nullptr);
         pid_ = ::fork();
@@ -292,7 +296,9 @@ private:
 
     void enter(const stopped_call &call)
     {
-        if (call.number == marker)
+        if (call.number == marker && call.arguments[0] != 0)
+            broken_ = true;
+        else if (call.number == marker)
             ++markers_;
         else if (markers_ == 1)
             see(call);
@@ -302,27 +308,32 @@ private:
     {
         const std::string name = describe(pid_, call, false);
         ++counts_[name];
-        if (!may_fail(name, call) || failing_-- != 0)
+        if (!may_fail(name, call))
             return;
-        failed_ = describe(pid_, call, true);
-        fails_now_ = true;
-        if (!is_one_of(name, {"close", "munmap"}))
+        const bool chosen = failing_-- == 0;
+        if (chosen)
+            failed_ = describe(pid_, call, true);
+        fails_with_ = chosen ? error_ : broken_ ? later_ : 0;
+        broken_ = broken_ || chosen;
+        if (fails_with_ != 0 && !is_one_of(name, {"close", "munmap"}))
             ::ptrace(PTRACE_POKEUSER, pid_, number_register, -1L);
     }
 
     void leave()
     {
-        if (fails_now_)
-            ::ptrace(PTRACE_POKEUSER, pid_, result_register, static_cast<long>(-error_));
-        fails_now_ = false;
+        if (fails_with_ != 0)
+            ::ptrace(PTRACE_POKEUSER, pid_, result_register, static_cast<long>(-fails_with_));
+        fails_with_ = 0;
     }
 
     report *told_;
     pid_t pid_;
     int failing_;
     int error_;
+    int later_;
     int markers_ = 0;
-    bool fails_now_ = false;
+    bool broken_ = false; // something has failed
+    int fails_with_ = 0;  // the call that is being made
     std::string failed_;
     call_counts counts_;
 };
@@ -344,11 +355,11 @@ std::ostream &operator<<(std::ostream &stream, const run &what)
 }
 
 int fail_each_call(int error, const std::function<result()> &operation,
-                   const std::function<void(const run &)> &judge)
+                   const std::function<void(const run &)> &judge, int later)
 {
     int runs = 0;
     for (int call = 0;; ++call, ++runs) {
-        const traced_run attempt(operation, call, 0, error);
+        const traced_run attempt(operation, call, 0, error, later);
         if (!attempt.ended())
             ADD_FAILURE() << "call " << call << " ended the process: " << attempt.what();
         if (!attempt.failed())
@@ -356,7 +367,7 @@ int fail_each_call(int error, const std::function<result()> &operation,
         judge(attempt.what());
     }
     for (int allocation = 1; heap_can_fail; ++allocation, ++runs) {
-        const traced_run attempt(operation, none, allocation, 0);
+        const traced_run attempt(operation, none, allocation, 0, later);
         run seen = attempt.what();
         seen.failed = std::string("allocation ").append(std::to_string(allocation));
         if (!attempt.ended())
@@ -366,6 +377,25 @@ int fail_each_call(int error, const std::function<result()> &operation,
         judge(seen);
     }
     return runs;
+}
+
+std::string failures_of(int error, const std::function<result()> &operation)
+{
+    std::string all;
+    fail_each_call(error, operation, [&all](const run &seen) {
+        EXPECT_TRUE(seen.seen.opens == 0 && seen.blocks == 0) << seen;
+        std::string said = seen.seen.out;
+        std::istringstream lines(seen.seen.err);
+        for (std::string line; std::getline(lines, line);)
+            if (!line.empty() && !line.starts_with("LOG_DEBUG "))
+                said.append(line).append(1, '\n');
+        const std::string text = seen.failed.substr(0, seen.failed.find(' ')) + ": " +
+                                 std::to_string(seen.seen.value.number) +
+                                 (said.empty() ? "\n" : " " + said);
+        if (("\n" + all).find("\n" + text) == std::string::npos)
+            all += text;
+    });
+    return all;
 }
 
 call_counts system_calls_of(const std::function<void()> &operation)

@@ -22,9 +22,18 @@ std::ostream &operator<<(std::ostream &stream, const run &what);
 // Runs the operation with its first system call failing with this error, then with its second, and
 // so on to the last; then with each of its allocations failing. A close or an unmapping that fails
 // has been done all the same, as in a kernel. Output to the standard streams does not fail. `judge`
-// sees what came of each run. Returns how many there were.
+// sees what came of each run. Returns how many there were. With an error `later`, all system calls
+// behind the failing one fail as well, with that error: those of the clean-up.
 int fail_each_call(int error, const std::function<result()> &operation,
-                   const std::function<void(const run &)> &judge);
+                   const std::function<void(const run &)> &judge, int later = 0);
+
+// What comes of failing each call, as lines "CALL: RESULT TEXT", each once: the name of the call,
+// the operation's result, and what it printed but for debug lines. None may leave anything open or
+// on the heap.
+std::string failures_of(int error, const std::function<result()> &operation);
+
+// Whether allocations are made to fail: not under the address sanitizer.
+extern const bool heap_can_fail;
 
 // Whether allocations fail: the address sanitizer keeps the heap to itself.
 extern const bool heap_can_fail;

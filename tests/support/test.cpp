@@ -1,10 +1,12 @@
 #include "support/test.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 
 #include <fcntl.h>
@@ -99,21 +101,32 @@ long open_descriptors()
 
 std::string short_lines(const std::string &text)
 {
+    static const std::regex prefix(R"(^(?:log\[([A-Z_]+)\]: lib/device_access/libuio|)"
+                                   R"(\[(\d+)\], lib/device_access/pci_sysfs):\d+:([^(]+)\(\): )");
     std::string result;
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        char level[16];
-        char function[64];
-        int length = 0;
-        for (const char *form : {"log[%15[A-Z_]]: lib/device_access/libuio:%*u:%63[^(](): %n",
-                                 "[%15[0-9]], lib/device_access/pci_sysfs:%*u:%63[^(](): %n"})
-            if (length == 0)
-                std::sscanf(line.c_str(), form, level, function, &length);
-        if (length > 0)
-            result.append(level).append(1, ' ').append(function).append(": ");
-        result.append(line, static_cast<size_t>(length)).append(lines.eof() ? "" : "\n");
+        if (line.starts_with("log[") || line.starts_with('['))
+            line = std::regex_replace(line, prefix, "$1$2 $3: ");
+        result.append(line).append(lines.eof() ? "" : "\n");
     }
     return result;
+}
+
+std::string printed(const char *format, ...)
+{
+    char text[4096];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    return text;
+}
+
+std::vector<std::string> words(const std::string &text)
+{
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
 }
 
 std::string read_file(const std::string &path)

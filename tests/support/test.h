@@ -12,6 +12,7 @@
 #include <functional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 namespace test
 {
@@ -59,6 +60,12 @@ long open_descriptors();
 // the PCI scan ("[LEVEL], lib/device_access/pci_sysfs:LINE:FUNCTION(): TEXT") without what changes
 // from build to build: "LEVEL FUNCTION: TEXT". Outcomes have them so. Other lines stay as they are.
 std::string short_lines(const std::string &text);
+
+// What printf would write.
+[[gnu::format(printf, 1, 2)]] std::string printed(const char *format, ...);
+
+// The words of a text.
+std::vector<std::string> words(const std::string &text);
 
 // A file's contents; "" when there is none.
 std::string read_file(const std::string &path);

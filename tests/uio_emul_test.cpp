@@ -1,0 +1,447 @@
+// This program defines libuio_log, so the library's diagnostics are on and their texts are tested.
+#include "support/uio.h"
+
+#include <device_access/libuio_emul.h>
+#include <device_access/regiomap_x86.h>
+
+#include <filesystem>
+#include <regex>
+#include <sstream>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+extern "C" {
+int libuio_log;
+}
+
+// When set, the next file to be mapped shrinks to this size just before, and the mapping fails.
+static off_t shrinks_to = -1;
+
+// Takes the C library's place for the whole program, the library under test included.
+void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept
+{
+    static const auto next = reinterpret_cast<decltype(&mmap)>(dlsym(RTLD_NEXT, "mmap64"));
+    const off_t size = std::exchange(shrinks_to, -1);
+    if (size < 0)
+        return next(addr, length, prot, flags, fd, offset);
+    errno = ::ftruncate(fd, size) == 0 ? EINVAL : errno;
+    return MAP_FAILED;
+}
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace test;
+using chassis_sim::add_fpga_card;
+using chassis_sim::add_hotswap_name;
+using chassis_sim::fpga_card;
+using chassis_sim::pci_link;
+using chassis_sim::write_file;
+
+constexpr size_t page = 4096;
+
+// The number-th card: its port is 0000:00:0N.0, the device behind that 0000:0N:00.0.
+fpga_card card_in(const std::string &slot, unsigned int number = 1, uint8_t code = 0xff)
+{
+    return {slot,
+            printed("0000:00:0%u.0", number),
+            printed("0000:0%u:00.0", number),
+            code,
+            {0x40000, 0x80000, 0x80000, 0x200000, 0x8000000}};
+}
+
+// Where the library finds the first card's device, and the resources of that.
+const std::string device_dir = pci_link("0000:00:01.0") + "/0000:01:00.0";
+const std::string resources[] = {device_dir + "/resource0", device_dir + "/resource1"};
+
+void start_chassis(const std::string &slot, uint8_t code = 0xff)
+{
+    chassis_sim::enter_private_root();
+    add_fpga_card(card_in(slot, 1, code));
+}
+
+libuio_dev_t *open_block(const std::string &name)
+{
+    return open_now(("sysfs_pci:" + name).c_str());
+}
+
+//--- the tables -----------------------------------------------------------------------------------
+
+// All register blocks that a card opens, each with its maps, "NUMBER=BAR:OFFSET+SIZE" in
+// hexadecimal.
+std::string blocks_of(const std::string &card)
+{
+    std::string text;
+    const auto add = [&text](const libuio_dev_t *uio) {
+        text += printed("%u:", libuio_get_map_limit(uio));
+        for (unsigned int i = 0; i < uio->map_count; ++i) {
+            const libuio_map_t &map = uio->map[i];
+            text += printed(" %u=%u:%x+%zx", map.index, map.bar, map.offset, map.size);
+        }
+    };
+    output_of([&] {
+        for (const std::string &block :
+             words("brd_ctrl ch_i2c cma cmb_emul cmbhub cmneqp config fe fe0 fe0_ntb fe1 fe1_ntb "
+                   "flash ge0 ge1 glb i2c mdio ntb nvram pci rpmb spi spi_flsh tcm")) {
+            errno = 0;
+            libuio_dev_t *uio = open_block("uio_" + block + "." + card);
+            if (!uio && errno == EINVAL)
+                continue;
+            text += block + printed(" %d ", uio ? 0 : errno);
+            if (uio)
+                add(uio);
+            text += "\n";
+            libuio_close(uio);
+        }
+    });
+    return text;
+}
+
+uint32_t digest(const std::string &text)
+{
+    uint32_t sum = 2166136261;
+    for (unsigned char c : text)
+        sum = (sum ^ c) * 16777619;
+    return sum;
+}
+
+TEST(uio_emul, knows_every_fpga_by_slot_and_name_and_every_register_block)
+{
+    chassis_sim::enter_private_root();
+    unsigned int number = 1;
+    for (const std::string &slot : words("rpsw self peer sw1 alsw1 RPSW Sw2")) {
+        add_fpga_card(card_in(slot, number));
+        // It cannot say what it is.
+        fs::remove(pci_link(card_in(slot, number++).id) + "/resource0");
+    }
+    // The card at the peer's port is the peer.
+    for (const std::string &slot : words("rpsw2 RPSW2 xrpsw"))
+        add_hotswap_name(slot, card_in("peer", 3).port);
+    write_file(pci_link("0000:0d:00.0") + "/enable", "0\n");
+    // Case counts for the name service and for the peer only.
+    const std::pair<uint32_t, const char *> types[] = {
+        {0xa80f0887, "rpsw.zarnik self.zarnik RPSW.Zarnik"},
+        {0xefd24f70, "peer.zarnik rpsw2.zarnik"},
+        {0xac577854, "rpsw. rpsw.zarnik2 self.zarnik2 RPSW2"},
+        {0xa706cdfc, "peer.zarnik2 rpsw2. rpsw2.zarnik2"},
+        {0xbc94a2d9, "rpsw.pellum self.pellum rpsw2.pellum rpsw.PELLUM"},
+        {0x770d08cd, "rpsw.pellum2 self.pellum2 rpsw2.pellum2"},
+        {0xe10d7d5d, "sw1. sw1.vostra_lite Sw2.VOSTRA_lite"},
+        {0x2567f3e8, "sw1.vostra2_lite"},
+        {0x48149107, "alsw1.vostra"},
+        {0x666ad163, "alsw1.vostrat"},
+        {0xc62a130f, "alsw1. alsw1.vostra2"},
+    };
+    std::string known = " ";
+    for (const auto &[sum, cards] : types) {
+        for (const std::string &card : words(cards)) {
+            const std::string blocks = blocks_of(card);
+            EXPECT_EQ(digest(blocks), sum) << card << " has\n" << blocks;
+            known += card + " ";
+        }
+    }
+    for (const std::string &slot : words("rpsw rpsw2 self peer sw1 alsw1 xrpsw"))
+        for (const std::string &fpga : words(". .zarnik .zarnik2 .pellum .pellum2 .vostra .vostrat "
+                                             ".vostra2 .vostra_lite .vostra2_lite .- .zarnik3"))
+            EXPECT_TRUE(known.find(" " + slot + fpga + " ") != std::string::npos ||
+                        blocks_of(slot + fpga).empty())
+                << slot + fpga;
+    // Another address at "peer", or none, is another card.
+    const std::string local = blocks_of("rpsw");
+    add_hotswap_name("peer", card_in("rpsw").port.substr(1));
+    EXPECT_EQ(blocks_of("rpsw2"), local);
+    fs::remove("/dev/dynattr/rpsw/hotswap/byname/peer");
+    EXPECT_EQ(blocks_of("rpsw2"), local);
+}
+
+TEST(uio_emul, asks_the_fpga_what_it_is_when_the_name_does_not_say)
+{
+    chassis_sim::enter_private_root();
+    for (const std::string &row :
+         words("0.rpsw.zarnik 17.rpsw.zarnik2 1.rpsw.zarnik2 0.Rpsw.zarnik 1.alsw1.vostra "
+               "34.alsw1.vostrat 18.alsw1.vostra2 17.alsw1.vostra2 255.alsw1.vostra2 "
+               "1.sw1.vostra_lite 18.sw1.vostra2_lite 34.sw1.vostra_lite 0.self.none")) {
+        const std::string card = row.substr(row.find('.') + 1);
+        const std::string slot = card.substr(0, card.find('.'));
+        add_fpga_card(card_in(slot, 1, static_cast<uint8_t>(std::stoi(row))));
+        EXPECT_EQ(blocks_of(slot), blocks_of(card)) << row;
+        EXPECT_EQ(read_file("/proc/self/maps").find("/resource0"), std::string::npos);
+        chassis_sim::remove_pci(card_in(slot).port);
+    }
+}
+
+//--- opening --------------------------------------------------------------------------------------
+
+TEST(uio_emul, tells_pseudo_names_by_their_beginning)
+{
+    for (const char *name : {"sysfs_pci:", "sysfs_pci:uio_glb.rpsw"})
+        EXPECT_EQ(libuio_is_emul(name), 1u) << name;
+    for (const char *name : {"", "sysfs_pci", "Sysfs_pci:", " sysfs_pci:", "/dev/uio0"})
+        EXPECT_EQ(libuio_is_emul(name), 0u) << name;
+    DOES(libuio_is_emul(nullptr), 0);
+    DOES(libuio_emul_open_timed(nullptr, &no_wait), nullptr, "", "", EINVAL);
+    DOES(libuio_emul_open_timed("/dev/uio0", &no_wait), nullptr, "", "", EINVAL);
+    DOES(libuio_emul_mmap(nullptr, 0), -1, "", "", EINVAL);
+    DOES(libuio_emul_device_enable(nullptr, 1), -1, "", "", EINVAL);
+}
+
+TEST(uio_emul, takes_names_apart_and_refuses_what_is_missing)
+{
+    start_chassis("rpsw");
+    add_hotswap_name("rpsw567890123456789z", card_in("rpsw").port);
+    const std::string x(100000, 'x');
+    for (const std::string name :
+         {"uio_glb.rpsw.zarnik", "...uio_glb..rpsw...zarnik..more.and.more", " uio_glb.rpsw",
+          "uio_glb.rpsw \t.a comment", "uio_glb.rpsw\nzarnik3", "UIO_glb.rpsw.",
+          "uio_glb.rpsw567890123456789z", "uio_glb.rpsw567890123456789z, cut at 20"}) {
+        libuio_dev_t *uio = opened("sysfs_pci:" + name);
+        EXPECT_EQ(libuio_get_real_devnode(uio), "sysfs_pci:" + name);
+        libuio_close(uio);
+    }
+    for (const std::string name :
+         {"", " ", ".", "uio_glb", "uio_glb.", ".rpsw", "uio_glb .rpsw", "uio_glb.rpsw3",
+          "uio_glb./..", "uio_gl.rpsw", "uio_glb%s%n.rpsw%s",
+          "uio_glb.rpsw.zarnik90123456789012345", x.c_str(), ("uio_glb.rpsw" + x).c_str()})
+        DOES(open_block(name), nullptr, "", "", EINVAL);
+}
+
+TEST(uio_emul, fills_the_handle_and_enables_the_device_until_it_is_closed)
+{
+    start_chassis("alsw1");
+    libuio_dev_t *uio = nullptr;
+    DOES(uio = open_block("uio_ge1.alsw1.vostra2"), a_pointer,
+         printed("LOG_DEBUG libuio_adjust_size: realloc (%zu+47+47+32) ok\n",
+                 sizeof *uio + 6 * sizeof *uio->map));
+    EXPECT_STREQ(libuio_get_real_devnode(uio), "sysfs_pci:uio_ge1.alsw1.vostra2");
+    EXPECT_EQ(libuio_get_sys_class_dir(uio), device_dir);
+    EXPECT_EQ(libuio_get_sys_device_dir(uio), device_dir);
+    EXPECT_TRUE(uio->uio_fd == -1 && uio->gone_fd == -1 && uio->tmr_fd == 0);
+    DOES(libuio_irqwait(uio, nullptr, nullptr), -1, "", "", EBADF);
+    EXPECT_EQ(read_file(device_dir + "/enable"), "1\n");
+    DOES(libuio_emul_device_enable(uio, 0), 0, "", "", 0);
+    EXPECT_EQ(read_file(device_dir + "/enable"), "0\n");
+    DOES(libuio_emul_device_enable(uio, -1), 0, "", "", 0);
+    EXPECT_EQ(read_file(device_dir + "/enable"), "1\n");
+    DOES((libuio_close(uio), 0), 0);
+    EXPECT_EQ(read_file(device_dir + "/enable"), "0\n");
+}
+
+TEST(uio_emul, waits_for_a_device_that_comes_late)
+{
+    chassis_sim::enter_private_root();
+    chassis_sim::background([] {
+        usleep(40000);
+        add_fpga_card(card_in("sw1"));
+    });
+    opened("sysfs_pci:uio_fe.sw1.vostra_lite", nullptr);
+}
+
+TEST(uio_emul, finds_the_first_device_behind_the_port_that_the_name_service_gives)
+{
+    chassis_sim::enter_private_root();
+    const std::string port = "0000:00:01.0";
+    const auto device_behind = [](const std::string &address, const std::string &directories) {
+        chassis_sim::make_directory("/sys/bus/pci/devices");
+        add_hotswap_name("sw1", address);
+        const std::string dir = pci_link(address) + "/";
+        for (const std::string &name : words(directories))
+            write_file(dir + name + "/enable", "0");
+        write_file(dir + "0000:00:00.0", "not a directory");
+        chassis_sim::make_symlink(dir + "0000:00:00.1", "/tmp");
+        libuio_dev_t *uio = nullptr;
+        const outcome seen =
+            outcome_of([&] { return uio = open_block("uio_flash.sw1.vostra_lite"); });
+        fs::remove_all("/sys/bus");
+        return uio ? std::string(libuio_get_sys_device_dir(uio)).substr(dir.size())
+                   : strerror(seen.error);
+    };
+    const std::string none = strerror(EINVAL);
+    EXPECT_EQ(device_behind(port, ""), none);
+    EXPECT_EQ(device_behind("", "0000:05:00.0"), none);
+    EXPECT_EQ(device_behind(port + "x", "0000:05:00.0"), none); // 13 bytes
+    EXPECT_EQ(device_behind(port, port + ":pcie001 0001:05:00.0 0000 power"), none);
+    EXPECT_EQ(device_behind(port, "0000:1f:00.0 0000:0a:00.0 0000:ff:00.0"), "0000:0a:00.0");
+    const std::string longest = "0000:" + std::string(209, 'x');
+    EXPECT_EQ(device_behind(port, longest), longest);
+    EXPECT_EQ(device_behind(port, longest + "x"), strerror(ENAMETOOLONG)); // to be enabled
+    EXPECT_EQ(device_behind(port, longest + std::string(31, 'x')), none);
+    DOES(open_block("uio_flash.sw1"), nullptr, "", "", EINVAL); // no such port
+    write_file("/dev/dynattr/rpsw/hotswap/byname/sw2", port);
+    DOES(open_block("uio_flash.sw2"), nullptr, "", "", EINVAL); // no attribute
+    // The pellum2's place is fixed, and nobody looks whether it is there before it is enabled.
+    DOES(open_block("uio_cma.self.pellum2"), nullptr, "",
+         "LOG_ERR libuio_emul_device_enable: Failed to open "
+         "/sys/bus/pci/devices/0000:0d:00.0/enable (errno=2)\n",
+         ENOENT);
+}
+
+//--- each failing call ----------------------------------------------------------------------------
+
+const char *enabled; // the first byte of the device's "enable"
+
+// Opens, maps and closes a block; 0, or the errno of the call that failed, and 1000 more when the
+// device is left enabled.
+int round()
+{
+    libuio_dev_t *uio = open_now("sysfs_pci:uio_flash.sw1");
+    const int error = uio && libuio_mmap(uio, 0) == 1 ? 0 : errno;
+    libuio_close(uio);
+    return error + (*enabled == '1' ? 1000 : 0);
+}
+
+TEST(uio_emul, each_failing_call_gives_its_errno_and_leaves_nothing_and_the_device_disabled)
+{
+    start_chassis("sw1", 1);
+    const std::string file = device_dir + "/enable";
+    enabled = static_cast<char *>(
+        mmap(nullptr, 1, PROT_READ, MAP_SHARED, open(file.c_str(), O_RDONLY), 0));
+    // What cannot be looked up is not there; an FPGA that cannot be asked is of the default type.
+    const std::string by_call = R"(getxattr: 22
+open: 22
+stat: 22
+getdents64: 22
+getdents64: 0
+close: 0
+open: 0 LOG_ERR get_fpga_name: mmap((nil), 0x1000) failed
+stat: 0 LOG_ERR get_fpga_name: mmap((nil), 0x1000) failed
+mmap: 0 LOG_ERR get_fpga_name: mmap((nil), 0x1000) failed
+munmap: 0 LOG_ERR get_fpga_name: munmap(ADDRESS, 0x1000) failed: Input/output error
+open: 5 LOG_ERR libuio_emul_device_enable: Failed to open ENABLE (errno=5)
+write: 5 LOG_ERR libuio_emul_device_enable: Failed to write to ENABLE (errno=5)
+open: 5 LOG_ERR libuio_emul_mmap: mmap(4096, (0*4096)),1000,0 failed : Input/output error
+stat: 5 LOG_ERR libuio_emul_mmap: mmap(4096, (0*4096)),1000,0 failed : Input/output error
+mmap: 5 LOG_ERR libuio_emul_mmap: mmap(4096, (0*4096)),1000,0 failed : Input/output error
+open: 1000 LOG_ERR libuio_emul_device_enable: Failed to open ENABLE (errno=5)
+write: 1000 LOG_ERR libuio_emul_device_enable: Failed to write to ENABLE (errno=5)
+munmap: 0
+)";
+    const std::string by_allocation = printed(R"(allocation: 22
+allocation: 12 LOG_ERR libuio_new_handle: calloc(%zu) failed
+allocation: 12 LOG_ERR libuio_adjust_size: realloc (%zu+47+47+24) failed
+)",
+                                              sizeof(libuio_dev_t) + 64 * sizeof(libuio_map_t),
+                                              sizeof(libuio_dev_t) + sizeof(libuio_map_t));
+    std::string all = failures_of(EIO, round);
+    all = std::regex_replace(all, std::regex("0x[0-9a-f]{5,}"), "ADDRESS");
+    all = std::regex_replace(all, std::regex(file), "ENABLE");
+    EXPECT_EQ(all, by_call + (heap_can_fail ? by_allocation : ""));
+    // Failures of the clean-up do not hide the first.
+    const auto judge = [](const run &seen) {
+        const bool of_handle = seen.failed >= "allocation 3" && seen.failed <= "allocation 9";
+        EXPECT_TRUE(!of_handle || seen.seen.value.number % 1000 == ENOMEM) << seen;
+    };
+    fail_each_call(EIO, round, judge, EXDEV);
+}
+
+//--- mapping --------------------------------------------------------------------------------------
+
+TEST(uio_emul, maps_ranges_of_the_resource_files)
+{
+    start_chassis("alsw1");
+    libuio_dev_t *uio = opened("sysfs_pci:uio_pci.alsw1.vostra");
+    const auto skips = [uio](int mapped, unsigned int index) {
+        return printed("LOG_INFO libuio_emul_mmap: skip: m=%d, index=%u, map->addr=%p \n", mapped,
+                       index, uio->map[index].addr);
+    };
+    DOES(libuio_mmap(uio, 1 | 4), 2, skips(0, 0) + skips(1, 2), "", 0);
+    DOES(libuio_get_mapinfo(uio, 0, nullptr), nullptr);
+    EXPECT_EQ(uio->map[0].size, 0xffffffff);
+    DOES(libuio_mmap(uio, 0), 2, skips(1, 1) + skips(2, 3), "", 0);
+    const size_t ranges[][3] = {
+        {2, 0, 0x80000}, {0, 0x10000, 0x5000}, {0, 0x9000, page}, {0, 0x7000, page}};
+    for (unsigned int index = 0; const auto &[bar, offset, length] : ranges) {
+        EXPECT_EQ(uio->map[index].size, length);
+        iowrite32(0xfade0000 + index, static_cast<char *>(uio->map[index].addr) + length - 4);
+        const std::string bytes = read_file(device_dir + "/resource" + std::to_string(bar));
+        EXPECT_EQ(ioread32(&bytes[offset + length - 4]), 0xfade0000 + index++);
+    }
+    libuio_munmap(uio, 2);
+    DOES(libuio_get_mapinfo(uio, 0, nullptr), nullptr);
+    DOES(libuio_get_mapinfo(uio, 1, nullptr), a_pointer);
+    DOES(libuio_mmap(uio, 0), 3, skips(1, 1), "", 0);
+    libuio_close(uio);
+}
+
+TEST(uio_emul, says_which_range_cannot_be_mapped_and_why)
+{
+    start_chassis("alsw1");
+    const off_t missing = -1, directory = -2;
+    struct {
+        off_t sizes[2]; // of the resources
+        unsigned int offset;
+        size_t size; // of map 1, a range of resource 0; map 0 is all of resource 1
+        int result;
+        int error;
+    } const cases[] = {
+        {{0x6000, page}, 0x6000, page, -1, EINVAL},     {{0x6fff, page}, 0x6000, page, -1, EINVAL},
+        {{0x7000, 0x1800}, 0x6000, page, 0, EINVAL},    {{0x7000, 0}, 0x6000, page, 0, EINVAL},
+        {{0x7000, missing}, 0x6000, page, 0, ENOENT},   {{missing, page}, 0x6000, page, -1, ENOENT},
+        {{directory, page}, 0x6000, page, -1, EISDIR},  {{0x7000, page}, 0x5800, page, -1, EINVAL},
+        {{0x7000, page}, 0x6000, 100, -1, EINVAL},      {{0x7000, page}, 0x6000, 0, -1, EINVAL},
+        {{0x7000, page}, 0xfffff000, page, -1, EINVAL},
+    };
+    for (const auto &c : cases) {
+        for (int bar : {0, 1}) {
+            fs::remove(resources[bar]);
+            if (c.sizes[bar] == directory)
+                fs::create_directory(resources[bar]);
+            else if (c.sizes[bar] != missing)
+                write_file(resources[bar], std::string(static_cast<size_t>(c.sizes[bar]), '\0'));
+        }
+        libuio_dev_t *uio = opened("sysfs_pci:uio_fe.alsw1.vostra");
+        uio->map[1].offset = c.offset;
+        uio->map[1].size = c.size;
+        const std::string range = c.result == 0
+                                      ? printed("%ld, (0*4096)),0,1", static_cast<long>(0xffffffff))
+                                      : printed("%zu, (1*4096)),%x,0", c.size, c.offset);
+        DOES(libuio_mmap(uio, 0), c.result, "",
+             printed("LOG_ERR libuio_emul_mmap: mmap(%s failed : %s\n", range.c_str(),
+                     strerror(c.error)),
+             c.error);
+        libuio_close(uio);
+    }
+}
+
+TEST(uio_emul, maps_a_resource_that_shrinks_meanwhile_as_far_as_it_goes)
+{
+    start_chassis("rpsw");
+    libuio_dev_t *uio = opened("sysfs_pci:uio_cmneqp.rpsw.zarnik2"); // 0x4000 bytes at 0x2000
+    shrinks_to = 0x4000;
+    DOES(libuio_mmap(uio, 0), 1);
+    EXPECT_EQ(uio->map[0].size, 0x2000u);
+    libuio_munmap(uio, 0);
+    shrinks_to = 0x2000; // nothing is left of the range
+    DOES(libuio_mmap(uio, 0), 0, "",
+         "LOG_ERR libuio_emul_mmap: mmap(8192, (0*4096)),2000,0 failed : Invalid argument\n",
+         EINVAL);
+}
+
+TEST(uio_emul, maps_a_whole_resource_only_if_the_address_space_can_hold_it)
+{
+    start_chassis("sw1");
+    ASSERT_EQ(truncate(resources[1].c_str(), (off_t{1} << 32) + 0x10000), 0);
+    libuio_dev_t *uio = opened("sysfs_pci:uio_fe.sw1.vostra_lite");
+    const bool fits = sizeof(size_t) == 8;
+    const char *line =
+        "LOG_ERR libuio_emul_mmap: mmap(-1, (0*4096)),0,1 failed : Cannot allocate memory\n";
+    DOES(libuio_mmap(uio, 0), fits ? 2 : 0, "", fits ? "" : line, fits ? 0 : ENOMEM);
+}
+
+TEST(uio_emul, reaches_a_pellum_by_physical_address)
+{
+    chassis_sim::enter_private_root();
+    write_file("/dev/mem", std::string(0xb4000, '\0'));
+    libuio_dev_t *uio = opened("sysfs_pci:uio_rpmb.rpsw1.pellum");
+    EXPECT_STREQ(libuio_get_sys_device_dir(uio), "/dev/");
+    DOES(libuio_mmap(uio, 0), 1, "", "", 0);
+    iowrite8('!', libuio_get_mapinfo(uio, 0, nullptr));
+    EXPECT_EQ(read_file("/dev/mem")[0xb3000], '!');
+    DOES((libuio_close(uio), 0), 0, "",
+         "LOG_ERR libuio_emul_device_enable: Failed to open /dev//enable (errno=2)\n");
+}
+
+} // namespace
