@@ -52,7 +52,7 @@ protected:
     }
 
     podlog::nvram_dev_info_t &row = podlog::_nvram_dev_info[0];
-    pod_log_ring ring = device_access::nvram_ring(0);
+    static pod_log_ring ring() { return device_access::nvram_ring(0); }
     const pod_index index = {0x1FE2C365, 9, 1600, 0};
 };
 
@@ -69,35 +69,35 @@ TEST_F(pod_log_recovery, finds_the_history_with_the_newest_first_entry)
     };
     for (const auto &c : cases) {
         fill(c.times);
-        EXPECT_EQ(ring.find_latest_blk(index), c.latest);
+        EXPECT_EQ(ring().find_latest_blk(index), c.latest);
     }
     row.num_subblock = 12; // the last one lies outside the region
     fill({1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1});
-    EXPECT_EQ(ring.find_latest_blk(index), -1);
+    EXPECT_EQ(ring().find_latest_blk(index), -1);
     row.num_subblock = 0;
-    EXPECT_EQ(ring.find_latest_blk(index), pod_log_ring::no_history);
+    EXPECT_EQ(ring().find_latest_blk(index), pod_log_ring::no_history);
 }
 
 TEST_F(pod_log_recovery, guesses_the_current_history)
 {
     captured_output output;
-    EXPECT_EQ(ring.guess(index, 2), 1);
+    EXPECT_EQ(ring().guess(index, 2), 1);
     EXPECT_EQ(stored_index(), test_support::checked_pod_index(index.magic, 2, 1600));
     EXPECT_EQ(output.take_stdout(),
               "podlog_nvram_init: corrupted block index = 0x9 best guess = 0x2\n");
     pod_index in_range = index;
     in_range.header_index = 3;
-    EXPECT_EQ(ring.guess(in_range, 2), 1);
+    EXPECT_EQ(ring().guess(in_range, 2), 1);
     EXPECT_EQ(stored_index(), test_support::checked_pod_index(index.magic, 3, 1600));
     EXPECT_EQ(output.take_stdout(), "");
 
     pod_index foreign = index;
     foreign.magic = 1;
-    EXPECT_EQ(ring.guess(foreign, 2), -1);
+    EXPECT_EQ(ring().guess(foreign, 2), -1);
     const int writable = row.fd;
     row.fd = ::open(("/proc/self/fd/" + std::to_string(writable)).c_str(), O_RDONLY);
     output.take_stderr();
-    EXPECT_EQ(ring.guess(index, 2), -1);
+    EXPECT_EQ(ring().guess(index, 2), -1);
     EXPECT_EQ(output.take_stderr(), "ERROR: pod_nvram_mem_wr: cannot write 16 bytes to 0x20!!\n"
                                     "Failed to write NVRAM index structure!\n");
 }
@@ -108,17 +108,17 @@ TEST_F(pod_log_recovery, resets_what_cannot_be_guessed)
     const std::string fresh = test_support::checked_pod_index(index.magic, 0, 1600);
     captured_output output;
     for (int headers : {1, -1, 0})
-        EXPECT_EQ(ring.guess(index, headers), -1) << "all good is not enough";
+        EXPECT_EQ(ring().guess(index, headers), -1) << "all good is not enough";
     fill({0, 0, 0, 0});
-    EXPECT_EQ(ring.guess(index, 2), 1);
+    EXPECT_EQ(ring().guess(index, 2), 1);
     EXPECT_EQ(output.take_stdout(), "podlog_nvram_init: no available block log\n" + reset);
-    EXPECT_EQ(ring.guess(index, -3), 1);
+    EXPECT_EQ(ring().guess(index, -3), 1);
     EXPECT_EQ(output.take_stdout(), "podlog_nvram_init: invalid hdr structure found!\n" + reset);
-    EXPECT_EQ(ring.accept(-3), 1);
+    EXPECT_EQ(ring().accept(-3), 1);
     EXPECT_EQ(output.take_stdout(), "podlog_nvram_init: invalid header structure found.\n" + reset);
-    EXPECT_EQ(ring.accept(2), 1);
-    EXPECT_EQ(ring.accept(1), 1);
-    EXPECT_EQ(ring.accept(-1), -1);
+    EXPECT_EQ(ring().accept(2), 1);
+    EXPECT_EQ(ring().accept(1), 1);
+    EXPECT_EQ(ring().accept(-1), -1);
     EXPECT_EQ(output.take_stdout() + output.take_stderr(), "");
     EXPECT_EQ(stored_index(), fresh);
 }
