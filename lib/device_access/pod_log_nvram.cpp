@@ -147,7 +147,7 @@ public:
     int mem_wr(int nvram_id, int64_t position, const void *data, uint32_t size) override;
     pod_opening judge(const pod_index &index, bool rdonly) const override;
     bool verify_blk_index(const pod_index &index) const override;
-    bool locates_current_history(int nvram_id, const pod_index &index) const override;
+    bool locates_current_history(const pod_shape &shape, const pod_index &index) const override;
     void report(int nvram_id, pod_fault fault, uint32_t detail) const override;
     bool reset_beyond_log(int nvram_id) override;
 };
@@ -243,15 +243,14 @@ bool nvram_storage::verify_blk_index(const pod_index &index) const
     return false;
 }
 
-bool nvram_storage::locates_current_history(int nvram_id, const pod_index &index) const
+bool nvram_storage::locates_current_history(const pod_shape &shape, const pod_index &index) const
 {
-    const pod_shape its = shape(nvram_id);
     if (index.magic != magic)
         return false;
-    if (index.header_index >= static_cast<uint32_t>(its.num_subblock))
+    if (index.header_index >= static_cast<uint32_t>(shape.num_subblock))
         return refuse(false, "ERROR: get_curr_log_hdr_pos: index %d out of range!\n",
                       static_cast<int>(index.header_index));
-    if (index.log_size != static_cast<uint32_t>(its.subblock_size))
+    if (index.log_size != static_cast<uint32_t>(shape.subblock_size))
         return refuse(false, "get_curr_log_hdr_pos: corrupted log size 0x%x in the structure!\n",
                       index.log_size);
     return true;

@@ -108,10 +108,9 @@ int64_t pod_log_ring::nth_header(uint32_t history, uint32_t distance) const
 
 int64_t pod_log_ring::get_log_hdr_pos(const pod_index &index, int history)
 {
-    const pod_shape its = shape();
-    if (history >= its.num_subblock)
+    if (history >= shape_.num_subblock)
         return refuse(-1, "ERROR: %s_get_log_hdr_pos: invalid index %d; must less than %d!\n",
-                      kind(), history, its.num_subblock);
+                      kind(), history, shape_.num_subblock);
     if (index.magic != storage_->magic) {
         storage_->report(id_, pod_fault::index_magic, index.magic);
         return -1;
@@ -119,12 +118,12 @@ int64_t pod_log_ring::get_log_hdr_pos(const pod_index &index, int history)
     return nth_header(static_cast<uint32_t>(history),
                       storage_->traits.index_sets_distance
                           ? index.log_size
-                          : static_cast<uint32_t>(its.subblock_size));
+                          : static_cast<uint32_t>(shape_.subblock_size));
 }
 
 int64_t pod_log_ring::get_curr_log_hdr_pos(const pod_index &index)
 {
-    return storage_->locates_current_history(id_, index)
+    return storage_->locates_current_history(shape_, index)
                ? nth_header(index.header_index, index.log_size)
                : -1;
 }
@@ -170,7 +169,7 @@ int pod_log_ring::next_entry(int64_t position, const pod_entry &entry)
 
 int pod_log_ring::previous(int history) const
 {
-    return history > 0 ? history - 1 : shape().num_subblock - 1;
+    return history > 0 ? history - 1 : shape_.num_subblock - 1;
 }
 
 //--- opening --------------------------------------------------------------------------------------
@@ -179,6 +178,7 @@ int pod_log_ring::init(bool rdonly)
 {
     if (!storage_->open(id_, rdonly))
         return -1;
+    shape_ = storage_->shape(id_);
     const int result = check(rdonly);
     if (result != 1)
         close();
@@ -222,8 +222,7 @@ int pod_log_ring::check_hdr(const pod_index &index, int history)
 
 int pod_log_ring::verify_all_hdr(const pod_index &index)
 {
-    const int histories = shape().num_subblock;
-    for (int history = 0; history < histories; ++history) {
+    for (int history = 0; history < shape_.num_subblock; ++history) {
         if (history > 0)
             ::usleep(200);
         if (check_hdr(index, history) != 1)
@@ -241,7 +240,6 @@ int pod_log_ring::accept(int headers)
 
 int pod_log_ring::guess(pod_index index, int headers)
 {
-    const pod_shape its = shape();
     if (headers == headers_unusable)
         return reset_because("invalid hdr structure found!");
     if (headers != headers_usable)
@@ -251,12 +249,12 @@ int pod_log_ring::guess(pod_index index, int headers)
         return reset_because("no available block log");
     if (latest == -1)
         return -1;
-    if (index.header_index > static_cast<uint32_t>(its.num_subblock) - 1) {
+    if (index.header_index > static_cast<uint32_t>(shape_.num_subblock) - 1) {
         print_output("podlog_%s_init: corrupted block index = 0x%x best guess = 0x%x\n", kind(),
                      index.header_index, static_cast<unsigned int>(latest));
         index.header_index = static_cast<uint32_t>(latest);
     }
-    index.log_size = static_cast<uint32_t>(its.subblock_size);
+    index.log_size = static_cast<uint32_t>(shape_.subblock_size);
     return write_index_or_report(index) ? 1 : -1;
 }
 
@@ -272,8 +270,7 @@ int pod_log_ring::find_latest_blk(const pod_index &index)
 {
     int latest = no_history;
     uint64_t latest_time = 0;
-    const int histories = shape().num_subblock;
-    for (int history = 0; history < histories; ++history) {
+    for (int history = 0; history < shape_.num_subblock; ++history) {
         pod_entry entry;
         const int64_t position = get_log_pos(index, history, 0, entry);
         if (position == -1)
@@ -292,15 +289,14 @@ int pod_log_ring::find_latest_blk(const pod_index &index)
 
 int pod_log_ring::reset()
 {
-    const pod_shape its = shape();
     pod_index index = {};
     index.magic = storage_->magic;
-    index.log_size = static_cast<uint32_t>(its.subblock_size);
+    index.log_size = static_cast<uint32_t>(shape_.subblock_size);
     if (!write_index_or_report(index) || !storage_->reset_beyond_log(id_))
         return -1;
-    if (its.num_subblock > 0 && !load(index))
+    if (shape_.num_subblock > 0 && !load(index))
         return -1;
-    for (int history = 0; history < its.num_subblock; ++history) {
+    for (int history = 0; history < shape_.num_subblock; ++history) {
         const int64_t hdr_pos = get_log_hdr_pos(index, history);
         if (hdr_pos == -1)
             return -1;
@@ -322,7 +318,7 @@ void pod_log_ring::reset_logs(int64_t hdr_pos)
     if (hdr_pos < 0 || !read(hdr_pos, header))
         return;
     const pod_entry blank = {};
-    const int64_t end = hdr_pos + shape().subblock_size;
+    const int64_t end = hdr_pos + shape_.subblock_size;
     int64_t position = hdr_pos + int64_t{sizeof header};
     do {
         if (!write(position, blank))
@@ -333,7 +329,7 @@ void pod_log_ring::reset_logs(int64_t hdr_pos)
 
 void pod_log_ring::reset_hdr(int64_t hdr_pos)
 {
-    write(hdr_pos, fresh_header(hdr_pos, static_cast<uint32_t>(shape().subblock_size)));
+    write(hdr_pos, fresh_header(hdr_pos, static_cast<uint32_t>(shape_.subblock_size)));
 }
 
 int pod_log_ring::add(const char *event_level, const char *diag_string, const char *ret_string,
@@ -347,7 +343,7 @@ int pod_log_ring::add(const char *event_level, const char *diag_string, const ch
     if (position == -1 || !read(position, old))
         return -1;
     const pod_message message(event_level, diag_string, ret_string, fmt, args);
-    const pod_entry entry = entry_of_now(static_cast<uint32_t>(shape().msg_size));
+    const pod_entry entry = entry_of_now(static_cast<uint32_t>(shape_.msg_size));
     if (!write(position, entry) ||
         !write_bytes(message_position(position), message.text(), message.size()))
         return -1;
@@ -357,7 +353,7 @@ int pod_log_ring::add(const char *event_level, const char *diag_string, const ch
 
 int pod_log_ring::add_raw_log(uint8_t *buf)
 {
-    if (shape().msg_size < 0)
+    if (shape_.msg_size < 0)
         return -1;
     const uint32_t room = message_room();
     char *const message = reinterpret_cast<char *>(buf + sizeof(pod_entry));
@@ -384,7 +380,7 @@ int pod_log_ring::add_raw_log(uint8_t *buf)
 // it to be overwritten. 1 or 0.
 int pod_log_ring::advance(current_header &current, int64_t position) const
 {
-    const uint32_t size = uint32_t{sizeof(pod_entry)} + static_cast<uint32_t>(shape().msg_size);
+    const uint32_t size = uint32_t{sizeof(pod_entry)} + static_cast<uint32_t>(shape_.msg_size);
     const uint32_t end_of_next = static_cast<uint32_t>(position) + 2 * size;
     // Unsigned: an absurd log_size leaves no room, rather than all of it.
     if (end_of_next >= static_cast<uint32_t>(current.position) + current.log_size)
@@ -409,7 +405,7 @@ int pod_log_ring::use_nxt_log()
         return -1;
     if (index.magic != storage_->magic)
         return 1;
-    const uint32_t last = static_cast<uint32_t>(shape().num_subblock) - 1;
+    const uint32_t last = static_cast<uint32_t>(shape_.num_subblock) - 1;
     index.header_index = index.header_index < last ? index.header_index + 1 : 0;
     if (!write_index(index_position, index))
         return -1;
@@ -436,12 +432,11 @@ int pod_log_ring::newest_history()
 {
     pod_index index;
     int history = load(index) ? get_curr_log_index(index) : -1;
-    const int histories = shape().num_subblock;
-    if (history < 0 || history >= histories)
+    if (history < 0 || history >= shape_.num_subblock)
         return -1;
     if (check_hdr(index, history) == 0)
         return -2;
-    storage_->hist_left_cnt = histories;
+    storage_->hist_left_cnt = shape_.num_subblock;
     pod_entry entry;
     int64_t position;
     while ((position = get_log_pos(index, history, 0, entry)) == 0) {
@@ -516,7 +511,7 @@ size_t pod_log_ring::raw_entry_size() const
 
 uint32_t pod_log_ring::message_room() const
 {
-    return static_cast<uint32_t>(std::max(shape().msg_size, 0));
+    return static_cast<uint32_t>(std::max(shape_.msg_size, 0));
 }
 
 //--- dumping --------------------------------------------------------------------------------------
@@ -555,7 +550,7 @@ int pod_log_ring::dump_histories()
     int history = loaded ? get_curr_log_index(index) : -1;
     if (storage_->traits.announces_start)
         print_output("-------- starting history/subblock = %d --------\n", history);
-    for (int left = shape().num_subblock; left > 0; --left) {
+    for (int left = shape_.num_subblock; left > 0; --left) {
         pod_entry entry;
         const int64_t position = loaded ? get_log_pos(index, history, 0, entry) : -1;
         if (position < 0)

@@ -12,8 +12,8 @@
 namespace device_access
 {
 
-// The log of one device: a storage, and the device's id there. Made for a call, and as cheap as
-// the two; what belongs to a device or a walk is kept by the storage.
+// The log of one device: a storage, the device's id there, and its shape. Made for a call; what
+// lasts longer is kept by the storage.
 //
 // The operations are those of the interface, podlog_file_add() and so on. Positions are 64 bits
 // wide in here, whatever the storage holds; at the interface they are ints, so that nothing beyond
@@ -22,7 +22,10 @@ class pod_log_ring
 {
 public:
     pod_log_ring() = default; // the log of no storage, which has no operations
-    pod_log_ring(pod_storage &storage, int id) : storage_(&storage), id_(id) {}
+    pod_log_ring(pod_storage &storage, int id)
+        : storage_(&storage), id_(id), shape_(storage.shape(id))
+    {
+    }
     explicit operator bool() const { return storage_ != nullptr; }
 
     int init(bool rdonly);
@@ -63,7 +66,6 @@ private:
         int64_t position;
     };
 
-    pod_shape shape() const { return storage_->shape(id_); }
     const char *kind() const { return storage_->traits.kind; }
     uint32_t message_room() const;
 
@@ -107,6 +109,7 @@ private:
 
     pod_storage *storage_ = nullptr;
     int id_ = -1;
+    pod_shape shape_ = {};
 };
 
 // The logs of the devices of each storage, which is a source file of its own.

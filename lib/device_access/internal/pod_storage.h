@@ -57,7 +57,7 @@ class pod_storage
 public:
     virtual pod_shape shape(int id) const = 0;
 
-    // Opening prepares the shape too; it fails on a device that is open. Both report.
+    // Opening settles the shape; it fails on a device that is open. Both report.
     virtual bool open(int id, bool rdonly) = 0;
     virtual void close(int id) = 0;
 
@@ -68,7 +68,7 @@ public:
     // The rules of its index. They report what they do not accept.
     virtual pod_opening judge(const pod_index &index, bool rdonly) const;
     virtual bool verify_blk_index(const pod_index &index) const;
-    virtual bool locates_current_history(int id, const pod_index &index) const;
+    virtual bool locates_current_history(const pod_shape &shape, const pod_index &index) const;
 
     virtual void report(int /*id*/, pod_fault, uint32_t /*detail*/) const {}
 
@@ -109,9 +109,10 @@ inline bool pod_storage::verify_blk_index(const pod_index &index) const
     return index.magic == magic;
 }
 
-inline bool pod_storage::locates_current_history(int id, const pod_index &index) const
+inline bool pod_storage::locates_current_history(const pod_shape &shape,
+                                                 const pod_index &index) const
 {
-    if (index.magic == magic && index.header_index < static_cast<uint32_t>(shape(id).num_subblock))
+    if (index.magic == magic && index.header_index < static_cast<uint32_t>(shape.num_subblock))
         return true;
     return refuse(false, "ERROR: %s_get_curr_log_hdr_pos: invalid index!\n", traits.kind);
 }
