@@ -54,7 +54,7 @@
 #include <device_access/device_access_api.h>
 
 #if !defined(__cplusplus) && defined(DEVICE_ACCESS_POD_LOG_NVRAM_H)
-#error "pod_log_nvram.h and post_log_nvram.h have types of the same names: include one per C file"
+#error "a C file includes pod_log_nvram.h or post_log_nvram.h, not both: use two files, or C++"
 #endif
 
 /* The log blocks. */
