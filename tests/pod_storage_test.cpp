@@ -970,12 +970,7 @@ TEST(pod_eeprom, is_reached_through_bound_functions_only)
     const std::string no_write = "ERROR: No binded EEPROM write function!\n";
     DOES(podlog_eeprom_init(5, 0), -1, no_read);
     write_file(eeprom_path(0), std::string(8300, '\0'));
-    podlog_bind_eeprom_access_func(
-        5,
-        [](uint32_t position, uint8_t *buffer, uint32_t size) {
-            return read_eeprom(0, position, buffer, size);
-        },
-        nullptr);
+    podlog_bind_eeprom_access_func(5, eeprom_reader<0>, nullptr);
     DOES(podlog_eeprom_init(5, 1), -1,
          "ERROR: podlog_eeprom_init: magic number not initialized! cannot open for reading!!\n"
          "magic number: read = 0x0 expect = 0x1fe2c363\n");
