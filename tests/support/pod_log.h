@@ -80,16 +80,19 @@ int read_eeprom(int number, uint32_t position, uint8_t *buffer, uint32_t size);
 int write_eeprom(int number, uint32_t position, const uint8_t *buffer, uint32_t size);
 
 template <int Number>
+int eeprom_reader(uint32_t position, uint8_t *buffer, uint32_t size)
+{
+    return read_eeprom(Number, position, buffer, size);
+}
+template <int Number>
+int eeprom_writer(uint32_t position, uint8_t *buffer, uint32_t size)
+{
+    return write_eeprom(Number, position, buffer, size);
+}
+template <int Number>
 void bind_eeprom(int id)
 {
-    podlog_bind_eeprom_access_func(
-        id,
-        [](uint32_t position, uint8_t *buffer, uint32_t size) {
-            return read_eeprom(Number, position, buffer, size);
-        },
-        [](uint32_t position, uint8_t *buffer, uint32_t size) {
-            return write_eeprom(Number, position, buffer, size);
-        });
+    podlog_bind_eeprom_access_func(id, eeprom_reader<Number>, eeprom_writer<Number>);
 }
 
 // One of the three storages: device 0 of its kind.
