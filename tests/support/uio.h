@@ -4,7 +4,14 @@
 #include "support/sweep.h"
 #include "support/test.h"
 
-#include <device_access/libuio.h>
+#include <device_access/libuio_emul.h>
+#include <device_access/regiomap_x86.h>
+
+#include <filesystem>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace test
 {
@@ -24,6 +31,29 @@ inline libuio_dev_t *opened(const std::string &name, const timespec *max_wait = 
     const outcome seen = outcome_of(open);
     EXPECT_NE(uio, nullptr) << name << ": " << seen;
     return uio;
+}
+
+// A handle's maps in the order of their numbers, "NUMBER=BAR:OFFSET+SIZE" in hexadecimal each, with
+// a '*' when it is mapped.
+inline std::string maps_text(const libuio_dev_t *uio)
+{
+    std::string text;
+    for (unsigned int i = 0; i < libuio_get_map_limit(uio); ++i)
+        for (unsigned int record = 0; record < uio->map_count; ++record)
+            if (const libuio_map_t &map = uio->map[record]; map.index == i)
+                text += printed("%x=%x:%x+%zx%s ", i, map.bar, map.offset, map.size,
+                                map.addr ? "*" : "");
+    return text;
+}
+
+// Lines of libuio, as outcomes have them.
+inline std::string err(const std::string &text)
+{
+    return "LOG_ERR libuio_" + text + "\n";
+}
+inline std::string debug(const std::string &text)
+{
+    return "LOG_DEBUG libuio_" + text + "\n";
 }
 
 } // namespace test
