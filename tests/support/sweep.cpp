@@ -328,13 +328,13 @@ private:
 
 constexpr int none = -1;
 
-#if defined __SANITIZE_ADDRESS__
-constexpr bool heap_can_fail = false;
-#else
-constexpr bool heap_can_fail = true;
-#endif
-
 } // namespace
+
+#if defined __SANITIZE_ADDRESS__
+const bool heap_can_fail = false;
+#else
+const bool heap_can_fail = true;
+#endif
 
 std::ostream &operator<<(std::ostream &stream, const run &what)
 {

@@ -30,8 +30,8 @@ inline const void *const a_pointer = &errno;
 // All that a call does to its process. What an expectation does not name must not happen.
 struct outcome {
     result value;
-    std::string err;       // on standard error
-    std::string out;       // on standard output
+    std::string err = {};  // on standard error
+    std::string out = {};  // on standard output
     int error = any_error; // errno after the call, which finds 0 there
     long opens = 0;        // descriptors that are open after it and were not before
     bool operator==(const outcome &seen) const;
