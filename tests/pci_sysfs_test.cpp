@@ -1,48 +1,501 @@
-#include "sim/chassis.h"
-#include "support/captured_output.h"
-#include "support/descriptors.h"
-#include "support/diagnostics.h"
+#include "support/pci.h"
 #include "support/syslog_socket.h"
-#include "support/system_calls.h"
 
-#include <device_access/pci_sysfs.h>
+#include <device_access/qel_pci_hotswap.h>
 
-#include <gtest/gtest.h>
-
-#include <cerrno>
+#include <array>
+#include <chrono>
 #include <climits>
-#include <cstdlib>
-#include <cstring>
+#include <csignal>
 #include <filesystem>
+#include <set>
 #include <sstream>
-#include <string>
-#include <vector>
+#include <thread>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 namespace
 {
 
 namespace fs = std::filesystem;
-using chassis_sim::pci_function;
+using namespace test;
+using chassis_sim::make_directory;
+using chassis_sim::make_symlink;
 using chassis_sim::write_file;
-using test_support::captured_output;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+using pci_sysfs = in_chassis;
+using qel_pci_hotswap = in_chassis;
 
 const std::string bus = "/sys/bus/pci/devices";
+const char *const no_name = nullptr;
+const sysfs_pci_identity_t *const nobody = nullptr;
 
 sysfs_pci_identity_t identity(const std::string &id)
 {
-    sysfs_pci_identity_t ident = {};
-    std::memcpy(ident.str, id.c_str(), id.size());
-    return ident;
+    sysfs_pci_identity_t result = {};
+    id.copy(result.str, sizeof result.str);
+    return result;
 }
 
 void add(const std::string &id, const std::string &parent = "")
 {
-    pci_function function;
+    chassis_sim::pci_function function;
     function.id = id;
     function.parent = parent;
     chassis_sim::add_pci(function);
+}
+
+// The identities of a list, which is released; "NULL" for none.
+std::string taken(sysfs_pci_identity_t *list)
+{
+    std::string text = list ? "" : "NULL";
+    for (const sysfs_pci_identity_t *entry = list; list && entry->str[0]; ++entry)
+        text += std::string(entry->str) + " ";
+    std::free(list);
+    return text;
+}
+
+TEST(pci_identity, is_read_by_the_letter_rule)
+{
+    const auto numbers_of = [](const std::string &text) {
+        const sysfs_pci_identity_t id = identity(text);
+        return std::array{sysfs_pci_identity_domain(&id), sysfs_pci_identity_bus(&id),
+                          sysfs_pci_identity_slot(&id), sysfs_pci_identity_function(&id),
+                          sysfs_pci_identity_devfn(&id)};
+    };
+    EXPECT_EQ(numbers_of("0000:00:03.1"), (std::array{0, 0, 3, 1, 25}));
+    EXPECT_EQ(numbers_of("0000:1f:1f.3"), (std::array{0, 11, 11, 3, 91}));
+    EXPECT_EQ(numbers_of("0001:0a:0A.7"), (std::array{1, -10, -10, 7, 0xb7}));
+    EXPECT_EQ(numbers_of("ffff:ff:ff.0"), (std::array{-5 * 0x1111, -85, -85, 0, 0x58}));
+    EXPECT_EQ(numbers_of("1234:99:19.5"), (std::array{0x1234, 0x99, 0x19, 5, 0xcd}));
+    for (const auto &[start, end, value] : std::vector<std::array<int, 3>>{
+             {6, 7, 3}, {5, 5, 0}, {7, 5, 0}, {INT_MIN, 1, 0}, {12, INT_MAX, -107}, {4, 5, -49}})
+        EXPECT_EQ(sysfs_pci_identity_atox(start, end, &ident), value) << start;
+    EXPECT_EQ(sysfs_pci_identity_atox(0, 12, nobody), 0);
+    const sysfs_pci_identity_t hostile = identity(std::string(13, '\xff'));
+    EXPECT_NE(sysfs_pci_identity_atox(INT_MIN, INT_MAX, &hostile), 0) << "wraps around";
+}
+
+//--- attributes -----------------------------------------------------------------------------------
+
+TEST_F(pci_sysfs, builds_paths_that_fit_and_opens_them)
+{
+    const sysfs_pci_identity_t unterminated = identity(std::string(13, 'x'));
+    const auto path = [](size_t max, const char *attr_name, const sysfs_pci_identity_t *id) {
+        std::string buffer(max + 1, '#');
+        errno = EXDEV;
+        const char *result = sysfs_pci_abspath(buffer.data(), max, attr_name, id);
+        return buffer[max] != '#' ? "overrun" : result ? result : std::to_string(errno);
+    };
+    const std::string too_long = std::to_string(ENAMETOOLONG);
+    EXPECT_EQ(path(34, no_name, &ident), dir);
+    EXPECT_EQ(path(33, no_name, &ident) + path(0, no_name, &ident), too_long + too_long);
+    EXPECT_EQ(path(41, "config", &ident), dir + "/config");
+    EXPECT_EQ(path(40, "config", &ident), too_long);
+    EXPECT_EQ(path(35, "", &ident), dir + "/");
+    EXPECT_EQ(path(99, no_name, &unterminated), bus + "/xxxxxxxxxxxxx");
+    EXPECT_EQ(path(99, "config", nobody), "-22");
+    const std::string attr(500, 'a');
+    char *block = sysfs_pci_abspath(nullptr, 10, attr.c_str(), &ident);
+    EXPECT_EQ(std::strcat(block, "/12345678"), dir + "/" + attr + "/12345678") << "there is room";
+    std::free(block);
+    GIVES(sysfs_pci_abspath(nullptr, SIZE_MAX - 50, "config", &ident), nullptr, ENOMEM);
+
+    write_file(dir + "/enable", "1\n");
+    GIVES(sysfs_pci_access("enable", W_OK, &ident), 0, EXDEV);
+    GIVES(sysfs_pci_access("absent", F_OK, &ident), -1, ENOENT);
+    GIVES(sysfs_pci_open("enable", O_RDONLY, nobody), -1, -22);
+    const int fd = sysfs_pci_open("enable", O_RDWR, &ident);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    for (const char *name : {no_name, ""}) {
+        GIVES(sysfs_pci_access(name, F_OK, &ident), -1, EINVAL);
+        GIVES(sysfs_pci_open(name, O_RDONLY, nobody), -1, EINVAL);
+    }
+}
+
+TEST_F(pci_sysfs, shows_an_attribute_as_text_or_numbers)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    write_file(dir + "/text", "hello\n");
+    write_file(dir + "/long", std::string(page + 100, 'x'));
+    write_file(dir + "/empty", "");
+    char text[8] = "#######";
+    size_t count = 99;
+    GIVES(sysfs_pci_show(text, sizeof text, &count, "text", &ident) == text, true, EXDEV);
+    EXPECT_STREQ(text, "hello\n");
+    EXPECT_EQ(count, 6u);
+    EXPECT_STREQ(sysfs_pci_show(text, 4, nullptr, "text", &ident), "hel");
+    char *block = sysfs_pci_show(nullptr, 3, &count, "long", &ident);
+    EXPECT_EQ(block, std::string(page - 1, 'x'));
+    EXPECT_EQ(count, page - 1);
+    std::free(block);
+    const int fd = sysfs_pci_open("text", O_RDONLY, &ident);
+    lseek(fd, 3, SEEK_SET); // does not matter
+    EXPECT_STREQ(sysfs_pci_fshow(text, 2, nullptr, fd), "h");
+    GIVES(sysfs_pci_fshow(text, 1, nullptr, fd), nullptr, EINVAL);
+    GIVES(sysfs_pci_fshow(nullptr, SIZE_MAX, nullptr, fd), nullptr, ENOMEM);
+    for (char *buffer : {text, static_cast<char *>(nullptr)}) {
+        GIVES(sysfs_pci_show(buffer, 8, &count, "empty", &ident), nullptr, EXDEV);
+        GIVES(sysfs_pci_show(buffer, 8, &count, "absent", &ident), nullptr, ENOENT);
+        GIVES(sysfs_pci_show(buffer, 8, &count, "", &ident), nullptr, EINVAL);
+    }
+    EXPECT_EQ(count, page - 1);
+
+    using numbers = std::vector<int64_t>;
+    const auto numbers_in = [](const std::string &contents, size_t limit) {
+        write_file(dir + "/numbers", contents);
+        numbers found(4, -77);
+        const ssize_t stored = sysfs_pci_show_nums(found.data(), limit, "numbers", &ident);
+        while (!found.empty() && found.back() == -77)
+            found.pop_back();
+        EXPECT_EQ(stored, static_cast<ssize_t>(found.size())) << contents;
+        return found;
+    };
+    EXPECT_EQ(numbers_in("0x8086\n", 1), numbers{0x8086});
+    EXPECT_EQ(numbers_in("12abc", 1), numbers{});
+    EXPECT_EQ(numbers_in(" \t-0x10\n010 +9", 3), (numbers{-16, 8, 9}));
+    EXPECT_EQ(numbers_in("1 2 3 4", 3), (numbers{1, 2, 3}));
+    EXPECT_EQ(numbers_in("7 8", 0), numbers{7});
+    EXPECT_EQ(numbers_in("5 x 6", 3), numbers{5});
+    EXPECT_EQ(numbers_in("0x", 1), numbers{});
+    EXPECT_EQ(numbers_in("   \n", 2), numbers{});
+    EXPECT_EQ(numbers_in(std::string("1\0002", 3), 2), numbers{1});
+    EXPECT_EQ(numbers_in("9223372036854775808 -9223372036854775809", 2),
+              (numbers{INT64_MAX, INT64_MIN}));
+    EXPECT_EQ(numbers_in(std::string(31, ' ') + "1", 1), numbers{}) << "behind the 31 bytes read";
+    EXPECT_EQ(numbers_in(std::string(31, ' ') + "1", 2), numbers{1});
+    EXPECT_EQ(numbers_in(std::string(29, ' ') + "12345", 1), numbers{12});
+    int64_t value;
+    GIVES(sysfs_pci_show_nums(&value, 1, "empty", &ident), -1, EXDEV);
+    GIVES(sysfs_pci_show_nums(&value, 2, "empty", &ident), -1, EXDEV);
+    GIVES(sysfs_pci_show_nums(nullptr, 1, "numbers", &ident), -1, EINVAL);
+    GIVES(sysfs_pci_fshow_nums(&value, 1, -1), -1, EBADF);
+}
+
+TEST_F(pci_sysfs, stores_a_text_or_a_number)
+{
+    const auto stored = [](int64_t value) {
+        write_file(dir + "/number", "");
+        GIVES(sysfs_pci_store_num(value, "number", &ident), 0, EXDEV);
+        return read_file(dir + "/number");
+    };
+    EXPECT_EQ(stored(0) + stored(9) + stored(10), "0\n9\n0xa\n");
+    EXPECT_EQ(stored(-1) + stored(INT64_MAX), "0xffffffffffffffff\n0x7fffffffffffffff\n");
+    write_file(dir + "/text", "12345");
+    GIVES(sysfs_pci_store("abc", "text", &ident), 0, EXDEV);
+    EXPECT_EQ(read_file(dir + "/text"), "abc45") << "at position 0, no terminator";
+    GIVES(sysfs_pci_store(nullptr, "text", &ident), -1, EINVAL);
+    GIVES(sysfs_pci_store("", "text", &ident), -1, EINVAL);
+    GIVES(sysfs_pci_store("1", "absent", &ident), -1, ENOENT);
+    EXPECT_FALSE(fs::exists(dir + "/absent"));
+
+    // A file that may grow to eight bytes takes a part of a text.
+    const int fd = sysfs_pci_open("text", O_RDWR, &ident);
+    lseek(fd, 3, SEEK_SET); // does not matter
+    const auto store_a_part = [fd] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit eight = {8, 8};
+        setrlimit(RLIMIT_FSIZE, &eight);
+        errno = EXDEV;
+        const int result = sysfs_pci_fstore("1234567890", fd);
+        _exit(result == -1 && errno == EXDEV ? 0 : 1);
+    };
+    EXPECT_EXIT(store_a_part(), testing::ExitedWithCode(0), "");
+    GIVES(sysfs_pci_fstore_num(7, fd), 0, EXDEV);
+    EXPECT_EQ(read_file(dir + "/text"), "7\n345678");
+}
+
+//--- device memory --------------------------------------------------------------------------------
+
+constexpr uint64_t memory = 0x40200;
+constexpr uint64_t memory64 = 0x140204;
+constexpr uint64_t prefetchable64 = 0x14220c;
+constexpr uint64_t io = 0x40101;
+
+bool is_mapped(void *address)
+{
+    return address && msync(address, 1, MS_ASYNC) == 0;
+}
+
+TEST_F(pci_sysfs, maps_memory_by_size_and_kind)
+{
+    struct {
+        uint64_t size, flags;
+        bool mapped;
+    } cases[] = {{128, memory64, true}, {256, prefetchable64, true},
+                 {127, memory, false},  {128, memory, true},
+                 {128, io, false},      {256, memory, true},
+                 {256, io, false},      {257, io, true},
+                 {4096, io, true}};
+    for (const size_t n : {0, 5})
+        for (const auto &c : cases) {
+            windows all(n);
+            all.push_back({0xe0000000, c.size, c.flags});
+            const function_on_bus function(all);
+            std::array<void *, 7> bars, expected = {};
+            bars.fill(&bars);
+            DOES(sysfs_pci_mmap(bars.data(), 0, &ident), 0);
+            void *const window = expected[n] = bars[n];
+            expected[6] = &bars;
+            EXPECT_EQ(bars, expected);
+            EXPECT_EQ(is_mapped(window), c.mapped) << c.size << " " << c.flags;
+            if (window)
+                std::memcpy(window, "written", 8);
+            sysfs_pci_munmap(bars.data(), &ident);
+            EXPECT_EQ(bars[n], nullptr);
+            EXPECT_FALSE(is_mapped(window)) << c.size;
+            EXPECT_EQ(read_file(dir + "/resource" + std::to_string(n)).substr(0, 7),
+                      window ? "written" : std::string(7, '\0'));
+        }
+}
+
+TEST_F(pci_sysfs, leaves_out_what_is_masked_and_unmaps_all_when_one_fails)
+{
+    const function_on_bus function(windows{{0, 0x1000}, {0, 0x2000}, {}, {0, 0x1000}});
+    void *bars[6];
+    DOES(sysfs_pci_mmap(bars, 0x3e, &ident), 0);
+    EXPECT_TRUE(is_mapped(bars[0]) && !bars[1]);
+    sysfs_pci_munmap(bars, &ident);
+    GIVES(sysfs_pci_mmap(bars, 0, nobody), -1, -22);
+
+    fs::remove(dir + "/resource3");
+    fs::create_directory(dir + "/resource3");
+    GIVES(sysfs_pci_mmap(bars, 0, &ident), -1, EISDIR);
+    EXPECT_TRUE(bars[0] && bars[1]) << "not reset";
+    EXPECT_FALSE(is_mapped(bars[0]) || is_mapped(bars[1]));
+    DOES(sysfs_pci_mmap(bars, 0x08, &ident), 0);
+    sysfs_pci_munmap(bars, &ident);
+
+    // More than any address space.
+    const off_t size = sizeof(void *) == 8 ? off_t{1} << 48 : off_t{0x1'0000'1000};
+    ASSERT_EQ(truncate((dir + "/resource1").c_str(), size), 0);
+    GIVES(sysfs_pci_mmap(bars, 0, &ident), -1, ENOMEM);
+    EXPECT_EQ(bars[1], MAP_FAILED);
+    EXPECT_FALSE(is_mapped(bars[0]));
+}
+
+TEST_F(pci_sysfs, takes_what_cannot_be_asked_for_memory_and_leaves_it_mapped)
+{
+    void *bars[6];
+    {
+        const function_on_bus function(windows{{0x2000, 0x100, io}});
+        fs::remove(dir + "/config");
+        DOES(sysfs_pci_mmap(bars, 0, &ident), 0);
+        void *const window = bars[0];
+        sysfs_pci_munmap(bars, &ident);
+        EXPECT_TRUE(is_mapped(window) && !bars[0]);
+        DOES(sysfs_pci_mmap(bars, 0, &ident), 0);
+    }
+    void *const window_of_a_vanished_device = bars[0];
+    sysfs_pci_munmap(bars, &ident);
+    EXPECT_TRUE(is_mapped(window_of_a_vanished_device) && !bars[0]);
+    DOES(sysfs_pci_mmap(bars, 0, &ident), 0);
+    EXPECT_EQ(bars[0], nullptr);
+}
+
+//--- scan -----------------------------------------------------------------------------------------
+
+// What a scan prints that finds so many entries, and these lines about them.
+std::string log_of(int entries, const std::string &lines = "")
+{
+    const std::string count = std::to_string(entries);
+    return "7 sysfs_pci_arraylist_create: # of elements is " + count + "\n\n" + lines +
+           "7 sysfs_pci_info_init: info_set has " + count + " entries\n\n";
+}
+
+const std::string absent = "3 sysfs_fill_attribute: Error opening the file_entry, ";
+const std::string unreadable = "3 sysfs_fill_attribute: Read failed on the attribute ";
+const std::string invalid = "3 sysfs_fill_attribute: Read returned invalid value ";
+const std::string early_end = "3 sysfs_fetch_resource_attr: Unexpected EOF at line ";
+const std::string empty_set = "7 sysfs_pci_info_fetch_init: Empty info set\n\n";
+const std::string no_path = "3 sysfs_pci_scan_dir_path: PATH invalidi\n\n";
+const char *const attributes[] = {"device", "vendor", "subsystem_device", "subsystem_vendor",
+                                  "resource"};
+
+const sysfs_pci_info_set_t *last_scan()
+{
+    static auto &all = *new std::vector<const void *>; // no result is ever freed
+    sysfs_pci_get_next_element_t handle;
+    sysfs_pci_info_fetch_init(&handle);
+    all.push_back(handle.seed);
+    return static_cast<const sysfs_pci_info_set_t *>(handle.seed);
+}
+
+std::string text_of(const com_pci_dev_t &id)
+{
+    std::ostringstream text;
+    text << std::hex << id.vendor << " " << id.device << " " << id.subsystem_vendor << " "
+         << id.subsystem_device << " " << int{id.devfn} << " " << id.sys_fs;
+    return text.str();
+}
+
+// The first base address registers, each as BASE+SIZE:FLAGS.
+std::string text_of(const sysfs_pci_bar_t *bar, int count)
+{
+    std::ostringstream text;
+    for (; count > 0; --count, ++bar)
+        text << std::hex << " " << bar->base << "+" << bar->size << ":" << bar->flags;
+    return text.str();
+}
+
+TEST_F(pci_sysfs, finds_devices_between_holes_in_sorted_order)
+{
+    add("0000:00:1c.0");
+    chassis_sim::pci_function device;
+    device.id = ident.str;
+    device.device = 0xabcd;
+    device.subsystem_vendor = 0x1234;
+    device.windows = {{0x1000, 0x100, io},
+                      {0x70000000, 0x10000000}, // ends at 2 GiB: a negative end
+                      {0xf0000000, 0x01000000, 0x42208},
+                      {0x4'0000'0000, 0x200000, prefetchable64}};
+    chassis_sim::add_pci(device);
+    write_file(bus + "/0000:01:00.0", "a file");
+    make_symlink(bus + "/0000:02:00.0", "gone");
+    // Names that no kernel gives are cut: of more than 99 and 255 characters with the directory.
+    add(std::string(90, 'a'));
+    make_directory(bus + "/" + std::string(250, 'b'));
+    DOES(sysfs_pci_info_init(), 0, "", log_of(8));
+    sysfs_pci_get_next_element_t handle;
+    sysfs_pci_info_fetch_init(&handle);
+    std::string found;
+    while (const sysfs_pci_info_t *info = sysfs_pci_info_fetch_next(&handle))
+        found += std::to_string(handle.key) + " " + text_of(info->id) + "\n";
+    EXPECT_EQ(found, "3 1d0f 1 1d0f 1 0 " + bus + "/0000:00:1c.0\n6 1d0f abcd 1234 1 0 " + dir +
+                         "\n7 1d0f 1 1d0f 1 0 " + bus + "/" + std::string(78, 'a') + "\n");
+    EXPECT_EQ(text_of(last_scan()->element[5].resource_bar, 6),
+              " 1000+100:40101 70000000+ffffffff10000000:40200 f0000000+ffffffff01000000:42208"
+              " 400000000+fffffffc00200000:14220c 0+1:0 0+1:0");
+}
+
+TEST_F(pci_sysfs, iterates_and_reports_unusable_iterators_to_syslog)
+{
+    test_support::syslog_socket syslog;
+    sysfs_pci_get_next_element_t handle = {7, &handle};
+    DOES((sysfs_pci_info_fetch_init(&handle), handle.key), 0, "", empty_set);
+    DOES((errno = EXDEV, sysfs_pci_info_fetch_next(&handle)), nullptr, "", "", EXDEV, 1);
+    DOES((sysfs_pci_info_fetch_init(nullptr), 0), 0);
+    DOES(sysfs_pci_info_fetch_next(nullptr), nullptr);
+    EXPECT_EQ(syslog.take(), "<11>The Received handle is corrupted \n<11>Pci Info Init failed \n"
+                             "<11>Received Null Handle for next element fetch \n");
+    add("0000:00:01.0");
+    write_file(bus + "/zz", "a hole behind the last device");
+    DOES(sysfs_pci_info_init(), 0, "", log_of(4));
+    sysfs_pci_info_fetch_init(&handle);
+    DOES(sysfs_pci_info_fetch_next(&handle), a_pointer);
+    DOES(sysfs_pci_info_fetch_next(&handle), nullptr);
+    DOES(sysfs_pci_info_fetch_next(&handle), nullptr);
+    EXPECT_EQ(handle.key++, 4u);
+    EXPECT_EQ(syslog.take(), "");
+    DOES(sysfs_pci_info_fetch_next(&handle), nullptr);
+    EXPECT_EQ(syslog.take(), "<11>The Received handle key count is invalid\n");
+}
+
+TEST_F(pci_sysfs, goes_on_behind_bad_attributes)
+{
+    const std::string zeros(126, '0');
+    const std::string good = "1d0f 1 1d0f 1";
+    struct {
+        const char *attribute;
+        std::string contents; // "": absent; "/": a directory
+        std::string log;      // %: the attribute's path and the end of the line
+        std::string ids;
+        std::string bars = " 0+1:0 0+1:0";
+    } cases[] = {
+        {"vendor", "ffff\n", invalid + "ffff\n\n\n", "0 1 1d0f 1"},
+        {"vendor", ":9\n", invalid + ":9\n\n\n", "0 1 1d0f 1"},
+        {"vendor", "9:\n", "", "9 1 1d0f 1"},
+        {"vendor", "0x12345678\n", "", "5678 1 1d0f 1"},
+        {"vendor", zeros + "12", "", "1 1 1d0f 1"}, // of 127 characters
+        {"device", std::string(1, '\0'), invalid + "\n\n", "1d0f 0 1d0f 1"},
+        {"subsystem_device", "", absent + "%", "1d0f 1 1d0f 0"},
+        {"subsystem_vendor", "/", unreadable + "%", "1d0f 1 0 1"},
+        {"resource", "/", unreadable + "%", good, " 0+0:0 0+0:0"},
+        {"resource", " 0x1\n", invalid + " 0x1\n\n\n", good, " 0+0:0 0+0:0"},
+        {"resource", "0x10 0x1f 2\n0x20 0x2f 1", early_end + "2 of %", good, " 10+10:2 20+10:1"},
+        {"resource", "0x10 0x1f 2\n5", early_end + "2 of %", good, " 10+10:2 5+fffffffffffffffc:0"},
+        {"resource", "0x10\n1 0x1f\n\n\n0\n2", "", good, " 10+fffffffffffffff1:0 1+1f:0"},
+        {"resource", "0xfffffffffffffffff 0xffffffffffffffff 0x123456789abcdef01\n",
+         early_end + "1 of %", good, " ffffffffffffffff+1:ffffffff 0+0:0"},
+        // The rest of a line that is too long is the next one.
+        {"resource", zeros + "12 0x1f 2\n", early_end + "2 of %", good, " 1+0:0 2+1e:2"},
+    };
+    for (auto &c : cases) {
+        const function_on_bus function;
+        const std::string file = dir + "/" + c.attribute;
+        fs::remove(file);
+        if (c.contents == "/")
+            fs::create_directory(file);
+        else if (!c.contents.empty())
+            write_file(file, c.contents);
+        if (c.log.ends_with('%'))
+            c.log.replace(c.log.size() - 1, 1, file + "\n\n");
+        DOES(sysfs_pci_info_init(), 0, "", log_of(3, c.log));
+        const sysfs_pci_info_t &info = last_scan()->element[2];
+        EXPECT_EQ(text_of(info.id) + text_of(info.resource_bar, 2), c.ids + " 0 " + dir + c.bars);
+    }
+}
+
+// Scans and counts the devices it finds; -1 for no result, which else is released.
+int scan_and_count()
+{
+    const int result = sysfs_pci_info_init();
+    sysfs_pci_get_next_element_t handle;
+    sysfs_pci_info_fetch_init(&handle);
+    int found = handle.seed ? 0 : -1;
+    while (handle.seed && sysfs_pci_info_fetch_next(&handle))
+        ++found;
+    std::free(const_cast<void *>(handle.seed));
+    return result == (handle.seed ? 0 : 1) ? found : -2;
+}
+
+TEST_F(pci_sysfs, scans_in_part_or_not_at_all_when_a_call_fails)
+{
+    std::set<std::string> expected = {
+        "-1 3 is_sysfs_path_dir: Stats failed for path " + bus + "\n\n" + no_path + empty_set,
+        "-1 3 sysfs_pci_scan_dir_path: scandir failed\n" + empty_set,
+        "1 " + log_of(3), // a close has failed
+        "1 " + log_of(3, "3 sysfs_fetch_resource_attr: Failed to open " + dir + "/resource\n\n"),
+        "1 " + log_of(3, early_end + "0 of " + dir + "/resource\n\n")};
+    if (heap_can_fail)
+        expected.insert("-1 7 sysfs_pci_arraylist_create: # of elements is 3\n\n"
+                        "3 sysfs_pci_arraylist_create: Unable to allocate memory \n\n" +
+                        empty_set);
+    std::string no_files;
+    for (const std::string attribute : attributes) {
+        no_files += absent + dir + "/" + attribute + "\n\n";
+        expected.insert("1 " + log_of(3, absent + dir + "/" + attribute + "\n\n"));
+        expected.insert("1 " + log_of(3, unreadable + dir + "/" + attribute + "\n\n"));
+    }
+    const std::set<std::string> without_directory = {"0 " + log_of(3), "1 " + log_of(3, no_files)};
+    std::set<std::string> seen;
+    std::string opened;
+    const auto judge = [&](const run &run) {
+        const std::string what = std::to_string(run.seen.value.number) + " " + run.seen.out;
+        const std::string file = run.failed.substr(run.failed.find_last_of("/ ") + 1);
+        EXPECT_EQ(run.seen.err, "") << run;
+        EXPECT_EQ(run.seen.opens + run.blocks, 0) << run;
+        if (file == ident.str) {
+            EXPECT_EQ(without_directory.count(what), 1u) << run;
+            return;
+        }
+        seen.insert(what);
+        opened += run.failed.starts_with("open") ? file + " " : "";
+    };
+    add(ident.str);
+    fail_each_call(EXDEV, scan_and_count, judge);
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(opened, "devices device vendor subsystem_device subsystem_vendor resource resource ");
+
+    fs::rename(bus, "/sys/elsewhere");
+    make_symlink(bus, "/sys/elsewhere"); // a link is no directory here
+    DOES(scan_and_count(), -1, "", no_path + empty_set);
 }
 
 // The n-th of the functions that a full bus 0, bus 1, ... have.
@@ -53,388 +506,228 @@ std::string function_id(int n)
     return id;
 }
 
-// The lines that a call prints, each "LEVEL FUNCTION: MESSAGE".
-template <typename F>
-std::string log_of(F call)
+TEST_F(pci_sysfs, copes_with_4096_devices_in_20_system_calls_each)
 {
-    std::string lines, errors;
-    {
-        captured_output output;
-        call();
-        lines = output.take_stdout();
-        errors = output.take_stderr();
-    }
-    EXPECT_EQ(errors, "");
-    return test_support::diagnostics(lines, "[", "], lib/device_access/pci_sysfs:");
-}
-
-// Scans, with this result, and returns the log.
-std::string scan(int result = 0)
-{
-    int is = -1;
-    const std::string log = log_of([&] { is = sysfs_pci_info_init(); });
-    EXPECT_EQ(is, result);
-    return log;
-}
-
-const sysfs_pci_info_set_t *last_scan()
-{
-    sysfs_pci_get_next_element_t handle;
-    sysfs_pci_info_fetch_init(&handle);
-    return static_cast<const sysfs_pci_info_set_t *>(handle.seed);
-}
-
-//--- identities -----------------------------------------------------------------------------------
-
-TEST(pci_identity, is_read_by_the_letter_rule)
-{
-    struct {
-        const char *id;
-        int domain, bus, slot, function, devfn;
-    } cases[] = {
-        {"0000:00:03.1", 0, 0, 3, 1, 25},
-        {"0000:1f:1f.3", 0, 11, 11, 3, 91},
-        {"0001:0a:0A.7", 1, -10, -10, 7, 0xb7},
-        {"ffff:ff:ff.0", -5 * 0x1111, -85, -85, 0, 0x58},
-        {"1234:99:19.5", 0x1234, 0x99, 0x19, 5, 0xcd},
-    };
-    for (const auto &c : cases) {
-        const sysfs_pci_identity_t ident = identity(c.id);
-        EXPECT_EQ(sysfs_pci_identity_domain(&ident), c.domain) << c.id;
-        EXPECT_EQ(sysfs_pci_identity_bus(&ident), c.bus) << c.id;
-        EXPECT_EQ(sysfs_pci_identity_slot(&ident), c.slot) << c.id;
-        EXPECT_EQ(sysfs_pci_identity_function(&ident), c.function) << c.id;
-        EXPECT_EQ(sysfs_pci_identity_devfn(&ident), c.devfn) << c.id;
-    }
-}
-
-TEST(pci_identity, copes_with_any_range_and_any_characters)
-{
-    const sysfs_pci_identity_t ident = identity("0000:00:00.1");
-    EXPECT_EQ(sysfs_pci_identity_atox(11, 12, &ident), 1);
-    EXPECT_EQ(sysfs_pci_identity_atox(5, 5, &ident), 0);
-    EXPECT_EQ(sysfs_pci_identity_atox(7, 5, &ident), 0);
-    EXPECT_EQ(sysfs_pci_identity_atox(INT_MIN, 1, &ident), 0);
-    EXPECT_EQ(sysfs_pci_identity_atox(12, INT_MAX, &ident), -107) << "the terminator";
-    EXPECT_EQ(sysfs_pci_identity_atox(4, 5, &ident), ':' - 107);
-    EXPECT_EQ(sysfs_pci_identity_atox(0, 12, nullptr), 0);
-    sysfs_pci_identity_t hostile;
-    std::memset(hostile.str, 0xff, sizeof hostile.str);
-    EXPECT_NE(sysfs_pci_identity_atox(INT_MIN, INT_MAX, &hostile), 0) << "wraps around";
-}
-
-//--- scan -----------------------------------------------------------------------------------------
-
-TEST(pci_scan, finds_devices_between_holes_in_sorted_order)
-{
-    chassis_sim::enter_private_root();
-    add("0000:00:1c.0");
-    pci_function device;
-    device.id = "0000:03:00.0";
-    device.parent = "0000:00:1c.0";
-    device.device = 0xabcd;
-    device.subsystem_vendor = 0x1234;
-    device.windows = {{0x1000, 0x100, 0x40101},
-                      {0x70000000, 0x10000000},
-                      {0xf0000000, 0x01000000, 0x42208},
-                      {0x4'0000'0000, 0x200000, 0x14220c}};
-    chassis_sim::add_pci(device);
-    write_file(bus + "/0000:01:00.0", "a file");
-    chassis_sim::make_symlink(bus + "/0000:02:00.0", "gone");
-    EXPECT_EQ(scan(), "7 sysfs_pci_arraylist_create: # of elements is 6\n\n"
-                      "7 sysfs_pci_info_init: info_set has 6 entries\n\n");
-
-    const sysfs_pci_info_set_t *set = last_scan();
-    ASSERT_EQ(set->count, 6u);
-    for (size_t hole : {0, 1, 3, 4})
-        EXPECT_STREQ(set->element[hole].id.sys_fs, "");
-    sysfs_pci_get_next_element_t handle;
-    sysfs_pci_info_fetch_init(&handle);
-    EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), &set->element[2]);
-    EXPECT_EQ(handle.key, 3u);
-    const sysfs_pci_info_t *found = sysfs_pci_info_fetch_next(&handle);
-    ASSERT_EQ(found, &set->element[5]);
-    EXPECT_EQ(found->id.vendor, 0x1d0f);
-    EXPECT_EQ(found->id.device, 0xabcd);
-    EXPECT_EQ(found->id.subsystem_vendor, 0x1234);
-    EXPECT_EQ(found->id.subsystem_device, 0x0001);
-    EXPECT_EQ(found->id.devfn, 0);
-    EXPECT_EQ(found->id.sys_fs, bus + "/0000:03:00.0");
-    const sysfs_pci_bar_t bars[] = {
-        {0x1000, 0x100, 0x40101},
-        {0x70000000, 0xffffffff'10000000, 0x40200}, // ends at 2 GiB: a negative end
-        {0xf0000000, 0xffffffff'01000000, 0x42208},
-        {0x4'0000'0000, 0xfffffffc'00200000, 0x14220c},
-        {0, 1, 0},
-        {0, 1, 0},
-    };
-    EXPECT_EQ(std::memcmp(found->resource_bar, bars, sizeof bars), 0);
-}
-
-TEST(pci_scan, iterates_and_reports_unusable_iterators_to_syslog)
-{
-    chassis_sim::enter_private_root();
-    test_support::syslog_socket syslog;
-    sysfs_pci_get_next_element_t handle;
-    handle.key = 7;
-    EXPECT_EQ(log_of([&] { sysfs_pci_info_fetch_init(&handle); }),
-              "7 sysfs_pci_info_fetch_init: Empty info set\n\n");
-    EXPECT_EQ(handle.key, 0u);
-    errno = EXDEV;
-    EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
-    EXPECT_EQ(errno, EXDEV);
-    EXPECT_EQ(syslog.take(), "<11>The Received handle is corrupted \n");
-    sysfs_pci_info_fetch_init(nullptr);
-    EXPECT_EQ(syslog.take(), "<11>Pci Info Init failed \n");
-    EXPECT_EQ(sysfs_pci_info_fetch_next(nullptr), nullptr);
-    EXPECT_EQ(syslog.take(), "<11>Received Null Handle for next element fetch \n");
-
-    add("0000:00:01.0");
-    write_file(bus + "/zz", "a hole behind the last device");
-    scan();
-    sysfs_pci_info_fetch_init(&handle);
-    EXPECT_NE(sysfs_pci_info_fetch_next(&handle), nullptr);
-    EXPECT_EQ(log_of([&] { sysfs_pci_info_fetch_next(&handle); }), "");
-    EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
-    EXPECT_EQ(handle.key, 4u);
-    EXPECT_EQ(syslog.take(), "");
-    handle.key = 5;
-    EXPECT_EQ(sysfs_pci_info_fetch_next(&handle), nullptr);
-    EXPECT_EQ(syslog.take(), "<11>The Received handle key count is invalid\n");
-}
-
-TEST(pci_scan, says_why_there_is_no_result)
-{
-    chassis_sim::enter_private_root();
-    EXPECT_EQ(scan(1), "3 is_sysfs_path_dir: Stats failed for path " + bus +
-                           "\n\n3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
-    chassis_sim::make_directory("/sys/elsewhere");
-    chassis_sim::make_symlink(bus, "/sys/elsewhere"); // a link is no directory here
-    EXPECT_EQ(scan(1), "3 sysfs_pci_scan_dir_path: PATH invalidi\n\n");
-
-    fs::remove(bus);
-    chassis_sim::make_directory(bus);
-    rlimit descriptors;
-    getrlimit(RLIMIT_NOFILE, &descriptors);
-    const std::string log = log_of([&] {
-        const rlimit none = {0, descriptors.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &none);
-        EXPECT_EQ(sysfs_pci_info_init(), 1);
-        setrlimit(RLIMIT_NOFILE, &descriptors);
-    });
-    EXPECT_EQ(log, "3 sysfs_pci_scan_dir_path: scandir failed\n");
-    EXPECT_EQ(last_scan(), nullptr);
-}
-
-// The ids, and the first two base address registers as BASE+SIZE:FLAGS.
-std::string text(const sysfs_pci_info_t &info)
-{
-    const com_pci_dev_t &id = info.id;
-    std::ostringstream out;
-    out << std::hex << id.vendor << " " << id.device << " " << id.subsystem_vendor << " "
-        << id.subsystem_device;
-    for (int i : {0, 1}) {
-        const sysfs_pci_bar_t &bar = info.resource_bar[i];
-        out << " " << bar.base << "+" << bar.size << ":" << bar.flags;
-    }
-    return out.str();
-}
-
-TEST(pci_scan, goes_on_behind_bad_attributes)
-{
-    const std::string zeros(126, '0');
-    const std::string long_number = zeros + "12";
-    const std::string long_line = zeros + "12 0x1f 0x2\n";
-    const std::string invalid = "3 sysfs_fill_attribute: Read returned invalid value ";
-    const std::string unreadable = "3 sysfs_fill_attribute: Read failed on the attribute %\n\n";
-    const std::string absent = "3 sysfs_fill_attribute: Error opening the file_entry, %\n\n";
-    const std::string end = "3 sysfs_fetch_resource_attr: Unexpected EOF at line ";
-    const std::string no_bars = "1d0f 1 1d0f 1 0+0:0 0+0:0";
-    struct {
-        const char *attribute;
-        const char *contents; // NULL: absent; "/": a directory
-        std::string log;      // %: the attribute
-        std::string expected;
-    } cases[] = {
-        {"vendor", "ffff\n", invalid + "ffff\n\n\n", "0 1 1d0f 1 0+1:0 0+1:0"},
-        {"device", "", unreadable, "1d0f 0 1d0f 1 0+1:0 0+1:0"},
-        {"vendor", "0x12345678\n", "", "5678 1 1d0f 1 0+1:0 0+1:0"},
-        {"vendor", long_number.c_str(), "", "1 1 1d0f 1 0+1:0 0+1:0"}, // of 127 characters
-        {"subsystem_device", nullptr, absent, "1d0f 1 1d0f 0 0+1:0 0+1:0"},
-        {"subsystem_vendor", "/", unreadable, "1d0f 1 0 1 0+1:0 0+1:0"},
-        {"resource", "/", unreadable, no_bars},
-        {"resource", " 0x1000 0x1fff 0x200\n", invalid + " 0x1000 0x1fff 0x200\n\n\n", no_bars},
-        {"resource", "0x1000 0x1fff 0x200\n0x2000 0x20ff 0x101", end + "2 of %\n\n",
-         "1d0f 1 1d0f 1 1000+1000:200 2000+100:101"},
-        {"resource", "0x1000 0x1fff 0x200\n5", end + "2 of %\n\n",
-         "1d0f 1 1d0f 1 1000+1000:200 5+fffffffffffffffc:0"},
-        {"resource", "0x1000\n1 0x1fff\n\n\n0\n2", "",
-         "1d0f 1 1d0f 1 1000+fffffffffffff001:0 1+1fff:0"},
-        {"resource", "0xfffffffffffffffff 0xffffffffffffffff 0x123456789abcdef01\n",
-         end + "1 of %\n\n", "1d0f 1 1d0f 1 ffffffffffffffff+1:ffffffff 0+0:0"},
-        // The rest of a line that is too long is the next one.
-        {"resource", long_line.c_str(), end + "2 of %\n\n", "1d0f 1 1d0f 1 1+0:0 2+1e:2"},
-    };
-    chassis_sim::enter_private_root();
-    const auto descriptors = test_support::open_descriptors();
-    static auto &earlier = *new std::vector<const void *>; // no result is ever freed
-    for (const auto &c : cases) {
-        add("0000:00:01.0");
-        const std::string file = bus + "/0000:00:01.0/" + c.attribute;
-        fs::remove(file);
-        if (c.contents && std::strcmp(c.contents, "/") == 0)
-            fs::create_directory(file);
-        else if (c.contents)
-            write_file(file, c.contents);
-        std::string log = c.log;
-        if (const size_t mark = log.find('%'); mark != std::string::npos)
-            log.replace(mark, 1, file);
-        EXPECT_EQ(scan(), "7 sysfs_pci_arraylist_create: # of elements is 3\n\n" + log +
-                              "7 sysfs_pci_info_init: info_set has 3 entries\n\n");
-        EXPECT_EQ(text(last_scan()->element[2]), c.expected) << log;
-        earlier.push_back(last_scan());
-        chassis_sim::remove_pci("0000:00:01.0");
-    }
-    EXPECT_EQ(test_support::open_descriptors(), descriptors);
-}
-
-TEST(pci_scan, cuts_names_that_no_kernel_gives)
-{
-    chassis_sim::enter_private_root();
-    const std::string longer(90, 'a');
-    const std::string longest(250, 'b'); // with the directory more than 255 characters
-    for (const std::string &name : {longer, longest})
-        write_file(bus + "/" + name + "/vendor", "0x1234");
-    // What was listed, but has no files any more, is a device all the same.
-    EXPECT_NE(scan().find("Error opening the file_entry, " + bus), std::string::npos);
-    const sysfs_pci_info_set_t *set = last_scan();
-    EXPECT_EQ(set->element[2].id.sys_fs, (bus + "/" + longer).substr(0, 99));
-    EXPECT_EQ(set->element[2].id.vendor, 0x1234);
-    EXPECT_STREQ(set->element[3].id.sys_fs, "");
-}
-
-TEST(pci_scan, makes_the_system_calls_of_its_steps)
-{
-    chassis_sim::enter_private_root();
-    const auto count = [] {
-        captured_output output;
-        return test_support::count_system_calls([] { sysfs_pci_info_init(); });
-    };
-    add("0000:00:00.0");
-    const test_support::system_calls one = count();
-    for (int n = 1; n <= 1000; ++n)
-        add(function_id(n));
-    test_support::system_calls more = count();
-    for (const auto &[name, calls] : one)
-        more[name] -= calls;
-    // Five attributes, of which the resource table is opened twice, and the device itself.
-    EXPECT_EQ(more["open"], 1000 * 6);
-    EXPECT_EQ(more["read"], 1000 * 6);
-    EXPECT_EQ(more["close"], 1000 * 6);
-    EXPECT_EQ(more["stat"], 1000 * 1);
-    EXPECT_LE(test_support::total(more), 1000 * 19 + 30) << test_support::text(more);
-}
-
-TEST(pci_scan, copes_with_4096_devices)
-{
-    chassis_sim::enter_private_root();
+    int calls[2] = {};
     for (int n = 0; n < 4096; ++n) {
-        chassis_sim::make_directory(bus + "/" + function_id(n));
+        if (n == 1 || n == 301)
+            for (const auto &[name, count] : system_calls_of([] { sysfs_pci_info_init(); }))
+                calls[n / 300] += count;
+        if (n < 301)
+            add(function_id(n));
+        else
+            make_directory(bus + "/" + function_id(n));
     }
-    const std::string log = scan();
-    EXPECT_LT(log.find("0000:0f:1f.7"), log.find("0000:00:00.0")) << "from the last to the first";
-    std::string first = "7 sysfs_pci_arraylist_create: # of elements is 4098\n\n";
-    for (const char *attribute :
-         {"device", "vendor", "subsystem_device", "subsystem_vendor", "resource"})
-        first += "3 sysfs_fill_attribute: Error opening the file_entry, " + bus + "/0000:0f:1f.7/" +
-                 attribute + "\n\n";
-    EXPECT_EQ(log.substr(0, first.size()), first);
+    EXPECT_LE(calls[1] - calls[0], 300 * 20 + 10);
+    const std::string last = bus + "/0000:0f:1f.7";
+    std::string first_lines = "7 sysfs_pci_arraylist_create: # of elements is 4098\n\n";
+    for (const std::string attribute : attributes)
+        first_lines += absent + last + "/" + attribute + "\n\n";
+    const std::string log = output_of([] { sysfs_pci_info_init(); }).out;
+    EXPECT_EQ(log.substr(0, first_lines.size()), first_lines) << "from the last to the first";
     EXPECT_EQ(last_scan()->count, 4098u);
-    EXPECT_EQ(last_scan()->element[4097].id.sys_fs, bus + "/0000:0f:1f.7");
-    sysfs_pci_identity_t *list = sysfs_pci_list();
-    EXPECT_STREQ(list[4095].str, "0000:0f:1f.7");
-    EXPECT_STREQ(list[4096].str, "");
-    std::free(list);
+    EXPECT_EQ(last_scan()->element[4097].id.sys_fs, last);
+    const std::string list = taken(sysfs_pci_list());
+    EXPECT_EQ(list.size(), 4096u * 13);
+    EXPECT_EQ(list.substr(4095 * 13), "0000:0f:1f.7 ");
 }
 
 //--- lists and records ----------------------------------------------------------------------------
 
-std::string names(sysfs_pci_identity_t *list)
+TEST_F(pci_sysfs, lists_what_is_named_like_an_identity_and_a_bridges_own_children)
 {
-    std::string result;
-    for (const sysfs_pci_identity_t *ident = list; list && ident->str[0]; ++ident)
-        result += std::string(ident->str) + " ";
-    std::free(list);
-    return result;
-}
-
-TEST(pci_list, holds_what_is_named_like_an_identity_in_sorted_order)
-{
-    chassis_sim::enter_private_root();
-    EXPECT_EQ(sysfs_pci_list(), nullptr);
-    EXPECT_EQ(errno, ENOENT);
+    GIVES(sysfs_pci_list(), nullptr, ENOENT);
     for (const char *name :
          {"0000:00:1f.3", "fFfF:aB:Cd.7", "000a:00:00.0", "0000:00:1f.8", "0000:00:1f.a",
           "0000:00:1f", "0000:00:1f.3x", "00000:00:1f.3", "0000-00:1f.3", "0000:00-1f.3",
           "0000:00:1f:3", "000g:00:1f.3", "0000:0g:1f.3", "0000:00:g0.3", "0000:00:1 .3"})
-        write_file(bus + "/" + name, "");
-    EXPECT_EQ(names(sysfs_pci_list()), "0000:00:1f.3 000a:00:00.0 fFfF:aB:Cd.7 ");
-}
-
-TEST(pci_list, holds_a_bridges_children_but_not_theirs)
-{
-    chassis_sim::enter_private_root();
-    chassis_sim::add_chassis_pci();
-    add("0000:03:00.1", chassis_sim::pci_root_port);
-    add("0000:04:00.0", "0000:03:00.1");
-    const auto children = [](const char *id) {
-        const sysfs_pci_identity_t ident = identity(id);
-        return sysfs_pci_children_list(&ident);
+        make_directory(bus + "/" + name);
+    EXPECT_EQ(taken(sysfs_pci_list()), "0000:00:1f.3 000a:00:00.0 fFfF:aB:Cd.7 ");
+    add(ident.str);
+    add("0000:04:00.0", ident.str);
+    add("0000:04:00.1", ident.str);
+    add("0000:05:00.0", "0000:04:00.1");
+    EXPECT_EQ(taken(sysfs_pci_children_list(&ident)), "0000:04:00.0 0000:04:00.1 ");
+    const auto children_of = [](const char *id) {
+        const sysfs_pci_identity_t bridge = identity(id);
+        return sysfs_pci_children_list(&bridge);
     };
-    EXPECT_EQ(names(children(chassis_sim::pci_root_port)), "0000:03:00.0 0000:03:00.1 ");
-    sysfs_pci_identity_t *none = children("0000:04:00.0");
-    ASSERT_NE(none, nullptr);
-    EXPECT_EQ(names(none), "");
-    EXPECT_EQ(children("0000:05:00.0"), nullptr);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(children("0000:04:00.01"), nullptr);
-    EXPECT_EQ(errno, ENAMETOOLONG);
-    EXPECT_EQ(sysfs_pci_children_list(nullptr), nullptr);
-    EXPECT_EQ(errno, -22);
+    EXPECT_EQ(taken(children_of("0000:05:00.0")), "");
+    GIVES(children_of("0000:06:00.0"), nullptr, ENOENT);
+    GIVES(children_of("0000:04:00.0x"), nullptr, ENAMETOOLONG);
+    GIVES(sysfs_pci_children_list(nobody), nullptr, -22);
 }
 
-TEST(pci_dev_fill, fills_what_it_can)
+TEST_F(pci_sysfs, fills_what_it_can_of_a_record)
 {
-    chassis_sim::enter_private_root();
-    pci_function function;
-    function.id = "0000:00:1f.3";
-    function.vendor = 0x8086;
-    function.device = 0xffff;
-    chassis_sim::add_pci(function);
-    const sysfs_pci_identity_t ident = identity(function.id);
-    const std::string dir = bus + "/" + function.id;
-    com_pci_dev_t dev;
-    std::memset(&dev, 0xee, sizeof dev);
-    EXPECT_EQ(sysfs_pci_dev_fill(&dev, &ident), 0);
-    EXPECT_EQ(dev.vendor, 0x8086);
-    EXPECT_EQ(dev.device, 0xffff);
-    EXPECT_EQ(dev.subsystem_device, 0x0001);
-    EXPECT_EQ(dev.devfn, 91);
-    EXPECT_EQ(dev.sys_fs, dir);
+    static com_pci_dev_t dev;
+    const auto fill = [](const sysfs_pci_identity_t *id) {
+        std::memset(&dev, 0xee, sizeof dev);
+        sysfs_pci_dev_fill(&dev, id);
+        return (dev.vendor == 0xffff) + (dev.device == 0xffff) + (dev.subsystem_vendor == 0xffff) +
+               (dev.subsystem_device == 0xffff);
+    };
+    const sysfs_pci_identity_t id = identity("0000:00:1f.3");
+    const std::string path = bus + "/" + id.str;
+    add(id.str);
+    DOES(fill(&id), 0);
+    EXPECT_EQ(text_of(dev), "1d0f 1 1d0f 1 5b " + path);
+    const auto fill_it = [&] { return fill(&id); };
+    fail_each_call(EXDEV, fill_it, [](const run &run) {
+        EXPECT_EQ(run.failed == "close", run.seen.value == 0) << run;
+        EXPECT_EQ(run.seen.err + run.seen.out, "") << run;
+        EXPECT_EQ(run.seen.opens + run.blocks, 0) << run;
+    });
+    write_file(path + "/device", "0xffff\n");
+    write_file(path + "/subsystem_device", "-2\n"); // below 0x10000
+    fill(&id);
+    EXPECT_EQ(text_of(dev), "1d0f ffff 1d0f fffe 5b " + path);
+    write_file(path + "/vendor", "0x10000\n");
+    write_file(path + "/device", "12abc\n");
+    DOES(fill(&id), 2);
+    DOES(fill(nobody), 4);
+    EXPECT_EQ(text_of(dev), "ffff ffff ffff ffff 0 ");
+    EXPECT_EQ(sysfs_pci_dev_fill(&dev, nobody), 0);
+}
 
-    fs::remove(dir + "/subsystem_vendor");
-    write_file(dir + "/vendor", "0x10000\n");
-    write_file(dir + "/device", "12abc\n");
-    write_file(dir + "/subsystem_device", "-2\n");
-    EXPECT_EQ(sysfs_pci_dev_fill(&dev, &ident), 0);
-    EXPECT_EQ(dev.subsystem_vendor, 0xffff);
-    EXPECT_EQ(dev.vendor, 0xffff);
-    EXPECT_EQ(dev.device, 0xffff);
-    EXPECT_EQ(dev.subsystem_device, 0xfffe) << "below 0x10000";
+//--- hot swap -------------------------------------------------------------------------------------
 
-    EXPECT_EQ(sysfs_pci_dev_fill(&dev, nullptr), 0);
-    EXPECT_EQ(dev.vendor, 0xffff);
-    EXPECT_STREQ(dev.sys_fs, "");
+TEST_F(qel_pci_hotswap, installs_its_module_and_logs_what_fails)
+{
+    test_support::syslog_socket log;
+    const std::string program = fs::read_symlink("/proc/self/exe");
+    const std::string command = ": /sbin/modprobe -s qel_pci_hotswap";
+    const auto install = [](int opts) {
+        return qel_pci_hotswap_install(static_cast<qel_pci_hotswap_options_t>(opts));
+    };
+    // A shell that still waits for the loader reports a killed one as an exit: kill it too.
+    const char *const killed = "[ $(cat /proc/$PPID/comm) = sh ] && kill -9 $PPID; kill -9 $$";
+    struct {
+        int opts;
+        std::string option;
+        std::string ending = "exit 0";
+        std::string failure = "";
+    } cases[] = {{0, ""},
+                 {1, "][pcie_only"},
+                 {2, "][pciehp_only"},
+                 {3, ""},
+                 {-1, ""}, // all run
+                 {1, "][pcie_only", killed},
+                 {0, "", "exit 255", " exited with status 255\n"},
+                 {2, "][pciehp_only", "exit 1", " exited with status 1\n"}};
+    for (auto &c : cases) {
+        fs::remove(chassis_sim::modprobe_log);
+        chassis_sim::replace_modprobe(c.ending);
+        // The first opens the log.
+        DOES(install(c.opts), c.failure.empty() ? 0 : -1, "", "", any_error, &c == cases);
+        EXPECT_EQ(read_file(chassis_sim::modprobe_log),
+                  "[/sbin/modprobe][-s][qel_pci_hotswap" + c.option + "]\n");
+        const std::string option = c.option.empty() ? "" : c.option.replace(0, 2, " ");
+        const std::string line = "<29>" + program + command + option;
+        EXPECT_EQ(log.take(), line + "\n" + (c.failure.empty() ? "" : line + c.failure));
+    }
+    chassis_sim::replace_modprobe();
+    const auto plain = [&] { return install(0); };
+    fail_each_call(EXDEV, plain, [&](const run &run) {
+        const std::string told = log.take();
+        const bool tells = told.ends_with(command + " exited with status 127\n") ||
+                           told.ends_with("-s failed to spawn: Invalid cross-device link\n");
+        EXPECT_EQ(tells, run.seen.value == -1) << run << told;
+        EXPECT_EQ(run.seen.opens + run.blocks, 0) << run;
+    });
+    log.take();
+    ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
+    for (const size_t length : {0, 254, 255, 300}) {
+        const std::string name = length ? std::string(length, 'p') : "<unknown>";
+        fs::remove_all("/proc/self");
+        if (length > 0)
+            make_symlink("/proc/self/exe", name);
+        EXPECT_EQ(install(0), 0);
+        EXPECT_EQ(log.take(), "<29>" + name.substr(0, 255) + command + "\n");
+    }
+    umount("/proc");
+}
+
+TEST_F(qel_pci_hotswap, enables_a_bridge_waits_for_what_is_behind_and_disables)
+{
+    chassis_sim::pci_function card;
+    card.id = "0000:04:00.0";
+    chassis_sim::add_hotswap_bridge(ident.str, card, 60);
+    DOES(qel_pci_hotswap_bridge_usable(&ident), 0);
+    const auto start = steady_clock::now();
+    EXPECT_EQ(taken(qel_pci_hotswap_bridge_enable(&ident)), "0000:04:00.0 ");
+    EXPECT_GE(steady_clock::now() - start, milliseconds(60));
+    DOES(qel_pci_hotswap_bridge_disable(&ident), 0);
+    EXPECT_EQ(read_file(dir + "/bridge_enable"), "0\n");
+}
+
+TEST_F(qel_pci_hotswap, looks_101_times_and_passes_on_what_fails)
+{
+    const auto all_fail = [](const sysfs_pci_identity_t *id, int error) {
+        GIVES(qel_pci_hotswap_bridge_usable(id), -1, error);
+        GIVES(qel_pci_hotswap_bridge_enable(id), nullptr, error);
+        GIVES(qel_pci_hotswap_bridge_disable(id), -1, error);
+    };
+    const auto enable = [] { return qel_pci_hotswap_bridge_enable(&ident); };
+    all_fail(nobody, -22);
+    make_directory(dir);
+    all_fail(&ident, ENOENT);
+    EXPECT_EQ(system_calls_of(enable)["open"], 1);
+
+    const std::string attribute = dir + "/bridge_enable";
+    write_file(attribute, "0\n");
+    const auto start = steady_clock::now();
+    GIVES(enable(), nullptr, ENODEV);
+    EXPECT_GE(steady_clock::now() - start, milliseconds(500));
+    auto calls = system_calls_of(enable);
+    EXPECT_EQ(calls["open"], 1 + 101);
+    EXPECT_EQ(calls["nanosleep"], 100);
+    EXPECT_EQ(read_file(attribute), "1\n");
+
+    chassis_sim::bind_mount(attribute, attribute);
+    ASSERT_EQ(mount("", attribute.c_str(), "", MS_REMOUNT | MS_BIND | MS_RDONLY, ""), 0);
+    all_fail(&ident, EROFS);
+    umount(attribute.c_str());
+    chassis_sim::background([] { // a bridge that leaves while it is watched
+        std::this_thread::sleep_for(milliseconds(40));
+        fs::rename(dir, "/sys/gone");
+    });
+    GIVES(enable(), nullptr, ENOENT);
+}
+
+//--- failing system calls -------------------------------------------------------------------------
+
+TEST_F(pci_sysfs, passes_on_the_error_of_any_call_that_fails)
+{
+    const function_on_bus bridge(windows{{0, 0x1000}, {0, 0x2000}, {0, 0x80}});
+    add("0000:04:00.0", ident.str);
+    write_file(dir + "/bridge_enable", "0\n");
+    make_directory(dir + "/directory");
+    static int64_t nums[2];
+    static char text[8];
+    static void *bars[6];
+    const std::vector<std::string> of_kind = {"open " + dir + "/config", "pread", "allocation"};
+    const auto freed = [](void *block) { return std::free(block), block != nullptr; };
+    const promise promises[] = {
+        {"path", [=] { return freed(sysfs_pci_abspath(nullptr, 9, "enable", &ident)); }, false},
+        {"access", [] { return sysfs_pci_access("enable", W_OK, &ident); }, -1},
+        {"open", [] { return sysfs_pci_open("enable", O_RDWR, &ident); }, -1},
+        {"text", [] { return sysfs_pci_show(text, 8, nullptr, "enable", &ident); }, nullptr},
+        {"none", [] { return sysfs_pci_show(text, 8, nullptr, "directory", &ident); }, nullptr},
+        {"block", [=] { return freed(sysfs_pci_show(nullptr, 0, nullptr, "enable", &ident)); }, 0},
+        {"number", [] { return sysfs_pci_show_nums(nums, 1, "enable", &ident); }, -1},
+        {"numbers", [] { return sysfs_pci_show_nums(nums, 2, "enable", &ident); }, -1},
+        {"store", [] { return sysfs_pci_store("1", "enable", &ident); }, -1},
+        {"store a number", [] { return sysfs_pci_store_num(1, "enable", &ident); }, -1},
+        {"list", [=] { return freed(sysfs_pci_list()); }, false},
+        {"children", [=] { return freed(sysfs_pci_children_list(&ident)); }, false},
+        {"map", [] { return sysfs_pci_mmap(bars, 0, &ident); }, -1, of_kind},
+        {"usable", [] { return qel_pci_hotswap_bridge_usable(&ident); }, -1},
+        {"enable", [=] { return freed(qel_pci_hotswap_bridge_enable(&ident)); }, false},
+        {"disable", [] { return qel_pci_hotswap_bridge_disable(&ident); }, -1},
+    };
+    for (const promise &promised : promises)
+        hold(promised);
 }
 
 } // namespace
