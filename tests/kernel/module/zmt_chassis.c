@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * What only the chassis has, for tests in a virtual machine: a register block with an interrupt,
- * served by UIO, whose device on the bus announces its removal through "uio_maps"; and an NVRAM
- * block of the class "zmt_nvram". It stays loaded.
+ * served by UIO, whose device on the bus announces its removal through "uio_maps". It stays loaded.
  *
  * Written to /sys/module/zmt_chassis/parameters/regblock:
  *   plug    the register block appears
@@ -21,8 +20,6 @@
 #include <linux/uio_driver.h>
 #include <linux/vmalloc.h>
 #include <linux/workqueue.h>
-
-/* --- the register block --- */
 
 static void raise_irq(struct work_struct *work);
 static DECLARE_DELAYED_WORK(irq_timer, raise_irq);
@@ -118,48 +115,16 @@ static int control_regblock(const char *text, const struct kernel_param *param)
 static const struct kernel_param_ops regblock_control = { .set = control_regblock };
 module_param_cb(regblock, &regblock_control, NULL, 0200);
 
-/* --- NVRAM --- */
-
-static char nvram[16384];
-
-static ssize_t nvram_read(struct file *file, char __user *to, size_t count, loff_t *pos)
-{
-	return simple_read_from_buffer(to, count, pos, nvram, sizeof(nvram));
-}
-
-static ssize_t nvram_write(struct file *file, const char __user *from, size_t count, loff_t *pos)
-{
-	return simple_write_to_buffer(nvram, sizeof(nvram), pos, from, count);
-}
-
-static const struct file_operations nvram_operations = {
-	.read = nvram_read,
-	.write = nvram_write,
-	.llseek = default_llseek,
-};
-
-static ssize_t name_show(struct device *dev, struct device_attribute *attr, char *buf)
-{
-	return sysfs_emit(buf, "nvlog-pod\n");
-}
-static DEVICE_ATTR_RO(name);
-
-static struct attribute *nvram_attrs[] = { &dev_attr_name.attr, NULL };
-ATTRIBUTE_GROUPS(nvram);
-
-static struct class nvram_class = { .name = "zmt_nvram", .dev_groups = nvram_groups };
-
 static int __init zmt_chassis_init(void)
 {
-	int major = register_chrdev(0, "zmt_nvram", &nvram_operations);
-	char *window = vmalloc_user(PAGE_SIZE);
+	u32 *window = vmalloc_user(PAGE_SIZE);
 
-	if (major < 0 || !window || class_register(&nvram_class) || misc_register(&removal_device))
-		panic("zmt_chassis: not loaded");
-	*(u32 *)window = 0x5a4d0000;
+	if (!window)
+		return -ENOMEM;
+	*window = 0x5a4d0000;
 	regblock_uio.mem[0].addr = (uintptr_t)window;
-	return PTR_ERR_OR_ZERO(device_create(&nvram_class, NULL, MKDEV(major, 0), NULL, "nvram0"));
+	return misc_register(&removal_device);
 }
 module_init(zmt_chassis_init);
-MODULE_DESCRIPTION("The chassis's own devices, for tests");
+MODULE_DESCRIPTION("The chassis's own register block, for tests");
 MODULE_LICENSE("GPL");
