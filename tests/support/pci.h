@@ -67,7 +67,7 @@ inline void hold(const promise &promised)
         EXPECT_EQ(expected, run.seen) << run;
         EXPECT_EQ(run.blocks, 0) << run;
     });
-    EXPECT_GT(runs, 0);
+    EXPECT_TRUE(runs > 0 || !heap_can_fail);
 }
 
 } // namespace test
