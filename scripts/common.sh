@@ -1,3 +1,4 @@
+# shellcheck shell=sh
 # What the scripts share; sourced, with the repository as working directory.
 
 say() {
@@ -9,6 +10,25 @@ give_up() {
     exit 1
 }
 
+# patiently COMMAND...: runs a command that fetches from a mirror. While a mirror is being synchronised,
+# its lists and packages do not fit together; then the command is run again, after longer and longer
+# pauses.
+patiently() {
+    for pause in 5 15 45 90 last; do
+        failed=$({ { "$@" 2>&1 || echo yes >&3; } | tee build/fetch.log >&2; } 3>&1)
+        [ -n "$failed" ] || return 0
+        grep -Eq 'Mirror sync|Hash Sum mismatch|unexpected size' build/fetch.log || return 1
+        [ "$pause" != last ] || return 1
+        say "the mirror is being synchronised: trying again in $pause s"
+        sleep "$pause"
+    done
+}
+
+as_root() {
+    [ "$(id -u)" -eq 0 ] || set -- sudo "$@"
+    "$@"
+}
+
 # need_packages NAME...: installs the Debian packages that are missing.
 need_packages() {
     missing=
@@ -17,17 +37,15 @@ need_packages() {
             missing="$missing $package"
     done
     [ -n "$missing" ] || return 0
+    [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null ||
+        give_up "as root, run: apt-get install$missing"
     say "installing$missing"
-    as_root=
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || give_up "as root, run: apt-get install$missing"
-        as_root=sudo
-    fi
-    export DEBIAN_FRONTEND=noninteractive
     # shellcheck disable=SC2086 # the list is meant to be split
-    $as_root apt-get install -y --no-install-recommends $missing >/dev/null 2>&1 ||
-        { $as_root apt-get update && $as_root apt-get install -y --no-install-recommends $missing; } ||
-        give_up "could not install$missing; see apt-get's message above"
+    set -- env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -q --no-install-recommends $missing
+    as_root "$@" >build/fetch.log 2>&1 && return
+    patiently as_root apt-get update || true # that of some other archive may be what failed
+    patiently as_root "$@" || give_up "could not install$missing; see apt-get's message above"
 }
 
 need_compiler_and_tests() {
@@ -35,12 +53,26 @@ need_compiler_and_tests() {
         nlohmann-json3-dev "$@"
 }
 
-# build PRESET [OPTION...]: configures when needed and builds what changed.
-build() {
-    cmake --preset "$1" >"build/$1.log" 2>&1 ||
+need_virtual_machine() {
+    need_packages qemu-system-x86 cpio xz-utils
+}
+
+# configure PRESET [OPTION...]
+configure() {
+    cmake --preset "$@" >"build/$1.log" 2>&1 ||
         { cat "build/$1.log"; give_up "configuring '$1' failed; rm -rf build/$1 starts afresh"; }
+}
+
+# compile PRESET [OPTION...]: builds what changed.
+compile() {
     cmake --build --preset "$@" ||
         give_up "building '$1' failed; the compiler's message is above"
+}
+
+# build PRESET [OPTION...]: both; the options are those of compile.
+build() {
+    configure "$1"
+    compile "$@"
 }
 
 mkdir -p build
