@@ -3,7 +3,7 @@
 //     device_access_bench TABLE.json [options of Google Benchmark]
 #include "bench/bench.h"
 #include "sim/private_root.h"
-#include "support/system_calls.h"
+#include "support/sweep.h"
 
 #include <benchmark/benchmark.h>
 
@@ -56,8 +56,10 @@ void count_system_calls(const row &r, const contender &c)
 {
     const work_t work = c.prepare();
     work(); // what only the first time does is not counted
-    results[full_name(r, c)].system_calls =
-        double(test_support::total(test_support::count_system_calls(work))) / r.operations;
+    int calls = 0;
+    for (const auto &[name, count] : test::system_calls_of(work))
+        calls += count;
+    results[full_name(r, c)].system_calls = double(calls) / r.operations;
 }
 
 template <typename Function>
