@@ -219,12 +219,11 @@ TEST_P(post_either_way, the_librarys_table_says_how_large_blocks_are)
         postlog_nvram_close(blk);
     }
     // Where sysfs says nothing, the table's address is shown with an entry that is not there.
-    load(results, post_index(order, 0, 64) + post_header(order, 1, 40, 0x1122334455667788));
-    if (!pcie) {
-        EXPECT_NE(test::output_of([] {
-                      postlog_nvram_open_log(results, 0);
-                  }).err.find("OFW base = f0006000  start addr/offset=1122334455667788/0x24 "),
-                  string::npos);
+    const char *const addresses[] = {"f0004000", "f0006000", "f000a000"};
+    for (const log_type_t blk : {event, results, errors}) {
+        load(blk, (blk == event ? "" : post_index(order, 0, 64)) + post_header(order, 1, 40));
+        const string said = test::output_of([=] { postlog_nvram_open_log(blk, 0); }).err;
+        EXPECT_EQ(said.find(string("OFW base = ") + addresses[blk]) == string::npos, pcie) << said;
     }
     // The size limits how much of a message without an end is taken for one.
     load(event,
@@ -347,6 +346,11 @@ TEST_P(post_either_way, dumps_print_the_entries_of_histories)
     POST(postlog_nvram_dump_curr_log_msgs(results), 1, "", current + "0 \n" + first);
     table[results].num_subblock = 0;
     POST(postlog_nvram_dump_all_log_msgs(results), 1, closed);
+    table[results].num_subblock = 4;
+    put(0, post_index(order, 1, 1024, 5));
+    POST(postlog_nvram_dump_curr_log_msgs(results), -1,
+         "post_get_log_pos: failed to get hdr postition. subblock=-1 log=0\n",
+         current + "-1 \nERROR: post_get_log_hdr_pos: invalid magic number 0x5!\n");
     nvram_log_header_t header = {0x11, 0x22, 0x33, 0x44, 0x5566778899AABBCC};
     DOES((post_dump_log_block_header(&header), 0), 0, "",
          "post_dump_log_block_header: \n\theader checksum = 0x11 \n\t log size = 0x22 \n\t index "
@@ -564,6 +568,9 @@ TEST_F(post_device, any_call_may_fail)
             const bool closes = is_open && ran.seen.err.find(closed) != string::npos;
             EXPECT_EQ(ran.seen.opens, fails ? 0 - closes : opens) << ran;
             EXPECT_TRUE(!fails || ran.seen.error == EDOM) << ran;
+            EXPECT_EQ(ran.seen.out.find("WARNING: failed to read NVRAM info.") == string::npos,
+                      ran.seen.err.find("find_blk_properties") == string::npos)
+                << ran;
             for (const auto &[name, stream] :
                  {std::pair("out ", ran.seen.out), {"err ", ran.seen.err}}) {
                 std::istringstream lines(stream);
