@@ -3,6 +3,7 @@
 #include "sim/support.h"
 
 #include <cerrno>
+#include <cstdio>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -26,12 +27,25 @@ namespace fuzz
 namespace
 {
 
+// What the library prints is not worth a system call for each line.
+char printed[1 << 16];
+const int buffered = std::setvbuf(stderr, printed, _IOFBF, sizeof printed);
+
 uint8_t &byte_at(std::string &image, uint64_t position)
 {
     return reinterpret_cast<uint8_t &>(image[static_cast<size_t>(position)]);
 }
 
 } // namespace
+
+void require(bool kept, const char *file, int line)
+{
+    if (kept)
+        return;
+    std::fprintf(stderr, "%s:%d: broken promise\n", file, line);
+    std::fflush(stderr);
+    __builtin_trap();
+}
 
 uint8_t take_options(std::string_view &input)
 {
@@ -71,9 +85,10 @@ void store32(std::string &image, uint64_t position, uint32_t value)
 
 bool is_blank(const std::string &image, uint64_t position, size_t size)
 {
-    return position >= image.size() ||
-           image.substr(static_cast<size_t>(position), size).find_first_not_of('\0') ==
-               std::string::npos;
+    if (position >= image.size())
+        return true;
+    const auto part = std::string_view(image).substr(static_cast<size_t>(position), size);
+    return part.find_first_not_of('\0') == part.npos;
 }
 
 void set_contents(const char *path, std::string_view contents)

@@ -11,11 +11,7 @@
 namespace fuzz
 {
 
-inline void require(bool kept)
-{
-    if (!kept)
-        __builtin_trap();
-}
+void require(bool kept, const char *file = __builtin_FILE(), int line = __builtin_LINE());
 
 // Takes the first byte off the input: the options of this run. 0 for an empty input.
 uint8_t take_options(std::string_view &input);
