@@ -284,14 +284,18 @@ void get_fpga_name(const libuio_dev_t &uio, uio_info_t &info)
 // Fills the maps of a register block; false when an FPGA of this type has none of this name.
 bool libuio_emul_find_maps(libuio_dev_t &uio, swfpga_type type, const char *region_name)
 {
+    constexpr char prefix[] = "uio_"; // of every block's name
+    if (::strncasecmp(region_name, prefix, sizeof prefix - 1) != 0)
+        return false;
+    const char *block = region_name + sizeof prefix - 1;
     for (const swfpga::map_row &row : swfpga::map_table) {
-        if (!row.belongs_to(type) || ::strcasecmp(row.block, region_name) != 0)
+        if (!row.belongs_to(type) || ::strcasecmp(row.block, block) != 0)
             continue;
         libuio_map_t &map = uio.map[uio.map_count];
         map.index = uio.map_count++;
-        map.bar = row.bytes.bar;
-        map.offset = static_cast<unsigned int>(row.bytes.offset());
-        map.size = row.bytes.size();
+        map.bar = row.bar;
+        map.offset = static_cast<unsigned int>(row.offset());
+        map.size = row.size();
         uio.map_index_max = map.index;
     }
     return uio.map_count > 0;

@@ -90,31 +90,6 @@ constexpr unsigned long page_size = 4096;
 // As the end of a range: all of the resource file.
 constexpr unsigned long whole = 0xffffffff;
 
-// A map of a register block: bytes of PCI resource bar, in pages.
-struct range {
-    // In resource 0 last is where the last page starts, in the others where the range ends.
-    constexpr range(unsigned int number, unsigned long first, unsigned long last)
-        : bar(static_cast<uint16_t>(number)), first_page(static_cast<uint16_t>(first / page_size)),
-          pages(last == whole ? all
-                              : static_cast<uint16_t>((last - first) / page_size + (bar == 0)))
-    {
-    }
-
-    constexpr unsigned long offset() const { return first_page * page_size; }
-    constexpr unsigned long size() const { return pages == all ? whole : pages * page_size; }
-
-    static constexpr uint16_t all = 0;
-    uint16_t bar;
-    uint16_t first_page;
-    uint16_t pages;
-};
-
-// One page of resource 0.
-constexpr range page(unsigned long start)
-{
-    return {0, start, start};
-}
-
 template <typename... Types>
 constexpr uint16_t any_of(Types... types)
 {
@@ -136,125 +111,148 @@ constexpr uint16_t any_al = al_vostra | al_vostra2;
 constexpr uint16_t first_vostra = al_vostra | any_of(SWFPGA_SW_VOSTRA);
 constexpr uint16_t second_vostra = sw_vostra2 | al_vostra2;
 
-// A map of the block of this name that FPGAs of these types have.
+// A map of a register block that FPGAs of these types have: bytes of PCI resource bar, in pages.
 struct map_row {
-    uint16_t types;
-    char block[13];
-    range bytes;
+    // In resource 0 last is where the last page starts, in the others where the range ends.
+    template <size_t size>
+    constexpr map_row(uint16_t fpgas, const char (&name)[size], unsigned int resource,
+                      unsigned long first, unsigned long last)
+        : types(fpgas), bar(static_cast<uint8_t>(resource)),
+          first_page(static_cast<uint16_t>(first / page_size)),
+          pages(last == whole ? all
+                              : static_cast<uint16_t>((last - first) / page_size + (bar == 0)))
+    {
+        std::copy_n(name, size, block);
+    }
+    // One page of resource 0.
+    template <size_t size>
+    constexpr map_row(uint16_t fpgas, const char (&name)[size], unsigned long start)
+        : map_row(fpgas, name, 0, start, start)
+    {
+    }
 
     constexpr bool belongs_to(swfpga_type type) const { return (types >> type & 1) != 0; }
+    constexpr unsigned long offset() const { return first_page * page_size; }
+    constexpr unsigned long size() const { return pages == all ? whole : pages * page_size; }
+
+    static constexpr uint16_t all = 0;
+    uint16_t types;
+    char block[9] = ""; // its name behind "uio_"
+    uint8_t bar;
+    uint16_t first_page;
+    uint16_t pages;
 };
 
 // The maps of a block, in the order of their numbers.
 inline constexpr map_row map_table[] = {
-    {zarnik, "uio_fe", {1, 0, whole}},
-    {zarnik, "uio_fe", page(0x1000)},
-    {local_zarnik, "uio_cmneqp", {0, 0x2000, 0x6000}},
-    {local_zarnik, "uio_cmbhub", page(0x10000)},
-    {local_zarnik, "uio_glb", page(0)},
+    {zarnik, "fe", 1, 0, whole},
+    {zarnik, "fe", 0x1000},
+    {local_zarnik, "cmneqp", 0, 0x2000, 0x6000},
+    {local_zarnik, "cmbhub", 0x10000},
+    {local_zarnik, "glb", 0},
 
-    {zarnik2, "uio_fe0", {1, 0x40000, 0x80000}},
-    {zarnik2, "uio_fe0", {1, 0x1000, 0x2000}},
-    {zarnik2, "uio_fe0", {1, 0x9000, 0xa000}},
-    {zarnik2, "uio_fe0", {1, 0, 0x1000}},
-    {zarnik2, "uio_fe1", {2, 0x40000, 0x80000}},
-    {zarnik2, "uio_fe1", {2, 0x1000, 0x2000}},
-    {zarnik2, "uio_fe1", {2, 0x9000, 0xa000}},
-    {zarnik2, "uio_fe1", {2, 0, 0x1000}},
-    {zarnik2, "uio_fe0_ntb", {1, 0, 0x1000}},
-    {zarnik2, "uio_fe0_ntb", {1, 0x1000, 0x2000}},
-    {zarnik2, "uio_fe0_ntb", {1, 0x9000, 0xa000}},
-    {zarnik2, "uio_fe0_ntb", {1, 0x8000, 0x9000}},
-    {zarnik2, "uio_fe1_ntb", {2, 0, 0x1000}},
-    {zarnik2, "uio_fe1_ntb", {2, 0x1000, 0x2000}},
-    {zarnik2, "uio_fe1_ntb", {2, 0x9000, 0xa000}},
-    {zarnik2, "uio_fe1_ntb", {2, 0x8000, 0x9000}},
-    {local_zarnik2, "uio_cmneqp", {0, 0x2000, 0x5000}},
-    {local_zarnik2, "uio_cmbhub", page(0xa000)},
-    {local_zarnik2, "uio_cmbhub", page(0x8000)},
-    {zarnik2, "uio_glb", page(0)},
+    {zarnik2, "fe0", 1, 0x40000, 0x80000},
+    {zarnik2, "fe0", 1, 0x1000, 0x2000},
+    {zarnik2, "fe0", 1, 0x9000, 0xa000},
+    {zarnik2, "fe0", 1, 0, 0x1000},
+    {zarnik2, "fe1", 2, 0x40000, 0x80000},
+    {zarnik2, "fe1", 2, 0x1000, 0x2000},
+    {zarnik2, "fe1", 2, 0x9000, 0xa000},
+    {zarnik2, "fe1", 2, 0, 0x1000},
+    {zarnik2, "fe0_ntb", 1, 0, 0x1000},
+    {zarnik2, "fe0_ntb", 1, 0x1000, 0x2000},
+    {zarnik2, "fe0_ntb", 1, 0x9000, 0xa000},
+    {zarnik2, "fe0_ntb", 1, 0x8000, 0x9000},
+    {zarnik2, "fe1_ntb", 2, 0, 0x1000},
+    {zarnik2, "fe1_ntb", 2, 0x1000, 0x2000},
+    {zarnik2, "fe1_ntb", 2, 0x9000, 0xa000},
+    {zarnik2, "fe1_ntb", 2, 0x8000, 0x9000},
+    {local_zarnik2, "cmneqp", 0, 0x2000, 0x5000},
+    {local_zarnik2, "cmbhub", 0xa000},
+    {local_zarnik2, "cmbhub", 0x8000},
+    {zarnik2, "glb", 0},
 
-    {pellum, "uio_brd_ctrl", page(0xb0000)},
-    {pellum, "uio_rpmb", page(0xb3000)},
-    {pellum, "uio_config", page(0xb4000)},
-    {pellum, "uio_cma", page(0xb2000)},
-    {pellum, "uio_ch_i2c", page(0xb5000)},
+    {pellum, "brd_ctrl", 0xb0000},
+    {pellum, "rpmb", 0xb3000},
+    {pellum, "config", 0xb4000},
+    {pellum, "cma", 0xb2000},
+    {pellum, "ch_i2c", 0xb5000},
 
-    {pellum2, "uio_brd_ctrl", page(0)},
-    {pellum2, "uio_rpmb", page(0x3000)},
-    {pellum2, "uio_config", page(0x4000)},
-    {pellum2, "uio_cma", page(0x2000)},
-    {pellum2, "uio_ch_i2c", page(0x5000)},
-    {pellum2, "uio_spi_flsh", page(0x6000)},
-    {pellum2, "uio_nvram", {1, 0, whole}},
+    {pellum2, "brd_ctrl", 0},
+    {pellum2, "rpmb", 0x3000},
+    {pellum2, "config", 0x4000},
+    {pellum2, "cma", 0x2000},
+    {pellum2, "ch_i2c", 0x5000},
+    {pellum2, "spi_flsh", 0x6000},
+    {pellum2, "nvram", 1, 0, whole},
 
-    {first_vostra, "uio_fe", {1, 0, whole}},
-    {first_vostra, "uio_fe", page(0x6000)},
-    {second_vostra, "uio_fe0", {1, 0x40000, 0x80000}},
-    {second_vostra, "uio_fe0", {1, 0x1000, 0x2000}},
-    {second_vostra, "uio_fe0", page(0x38000)},
-    {second_vostra, "uio_fe1", {2, 0x40000, 0x80000}},
-    {second_vostra, "uio_fe1", {2, 0x1000, 0x2000}},
-    {second_vostra, "uio_fe1", page(0x39000)},
-    {any_sw, "uio_flash", page(0x1000)},
-    {any_sw, "uio_cma", {0, 0x4000, 0x5000}},
-    {any_sw, "uio_cma", page(0x2000)},
-    {any_sw, "uio_cma", page(0x8000)},
-    {sw_vostra2, "uio_ntb", page(0x22000)},
-    {sw_vostra2, "uio_ntb", page(0x23000)},
-    {sw_vostra2, "uio_ntb", page(0x30000)},
-    {sw_vostra2, "uio_ntb", page(0x31000)},
-    {sw_vostra2, "uio_ntb", page(0x32000)},
-    {sw_vostra2, "uio_ntb", page(0x33000)},
-    {sw_vostra2, "uio_ntb", page(0x38000)},
-    {sw_vostra2, "uio_ntb", page(0x39000)},
-    {sw_vostra2, "uio_ntb", {1, 0x1000, 0x2000}},
-    {sw_vostra2, "uio_ntb", {2, 0x1000, 0x2000}},
+    {first_vostra, "fe", 1, 0, whole},
+    {first_vostra, "fe", 0x6000},
+    {second_vostra, "fe0", 1, 0x40000, 0x80000},
+    {second_vostra, "fe0", 1, 0x1000, 0x2000},
+    {second_vostra, "fe0", 0x38000},
+    {second_vostra, "fe1", 2, 0x40000, 0x80000},
+    {second_vostra, "fe1", 2, 0x1000, 0x2000},
+    {second_vostra, "fe1", 0x39000},
+    {any_sw, "flash", 0x1000},
+    {any_sw, "cma", 0, 0x4000, 0x5000},
+    {any_sw, "cma", 0x2000},
+    {any_sw, "cma", 0x8000},
+    {sw_vostra2, "ntb", 0x22000},
+    {sw_vostra2, "ntb", 0x23000},
+    {sw_vostra2, "ntb", 0x30000},
+    {sw_vostra2, "ntb", 0x31000},
+    {sw_vostra2, "ntb", 0x32000},
+    {sw_vostra2, "ntb", 0x33000},
+    {sw_vostra2, "ntb", 0x38000},
+    {sw_vostra2, "ntb", 0x39000},
+    {sw_vostra2, "ntb", 1, 0x1000, 0x2000},
+    {sw_vostra2, "ntb", 2, 0x1000, 0x2000},
 
-    {any_al, "uio_flash", page(0x1000)},
-    {any_al, "uio_cma", {0, 0x4000, 0x5000}},
-    {any_al, "uio_cma", page(0x2000)},
-    {any_al, "uio_cma", page(0xb000)},
-    {any_al, "uio_cma", {0, 0xc000, 0xd000}},
-    {any_al, "uio_tcm", page(0xa000)},
-    {al_vostra, "uio_pci", {2, 0, whole}},
-    {al_vostra, "uio_pci", {0, 0x10000, 0x14000}},
-    {al_vostra, "uio_pci", page(0x9000)},
-    {al_vostra, "uio_pci", page(0x7000)},
-    {al_vostrat, "uio_spi", page(0xe000)},
-    {al_vostrat, "uio_cmb_emul", page(0xf000)},
-    {al_vostrat, "uio_i2c", page(0x3000)},
-    {al_vostra2, "uio_ge0", {3, 0, 0x100000}},
-    {al_vostra2, "uio_ge0", {4, 0, 0x4000000}},
-    {al_vostra2, "uio_ge0", page(0)},
-    {al_vostra2, "uio_ge0", page(0x2a000)},
-    {al_vostra2, "uio_ge0", page(0x3a000)},
-    {al_vostra2, "uio_ge0", page(0x7000)},
-    {al_vostra2, "uio_ge1", {3, 0x100000, 0x200000}},
-    {al_vostra2, "uio_ge1", {4, 0x4000000, 0x8000000}},
-    {al_vostra2, "uio_ge1", page(0)},
-    {al_vostra2, "uio_ge1", page(0x2c000)},
-    {al_vostra2, "uio_ge1", page(0x3b000)},
-    {al_vostra2, "uio_ge1", page(0x3000)},
-    {al_vostra2, "uio_mdio", page(0x9000)},
-    {al_vostra2, "uio_spi", page(0xe000)},
-    {al_vostra2, "uio_cmb_emul", page(0xf000)},
-    {al_vostra2, "uio_ntb", page(0x22000)},
-    {al_vostra2, "uio_ntb", page(0x23000)},
-    {al_vostra2, "uio_ntb", page(0x30000)},
-    {al_vostra2, "uio_ntb", page(0x31000)},
-    {al_vostra2, "uio_ntb", page(0x32000)},
-    {al_vostra2, "uio_ntb", page(0x33000)},
-    {al_vostra2, "uio_ntb", page(0x34000)},
-    {al_vostra2, "uio_ntb", page(0x35000)},
-    {al_vostra2, "uio_ntb", page(0x3a000)},
-    {al_vostra2, "uio_ntb", page(0x3b000)},
-    {al_vostra2, "uio_ntb", page(0x38000)},
-    {al_vostra2, "uio_ntb", page(0x39000)},
-    {al_vostra2, "uio_ntb", page(0x2a000)},
-    {al_vostra2, "uio_ntb", page(0x2c000)},
-    {al_vostra2, "uio_ntb", {1, 0x1000, 0x2000}},
-    {al_vostra2, "uio_ntb", {2, 0x1000, 0x2000}},
+    {any_al, "flash", 0x1000},
+    {any_al, "cma", 0, 0x4000, 0x5000},
+    {any_al, "cma", 0x2000},
+    {any_al, "cma", 0xb000},
+    {any_al, "cma", 0, 0xc000, 0xd000},
+    {any_al, "tcm", 0xa000},
+    {al_vostra, "pci", 2, 0, whole},
+    {al_vostra, "pci", 0, 0x10000, 0x14000},
+    {al_vostra, "pci", 0x9000},
+    {al_vostra, "pci", 0x7000},
+    {al_vostrat, "spi", 0xe000},
+    {al_vostrat, "cmb_emul", 0xf000},
+    {al_vostrat, "i2c", 0x3000},
+    {al_vostra2, "ge0", 3, 0, 0x100000},
+    {al_vostra2, "ge0", 4, 0, 0x4000000},
+    {al_vostra2, "ge0", 0},
+    {al_vostra2, "ge0", 0x2a000},
+    {al_vostra2, "ge0", 0x3a000},
+    {al_vostra2, "ge0", 0x7000},
+    {al_vostra2, "ge1", 3, 0x100000, 0x200000},
+    {al_vostra2, "ge1", 4, 0x4000000, 0x8000000},
+    {al_vostra2, "ge1", 0},
+    {al_vostra2, "ge1", 0x2c000},
+    {al_vostra2, "ge1", 0x3b000},
+    {al_vostra2, "ge1", 0x3000},
+    {al_vostra2, "mdio", 0x9000},
+    {al_vostra2, "spi", 0xe000},
+    {al_vostra2, "cmb_emul", 0xf000},
+    {al_vostra2, "ntb", 0x22000},
+    {al_vostra2, "ntb", 0x23000},
+    {al_vostra2, "ntb", 0x30000},
+    {al_vostra2, "ntb", 0x31000},
+    {al_vostra2, "ntb", 0x32000},
+    {al_vostra2, "ntb", 0x33000},
+    {al_vostra2, "ntb", 0x34000},
+    {al_vostra2, "ntb", 0x35000},
+    {al_vostra2, "ntb", 0x3a000},
+    {al_vostra2, "ntb", 0x3b000},
+    {al_vostra2, "ntb", 0x38000},
+    {al_vostra2, "ntb", 0x39000},
+    {al_vostra2, "ntb", 0x2a000},
+    {al_vostra2, "ntb", 0x2c000},
+    {al_vostra2, "ntb", 1, 0x1000, 0x2000},
+    {al_vostra2, "ntb", 2, 0x1000, 0x2000},
 };
 
 // So no block has more maps than a handle.
