@@ -328,6 +328,29 @@ TEST_P(storage, bears_and_reports_numbers_that_make_no_sense)
     }
 }
 
+TEST_P(storage, shows_no_record_that_its_end_cuts_off)
+{
+    s.describe(1, 196);
+    const std::string image = s.image(0, {{{5, "a"}, {6, "b"}}});
+    std::string seen;
+    std::string last;
+    for (uint32_t size = index_position; size <= s.entry_at(0, 2) + 16; ++size) {
+        std::string found;
+        s.set(image); // whose records must not be seen again behind the end of the next
+        output_of([&] { s.text(); });
+        s.set(image.substr(0, size));
+        output_of([&] { found = s.text(); });
+        if (found != last)
+            seen += cat({std::to_string(size), " ", found, "\n"});
+        last = found;
+    }
+    // What is cut off counts as 0, as the upper bytes of small numbers are.
+    EXPECT_EQ(seen, s.is_nvram() ? "32 !\n69 \n81 0: !, \n85 0: a!, \n149 0: a, \n161 0: a|!, \n"
+                                   "165 0: a|b!, \n229 0: a|b, \n"
+                                 : "32 !\n45 \n61 !\n65 \n77 0: !, \n81 0: a!, \n145 0: a, \n"
+                                   "157 0: a|!, \n161 0: a|b!, \n225 0: a|b, \n");
+}
+
 TEST_P(storage, bears_any_configuration)
 {
     for (int histories : {0, -1, INT_MIN, 1})
