@@ -150,21 +150,16 @@ TEST(uio_emul, asks_the_fpga_what_it_is_when_the_name_does_not_say)
 
 //--- opening --------------------------------------------------------------------------------------
 
-TEST(uio_emul, tells_pseudo_names_by_their_beginning)
+TEST(uio_emul, takes_names_apart_and_refuses_what_is_missing)
 {
-    for (const char *name : {"sysfs_pci:", "sysfs_pci:uio_glb.rpsw"})
-        EXPECT_EQ(libuio_is_emul(name), 1u) << name;
     for (const char *name : {"", "sysfs_pci", "Sysfs_pci:", " sysfs_pci:", "/dev/uio0"})
         EXPECT_EQ(libuio_is_emul(name), 0u) << name;
+    EXPECT_EQ(libuio_is_emul("sysfs_pci:"), 1u);
     DOES(libuio_is_emul(nullptr), 0);
     DOES(libuio_emul_open_timed(nullptr, &no_wait), nullptr, "", "", EINVAL);
     DOES(libuio_emul_open_timed("/dev/uio0", &no_wait), nullptr, "", "", EINVAL);
     DOES(libuio_emul_mmap(nullptr, 0), -1, "", "", EINVAL);
     DOES(libuio_emul_device_enable(nullptr, 1), -1, "", "", EINVAL);
-}
-
-TEST(uio_emul, takes_names_apart_and_refuses_what_is_missing)
-{
     start_chassis("rpsw");
     add_hotswap_name("rpsw567890123456789z", card_in("rpsw").port);
     const std::string x(100000, 'x');
@@ -202,16 +197,6 @@ TEST(uio_emul, fills_the_handle_and_enables_the_device_until_it_is_closed)
     EXPECT_EQ(read_file(device_dir + "/enable"), "1\n");
     DOES((libuio_close(uio), 0), 0);
     EXPECT_EQ(read_file(device_dir + "/enable"), "0\n");
-}
-
-TEST(uio_emul, waits_for_a_device_that_comes_late)
-{
-    enter_private_root();
-    background([] {
-        usleep(40000);
-        add_fpga_card(card_in("sw1"));
-    });
-    opened("sysfs_pci:uio_fe.sw1.vostra_lite", nullptr);
 }
 
 TEST(uio_emul, finds_the_first_device_behind_the_port_that_the_name_service_gives)
@@ -373,28 +358,25 @@ TEST(uio_emul, says_which_range_cannot_be_mapped_and_why)
     refuses(1, EINVAL, 0x7000, 0x1000, 0xfffff000);
 }
 
-TEST(uio_emul, maps_a_resource_that_shrinks_meanwhile_as_far_as_it_goes)
+TEST(uio_emul, maps_what_there_is_of_a_resource)
 {
     start_chassis("rpsw");
-    libuio_dev_t *uio = opened("sysfs_pci:uio_cmneqp.rpsw.zarnik2"); // 0x4000 bytes at 0x2000
+    libuio_dev_t *uio = opened("sysfs_pci:uio_cmneqp.rpsw.zarnik"); // 0x5000 bytes at 0x2000
     shrinks_to = 0x4000;
     DOES(libuio_mmap(uio, 0), 1);
-    EXPECT_EQ(uio->map[0].size, 0x2000u);
+    EXPECT_EQ(maps_text(uio), "0=0:2000+2000* ");
     libuio_munmap(uio, 0);
     shrinks_to = 0x2000; // nothing is left of the range
-    DOES(libuio_mmap(uio, 0), 0, "",
-         err("emul_mmap: mmap(8192, (0*4096)),2000,0 failed : Invalid argument"), EINVAL);
-}
-
-TEST(uio_emul, maps_a_whole_resource_only_if_the_address_space_can_hold_it)
-{
-    start_chassis("sw1");
+    const std::string none =
+        err("emul_mmap: mmap(8192, (0*4096)),2000,0 failed : Invalid argument");
+    DOES(libuio_mmap(uio, 0), 0, "", none, EINVAL);
+    // A whole resource is mapped only if the address space can hold it.
     ASSERT_EQ(truncate(resources[1].c_str(), (off_t{1} << 32) + 0x10000), 0);
-    libuio_dev_t *uio = opened("sysfs_pci:uio_fe.sw1.vostra_lite");
+    uio = opened("sysfs_pci:uio_fe.rpsw.zarnik");
     const bool fits = sizeof(size_t) == 8;
     const std::string line =
         err("emul_mmap: mmap(-1, (0*4096)),0,1 failed : Cannot allocate memory");
-    DOES(libuio_mmap(uio, 0), fits ? 2 : 0, "", fits ? "" : line, fits ? 0 : ENOMEM);
+    DOES(libuio_mmap(uio, 0), fits ? 2 : 0, "", fits ? "" : line, fits ? any_error : ENOMEM);
 }
 
 TEST(uio_emul, reaches_a_pellum_by_physical_address)

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <limits>
 #include <set>
-#include <thread>
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -128,13 +127,15 @@ TEST(uio_open, waits_for_the_node_within_its_budget)
         }
     }
     background([] {
-        for (const char *line : {"plug uio0", "plug uio1"}) {
-            std::this_thread::sleep_for(milliseconds(40));
-            control(line);
+        for (const std::string line : {"plug uio0", "plug uio1", ""}) {
+            usleep(40000);
+            line.empty() ? add_fpga_card({"sw1", "0000:00:01.0", "0000:01:00.0", 0, {4096}})
+                         : control(line);
         }
     });
-    libuio_close(opened("/dev/uio0", &end_of_time));
-    libuio_close(opened("/dev/uio1", nullptr));
+    opened("/dev/uio0", &end_of_time);
+    opened("/dev/uio1", nullptr);
+    opened("sysfs_pci:uio_fe.sw1.vostra_lite", nullptr);
 }
 
 TEST(uio_open, takes_a_device_number_that_is_two_numbers_and_a_line_end_composed_the_simple_way)
