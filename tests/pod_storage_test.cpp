@@ -638,7 +638,7 @@ protected:
         const outcome seen = outcome_of(call);
         EXPECT_EQ(seen.value, value);
         EXPECT_EQ(seen.opens, 0);
-        return std::regex_replace(seen.out + seen.err, std::regex("\\(0x[0-9a-f]+\\)"), "()");
+        return std::regex_replace(seen.err + "/" + seen.out, std::regex("\\(0x[0-9a-f]+\\)"), "()");
     }
 };
 
@@ -694,7 +694,7 @@ TEST_F(pod_nvram, says_why_there_is_no_device)
     for (int rdonly : {0, 1})
         EXPECT_EQ(said([&] { return s.init(0, rdonly); }, -1),
                   cat({"ERROR: instance() cannot open newly created dev file /dev/dangling for ",
-                       rdonly ? "read-only" : "read-write", "!\n"}));
+                       rdonly ? "read-only" : "read-write", "!\n/"}));
 
     const std::string path = "/dev/" + std::string(35, 'n'); // 40 bytes of a name are kept
     write_file(path, good);
@@ -771,7 +771,7 @@ TEST_F(pod_nvram, reports_misuse_and_refused_transfers)
          "ERROR: pod_nvram_mem_rd: nvram 1: cannot access device!\n");
     DOES(pod_nvram_mem_wr(2, 0, data, 4), 0, "ERROR: pod_nvram_mem_wr: cannot access device 2!\n");
     EXPECT_EQ(said([&] { return s.close(0), 1; }, 1),
-              "podlog_nvram_close: instance() already closed previously! \n");
+              "/podlog_nvram_close: instance() already closed previously! \n");
     DOES(s.init(0, 1), 1, "", "", any_error, 1);
     DOES(s.init(0, 1), -1,
          "ERROR: podlog_nvram_init: nvram 0 current device is currently opened already!\n");
