@@ -302,7 +302,7 @@ allocation: 12 LOG_ERR libuio_find_maps: opendir(/sys/class/uio/uio0/maps) faile
 allocation: 12 LOG_ERR libuio_adjust_size: realloc (%zu+33+20+10) failed
 )",
         sizeof *uio + 64 * sizeof *uio->map, sizeof *uio + sizeof *uio->map);
-    EXPECT_EQ(failures_of(EIO, round), by_call + (heap_can_fail ? by_allocation : ""));
+    EXPECT_EQ(by_call + (heap_can_fail ? by_allocation : ""), failures_of(EIO, round));
 }
 
 TEST(uio_faults, no_clean_up_hides_the_errno_of_the_failing_step)
