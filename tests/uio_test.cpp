@@ -105,6 +105,9 @@ TEST(uio_open, finds_the_device_of_a_link_and_of_a_node_with_another_name)
         else
             EXPECT_EQ(libuio_get_sys_class_dir(opened("/dev/regblock")), entry);
     }
+    // A node of the real kernel shows how it is opened.
+    write_file(class_dir + "/dev", "1:5\n");
+    EXPECT_EQ(fcntl(opened("/dev/zero")->uio_fd, F_GETFL) & O_ACCMODE, O_RDWR);
 }
 
 TEST(uio_open, waits_for_the_node_within_its_budget)
