@@ -1,8 +1,6 @@
 // This program defines libuio_log, so the library's diagnostics are on and their texts are tested.
 #include "support/uio.h"
 
-#include <regex>
-
 #include <dlfcn.h>
 
 extern "C" {
@@ -259,7 +257,7 @@ TEST(uio_emul, each_failing_call_gives_its_errno_and_leaves_nothing_and_the_devi
     enabled = static_cast<char *>(
         mmap(nullptr, 1, PROT_READ, MAP_SHARED, open(file.c_str(), O_RDONLY), 0));
     // What cannot be looked up is not there; an FPGA that cannot be asked is of the default type.
-    const std::string by_call = R"(getxattr: 22
+    const std::string by_call = printed(R"(getxattr: 22
 open: 22
 stat: 22
 getdents64: 22
@@ -268,16 +266,17 @@ close: 0
 open: 0 LOG_ERR get_fpga_name: mmap((nil), 0x1000) failed
 stat: 0 LOG_ERR get_fpga_name: mmap((nil), 0x1000) failed
 mmap: 0 LOG_ERR get_fpga_name: mmap((nil), 0x1000) failed
-munmap: 0 LOG_ERR get_fpga_name: munmap(ADDRESS, 0x1000) failed: Input/output error
-open: 5 LOG_ERR libuio_emul_device_enable: Failed to open ENABLE (errno=5)
-write: 5 LOG_ERR libuio_emul_device_enable: Failed to write to ENABLE (errno=5)
+munmap: 0 LOG_ERR get_fpga_name: munmap(, 0x1000) failed: Input/output error
+open: 5 LOG_ERR libuio_emul_device_enable: Failed to open %1$s (errno=5)
+write: 5 LOG_ERR libuio_emul_device_enable: Failed to write to %1$s (errno=5)
 open: 5 LOG_ERR libuio_emul_mmap: mmap(4096, (0*4096)),1000,0 failed : Input/output error
 stat: 5 LOG_ERR libuio_emul_mmap: mmap(4096, (0*4096)),1000,0 failed : Input/output error
 mmap: 5 LOG_ERR libuio_emul_mmap: mmap(4096, (0*4096)),1000,0 failed : Input/output error
-open: 1000 LOG_ERR libuio_emul_device_enable: Failed to open ENABLE (errno=5)
-write: 1000 LOG_ERR libuio_emul_device_enable: Failed to write to ENABLE (errno=5)
+open: 1000 LOG_ERR libuio_emul_device_enable: Failed to open %1$s (errno=5)
+write: 1000 LOG_ERR libuio_emul_device_enable: Failed to write to %1$s (errno=5)
 munmap: 0
-)";
+)",
+                                        file.c_str());
     const std::string by_allocation = printed(R"(allocation: 22
 allocation: 12 LOG_ERR libuio_new_handle: calloc(%zu) failed
 allocation: 12 LOG_ERR libuio_adjust_size: realloc (%zu+47+47+24) failed
@@ -285,9 +284,9 @@ allocation: 12 LOG_ERR libuio_adjust_size: realloc (%zu+47+47+24) failed
                                               sizeof(libuio_dev_t) + 64 * sizeof(libuio_map_t),
                                               sizeof(libuio_dev_t) + sizeof(libuio_map_t));
     std::string all = failures_of(EIO, round);
-    all = std::regex_replace(all, std::regex("0x[0-9a-f]{5,}"), "ADDRESS");
-    all = std::regex_replace(all, std::regex(file), "ENABLE");
-    EXPECT_EQ(all, by_call + (heap_can_fail ? by_allocation : ""));
+    const size_t address = all.find("munmap(") + strlen("munmap(");
+    all.erase(address, all.find(',', address) - address);
+    EXPECT_EQ(by_call + (heap_can_fail ? by_allocation : ""), all);
     // Failures of the clean-up do not hide the first.
     const auto judge = [](const run &seen) {
         const bool of_handle = seen.failed >= "allocation 3" && seen.failed <= "allocation 9";

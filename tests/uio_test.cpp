@@ -105,6 +105,9 @@ TEST(uio_open, finds_the_device_of_a_link_and_of_a_node_with_another_name)
         else
             EXPECT_EQ(libuio_get_sys_class_dir(opened("/dev/regblock")), entry);
     }
+    // A node of the real kernel shows how it is opened.
+    write_file(class_dir + "/dev", "1:5\n");
+    EXPECT_EQ(fcntl(opened("/dev/zero")->uio_fd, F_GETFL) & O_ACCMODE, O_RDWR);
 }
 
 TEST(uio_open, waits_for_the_node_within_its_budget)
@@ -302,7 +305,7 @@ allocation: 12 LOG_ERR libuio_find_maps: opendir(/sys/class/uio/uio0/maps) faile
 allocation: 12 LOG_ERR libuio_adjust_size: realloc (%zu+33+20+10) failed
 )",
         sizeof *uio + 64 * sizeof *uio->map, sizeof *uio + sizeof *uio->map);
-    EXPECT_EQ(failures_of(EIO, round), by_call + (heap_can_fail ? by_allocation : ""));
+    EXPECT_EQ(by_call + (heap_can_fail ? by_allocation : ""), failures_of(EIO, round));
 }
 
 TEST(uio_faults, no_clean_up_hides_the_errno_of_the_failing_step)
