@@ -168,10 +168,7 @@ int pcie_nvram_read(uint32_t nvram_addr, uint32_t num_bytes, uint8_t *rd_buf, in
 
 int postlog_pcie_nvram_init(log_type_t blk)
 {
-    if (is_initialized(blk, __func__))
-        return 1;
-    postlog_nvram_close(blk);
-    return -1;
+    return is_initialized(blk, __func__) ? 1 : close_with(blk, -1);
 }
 
 void postlog_pcie_nvram_close(log_type_t blk)
