@@ -147,7 +147,7 @@ void expect_whole(const log_storage &storage, const log_image &log, const log_hi
     if (bad != wrong.end())
         throw failure(
             fmt::format("read all of history {} of {}", history.number, storage.card().name),
-            fmt::format("{}: {}", bad->name(), bad->problem), storage.way_out());
+            fmt::format("{}: {}", bad->name(), bad->problem), storage.way_out(log.bytes()));
 }
 
 // How far a follower has read.
@@ -218,7 +218,7 @@ void show(const podlog_arguments &arguments)
 struct examination {
     record row;
     std::vector<log_record> records;
-    bool is_good = false;
+    std::string remedy; // empty when it is good
 };
 
 record storage_row(const log_storage &storage, bool good, size_t histories, size_t entries,
@@ -253,10 +253,10 @@ examination examine(const podlog_arguments &arguments, const log_storage &storag
     try {
         bytes = storage.bytes();
     } catch (const failure &failed) {
-        return {storage_row(storage, false, 0, 0, printable(failed.what())), {}, false};
+        return {storage_row(storage, false, 0, 0, printable(failed.what())), {}, failed.hint};
     }
     if (!bytes)
-        return {storage_row(storage, false, 0, 0, "missing"), {}, false};
+        return {storage_row(storage, false, 0, 0, "missing"), {}, storage.remedy(bytes)};
     const log_image log(storage.layout(), *bytes);
     const auto whole = log.written();
     return {storage_row(storage, log.is_good(), whole.size(), log.good_entries().size(),
@@ -264,7 +264,7 @@ examination examine(const podlog_arguments &arguments, const log_storage &storag
             log.is_blank()  ? std::vector<log_record>()
             : arguments.all ? log.records()
                             : log.wrong(),
-            log.is_good()};
+            log.is_good() ? "" : storage.remedy(bytes)};
 }
 
 std::vector<pod_card> checked_cards(const podlog_arguments &arguments)
@@ -279,7 +279,7 @@ void check(const podlog_arguments &arguments)
 {
     record_set storages = {"storages", {}};
     record_set records = {"records", {}};
-    std::optional<log_storage> first_bad;
+    std::string hint; // of the first bad one
     size_t bad = 0;
     for (const pod_card &card : checked_cards(arguments)) {
         const log_storage storage(arguments, card);
@@ -287,11 +287,10 @@ void check(const podlog_arguments &arguments)
         storages.rows.push_back(std::move(found.row));
         for (const log_record &what : found.records)
             records.rows.push_back(record().add("card", card.name).append(record_row(what)));
-        if (found.is_good)
+        if (found.remedy.empty())
             continue;
-        ++bad;
-        if (!first_bad)
-            first_bad.emplace(storage);
+        if (bad++ == 0)
+            hint = fmt::format("of {}: {}", card.name, found.remedy);
     }
     const size_t all = storages.rows.size();
     record shown;
@@ -299,7 +298,7 @@ void check(const podlog_arguments &arguments)
     print(add_records(shown, std::move(records)));
     if (bad > 0)
         throw failure("call every log good", fmt::format("{} of {} storages are not", bad, all),
-                      fmt::format("of {}: {}", first_bad->card().name, first_bad->way_out()));
+                      hint);
 }
 
 } // namespace

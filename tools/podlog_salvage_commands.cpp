@@ -133,7 +133,7 @@ void repair(const podlog_arguments &arguments)
         return;
     }
     if (!arguments.yes)
-        throw failure(what, plan_of(log), storage.way_out(bytes));
+        throw failure(what, plan_of(log), storage.remedy(bytes));
     const std::string file = file_to_save_to(arguments, storage);
     write_file(file, bytes, true);
     note("what was there is saved in " + file);

@@ -58,7 +58,7 @@ log_image nvram_contents(const log_storage &nvram)
     if (log.missing() > 0)
         throw failure("read " + nvram.path(),
                       fmt::format("{} bytes of {} are missing", log.missing(), log.layout().size),
-                      nvram.way_out());
+                      nvram.way_out(log.bytes()));
     return log;
 }
 

@@ -170,15 +170,16 @@ log_image log_storage::log() const
     return image;
 }
 
-std::string log_storage::way_out(const std::optional<std::string> &bytes) const
+std::string log_storage::command(const char *verb, const char *options) const
 {
-    const auto command = [this](const char *verb, const char *options = "") {
-        return podlog_command(*arguments_, fmt::format("{} {}{}", verb, card_.name, options));
-    };
+    return podlog_command(*arguments_, fmt::format("{} {}{}", verb, card_.name, options));
+}
+
+std::string log_storage::remedy(const std::optional<std::string> &bytes) const
+{
     const bool is_eeprom = layout_ == &eeprom_layout;
-    const bool is_offline = !arguments_->nvram.empty() || !arguments_->pod_directory.empty();
     const log_image image(*layout_, bytes.value_or(""));
-    if (is_offline)
+    if (!arguments_->nvram.empty() || !arguments_->pod_directory.empty())
         return command("salvage") + " shows what can be read";
     if (image.is_blank())
         return command(is_eeprom ? "copy" : "prepare") + " makes a log of it";
@@ -187,17 +188,14 @@ std::string log_storage::way_out(const std::optional<std::string> &bytes) const
                " replaces what is there by a log";
     if (image.is_good())
         return "its records are good; is another program using it?";
-    return fmt::format("{} tells more, {} keeps what is good", command("check"),
-                       command("repair", " --yes"));
+    return command("repair", " --yes") + " keeps what is good";
 }
 
-std::string log_storage::way_out() const
+std::string log_storage::way_out(const std::optional<std::string> &bytes) const
 {
-    try {
-        return way_out(bytes());
-    } catch (const failure &failed) {
-        return failed.hint;
-    }
+    const log_image image(*layout_, bytes.value_or(""));
+    const bool is_clear = image.is_blank() || image.holds_nothing() || image.is_good();
+    return (is_clear ? "" : command("check") + " tells more, ") + remedy(bytes);
 }
 
 void log_storage::fail(const std::string &what, const outcome &how) const
@@ -205,11 +203,11 @@ void log_storage::fail(const std::string &what, const outcome &how) const
     const auto found = bytes();
     const log_image image(*layout_, found.value_or(""));
     const auto wrong = image.wrong();
-    const bool knows_more = how.said.empty() && found && !wrong.empty();
-    throw failure(what,
-                  knows_more ? fmt::format("{}: {}", wrong.front().name(), wrong.front().problem)
-                             : how.why(),
-                  way_out(found));
+    std::string why = how.said.empty() && !wrong.empty() ? "" : how.why();
+    if (found && !wrong.empty())
+        why += fmt::format("{}{}: {}", why.empty() ? "" : ": ", wrong.front().name(),
+                           wrong.front().problem);
+    throw failure(what, why, way_out(found));
 }
 
 //--- formatting -----------------------------------------------------------------------------------

@@ -70,9 +70,10 @@ public:
 
     bool is_device() const { return is_nvram() && arguments_->nvram.empty(); }
 
-    // What is to be done about a storage that does not hold a good log.
+    // What is to be done about a storage that does not hold a good log: remedy, and, for those who
+    // do not know yet, where to learn what is wrong.
+    std::string remedy(const std::optional<std::string> &bytes) const;
     std::string way_out(const std::optional<std::string> &bytes) const;
-    std::string way_out() const;
 
     // A call of the library on it has failed. The library says nothing of a bad header; this does.
     [[noreturn]] void fail(const std::string &what, const outcome &how) const;
@@ -83,6 +84,7 @@ public:
 
 private:
     int open(bool writable) const;
+    std::string command(const char *verb, const char *options = "") const;
 
     const podlog_arguments *arguments_;
     pod_card card_;

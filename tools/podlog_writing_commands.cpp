@@ -194,7 +194,7 @@ void copy(const podlog_arguments &arguments)
     const int copied = copy_entries(log, *written.front(), id);
     const auto moved = ask_log([id] { return podlog_eeprom_use_nxt_log(id); });
     if (moved.result != 1)
-        fail("start the EEPROM's next history", moved, target.way_out());
+        fail("start the EEPROM's next history", moved, "is the EEPROM's log good?");
     eeprom.resize(kept);
     write_file(arguments.eeprom, eeprom, false);
     print(record()

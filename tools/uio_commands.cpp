@@ -112,7 +112,6 @@ private:
         if (!libuio_is_emul(node_.c_str()))
             throw failure(what, std::strerror(error), "'devaccess uio list' shows the devices",
                           error);
-        // The reading library call says no more than that.
         throw failure(what,
                       error == EINVAL ? "no such register block, or no card in that slot"
                                       : std::strerror(error),
