@@ -91,6 +91,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     chassis_sim::write_file("/dev/nvlog-pod", std::string(16384, '\0'));
     for (const auto &log : chassis_sim::sample_post_logs())
         chassis_sim::write_file("/dev/" + log.name, log.image(chassis_sim::byte_order::little));
+    ::setenv("DEVACCESS_CHASSIS", "n20", 1);
     run({"podlog", "prepare"}); // opens what stays open, too
     run({"podlog", "add", "SW1", "power-on"});
     return 0;

@@ -50,7 +50,7 @@ need_packages() {
 
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
-        nlohmann-json3-dev "$@"
+        nlohmann-json3-dev libfmt-dev python3-jsonschema "$@"
 }
 
 need_virtual_machine() {

@@ -190,6 +190,7 @@ int main(int argc, char **argv)
         "recorded, in /var/log/modprobe.",
         "chassis-sim");
     app.get_formatter()->column_width(22);
+    app.set_version_flag("-V,--version", "chassis-sim " DEVICE_ACCESS_VERSION, "Print the version");
     add_log_options(app, chosen);
     add_device_options(app, chosen.chassis);
     add_fault_option(app, chosen);

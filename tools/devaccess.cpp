@@ -1,8 +1,13 @@
 // devaccess: the library's functions as commands.
 
-#include "commands.h"
+#include "chassis.h"
+#include "command.h"
 #include "library.h"
 #include "output.h"
+
+#include <algorithm>
+
+#include <fcntl.h>
 
 namespace
 {
@@ -15,10 +20,12 @@ void add_everything(CLI::App &program)
 {
     program.require_subcommand(1);
     program.fallthrough();
+    program.set_version_flag("-V,--version", "devaccess " DEVICE_ACCESS_VERSION);
     program.add_flag("--json", settings.as_json, "print JSON instead of tables");
     program.add_flag("-v,--verbose", settings.verbose,
                      "pass what the library prints on to standard error");
     program.footer("Also --json and --verbose; see devaccess --help."); // of every command
+    add_chassis_options(program);
     add_pci_commands(program);
     add_uio_commands(program);
     add_podlog_commands(program);
@@ -29,7 +36,7 @@ void add_everything(CLI::App &program)
                    "Examples:\n"
                    "  devaccess pci list\n"
                    "  devaccess pci read 0000:03:00.0 0x10 --json\n"
-                   "  devaccess podlog show RPSW1");
+                   "  devaccess podlog show RPSW1 --chassis n20");
 }
 
 // "devaccess pci read", as far as the words name commands.
@@ -52,37 +59,79 @@ std::string complaint(const CLI::App &program, const CLI::ParseError &wrong)
     return lacks_command && !left.empty() ? "'" + left.front() + "' is no command" : wrong.what();
 }
 
-int tell(int status, const std::string &text)
+// A line that cannot be understood may have asked for JSON too.
+bool asks_for_json(const std::vector<std::string> &words)
 {
-    print_error_line(text);
-    return status;
+    const auto end = std::find(words.begin(), words.end(), "--");
+    return std::find(words.begin(), end, "--json") != end;
 }
 
-int run(CLI::App &program, int argc, char **argv)
+int refuse(const CLI::App &program, const std::string &message)
+{
+    const std::string command = command_words(program);
+    print_failure(command, message, "see " + command + " --help", 0);
+    return exit_usage;
+}
+
+int run(CLI::App &program, std::vector<std::string> words)
 {
     try {
-        program.parse(argc, argv);
+        settings.as_json = asks_for_json(words);
+        std::reverse(words.begin(), words.end());
+        program.parse(std::move(words));
         finish_output();
-    } catch (const CLI::CallForHelp &help) {
-        return program.exit(help);
+    } catch (const CLI::Success &asked) { // for help or the version
+        program.exit(asked);
+        finish_output();
     } catch (const CLI::ParseError &wrong) {
-        return tell(exit_usage,
-                    complaint(program, wrong) + "; see " + command_words(program) + " --help");
+        return refuse(program, complaint(program, wrong));
     } catch (const usage_error &wrong) {
-        return tell(exit_usage,
-                    std::string(wrong.what()) + "; see " + command_words(program) + " --help");
-    } catch (const std::exception &failed) {
-        return tell(exit_failed, failed.what());
+        return refuse(program, wrong.what());
     }
     return exit_ok;
+}
+
+int run_and_report(CLI::App &program, const std::vector<std::string> &words)
+{
+    try {
+        return run(program, words);
+    } catch (const failure &failed) {
+        print_failure(command_words(program), failed.what(), failed.hint, failed.error);
+    } catch (const std::exception &failed) {
+        print_failure(command_words(program), failed.what(), "", 0);
+    }
+    return exit_failed;
+}
+
+// What is closed stays useless, rather than become the number of a file that is opened next.
+void occupy_closed_streams()
+{
+    while (true) {
+        const int descriptor = ::open("/dev/null", O_RDONLY);
+        if (descriptor < 0 || descriptor > 2) {
+            ::close(descriptor);
+            return;
+        }
+    }
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    occupy_closed_streams();
+    std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    forget_offers();
     CLI::App program("Reach a modular chassis's hardware through its hardware-access library.",
                      "devaccess");
     add_everything(program);
-    return run(program, argc, argv);
+    if (!words.empty() && words.front() == "--complete") {
+        complete(program, {words.begin() + 1, words.end()});
+        return exit_ok;
+    }
+    if (!words.empty() && words.front() == "help") {
+        words.erase(words.begin());
+        words.push_back("--help");
+    }
+    return run_and_report(program, words);
 }

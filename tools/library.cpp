@@ -1,7 +1,10 @@
 #include "library.h"
 
 #include "output.h"
+#include "rights.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +12,7 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -54,9 +58,10 @@ std::string without_prefixes(std::string line)
 
 } // namespace
 
-failure::failure(const std::string &what, const std::string &why, const std::string &hint,
+failure::failure(const std::string &what, const std::string &why, const std::string &hint_text,
                  int errno_value)
-    : std::runtime_error("cannot " + what + ": " + why + "; " + hint), error(errno_value)
+    : std::runtime_error("cannot " + what + ": " + why),
+      hint(missing_right(why, errno_value).value_or(hint_text)), error(errno_value)
 {
 }
 
@@ -105,14 +110,10 @@ std::string outcome::why() const
         if (line = without_blanks_around(line); !line.empty())
             cause = line;
     cause = without_prefixes(cause);
-    if (error == 0)
-        return cause.empty() ? "the library gives no reason" : cause;
-    return cause.empty() ? std::strerror(error) : cause + ": " + std::strerror(error);
-}
-
-outcome outcome::or_else(const std::string &reason) const
-{
-    return error == 0 && said.empty() ? outcome{0, reason} : *this;
+    if (cause.empty())
+        return error ? std::strerror(error) : "the library gives no reason";
+    const bool lacks_error = error && cause.find(std::strerror(error)) == std::string::npos;
+    return lacks_error ? fmt::format("{}: {}", cause, std::strerror(error)) : cause;
 }
 
 void pass_on(const std::string &said)
@@ -122,7 +123,7 @@ void pass_on(const std::string &said)
     std::istringstream lines(said);
     for (std::string line; std::getline(lines, line);)
         if (!line.empty())
-            print_error_line("library: " + line);
+            print_error_line("library: " + printable(line));
 }
 
 void fail(const std::string &what, const outcome &how, const std::string &hint)
@@ -139,10 +140,17 @@ unsigned long long parse_number(const std::string &name, const std::string &text
     unsigned long long value = 0;
     const auto [end, error] = std::from_chars(first, last, value, is_hex ? 16 : 10);
     if (error == std::errc::invalid_argument || end != last)
-        throw usage_error(name + " '" + text + "' is no number; write 26 or 0x1a");
+        throw usage_error(fmt::format("{} '{}' is no number; write 26 or 0x1a", name, text));
     if (error == std::errc::result_out_of_range || value > max)
-        throw usage_error(name + " " + text + " is too large; at most " + hex(max));
+        throw usage_error(fmt::format("{} {} is too large; at most {:#x}", name, text, max));
     return value;
+}
+
+std::string in_capitals(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    return text;
 }
 
 } // namespace devaccess

@@ -15,12 +15,13 @@ struct usage_error : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A command could not do its work: exit status 1.
+// A command could not do its work: exit status 1. "cannot WHAT: WHY", and a hint for what to do.
 struct failure : std::runtime_error {
-    // "cannot WHAT: WHY; HINT"
+    // Where a right is missing, the hint is which.
     failure(const std::string &what, const std::string &why, const std::string &hint,
             int errno_value = 0);
 
+    std::string hint;
     int error; // errno of the failing call, 0 when there is none
 };
 
@@ -44,11 +45,9 @@ struct outcome {
     int error = 0;
     std::string said;
 
-    // The first error that the library printed, or else its last line, and errno's text.
+    // The first error that the library printed, or else its last line, and errno's text where the
+    // line lacks it.
     std::string why() const;
-
-    // With a reason, when neither the library nor errno gives one.
-    outcome or_else(const std::string &reason) const;
 };
 
 template <typename T>
@@ -58,6 +57,7 @@ struct answer : outcome {
 
 void pass_on(const std::string &said);
 
+// Makes a call whose interface promises errno.
 template <typename Call>
 auto ask(Call call)
 {
@@ -74,7 +74,36 @@ auto ask(Call call)
     return answered;
 }
 
+// Makes a call of the logs, after which errno may be that of any step.
+template <typename Call>
+auto ask_log(Call call)
+{
+    auto answered = ask(std::move(call));
+    answered.error = 0;
+    return answered;
+}
+
 [[noreturn]] void fail(const std::string &what, const outcome &how, const std::string &hint);
+
+// Something that is open; closed at the end of its use.
+template <typename Close>
+class opened
+{
+public:
+    explicit opened(Close close) : close_(std::move(close)) {}
+    ~opened()
+    {
+        ask([this] {
+            close_();
+            return 0;
+        });
+    }
+    opened(const opened &) = delete;
+    opened &operator=(const opened &) = delete;
+
+private:
+    Close close_;
+};
 
 // A number in decimal or, behind "0x", hexadecimal, at most max.
 unsigned long long parse_number(const std::string &name, const std::string &text,
@@ -85,5 +114,8 @@ constexpr unsigned long long highest(unsigned bits)
 {
     return ~0ull >> (64 - bits);
 }
+
+// Upper case, as the names of cards and slots are.
+std::string in_capitals(std::string text);
 
 } // namespace devaccess

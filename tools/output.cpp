@@ -1,18 +1,18 @@
 #include "output.h"
 
 #include <algorithm>
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
+#include <fmt/chrono.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace devaccess
 {
 
-output_settings settings;
+program_settings settings;
 
 namespace
 {
@@ -26,15 +26,6 @@ std::string text_of(const json &value)
     return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
-std::string iso8601(time_t seconds)
-{
-    struct tm parts = {};
-    char text[64] = "";
-    if (::gmtime_r(&seconds, &parts))
-        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
-
 bool in_colour(int descriptor)
 {
     return ::isatty(descriptor) && !std::getenv("NO_COLOR");
@@ -42,24 +33,26 @@ bool in_colour(int descriptor)
 
 std::string heading(std::string name)
 {
-    for (char &c : name)
-        c = c == '_' ? ' ' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return name;
+    std::replace(name.begin(), name.end(), '_', ' ');
+    return in_capitals(name);
 }
 
 using cells = std::vector<std::string>;
 
+// Characters, not bytes.
+size_t width_of(const std::string &text)
+{
+    return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;
+    }));
+}
+
 std::string aligned(const cells &row, const std::vector<size_t> &widths)
 {
     std::string line;
-    for (size_t column = 0; column < row.size(); ++column) {
-        if (column > 0)
-            line += "  ";
-        line += row[column];
-        if (column + 1 < row.size())
-            line.append(widths[column] - row[column].size(), ' ');
-    }
-    return line;
+    for (size_t column = 0; column + 1 < row.size(); ++column)
+        line += row[column] + std::string(widths[column] - width_of(row[column]) + 2, ' ');
+    return row.empty() ? line : line + row.back();
 }
 
 std::vector<size_t> column_widths(const std::vector<cells> &lines)
@@ -67,13 +60,44 @@ std::vector<size_t> column_widths(const std::vector<cells> &lines)
     std::vector<size_t> widths(lines.front().size());
     for (const cells &line : lines)
         for (size_t column = 0; column < widths.size(); ++column)
-            widths[column] = std::max(widths[column], line[column].size());
+            widths[column] = std::max(widths[column], width_of(line[column]));
     return widths;
 }
 
-std::string serialized(const json &value, int indent)
+std::string serialized(const record &what, int indent)
 {
-    return value.dump(indent, ' ', false, json::error_handler_t::replace);
+    json object = {{"format", json_format}};
+    object.update(what.as_json());
+    return object.dump(indent, ' ', false, json::error_handler_t::replace);
+}
+
+// The bytes of the UTF-8 character that the text begins with; 0 when that is none, or a control
+// character, or one that is invisible or turns the direction of writing.
+size_t printable_character(const std::string &text, size_t at)
+{
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[at + i]); };
+    const size_t size = byte(0) < 0x80   ? 1
+                        : byte(0) < 0xc2 ? 0
+                        : byte(0) < 0xe0 ? 2
+                        : byte(0) < 0xf0 ? 3
+                        : byte(0) < 0xf5 ? 4
+                                         : 0;
+    if (size == 0 || at + size > text.size())
+        return 0;
+    uint32_t code = size == 1 ? byte(0) : byte(0) & (0xffu >> (size + 1));
+    for (size_t i = 1; i < size; ++i) {
+        if ((byte(i) & 0xc0) != 0x80)
+            return 0;
+        code = code << 6 | (byte(i) & 0x3fu);
+    }
+    constexpr uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    constexpr std::pair<uint32_t, uint32_t> refused[] = {
+        {0, 0x1f},        {0x7f, 0x9f},     {0x200b, 0x200f}, {0x2028, 0x202e}, {0x2060, 0x206f},
+        {0xd800, 0xf8ff}, {0xfe00, 0xfe0f}, {0xfeff, 0xfeff}, {0xfff0, 0xffff}, {0xe0000, ~0u}};
+    const bool bad = std::any_of(std::begin(refused), std::end(refused), [&](const auto &range) {
+        return code >= range.first && code <= range.second;
+    });
+    return bad || code < smallest[size] ? 0 : size;
 }
 
 } // namespace
@@ -99,24 +123,22 @@ void print_table(const record_set &set)
 
 std::string hex(uint64_t value, int digits)
 {
-    char text[32];
-    std::snprintf(text, sizeof text, "0x%0*llx", digits, static_cast<unsigned long long>(value));
-    return text;
+    return fmt::format("0x{:0{}x}", value, digits);
 }
 
 std::string printable(const std::string &bytes)
 {
-    std::string text;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte == 0)
-            break;
-        if (byte >= 0x20 && byte < 0x7f)
-            text += c;
+    const std::string text = bytes.substr(0, bytes.find('\0'));
+    std::string shown;
+    for (size_t at = 0; at < text.size();) {
+        const size_t size = printable_character(text, at);
+        if (size == 0)
+            shown += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[at]));
         else
-            (text += "\\x") += hex(byte, 2).substr(2);
+            shown += text[at] == '\\' ? "\\\\" : text.substr(at, size);
+        at += std::max<size_t>(size, 1);
     }
-    return text;
+    return shown;
 }
 
 record &record::add(const std::string &name, const json &value)
@@ -135,16 +157,27 @@ record &record::add_hex(const std::string &name, uint64_t value, int digits)
     return add(name, value, hex(value, digits));
 }
 
+record &record::add_hidden(const std::string &name, const json &value)
+{
+    fields_.push_back({name, value, "", false});
+    return *this;
+}
+
 record &record::add_time(const std::string &name, time_t seconds)
 {
-    add(name, iso8601(seconds));
-    fields_.push_back({name + "_raw", static_cast<int64_t>(seconds), "", false});
-    return *this;
+    add(name, fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(seconds)));
+    return add_hidden(name + "_raw", static_cast<int64_t>(seconds));
 }
 
 record &record::add(record_set set)
 {
     sets_.push_back(std::move(set));
+    return *this;
+}
+
+record &record::append(const record &other)
+{
+    fields_.insert(fields_.end(), other.fields_.begin(), other.fields_.end());
     return *this;
 }
 
@@ -186,7 +219,7 @@ void record::print_as_text() const
 void print(const record &what)
 {
     if (settings.as_json)
-        std::cout << serialized(what.as_json(), 2) << '\n';
+        std::cout << serialized(what, 2) << '\n';
     else
         what.print_as_text();
 }
@@ -196,10 +229,16 @@ void print(record_set set)
     print(record().add(std::move(set)));
 }
 
+void print_done(const record &what)
+{
+    if (settings.as_json)
+        print(what);
+}
+
 void print_line(const record &what)
 {
     if (settings.as_json) {
-        std::cout << serialized(what.as_json(), -1) << '\n';
+        std::cout << serialized(what, -1) << '\n';
     } else {
         const cells values = what.texts(&record::field::text);
         std::cout << aligned(values, column_widths({values})) << '\n';
@@ -210,14 +249,38 @@ void print_line(const record &what)
 void finish_output()
 {
     if (!std::cout.flush())
-        throw std::runtime_error("cannot write standard output");
+        throw failure("write standard output", "what it leads to takes no more",
+                      "is a disk full, or the output closed?");
 }
 
 void print_error_line(const std::string &text)
 {
     const bool red = in_colour(STDERR_FILENO);
-    std::cerr << (red ? "\033[31m" : "") << "devaccess:" << (red ? "\033[0m" : "") << ' '
-              << printable(text) << '\n';
+    std::cerr << (red ? "\033[31m" : "") << "devaccess:" << (red ? "\033[0m" : "") << ' ' << text
+              << '\n';
+}
+
+void note(const std::string &text)
+{
+    if (!settings.as_json)
+        print_error_line(printable(text));
+}
+
+void print_failure(const std::string &command, const std::string &message, const std::string &hint,
+                   int error)
+{
+    const std::string text = printable(message);
+    const std::string advice = printable(hint);
+    if (settings.as_json)
+        std::cerr << serialized(record()
+                                    .add("message", text)
+                                    .add("command", command)
+                                    .add("errno", error ? json(error) : json())
+                                    .add("hint", advice),
+                                -1)
+                  << '\n';
+    else
+        print_error_line(advice.empty() ? text : text + "; " + advice);
 }
 
 } // namespace devaccess

@@ -1,11 +1,14 @@
 // What devaccess prints: records as tables for people or as JSON for programs, and failures as one
-// line on standard error.
+// line, or one object, on standard error.
 #pragma once
+
+#include "library.h"
 
 #include <nlohmann/json.hpp>
 
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,17 +17,29 @@ namespace devaccess
 
 using json = nlohmann::ordered_json;
 
-struct output_settings {
+// Of all JSON objects, in their member "format"; devaccess.schema.json describes them.
+inline constexpr int json_format = 1;
+
+// What the command line says to every command.
+struct program_settings {
     bool as_json = false;
     bool verbose = false;
+    std::string chassis; // "n20", "n10", "n4"; empty: not said
+    bool is_rp2 = false;
 };
-extern output_settings settings;
+extern program_settings settings;
 
 std::string hex(uint64_t value, int digits = 1);
 
-// The bytes up to the first NUL, with those that are no printable ASCII as "\xNN": what comes from
-// a device cannot steer a terminal or break a line.
+// The bytes up to the first NUL: printable UTF-8 as it is, but a backslash twice; every other byte
+// as "\xNN". What comes from a device cannot steer a terminal, break a line or look like an escape.
 std::string printable(const std::string &bytes);
+
+template <typename T>
+json if_any(const std::optional<T> &value)
+{
+    return value ? json(*value) : json();
+}
 
 class record;
 
@@ -41,9 +56,13 @@ public:
     record &add(const std::string &name, const json &value);
     record &add(const std::string &name, const json &value, const std::string &text);
     record &add_hex(const std::string &name, uint64_t value, int digits);
+    // For programs alone.
+    record &add_hidden(const std::string &name, const json &value);
     // In ISO 8601, and in JSON the seconds as NAME_raw too.
     record &add_time(const std::string &name, time_t seconds);
     record &add(record_set set);
+    // The fields of another.
+    record &append(const record &other);
 
     json as_json() const;
     void print_as_text() const;
@@ -66,6 +85,9 @@ private:
 void print(const record &what);
 void print(record_set set);
 
+// What a command has written: programs are told, people see nothing.
+void print_done(const record &what);
+
 // One line per record, printed at once: a JSON object, or its texts. Fails when the output is lost.
 void print_line(const record &what);
 
@@ -73,5 +95,12 @@ void print_line(const record &what);
 void finish_output();
 
 void print_error_line(const std::string &text);
+
+// A remark for people, on standard error.
+void note(const std::string &text);
+
+// The failure of a command ("devaccess pci read").
+void print_failure(const std::string &command, const std::string &message, const std::string &hint,
+                   int error);
 
 } // namespace devaccess

@@ -1,19 +1,19 @@
-#include "commands.h"
+#include "command.h"
 #include "library.h"
 #include "output.h"
+#include "pci_device.h"
 
 #include <device_access/pci_config.h>
 #include <device_access/pci_sysfs.h>
 #include <device_access/qel_pci_hotswap.h>
 
-#include "pci_device.h"
-
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
+#include <filesystem>
 #include <optional>
 #include <set>
+
+#include <fmt/format.h>
 
 namespace devaccess
 {
@@ -114,14 +114,11 @@ class config_space
 public:
     explicit config_space(const sysfs_pci_identity_t &device) : device_(device.str)
     {
-        const auto opened = ask([&] { return pci_config_open(&device); });
-        if (!opened.result)
-            fail("open the configuration space of " + device_, opened, list_hint);
-        handle_ = opened.result;
+        const auto found = ask([&] { return pci_config_open(&device); });
+        if (!found.result)
+            fail("open the configuration space of " + device_, found, list_hint);
+        handle_.reset(found.result);
     }
-    ~config_space() { pci_config_close(handle_); }
-    config_space(const config_space &) = delete;
-    config_space &operator=(const config_space &) = delete;
 
     // Nothing when the register cannot be read; errno is then ENODATA when it lies beyond the end.
     std::optional<uint32_t> try_read(uint32_t offset, unsigned width) const
@@ -130,7 +127,7 @@ public:
                           : width == 16 ? pci_config_read16
                                         : pci_config_read32;
         errno = ENODATA;
-        const uint32_t value = read(offset, handle_);
+        const uint32_t value = read(offset, handle_.get());
         return errno == 0 ? std::optional(value) : std::nullopt;
     }
 
@@ -145,10 +142,11 @@ public:
     void write(uint32_t offset, unsigned width, uint32_t value) const
     {
         errno = ENODATA;
+        void *handle = handle_.get();
         const int result =
-            width == 8    ? pci_config_write8(static_cast<uint8_t>(value), offset, handle_)
-            : width == 16 ? pci_config_write16(static_cast<uint16_t>(value), offset, handle_)
-                          : pci_config_write32(value, offset, handle_);
+            width == 8    ? pci_config_write8(static_cast<uint8_t>(value), offset, handle)
+            : width == 16 ? pci_config_write16(static_cast<uint16_t>(value), offset, handle)
+                          : pci_config_write32(value, offset, handle);
         if (result != 0)
             fail_on("write", offset, width);
     }
@@ -157,16 +155,16 @@ private:
     [[noreturn]] void fail_on(const char *verb, uint32_t offset, unsigned width) const
     {
         const int error = errno;
-        const std::string what = std::string(verb) + " register " + hex(offset) + " of " + device_;
+        const std::string what = fmt::format("{} register {:#x} of {}", verb, offset, device_);
         if (error == ENODATA)
             throw failure(what, "it lies beyond the end of the configuration space", root_hint);
         throw failure(what, std::strerror(error),
-                      "offsets are multiples of the width, " + std::to_string(width / 8) +
-                          " bytes here");
+                      fmt::format("offsets are multiples of the width, {} bytes here", width / 8),
+                      error);
     }
 
     std::string device_;
-    void *handle_ = nullptr;
+    std::unique_ptr<void, decltype(&pci_config_close)> handle_ = {nullptr, pci_config_close};
 };
 
 uint32_t offset_of(const pci_arguments &arguments)
@@ -174,24 +172,31 @@ uint32_t offset_of(const pci_arguments &arguments)
     return static_cast<uint32_t>(parse_number("the offset", arguments.offset, UINT32_MAX));
 }
 
+record register_record(const sysfs_pci_identity_t &device, const pci_arguments &arguments,
+                       uint32_t value)
+{
+    return record()
+        .add("id", device.str)
+        .add_hex("offset", offset_of(arguments), 2)
+        .add("width", arguments.width)
+        .add_hex("value", value, static_cast<int>(arguments.width / 4));
+}
+
 void read(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const uint32_t offset = offset_of(arguments);
-    const uint32_t value = config_space(device).read(offset, arguments.width);
-    print(record()
-              .add("id", device.str)
-              .add_hex("offset", offset, 2)
-              .add("width", arguments.width)
-              .add_hex("value", value, static_cast<int>(arguments.width / 4)));
+    print(register_record(device, arguments, config_space(device).read(offset, arguments.width)));
 }
 
 void write(const pci_arguments &arguments)
 {
+    const sysfs_pci_identity_t device = pci_device(arguments.id);
     const uint32_t offset = offset_of(arguments);
-    const auto value = parse_number("the value", arguments.value, highest(arguments.width));
-    config_space(pci_device(arguments.id))
-        .write(offset, arguments.width, static_cast<uint32_t>(value));
+    const auto value =
+        static_cast<uint32_t>(parse_number("the value", arguments.value, highest(arguments.width)));
+    config_space(device).write(offset, arguments.width, value);
+    print_done(register_record(device, arguments, value));
 }
 
 //--- capabilities ---------------------------------------------------------------------------------
@@ -346,9 +351,28 @@ void link_wait(const pci_arguments &arguments)
     if (waited.result > 0)
         throw failure(what, pcie_config_link_strerror(waited.result),
                       "is there a card behind the port, with power?");
+    if (waited.result < 0 && waited.error == ENOENT &&
+        sysfs_pci_access("vendor", R_OK, &device) == 0)
+        throw failure(what, "it has no PCI Express capability",
+                      "ports of PCI Express have one; 'devaccess pci caps' shows what it has",
+                      ENOENT);
     if (waited.result < 0)
-        fail(what, waited, "it must be a PCI Express port; see 'devaccess pci caps'");
+        fail(what, waited, list_hint);
     print(record().add("id", device.str).add("link", "up"));
+}
+
+// Of a bridge that cannot be switched.
+[[noreturn]] void fail_on_bridge(const std::string &what, const sysfs_pci_identity_t &device,
+                                 const outcome &how)
+{
+    if (how.error == ENODEV)
+        throw failure(what, "no device appeared behind it in half a second",
+                      "is a card in that slot, and has it power?", ENODEV);
+    if (how.error == ENOENT && sysfs_pci_access("vendor", R_OK, &device) == 0)
+        throw failure(what, "it has no attribute 'bridge_enable'",
+                      "hot-swap bridges have one once the module qel_pci_hotswap is loaded",
+                      ENOENT);
+    fail(what, how, list_hint);
 }
 
 void bridge_enable(const pci_arguments &arguments)
@@ -356,81 +380,85 @@ void bridge_enable(const pci_arguments &arguments)
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const auto appeared = ask([&] { return qel_pci_hotswap_bridge_enable(&device); });
     if (!appeared.result)
-        fail("enable the bridge " + arguments.id, appeared,
-             "see 'devaccess pci bridge usable'; is there a card behind it?");
+        fail_on_bridge("enable the bridge " + arguments.id, device, appeared);
     print_devices(device_list(appeared.result, std::free));
 }
-
-constexpr char usable_hint[] =
-    "bridges have a writable 'bridge_enable' once the module qel_pci_hotswap is loaded";
 
 void bridge_disable(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const auto stored = ask([&] { return qel_pci_hotswap_bridge_disable(&device); });
     if (stored.result != 0)
-        fail("disable the bridge " + arguments.id, stored, usable_hint);
+        fail_on_bridge("disable the bridge " + arguments.id, device, stored);
+    print_done(record().add("id", device.str));
 }
 
 void bridge_usable(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const auto usable = ask([&] { return qel_pci_hotswap_bridge_usable(&device); });
+    print(record().add("id", device.str).add("usable", usable.result == 0));
     if (usable.result != 0)
-        fail("use the bridge " + arguments.id, usable, usable_hint);
-    print(record().add("id", device.str).add("usable", true));
+        fail_on_bridge("use the bridge " + arguments.id, device, usable);
 }
 
 //--- command line ---------------------------------------------------------------------------------
 
-using arguments_ptr = std::shared_ptr<pci_arguments>;
-
-CLI::App *add_device_command(CLI::App &family, const std::string &name,
-                             const std::string &description, const arguments_ptr &arguments,
-                             void (*action)(const pci_arguments &))
+class pci_family : public command_family<pci_arguments>
 {
-    CLI::App *command = add_command(family, name, description, arguments, action);
-    command->add_option("ID", arguments->id, "PCI function, e.g. 0000:03:00.0")->required();
-    return command;
-}
+public:
+    using command_family::command_family;
 
-CLI::App *add_register_command(CLI::App &family, const std::string &name,
-                               const std::string &description, const arguments_ptr &arguments,
-                               void (*action)(const pci_arguments &))
-{
-    CLI::App *command = add_device_command(family, name, description, arguments, action);
-    command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
-    command->add_option("--width", arguments->width, "of the register, in bits")
-        ->check(CLI::IsMember({"8", "16", "32"}))
-        ->capture_default_str();
-    return command;
-}
+    CLI::App *add_for_device(const std::string &name, const std::string &description, action act)
+    {
+        CLI::App *command = add(name, description, act);
+        offer(command->add_option("ID", arguments->id, "PCI function, e.g. 0000:03:00.0"),
+              device_names)
+            ->required();
+        return command;
+    }
+
+    CLI::App *add_for_register(const std::string &name, const std::string &description, action act)
+    {
+        CLI::App *command = add_for_device(name, description, act);
+        command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
+        one_of(command->add_option("--width", arguments->width, "of the register, in bits"),
+               {"8", "16", "32"})
+            ->capture_default_str();
+        return command;
+    }
+
+private:
+    static std::vector<std::string> device_names(const given_options &)
+    {
+        std::vector<std::string> names;
+        std::error_code none;
+        for (const auto &entry : std::filesystem::directory_iterator("/sys/bus/pci/devices", none))
+            names.push_back(entry.path().filename().string());
+        return names;
+    }
+};
 
 } // namespace
 
 void add_pci_commands(CLI::App &program)
 {
-    const auto arguments = std::make_shared<pci_arguments>();
-    CLI::App &pci = *program.add_subcommand("pci", "PCI functions, through sysfs");
-    pci.require_subcommand(1);
-    add_command(pci, "list", "all functions", arguments, list);
-    add_device_command(pci, "show", "a function's ids and resources", arguments, show);
-    add_register_command(pci, "read", "a configuration register", arguments, read);
-    add_register_command(pci, "write", "a configuration register", arguments, write)
-        ->add_option("VALUE", arguments->value, "to write")
+    pci_family pci(program, "pci", "PCI functions, through sysfs");
+    pci.add("list", "List all functions", list);
+    pci.add_for_device("show", "Show a function's ids and resources", show);
+    pci.add_for_register("read", "Read a configuration register", read);
+    pci.add_for_register("write", "Write a configuration register", write)
+        ->add_option("VALUE", pci.arguments->value, "to write")
         ->required();
-    add_device_command(pci, "caps", "the capability lists", arguments, caps);
-    add_device_command(pci, "link-wait", "wait half a second for a port's link to be up", arguments,
-                       link_wait);
-    add_device_command(pci, "children", "the functions behind a bridge", arguments, children);
-    CLI::App &bridge = *pci.add_subcommand("bridge", "hot-swap bridges");
-    bridge.require_subcommand(1);
-    add_device_command(bridge, "enable", "and list the functions that appear behind it", arguments,
-                       bridge_enable);
-    add_device_command(bridge, "disable", "what is behind it leaves the bus", arguments,
-                       bridge_disable);
-    add_device_command(bridge, "usable", "whether it can be enabled and disabled", arguments,
-                       bridge_usable);
+    pci.add_for_device("caps", "Show the capability lists", caps);
+    pci.add_for_device("link-wait", "Wait half a second for a port's link to be up", link_wait);
+    pci.add_for_device("children", "List the functions behind a bridge", children);
+    pci_family bridge(pci.app, "bridge", "Hot-swap bridges", pci.arguments);
+    bridge.add_for_device("enable", "Enable it, and list the functions that appear behind it",
+                          bridge_enable);
+    bridge.add_for_device("disable", "Disable it: what is behind it leaves the bus",
+                          bridge_disable);
+    bridge.add_for_device("usable", "Tell whether it can be enabled and disabled", bridge_usable);
 }
 
 } // namespace devaccess

@@ -2,40 +2,34 @@
 
 #include "library.h"
 
-#include <cctype>
-#include <cstring>
+#include <regex>
+
+#include <fmt/format.h>
 
 namespace devaccess
 {
 namespace
 {
 
-// In the pattern, h stands for a hexadecimal digit and o for an octal one.
-bool matches(const std::string &text, const char *pattern)
+// "dddd:", which may be missing, "bb:ss.f"; numbers may be shorter.
+const std::regex form("(?:([0-9a-f]{1,4}):)?([0-9a-f]{1,2}):([01]?[0-9a-f])\\.([0-7])",
+                      std::regex::icase);
+
+unsigned number_in(const std::string &digits)
 {
-    if (text.size() != std::strlen(pattern))
-        return false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        const bool good = pattern[i] == 'h'   ? std::isxdigit(c) != 0
-                          : pattern[i] == 'o' ? c >= '0' && c <= '7'
-                                              : c == pattern[i];
-        if (!good)
-            return false;
-    }
-    return true;
+    return digits.empty() ? 0 : static_cast<unsigned>(std::stoul(digits, nullptr, 16));
 }
 
 } // namespace
 
 sysfs_pci_identity_t pci_device(const std::string &text)
 {
-    std::string name = matches(text, "hh:hh.o") ? std::string("0000:").append(text) : text;
-    if (!matches(name, "hhhh:hh:hh.o"))
+    std::smatch parts;
+    if (!std::regex_match(text, parts, form))
         throw usage_error("'" + text + "' names no PCI function; write 0000:03:00.0 or 03:00.0");
     sysfs_pci_identity_t device = {};
-    for (size_t i = 0; i < name.size(); ++i)
-        device.str[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
+    fmt::format_to_n(device.str, sizeof device.str - 1, "{:04x}:{:02x}:{:02x}.{}",
+                     number_in(parts[1]), number_in(parts[2]), number_in(parts[3]), parts[4].str());
     return device;
 }
 

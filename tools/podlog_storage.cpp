@@ -1,8 +1,9 @@
 #include "podlog_storage.h"
 
+#include "chassis.h"
+#include "files.h"
 #include "output.h"
 
-#include <device_access/pod_log_eeprom.h>
 #include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
 
@@ -10,7 +11,7 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace devaccess
@@ -18,179 +19,239 @@ namespace devaccess
 namespace
 {
 
-// What the three kinds of storage have in common, by pod_storage_type_t.
-struct backend {
-    const char *name;
-    int (*open_dir)(int);
-    int (*read_dir)(int, int, time_t *);
-    int (*open_log)(int, int);
-    int (*read_log)(int, int, time_t *, char *, uint32_t);
-    int (*read_raw_log)(int, int, uint8_t *);
-    void (*close)(int);
-};
+constexpr char nvram_path[] = "/dev/nvlog-pod";
 
-constexpr backend backends[] = {
-    {"nvram", podlog_nvram_open_dir, podlog_nvram_read_dir, podlog_nvram_open_log,
-     podlog_nvram_read_log, nullptr, podlog_nvram_close},
-    {"file", podlog_file_open_dir, podlog_file_read_dir, podlog_file_open_log, podlog_file_read_log,
-     podlog_file_read_raw_log, podlog_file_close},
-    {"eeprom", podlog_eeprom_open_dir, podlog_eeprom_read_dir, podlog_eeprom_open_log,
-     podlog_eeprom_read_log, podlog_eeprom_read_raw_log, podlog_eeprom_close},
-};
-
-constexpr int no_more = -2;
-constexpr size_t largest_entry = 4096;
-
-// Closes a storage at the end of its use; one that a failing call has closed already is no error.
-class closing
+// By the ids of the files of the library.
+std::string file_name(int id)
 {
-public:
-    closing(const backend &kind, int id) : kind_(kind), id_(id) {}
-    ~closing()
-    {
-        ask([this] {
-            kind_.close(id_);
-            return 0;
-        });
-    }
-    closing(const closing &) = delete;
-    closing &operator=(const closing &) = delete;
-
-private:
-    const backend &kind_;
-    int id_;
-};
-
-//--- an EEPROM in a file --------------------------------------------------------------------------
-
-int eeprom_file = -1;
-constexpr off_t eeprom_size = 8192;
-constexpr off_t reach_beyond = 64; // accesses a little beyond the end are in order
-
-bool reaches(uint32_t offset, uint32_t num_byte)
-{
-    return static_cast<off_t>(offset) + static_cast<off_t>(num_byte) <= eeprom_size + reach_beyond;
+    constexpr const char *names[] = {"alsw1", "alsw2", "sw1",  "sw2",  "sw3",      "sw4",
+                                     "ft1",   "ft2",   "pem1", "pem2", "pem3",     "pem4",
+                                     "pem5",  "pem6",  "pem7", "pem8", "rpsw_mate"};
+    if (id < 0 || id >= static_cast<int>(std::size(names)))
+        throw failure(fmt::format("find POD file {}", id), "the library has none of that number",
+                      "a card of the chassis has one: --chassis says which chassis this is");
+    return fmt::format("pod_{}.hex", names[id]);
 }
 
-int read_eeprom(uint32_t offset, uint8_t *buffer, uint32_t num_byte)
+std::string place_of(const podlog_arguments &arguments, const pod_card &card)
 {
-    if (!reaches(offset, num_byte))
-        return -1;
-    std::memset(buffer, 0, num_byte);
-    const ssize_t n = ::pread(eeprom_file, buffer, num_byte, static_cast<off_t>(offset));
-    return n < 0 ? -1 : static_cast<int>(num_byte);
+    if (!arguments.eeprom.empty())
+        return arguments.eeprom;
+    if (card.storage == PODSTORAGE_NVRAM)
+        return arguments.nvram.empty() ? nvram_path : arguments.nvram;
+    const std::string directory =
+        arguments.pod_directory.empty() ? "/var/pod" : arguments.pod_directory;
+    return directory + "/" + file_name(card.storage_id);
 }
 
-int write_eeprom(uint32_t offset, uint8_t *buffer, uint32_t num_byte)
+int open_nvram(bool writable)
 {
-    if (!reaches(offset, num_byte))
-        return -1;
-    return static_cast<int>(::pwrite(eeprom_file, buffer, num_byte, static_cast<off_t>(offset)));
+    int descriptor = -1;
+    const auto found =
+        ask([&] { return podlog_nvram_open_dev_file(0, &descriptor, writable ? 0 : 1); });
+    if (found.result == 1)
+        return descriptor;
+    const std::string what = fmt::format("open {}", nvram_path);
+    if (found.said.empty())
+        throw failure(what, "another program has it open", "try again when that is done", EBUSY);
+    fail(what, found, "is the module of the NVRAM loaded? /sys/class/zmt_nvram shows its blocks");
 }
 
 } // namespace
 
-void bind_eeprom_file(int eeprom, const std::string &path, bool writable)
+std::string podlog_command(const podlog_arguments &arguments, const std::string &words)
 {
-    const int flags = writable ? O_RDWR | O_CREAT : O_RDONLY;
-    eeprom_file = ::open(path.c_str(), flags | O_CLOEXEC, 0666);
-    if (eeprom_file < 0)
-        throw failure("open " + path, std::strerror(errno),
-                      "'devaccess podlog copy' makes a file that holds an EEPROM");
-    podlog_bind_eeprom_access_func(eeprom, read_eeprom, write_eeprom);
+    std::string line = "devaccess podlog " + words;
+    const auto add = [&](const char *option, const std::string &value) {
+        if (!value.empty())
+            line += fmt::format(" {} {}", option, value);
+    };
+    add("--eeprom", arguments.eeprom);
+    add("--nvram", arguments.nvram);
+    add("--pod-dir", arguments.pod_directory);
+    add("--chassis", settings.chassis);
+    return fmt::format("'{}{}'", line, settings.is_rp2 ? " --rp2" : "");
 }
 
-//--- logs -----------------------------------------------------------------------------------------
-
-const char *storage_name(pod_storage_type_t type)
+std::vector<pod_card> cards_for_reading()
 {
-    return backends[type].name;
+    const std::string chassis = chassis_type();
+    if (chassis.empty())
+        note(fmt::format("without --chassis or {}, cards are those of the library's built-in table",
+                         chassis_variable));
+    return configure_cards(chassis, settings.is_rp2);
 }
 
-std::vector<log_history> pod_storage::histories() const
+std::vector<pod_card> cards_for_writing()
 {
-    const backend &kind = backends[type_];
-    const std::string what = "read the POD log of " + owner_;
-    auto reply = ask([&] { return kind.open_dir(id_); });
-    if (reply.result == -1)
-        fail(what, reply, log_hint);
-    std::vector<log_history> found;
-    if (reply.result == no_more)
-        return found;
-    const closing at_the_end(kind, id_);
-    while (reply.result >= 0) {
-        log_history history = {reply.result, 0};
-        reply = ask([&] { return kind.read_dir(id_, history.number, &history.time); });
-        if (reply.result == -1)
-            fail(what, reply, log_hint);
-        found.push_back(history);
-    }
-    return found;
+    const std::string chassis = chassis_type();
+    if (chassis.empty())
+        throw usage_error(fmt::format(
+            "to write, the chassis type is needed: --chassis n20, n10 or n4, or the variable {}",
+            chassis_variable));
+    return configure_cards(chassis, settings.is_rp2);
 }
 
-// Visits the entries of a history; read_one reads the one at a position and returns the next one's.
-// Returns how it failed, if it did.
-std::optional<outcome> pod_storage::walk(int history,
-                                         const std::function<int(int position)> &read_one) const
+pod_card card_of(const podlog_arguments &arguments, const std::vector<pod_card> &cards)
 {
-    const backend &kind = backends[type_];
-    auto reply = ask([&] { return kind.open_log(id_, history); });
-    if (reply.result < 0)
-        fail("read history " + std::to_string(history) + " of " + owner_,
-             reply.or_else("it holds no good entry"),
-             "'devaccess podlog list " + owner_ + "' shows the histories");
-    const closing at_the_end(kind, id_);
-    while (reply.result > 0) {
-        const int position = reply.result;
-        reply = ask([&] { return read_one(position); });
-    }
-    if (reply.result == no_more)
-        return std::nullopt;
-    return reply.or_else("an entry is not valid");
-}
-
-log_contents pod_storage::read(int history) const
-{
-    log_contents contents;
-    const auto broken = walk(history, [&](int position) {
-        char message[largest_entry] = "";
-        log_entry entry = {};
-        const int next =
-            backends[type_].read_log(id_, position, &entry.time, message, sizeof message);
-        entry.message = printable(std::string(message, sizeof message));
-        if (next != -1)
-            contents.entries.push_back(entry);
-        return next;
+    const auto found = std::find_if(cards.begin(), cards.end(), [&](const pod_card &card) {
+        return card.name == in_capitals(arguments.card);
     });
-    if (broken)
-        contents.broken.emplace("read all of history " + std::to_string(history) + " of " + owner_,
-                                broken->why(), "what is shown is good", broken->error);
-    return contents;
+    if (found == cards.end())
+        throw failure("find the card " + arguments.card, "this chassis has none of that name",
+                      podlog_command(arguments, "cards") + " shows the cards");
+    return *found;
 }
 
-int pod_storage::copy(int history, int eeprom) const
+std::string table_name()
 {
-    if (!backends[type_].read_raw_log)
-        throw failure("copy the log of " + owner_, "NVRAM entries cannot be copied as they are",
-                      "'devaccess podlog cards' shows what each card has");
-    const auto ready = ask([&] { return podlog_eeprom_init(eeprom, 0); });
+    const std::string chassis = chassis_type();
+    return chassis.empty() ? "built-in" : chassis;
+}
+
+int secondary_of(const pod_card &card)
+{
+    if (!card.secondary)
+        throw failure("use the EEPROM of " + card.name, "the card has no secondary storage",
+                      cards_hint);
+    return *card.secondary;
+}
+
+//--- a storage ------------------------------------------------------------------------------------
+
+log_storage::log_storage(const podlog_arguments &arguments, const pod_card &card)
+    : arguments_(&arguments), card_(card), path_(place_of(arguments, card))
+{
+    layout_ = !arguments.eeprom.empty()          ? &eeprom_layout
+              : card.storage == PODSTORAGE_NVRAM ? &nvram_layout
+                                                 : &file_layout;
+    if (layout_ == &eeprom_layout)
+        secondary_of(card);
+}
+
+int log_storage::open(bool writable) const
+{
+    if (is_device())
+        return open_nvram(writable);
+    const int descriptor = ::open(path_.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+    if (descriptor < 0)
+        throw failure("open " + path_, std::strerror(errno), way_out(std::nullopt), errno);
+    return descriptor;
+}
+
+std::optional<std::string> log_storage::bytes() const
+{
+    if (!is_device())
+        return read_file(path_);
+    const int descriptor = open(false);
+    const opened device([descriptor] { ::close(descriptor); });
+    return read_all(descriptor, path_);
+}
+
+void log_storage::rewrite(const std::function<std::string(const std::string &)> &change) const
+{
+    const int descriptor = open(true);
+    const opened storage([descriptor] { ::close(descriptor); });
+    const std::string before = read_all(descriptor, path_);
+    write_changes(descriptor, path_, before, change(before));
+}
+
+log_image log_storage::log() const
+{
+    const auto found = bytes();
+    const std::string what = "read the POD log of " + card_.name;
+    if (!found)
+        throw failure(what, fmt::format("{}: {}", path_, std::strerror(ENOENT)), way_out(found),
+                      ENOENT);
+    log_image image(*layout_, *found);
+    if (image.is_blank() || image.holds_nothing())
+        throw failure(what, path_ + (image.is_blank() ? " is blank" : " holds no POD log"),
+                      way_out(found));
+    return image;
+}
+
+std::string log_storage::command(const char *verb, const char *options) const
+{
+    return podlog_command(*arguments_, fmt::format("{} {}{}", verb, card_.name, options));
+}
+
+std::string log_storage::remedy(const std::optional<std::string> &bytes) const
+{
+    const bool is_eeprom = layout_ == &eeprom_layout;
+    const log_image image(*layout_, bytes.value_or(""));
+    if (!arguments_->nvram.empty() || !arguments_->pod_directory.empty())
+        return command("salvage") + " shows what can be read";
+    if (image.is_blank())
+        return command(is_eeprom ? "copy" : "prepare") + " makes a log of it";
+    if (image.holds_nothing())
+        return (is_eeprom ? command("copy", " --force") : command("prepare", " --yes")) +
+               " replaces what is there by a log";
+    if (image.is_good())
+        return "its records are good; is another program using it?";
+    return command("repair", " --yes") + " keeps what is good";
+}
+
+std::string log_storage::way_out(const std::optional<std::string> &bytes) const
+{
+    const log_image image(*layout_, bytes.value_or(""));
+    const bool is_clear = image.is_blank() || image.holds_nothing() || image.is_good();
+    return (is_clear ? "" : command("check") + " tells more, ") + remedy(bytes);
+}
+
+void log_storage::fail(const std::string &what, const outcome &how) const
+{
+    const auto found = bytes();
+    const log_image image(*layout_, found.value_or(""));
+    const auto wrong = image.wrong();
+    std::string why = how.said.empty() && !wrong.empty() ? "" : how.why();
+    if (found && !wrong.empty())
+        why += fmt::format("{}{}: {}", why.empty() ? "" : ": ", wrong.front().name(),
+                           wrong.front().problem);
+    throw failure(what, why, way_out(found));
+}
+
+//--- formatting -----------------------------------------------------------------------------------
+
+namespace
+{
+
+// Also where the library's opening refuses.
+void reset_nvram()
+{
+    podlog::nvram_dev_info_t &row = podlog::_nvram_dev_info[0];
+    row.fd = open_nvram(true);
+    const opened device([] { podlog_nvram_close(0); });
+    row.subblock_size = static_cast<int>(nvram_layout.stride);
+    ask_log([] { return podlog_nvram_reset(0); });
+}
+
+void reset_file(const log_storage &storage, const std::string &what)
+{
+    if (storage.bytes().value_or(std::string(file_layout.size, '\0')).size() < file_layout.size)
+        storage.rewrite([](std::string bytes) {
+            bytes.resize(file_layout.size);
+            return bytes;
+        });
+    const int id = storage.card().storage_id;
+    const auto ready = ask_log([id] { return podlog_file_init(id, 0); });
     if (ready.result != 1)
-        fail("open the EEPROM of " + owner_, ready, "is the file an EEPROM's contents?");
-    int copied = 0;
-    const auto broken = walk(history, [&](int position) {
-        uint8_t entry[largest_entry] = {};
-        const int next = backends[type_].read_raw_log(id_, position, entry);
-        if (next == -1 || podlog_eeprom_add_raw_log(eeprom, entry) == -1)
-            return -1;
-        ++copied;
-        return next;
-    });
-    const auto moved = ask([&] { return podlog_eeprom_use_nxt_log(eeprom); });
-    if (broken)
-        fail("copy the log of " + owner_, *broken, log_hint);
-    if (moved.result != 1)
-        fail("start the EEPROM's next history", moved, "is the file writable?");
-    return copied;
+        fail(what, ready, "is the disk full?");
+    const opened file([id] { podlog_file_close(id); });
+    ask_log([id] { return podlog_file_reset(id); });
+}
+
+} // namespace
+
+std::string reset_storage(const log_storage &storage, const std::string &what)
+{
+    if (storage.is_nvram())
+        reset_nvram();
+    else
+        reset_file(storage, what);
+    const log_image log(storage.layout(), storage.bytes().value_or(""));
+    if (log.missing() > 0)
+        return fmt::format("{} bytes of {} are missing", log.missing(), log.layout().size);
+    return log.is_good() ? "" : "what was written did not arrive";
 }
 
 } // namespace devaccess

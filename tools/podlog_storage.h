@@ -1,11 +1,10 @@
-// POD logs where they are kept, whatever the names of their cards.
+// Where the command line says that a log is kept, and its bytes there.
 #pragma once
 
 #include "library.h"
+#include "podlog_cards.h"
+#include "podlog_image.h"
 
-#include <device_access/pod_log.h>
-
-#include <ctime>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,55 +13,86 @@
 namespace devaccess
 {
 
-const char *storage_name(pod_storage_type_t type);
+struct podlog_arguments {
+    std::string nvram;         // a file instead of the machine's NVRAM
+    std::string pod_directory; // instead of /var/pod
+    std::string eeprom;        // a file with the card's EEPROM
+    std::string file;          // a saved storage
 
-struct log_history {
-    int number;
-    time_t time; // of its first entry
+    std::string card;
+    std::string history;
+    bool follow = false;
+    std::string level;
+    std::string diagnostic;
+    std::string result;
+    std::string text;
+    std::string value;
+    std::string target;
+    bool strict = false;
+    bool force = false;
+    bool all = false;
+    bool yes = false;
 };
 
-struct log_entry {
-    time_t time;
-    std::string message;
-};
+inline constexpr char cards_hint[] = "'devaccess podlog cards' shows the cards";
 
-struct log_contents {
-    std::vector<log_entry> entries;
-    std::optional<failure> broken; // why there are no more
-};
+// A command of this family as a hint, quoted, with the options that say where the logs are.
+std::string podlog_command(const podlog_arguments &arguments, const std::string &words);
 
-class pod_storage
+// The cards of the chassis. Commands that read use the library's built-in table when its type is
+// not said, and say so; those that write refuse.
+std::vector<pod_card> cards_for_reading();
+std::vector<pod_card> cards_for_writing();
+
+pod_card card_of(const podlog_arguments &arguments, const std::vector<pod_card> &cards);
+
+// The table in use: "n20", "n10", "n4" or "built-in".
+std::string table_name();
+
+int secondary_of(const pod_card &card);
+
+// The place of a card's log, or of its EEPROM's when a file holds that.
+class log_storage
 {
 public:
-    // owner: for messages, e.g. "RPSW1".
-    pod_storage(std::string owner, pod_storage_type_t type, int id)
-        : owner_(std::move(owner)), type_(type), id_(id)
-    {
-    }
+    log_storage(const podlog_arguments &arguments, const pod_card &card);
 
-    // Newest first; none when the log is empty.
-    std::vector<log_history> histories() const;
+    const pod_card &card() const { return card_; }
+    const std::string &path() const { return path_; }
+    const log_layout &layout() const { return *layout_; }
+    bool is_nvram() const { return layout_ == &nvram_layout; }
 
-    log_contents read(int history) const;
+    // Its bytes; nothing when the file is missing.
+    std::optional<std::string> bytes() const;
 
-    // Adds a history's entries, as they are, to an EEPROM and starts its next history. Returns
-    // their number.
-    int copy(int history, int eeprom) const;
+    // As a log; fails, with a hint, when there is none.
+    log_image log() const;
+
+    bool is_device() const { return is_nvram() && arguments_->nvram.empty(); }
+
+    // What is to be done about a storage that does not hold a good log: remedy, and, for those who
+    // do not know yet, where to learn what is wrong.
+    std::string remedy(const std::optional<std::string> &bytes) const;
+    std::string way_out(const std::optional<std::string> &bytes) const;
+
+    // A call of the library on it has failed. The library says nothing of a bad header; this does.
+    [[noreturn]] void fail(const std::string &what, const outcome &how) const;
+
+    // Hands the bytes to change, and writes what becomes of them; nobody else has it open
+    // meanwhile.
+    void rewrite(const std::function<std::string(const std::string &)> &change) const;
 
 private:
-    std::optional<outcome> walk(int history,
-                                const std::function<int(int position)> &read_one) const;
+    int open(bool writable) const;
+    std::string command(const char *verb, const char *options = "") const;
 
-    std::string owner_;
-    pod_storage_type_t type_;
-    int id_;
+    const podlog_arguments *arguments_;
+    pod_card card_;
+    const log_layout *layout_;
+    std::string path_;
 };
 
-// What a log that cannot be opened or read needs.
-inline constexpr char log_hint[] =
-    "'devaccess podlog check' looks at every storage, 'prepare' makes missing ones";
-
-// Lets a file hold an EEPROM's contents; to be written, it is made when it is missing.
-void bind_eeprom_file(int eeprom, const std::string &path, bool writable);
+// Formats the storage through the library. What it lacks afterwards; nothing when it is a good log.
+std::string reset_storage(const log_storage &storage, const std::string &what);
 
 } // namespace devaccess

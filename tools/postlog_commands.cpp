@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "command.h"
 #include "library.h"
 #include "output.h"
 #include "pci_device.h"
@@ -6,7 +6,10 @@
 #include <device_access/post_log_nvram.h>
 #include <device_access/post_log_nvram_pcie_access.h>
 
+#include <cstring>
 #include <optional>
+
+#include <unistd.h>
 
 namespace devaccess
 {
@@ -17,6 +20,7 @@ struct postlog_arguments {
     std::string block;
     std::string history;
     std::string pcie;
+    std::string directory;
 };
 
 constexpr struct {
@@ -56,6 +60,23 @@ void map_controller(const std::string &place)
     postlog_map_pcie_nvram_access(windows[bar]);
 }
 
+// Files with the blocks' bytes instead of the devices. The block table has no room for long paths,
+// so they are looked for from within the directory; without names, none leads to a device.
+void map_directory(const std::string &directory)
+{
+    static postlog::nvram_dev_info_t table[] = {
+        {"nvlog-ofw-event", "", 0, 8192, 1, 128, 0xFFFFFFE0, 0, -1, 0},
+        {"nvlog-diag-test", "", 0, 16384, 10, 32, 0xFFFFFFE0, 0, -1, 0},
+        {"nvlog-diag-error", "", 0, 32768, 10, 128, 0xFFFFFFE0, 0, -1, 0},
+    };
+    if (::chdir(directory.c_str()) != 0)
+        throw failure("enter " + directory, std::strerror(errno), "it must be a directory", errno);
+    postlog_map_nvram_access(table, postlog_dev_file_nvram_init, post_dev_file_nvram_mem_rd,
+                             postlog_dev_file_nvram_close, postlog_dev_rd_log_index,
+                             postlog_dev_rd_log_header, postlog_dev_rd_log,
+                             postlog_dev_validate_log_header, postlog_dev_validate_log_entry);
+}
+
 // A block that is opened for each use, or, behind a controller, never closed: once closed it could
 // not be opened again.
 class post_block
@@ -77,12 +98,13 @@ public:
     {
         std::vector<history> found;
         const std::string what = std::string("read the POST ") + name_ + " log";
-        auto reply = ask([&] { return postlog_nvram_open_dir(block_); });
+        auto reply = ask_log([&] { return postlog_nvram_open_dir(block_); });
         if (reply.result == -1)
             fail(what, reply, hint());
         while (reply.result >= 0) {
             history next = {reply.result, 0};
-            reply = ask([&] { return postlog_nvram_read_dir(block_, next.number, &next.time); });
+            reply =
+                ask_log([&] { return postlog_nvram_read_dir(block_, next.number, &next.time); });
             if (reply.result == -1)
                 fail(what, reply, hint());
             found.push_back(next);
@@ -97,15 +119,15 @@ public:
     {
         const std::string what =
             "read history " + std::to_string(number) + " of the POST " + name_ + " log";
-        auto reply = ask([&] { return postlog_nvram_open_log(block_, number); });
+        auto reply = ask_log([&] { return postlog_nvram_open_log(block_, number); });
         if (reply.result < 0)
-            fail(what, reply.or_else("it holds no good entry"),
-                 "'devaccess postlog list' shows the histories");
+            throw failure(what, reply.said.empty() ? "it holds no good entry" : reply.why(),
+                          "'devaccess postlog list' shows the histories");
         while (reply.result >= 0) {
             char message[4096] = "";
             time_t time = 0;
             const int position = reply.result;
-            reply = ask([&] {
+            reply = ask_log([&] {
                 return postlog_nvram_read_log(block_, position, &time, message, sizeof message);
             });
             if (reply.result == -1)
@@ -118,8 +140,9 @@ public:
 private:
     const char *hint() const
     {
-        return closes_ ? "where the logs are not device files, --pcie ID:BAR reads them"
-                       : "is it the window of an NVRAM controller?";
+        return closes_
+                   ? "where the logs are not device files, --pcie ID:BAR or --post-dir reads them"
+                   : "is it the window of an NVRAM controller?";
     }
 
     void close() const
@@ -136,10 +159,12 @@ private:
 
 std::vector<post_block> open_blocks(const postlog_arguments &arguments)
 {
-    if (arguments.pcie.empty())
-        postlog_map_def_nvram_access();
-    else
+    if (!arguments.pcie.empty())
         map_controller(arguments.pcie);
+    else if (!arguments.directory.empty())
+        map_directory(arguments.directory);
+    else
+        postlog_map_def_nvram_access();
     std::vector<post_block> wanted;
     for (const auto &known : blocks)
         if (arguments.block.empty() || arguments.block == known.name)
@@ -164,7 +189,9 @@ void list(const postlog_arguments &arguments)
             first = first ? first : failed;
         }
     }
-    print(std::move(set));
+    print(record()
+              .add_hidden("block", arguments.block.empty() ? json() : json(arguments.block))
+              .add(std::move(set)));
     if (first)
         throw *first;
 }
@@ -196,7 +223,7 @@ void show(const postlog_arguments &arguments)
     }
     print(record()
               .add("block", block.name())
-              .add("history", history ? json(*history) : json())
+              .add("history", if_any(history))
               .add(std::move(entries)));
     if (broken)
         throw *broken;
@@ -206,19 +233,29 @@ void show(const postlog_arguments &arguments)
 
 void add_postlog_commands(CLI::App &program)
 {
-    const auto arguments = std::make_shared<postlog_arguments>();
-    CLI::App &postlog = *program.add_subcommand("postlog", "POST logs of the firmware");
-    postlog.require_subcommand(1);
-    postlog
-        .add_option("--pcie", arguments->pcie, "read through the NVRAM controller in this window")
-        ->option_text("ID:BAR");
-    CLI::App *listed =
-        add_command(postlog, "list", "the logs' histories, newest first", arguments, list);
-    CLI::App *shown = add_command(postlog, "show", "the entries of a history", arguments, show);
-    const auto names = CLI::IsMember({"event", "test", "error"});
-    listed->add_option("BLOCK", arguments->block, "only this one")->check(names);
-    shown->add_option("BLOCK", arguments->block, "event, test or error")->required()->check(names);
+    command_family<postlog_arguments> postlog(program, "postlog", "POST logs of the firmware");
+    const auto &arguments = postlog.arguments;
+    const auto add = [&](const char *name, const char *description,
+                         command_family<postlog_arguments>::action act) {
+        CLI::App *command = postlog.add(name, description, act);
+        one_of(command->add_option("BLOCK", arguments->block, "event, test or error"),
+               {"event", "test", "error"});
+        return command;
+    };
+    const auto add_places = [&](CLI::App &app) {
+        CLI::Option *pcie = app.add_option("--pcie", arguments->pcie,
+                                           "read through the NVRAM controller in this window");
+        offer_paths(app.add_option("--post-dir", arguments->directory,
+                                   "read files of this with the blocks' bytes"))
+            ->option_text("DIRECTORY")
+            ->excludes(pcie->option_text("ID:BAR"));
+    };
+    CLI::App *listed = add("list", "List the logs' histories, newest first", list);
+    CLI::App *shown = add("show", "Show the entries of a history", show);
+    shown->get_option("BLOCK")->required();
     shown->add_option("HISTORY", arguments->history, "its number; without it, the newest");
+    for (CLI::App *app : {&postlog.app, listed, shown})
+        add_places(*app);
 }
 
 } // namespace devaccess

@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "command.h"
 #include "library.h"
 #include "output.h"
 
@@ -7,9 +7,13 @@
 #include <device_access/regiomap_x86.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+
+#include <fmt/format.h>
 
 // Switches the library's diagnostics on, for --verbose.
 extern "C" {
@@ -79,35 +83,53 @@ void list(const uio_arguments &)
 class uio_device
 {
 public:
-    explicit uio_device(const std::string &node) : node_(node)
+    explicit uio_device(const std::string &name) : node_(full_name(name))
     {
-        const auto opened = ask([&] {
+        const auto found = ask([&] {
             const timespec no_wait = {0, 0};
-            return libuio_open_timed(node.c_str(), &no_wait);
+            return libuio_open_timed(node_.c_str(), &no_wait);
         });
-        if (!opened.result)
-            throw failure("open " + node, std::strerror(opened.error),
-                          libuio_is_emul(node.c_str())
-                              ? "names are sysfs_pci:REGION.SLOT[.FPGA], of a card that is there"
-                              : "'devaccess uio list' shows the devices");
-        handle_ = opened.result;
+        if (!found.result)
+            fail_to_open(found.error);
+        handle_.reset(found.result);
     }
-    ~uio_device()
-    {
-        ask([&] {
-            libuio_close(handle_);
-            return 0;
-        });
-    }
-    uio_device(const uio_device &) = delete;
-    uio_device &operator=(const uio_device &) = delete;
 
-    libuio_dev_t *handle() const { return handle_; }
+    libuio_dev_t *handle() const { return handle_.get(); }
     const std::string &node() const { return node_; }
 
 private:
+    // "uio0" and "0" stand for /dev/uio0.
+    static std::string full_name(const std::string &name)
+    {
+        const bool is_number = name.find_first_not_of("0123456789") == name.npos;
+        const bool is_short = name.rfind("uio", 0) == 0 || (is_number && !name.empty());
+        return is_short ? (is_number ? "/dev/uio" : "/dev/") + name : name;
+    }
+
+    [[noreturn]] void fail_to_open(int error) const
+    {
+        const std::string what = "open " + node_;
+        if (!libuio_is_emul(node_.c_str()))
+            throw failure(what, std::strerror(error), "'devaccess uio list' shows the devices",
+                          error);
+        throw failure(what,
+                      error == EINVAL ? "no such register block, or no card in that slot"
+                                      : std::strerror(error),
+                      "names are sysfs_pci:REGION.SLOT[.FPGA], e.g. sysfs_pci:uio_cma.alsw1; "
+                      "'devaccess pci list' shows the cards' functions",
+                      error);
+    }
+
+    static void close(libuio_dev_t *handle)
+    {
+        ask([&] {
+            libuio_close(handle);
+            return 0;
+        });
+    }
+
     std::string node_;
-    libuio_dev_t *handle_ = nullptr;
+    std::unique_ptr<libuio_dev_t, decltype(&close)> handle_ = {nullptr, close};
 };
 
 record map_row(const libuio_map_t &map)
@@ -131,7 +153,7 @@ void info(const uio_arguments &arguments)
         maps.rows.push_back(map_row(window));
     print(record()
               .add("node", libuio_get_real_devnode(uio))
-              .add("emulated", libuio_is_emul(arguments.node.c_str()) == 1)
+              .add("emulated", libuio_is_emul(device.node().c_str()) == 1)
               .add("class_directory", libuio_get_sys_class_dir(uio))
               .add("device_directory", libuio_get_sys_device_dir(uio))
               .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
@@ -187,13 +209,14 @@ public:
             .add("map", index_)
             .add_hex("offset", offset_, 2)
             .add("width", width_)
-            .add_hex("value", value, static_cast<int>(width_ / 4));
+            .add_hex("value", value, static_cast<int>(width_ / 4))
+            .add_hidden("value_hex", hex(value)); // which no reader rounds
     }
 
 private:
     void *window()
     {
-        const std::string what = "map window " + std::to_string(index_) + " of " + device_.node();
+        const std::string what = fmt::format("map window {} of {}", index_, device_.node());
         size_t size = 0;
         void *start = nullptr;
         const auto mapped = ask([&] {
@@ -205,14 +228,15 @@ private:
         });
         const std::string hint = "'devaccess uio info " + device_.node() + "' shows its maps";
         if (!start)
-            throw failure(what, mapped.error ? std::strerror(mapped.error) : "there is none", hint);
+            throw failure(what, mapped.error ? std::strerror(mapped.error) : "there is none", hint,
+                          mapped.error);
         const size_t bytes = width_ / 8;
         if (offset_ % bytes != 0)
-            throw usage_error("the offset must be a multiple of " + std::to_string(bytes) +
-                              " bytes, the width");
+            throw usage_error(
+                fmt::format("the offset must be a multiple of {} bytes, the width", bytes));
         if (size < bytes || offset_ > size - bytes)
-            throw failure("reach offset " + hex(offset_) + " of map " + std::to_string(index_),
-                          "the window has " + hex(size) + " bytes", hint);
+            throw failure(fmt::format("reach offset {:#x} of map {}", offset_, index_),
+                          fmt::format("the window has {:#x} bytes", size), hint);
         return start;
     }
 
@@ -232,7 +256,9 @@ void read(const uio_arguments &arguments)
 void write(const uio_arguments &arguments)
 {
     const auto value = parse_number("the value", arguments.value, highest(arguments.width));
-    uio_register(arguments).write(value);
+    const uio_register place(arguments);
+    place.write(value);
+    print_done(place.describe(value));
 }
 
 //--- interrupts -----------------------------------------------------------------------------------
@@ -268,65 +294,89 @@ const char *wait_hint(int error)
 void wait(const uio_arguments &arguments)
 {
     const uio_device device(arguments.node);
+    const auto fail_with = [&](const char *what, int error) {
+        throw failure(fmt::format("{} of {}", what, device.node()), std::strerror(error),
+                      wait_hint(error), error);
+    };
     // A driver without interrupt control has its interrupt enabled always.
     const auto enabled = ask([&] { return libuio_irqcontrol(device.handle(), 1); });
     if (enabled.result != 0 && enabled.error != ENOSYS)
-        throw failure("enable the interrupt of " + arguments.node, std::strerror(enabled.error),
-                      wait_hint(enabled.error));
+        fail_with("enable the interrupt", enabled.error);
     const timespec deadline = after(arguments.timeout);
     uint32_t count = 0;
     const auto waited = ask([&] {
         return libuio_irqwait(device.handle(), arguments.timeout < 0 ? nullptr : &deadline, &count);
     });
     if (waited.result != 0)
-        throw failure("see an interrupt of " + arguments.node, std::strerror(waited.error),
-                      wait_hint(waited.error));
-    print(record().add("node", arguments.node).add("event_count", count));
+        fail_with("see an interrupt", waited.error);
+    print(record().add("node", device.node()).add("event_count", count));
 }
 
 //--- command line ---------------------------------------------------------------------------------
 
-using arguments_ptr = std::shared_ptr<uio_arguments>;
-
-CLI::App *add_node_command(CLI::App &family, const std::string &name,
-                           const std::string &description, const arguments_ptr &arguments,
-                           void (*action)(const uio_arguments &))
+std::vector<std::string> node_names(const given_options &)
 {
-    CLI::App *command = add_command(family, name, description, arguments, action);
-    command->add_option("NODE", arguments->node, "/dev/uioN, or sysfs_pci:REGION.SLOT[.FPGA]")
-        ->required();
-    return command;
+    // Examples of what emulated devices are called.
+    std::vector<std::string> names = {"sysfs_pci:uio_glb.rpsw",     "sysfs_pci:uio_cma.alsw1",
+                                      "sysfs_pci:uio_cma.alsw2",    "sysfs_pci:uio_brd_ctrl.alsw1",
+                                      "sysfs_pci:uio_brd_ctrl.sw1", "sysfs_pci:uio_cmneqp.rpsw"};
+    std::error_code none;
+    for (const auto &entry : fs::directory_iterator("/dev", none))
+        if (entry.path().filename().string().rfind("uio", 0) == 0)
+            names.push_back(entry.path().string());
+    return names;
 }
 
-CLI::App *add_register_command(CLI::App &family, const std::string &name,
-                               const std::string &description, const arguments_ptr &arguments,
-                               void (*action)(const uio_arguments &))
+class uio_family : public command_family<uio_arguments>
 {
-    CLI::App *command = add_node_command(family, name, description, arguments, action);
-    command->add_option("MAP", arguments->map, "number of the window")->required();
-    command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
-    command->add_option("--width", arguments->width, "of the register, in bits")
-        ->check(CLI::IsMember({"8", "16", "32", "64"}))
-        ->capture_default_str();
-    return command;
+public:
+    using command_family::command_family;
+
+    CLI::App *add_for_node(const std::string &name, const std::string &description, action act)
+    {
+        CLI::App *command = add(name, description, act);
+        offer(command->add_option("NODE", arguments->node,
+                                  "/dev/uioN, uioN, N, or sysfs_pci:REGION.SLOT[.FPGA]"),
+              node_names)
+            ->required();
+        return command;
+    }
+
+    CLI::App *add_for_register(const std::string &name, const std::string &description, action act)
+    {
+        CLI::App *command = add_for_node(name, description, act);
+        command->add_option("MAP", arguments->map, "number of the window")->required();
+        command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
+        one_of(command->add_option("--width", arguments->width, "of the register, in bits"),
+               {"8", "16", "32", "64"})
+            ->capture_default_str();
+        return command;
+    }
+};
+
+// Also refuses what is no number at all, which compares as in no range.
+std::string time_problem(const std::string &text)
+{
+    double seconds = 0;
+    const bool good = CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) &&
+                      seconds >= 0 && seconds <= 1e9;
+    return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
 }
 
 } // namespace
 
 void add_uio_commands(CLI::App &program)
 {
-    const auto arguments = std::make_shared<uio_arguments>();
-    CLI::App &uio = *program.add_subcommand("uio", "UIO devices, and those emulated over PCI");
-    uio.require_subcommand(1);
-    add_command(uio, "list", "the devices with a UIO driver", arguments, list);
-    add_node_command(uio, "info", "a device's directories and windows", arguments, info);
-    add_register_command(uio, "read", "a register", arguments, read);
-    add_register_command(uio, "write", "a register", arguments, write)
-        ->add_option("VALUE", arguments->value, "to write")
+    uio_family uio(program, "uio", "UIO devices, and those emulated over PCI");
+    uio.add("list", "List the devices with a UIO driver", list);
+    uio.add_for_node("info", "Show a device's directories and windows", info);
+    uio.add_for_register("read", "Read a register", read);
+    uio.add_for_register("write", "Write a register", write)
+        ->add_option("VALUE", uio.arguments->value, "to write")
         ->required();
-    add_node_command(uio, "wait", "enable the interrupt and wait for it", arguments, wait)
-        ->add_option("--timeout", arguments->timeout, "seconds; without it, wait without limit")
-        ->check(CLI::Range(0.0, 1e9));
+    uio.add_for_node("wait", "Enable the interrupt and wait for it", wait)
+        ->add_option("--timeout", uio.arguments->timeout, "seconds; without it, wait without limit")
+        ->check(CLI::Validator(time_problem, "SECONDS"));
 }
 
 } // namespace devaccess

@@ -1,0 +1,25 @@
+#!/bin/bash
+# tool_installed.sh BUILD WORK CHASSIS_SIM: installed, the tool finds the library beside it, and its
+# pages, schema and completions are where the system looks for them and work.
+set -eu
+prefix=$2/tool_installed
+rm -rf "$prefix"
+cmake --install "$1" --prefix "$prefix" >"$2/tool_installed.log"
+unset LD_LIBRARY_PATH
+"$3" -- "$prefix/bin/devaccess" pci read 03:00.0 0 --width 16 | grep -q '^value:   0x1d0f$'
+for file in man/man1/devaccess.1 man/man1/chassis-sim.1 common_device_access/devaccess.schema.json \
+    zsh/site-functions/_devaccess fish/vendor_completions.d/devaccess.fish; do
+    test -s "$prefix/share/$file"
+done
+completed() { # program, line, wanted words
+    . "$prefix/share/bash-completion/completions/$1"
+    COMP_LINE=$2 COMP_POINT=${#2} COMP_WORDBREAKS=$' \t\n=:'
+    read -ra COMP_WORDS <<<"$2"
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+    "_${1/-/_}" "$prefix/bin/$1" "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}"
+    [ "$(printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | xargs)" = "$3" ]
+}
+completed devaccess 'devaccess podlog --chassis=n20 status SW' 'SW1 SW2 SW3 SW4'
+completed devaccess 'devaccess podlog --chassis=n' 'n10 n20 n4'
+completed devaccess 'devaccess uio info sysfs_pci:uio_gl' 'uio_glb.rpsw'
+completed chassis-sim 'chassis-sim --uio-a' '--uio-appears'

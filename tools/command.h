@@ -1,0 +1,70 @@
+// The tree of commands, of which CLI11 parses and describes the command line and the completion
+// proposes words.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace devaccess
+{
+
+void add_pci_commands(CLI::App &program);
+void add_uio_commands(CLI::App &program);
+void add_podlog_commands(CLI::App &program);
+void add_postlog_commands(CLI::App &program);
+void add_inventory_commands(CLI::App &program);
+
+// Commands that share their arguments.
+template <typename Arguments>
+class command_family
+{
+public:
+    using action = void (*)(const Arguments &);
+
+    command_family(CLI::App &parent, const std::string &name, const std::string &description)
+        : command_family(parent, name, description, std::make_shared<Arguments>())
+    {
+    }
+
+    command_family(CLI::App &parent, const std::string &name, const std::string &description,
+                   std::shared_ptr<Arguments> shared)
+        : arguments(std::move(shared)), app(*parent.add_subcommand(name, description))
+    {
+        app.require_subcommand(1);
+    }
+
+    CLI::App *add(const std::string &name, const std::string &description, action act)
+    {
+        CLI::App *command = app.add_subcommand(name, description);
+        command->callback([shared = arguments, act] { act(*shared); });
+        return command;
+    }
+
+    const std::shared_ptr<Arguments> arguments;
+    CLI::App &app;
+};
+
+//--- completion -----------------------------------------------------------------------------------
+
+// Options on the line so far, by name, "--chassis".
+using given_options = std::map<std::string, std::string>;
+using chooser = std::function<std::vector<std::string>(const given_options &)>;
+
+// What an option or argument can be, for the completion; a path, or one of these words, for the
+// parser too.
+CLI::Option *offer(CLI::Option *option, chooser choices);
+CLI::Option *offer_paths(CLI::Option *option);
+CLI::Option *one_of(CLI::Option *option, const std::vector<std::string> &words);
+
+// Prints what can stand in the place of the last word, a line each; ":paths" stands for paths.
+void complete(CLI::App &program, const std::vector<std::string> &words);
+
+// For a new tree.
+void forget_offers();
+
+} // namespace devaccess

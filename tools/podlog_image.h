@@ -1,0 +1,124 @@
+// The bytes of a POD log, record by record at the positions where records stand, whatever the index
+// and the headers say.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace devaccess
+{
+
+// How a kind of storage lays its log out.
+struct log_layout {
+    const char *name;
+    uint32_t magic;
+    bool sealed_index; // with a checksum
+    size_t size;
+    int histories;
+    size_t first_header;
+    uint32_t stride; // from one history to the next
+
+    size_t header_position(int history) const
+    {
+        return first_header + static_cast<size_t>(history) * stride;
+    }
+};
+
+inline constexpr log_layout nvram_layout = {"nvram", 0x1FE2C365, true, 16384, 10, 48, 1600};
+inline constexpr log_layout file_layout = {"file", 0x1FE2C363, false, 16384, 10, 44, 1635};
+inline constexpr log_layout eeprom_layout = {"eeprom", 0x1FE2C363, false, 8192, 2, 44, 4080};
+
+// Beside the log in NVRAM: 8 status words, then the fault mask.
+inline constexpr size_t status_words_at = 16384 - 72;
+inline constexpr size_t fault_mask_at = 16384 - 40;
+
+inline constexpr size_t entry_stride = 80;
+
+uint32_t little_endian_at(const std::string &bytes, size_t position);
+
+enum class record_state { good, blank, bad };
+
+struct log_record {
+    const char *kind; // "index", "header" or "entry"
+    std::optional<int> history;
+    std::optional<int> entry;
+    size_t position;
+    record_state state;
+    std::optional<uint32_t> stored; // checksum
+    std::optional<uint32_t> computed;
+    std::string problem; // of a bad one
+
+    std::string name() const; // "header of history 3"
+};
+
+struct log_entry {
+    time_t time;
+    std::string message; // with all its bytes
+};
+
+struct log_history {
+    int number;
+    log_record header;
+    size_t used; // entries, by the header
+    std::vector<log_record> slots;
+};
+
+class log_image
+{
+public:
+    log_image(const log_layout &layout, std::string bytes);
+
+    const log_layout &layout() const { return *layout_; }
+    const std::string &bytes() const { return bytes_; } // filled up with zeros to the layout's size
+    size_t missing() const { return missing_; }         // bytes that were filled up
+    const log_record &index() const { return index_; }
+    const std::vector<log_history> &histories() const { return histories_; }
+
+    bool is_blank() const;      // no record at all
+    bool holds_nothing() const; // no record of a log of this layout
+    std::vector<log_record> wrong() const;
+    bool is_good() const { return missing_ == 0 && wrong().empty(); }
+    std::vector<log_record> records() const; // all that are not blank
+
+    // The current history: by the index or, when that is bad, by what is left of it and the times
+    // of the entries.
+    int current() const;
+
+    // Entries as readers of a history find them, and all that are good.
+    std::vector<log_record> chain(const log_history &history) const;
+    std::vector<log_record> good_entries() const;
+    log_entry entry(const log_record &slot) const;
+
+    // The histories that have entries, newest first.
+    std::vector<const log_history *> written() const;
+
+    // Whether readers find nothing of a history because its header, or its first entry, is bad.
+    bool is_unreadable(const log_history &history) const;
+
+    // A log without wrong records that has every good entry.
+    std::string repaired() const;
+
+private:
+    log_record decode_index() const;
+    log_history decode_history(int number) const;
+    bool expects_entry(const log_history &history, size_t slot) const;
+    bool is_consistent(const log_history &history) const;
+    std::string rebuilt(const log_history &history) const;
+    std::string sealed_index(int current) const;
+    int latest_history() const;
+
+    const log_layout *layout_;
+    size_t missing_;
+    std::string bytes_;
+    log_record index_;
+    std::vector<log_history> histories_;
+};
+
+// The layout, of the three, by which the bytes hold most good records.
+const log_layout &likely_layout(const std::string &bytes);
+
+} // namespace devaccess
