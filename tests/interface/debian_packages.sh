@@ -12,7 +12,7 @@ root=$work/root
 }
 rm -rf "$work"
 mkdir -p "$work"
-"$source/scripts/package" "$work/packages" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+DEB_BUILD_OPTIONS=noopt "$source/scripts/package" "$work/packages" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
 
 # The names in a list of dependencies; of alternatives, the first.
 names() {
