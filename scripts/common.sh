@@ -48,6 +48,7 @@ need_packages() {
     patiently as_root "$@" || give_up "could not install$missing; see apt-get's message above"
 }
 
+# shellcheck disable=SC2120 # more packages may be named
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
         nlohmann-json3-dev libfmt-dev python3-jsonschema "$@"

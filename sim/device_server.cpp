@@ -320,7 +320,7 @@ private:
         if (!next)
             return -1;
         const auto left = std::chrono::ceil<milliseconds>(*next - clock::now()).count();
-        return static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000));
+        return static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000LL));
     }
 
     void raise_due_interrupts()
@@ -676,9 +676,12 @@ int receive_descriptor(int socket)
     message.msg_iovlen = 1;
     message.msg_control = space;
     message.msg_controllen = sizeof space;
+    if (::recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1)
+        return -1;
+    const cmsghdr *header = CMSG_FIRSTHDR(&message);
     int fd = -1;
-    if (::recvmsg(socket, &message, MSG_CMSG_CLOEXEC) == 1)
-        std::memcpy(&fd, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof fd);
+    if (header)
+        std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
     return fd;
 }
 

@@ -12,7 +12,7 @@ root=$work/root
 }
 rm -rf "$work"
 mkdir -p "$work"
-"$source/scripts/package" "$(dpkg --print-architecture)" "$work/packages" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
+DEB_BUILD_OPTIONS=noopt "$source/scripts/package" "$(dpkg --print-architecture)" "$work/packages" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }
 rm "$work"/packages/*-dbgsym_*
 
 # The names in a list of dependencies; of alternatives, the first.

@@ -13,6 +13,7 @@ for component in library dev; do
     cmake --install "$build" --component "$component" --prefix "$work/prefix" >>"$work/log"
 done
 
+# shellcheck disable=SC2153 # not a slip: CTest sets it
 export CFLAGS="$FLAGS" CXXFLAGS="$FLAGS"
 PKG_CONFIG_PATH=$(dirname "$(find "$work/prefix" -name common_device_access.pc)")
 export PKG_CONFIG_PATH
