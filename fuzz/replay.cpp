@@ -1,5 +1,5 @@
-// Stands in for the fuzzer: gives a target every file of a directory once. Without a fuzzer it can be
-// compiled by any compiler.
+// Stands in for the fuzzer: gives a target every file of a directory once. Without a fuzzer it can
+// be compiled by any compiler.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>

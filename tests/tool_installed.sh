@@ -12,6 +12,7 @@ for file in man/man1/devaccess.1 man/man1/chassis-sim.1 common_device_access/dev
     test -s "$prefix/share/$file"
 done
 completed() { # program, line, wanted words
+    # shellcheck source=/dev/null
     . "$prefix/share/bash-completion/completions/$1"
     COMP_LINE=$2 COMP_POINT=${#2} COMP_WORDBREAKS=$' \t\n=:'
     read -ra COMP_WORDS <<<"$2"

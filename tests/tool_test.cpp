@@ -571,8 +571,10 @@ TEST(devaccess, leads_by_its_hints_out_of_every_damage)
             {"truncated", good.substr(0, 100)},
             {"no log", string(good.size(), 'a')},
             {"foreign magic",
-             with(32, chassis_sim::checked_pod_index(0x12345678, 2, where.layout.stride)
-                          .substr(0, where.layout.sealed_index ? 16 : 12))}};
+             with(32,
+                  chassis_sim::pod_index(
+                      {0x12345678, 48, static_cast<uint32_t>(where.layout.stride), 10, 16384, 0}, 2)
+                      .substr(0, where.layout.sealed_index ? 16 : 12))}};
         const log_image log(where.layout, good);
         for (const auto &record : log.records())
             images[record.name()] = with(record.position, "\x5a");

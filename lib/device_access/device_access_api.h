@@ -25,8 +25,9 @@
 /* Clang reports C's open arrays at the end of a record in every C++, __extension__ or not. */
 #if defined(__cplusplus) && defined(__clang__)
 #define DEVICE_ACCESS_BEGIN_DECLS                                                                  \
-    _Pragma("clang diagnostic push") _Pragma("clang diagnostic ignored \"-Wc99-extensions\"")      \
-        extern "C" {
+    _Pragma("clang diagnostic push")                                                               \
+        _Pragma("clang diagnostic ignored \"-Wc99-extensions\"") extern "C"                        \
+    {
 #define DEVICE_ACCESS_END_DECLS                                                                    \
     }                                                                                              \
     _Pragma("clang diagnostic pop")
