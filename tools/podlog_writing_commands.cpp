@@ -218,7 +218,9 @@ void format(const log_storage &storage)
 {
     const std::string what = "prepare the log of " + storage.card().name;
     if (const std::string lack = reset_storage(storage, what); !lack.empty())
-        throw failure(what, lack, "is the disk full?");
+        throw failure(what, lack,
+                      storage.is_nvram() ? "does the device have all its bytes?"
+                                         : "is the disk full?");
 }
 
 // A file of which not all could be made leaves nothing behind.
