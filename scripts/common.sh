@@ -54,6 +54,37 @@ need_compiler_and_tests() {
         nlohmann-json3-dev libfmt-dev python3-jsonschema "$@"
 }
 
+# make_own_apt DIRECTORY ARCHITECTURE: lists of the Debian archives that the machine itself uses, for
+# own_apt; so what a foreign architecture has can be fetched, and nothing of the machine changes.
+make_own_apt() {
+    own_apt_place=$1
+    own_apt_architectures="$2,$(dpkg --print-architecture)"
+    mkdir -p "$1/lists/partial" "$1/cache/archives/partial"
+    : >"$1/status"
+    : >"$1/preferences"
+    list_archives || { patiently as_root apt-get update && list_archives; } ||
+        give_up "apt knows no Debian archive; see its message above"
+}
+
+list_archives() {
+    # shellcheck disable=SC2016 # apt's own variables
+    apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+        'Created-By: Packages' 'Origin: Debian' | sort -u >"$own_apt_place/sources.list"
+    [ -s "$own_apt_place/sources.list" ]
+}
+
+# own_apt TOOL ARGUMENT...
+own_apt() {
+    tool=$1
+    shift
+    "$tool" -q -o APT::Architecture="${own_apt_architectures%,*}" \
+        -o APT::Architectures="$own_apt_architectures" \
+        -o Dir::State::lists="$own_apt_place/lists" -o Dir::State::status="$own_apt_place/status" \
+        -o Dir::Cache="$own_apt_place/cache" \
+        -o Dir::Etc::sourcelist="$own_apt_place/sources.list" -o Dir::Etc::sourceparts=/dev/null \
+        -o Dir::Etc::preferences="$own_apt_place/preferences" -o APT::Sandbox::User=root "$@"
+}
+
 need_virtual_machine() {
     need_packages qemu-system-x86 cpio xz-utils
 }

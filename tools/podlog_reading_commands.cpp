@@ -134,7 +134,7 @@ const log_history *wanted_history(const podlog_arguments &arguments, const log_i
         throw failure(fmt::format("read history {} of {}", number, in_capitals(arguments.card)),
                       fmt::format("the log has histories 0 to {}", log.histories().size() - 1),
                       podlog_command(arguments, "list " + arguments.card) + " shows them");
-    return &log.histories()[number];
+    return &log.histories()[static_cast<std::size_t>(number)];
 }
 
 // Fails when a history does not end where its header says.
