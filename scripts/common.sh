@@ -91,6 +91,7 @@ need_virtual_machine() {
 
 # configure PRESET [OPTION...]
 configure() {
+    [ "$1" != i386 ] || scripts/fetch-libraries libfmt-dev
     cmake --preset "$@" >"build/$1.log" 2>&1 ||
         { cat "build/$1.log"; give_up "configuring '$1' failed; rm -rf build/$1 starts afresh"; }
 }
