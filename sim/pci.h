@@ -63,9 +63,9 @@ private:
 struct pci_function {
     std::string id;     // "0000:03:00.0"
     std::string parent; // id of the bridge above; empty: the function is on the root bus
-    uint16_t vendor = 0x1d0f;
+    uint16_t vendor = 0xf0ca;
     uint16_t device = 0x0001;
-    uint16_t subsystem_vendor = 0x1d0f;
+    uint16_t subsystem_vendor = 0xf0ca;
     uint16_t subsystem_device = 0x0001;
     config_space config = config_space(256); // ids, class and BARs are filled in when zero
     std::vector<pci_window> windows;         // BARs 0 to 5

@@ -367,8 +367,8 @@ TEST_F(pci_sysfs, finds_devices_between_holes_in_sorted_order)
     std::string found;
     while (const sysfs_pci_info_t *info = sysfs_pci_info_fetch_next(&handle))
         found += std::to_string(handle.key) + " " + text_of(info->id) + "\n";
-    EXPECT_EQ(found, "3 1d0f 1 1d0f 1 0 " + bus + "/0000:00:1c.0\n6 1d0f abcd 1234 1 0 " + dir +
-                         "\n7 1d0f 1 1d0f 1 0 " + bus + "/" + std::string(78, 'a') + "\n");
+    EXPECT_EQ(found, "3 f0ca 1 f0ca 1 0 " + bus + "/0000:00:1c.0\n6 f0ca abcd 1234 1 0 " + dir +
+                         "\n7 f0ca 1 f0ca 1 0 " + bus + "/" + std::string(78, 'a') + "\n");
     EXPECT_EQ(text_of(last_scan()->element[5].resource_bar, 6),
               " 1000+100:40101 70000000+ffffffff10000000:40200 f0000000+ffffffff01000000:42208"
               " 400000000+fffffffc00200000:14220c 0+1:0 0+1:0");
@@ -400,7 +400,7 @@ TEST_F(pci_sysfs, iterates_and_reports_unusable_iterators_to_syslog)
 TEST_F(pci_sysfs, goes_on_behind_bad_attributes)
 {
     const std::string zeros(126, '0');
-    const std::string good = "1d0f 1 1d0f 1";
+    const std::string good = "f0ca 1 f0ca 1";
     struct {
         const char *attribute;
         std::string contents; // "": absent; "/": a directory
@@ -408,14 +408,14 @@ TEST_F(pci_sysfs, goes_on_behind_bad_attributes)
         std::string ids;
         std::string bars = " 0+1:0 0+1:0";
     } cases[] = {
-        {"vendor", "ffff\n", invalid + "ffff\n\n\n", "0 1 1d0f 1"},
-        {"vendor", ":9\n", invalid + ":9\n\n\n", "0 1 1d0f 1"},
-        {"vendor", "9:\n", "", "9 1 1d0f 1"},
-        {"vendor", "0x12345678\n", "", "5678 1 1d0f 1"},
-        {"vendor", zeros + "12", "", "1 1 1d0f 1"}, // of 127 characters
-        {"device", std::string(1, '\0'), invalid + "\n\n", "1d0f 0 1d0f 1"},
-        {"subsystem_device", "", absent + "%", "1d0f 1 1d0f 0"},
-        {"subsystem_vendor", "/", unreadable + "%", "1d0f 1 0 1"},
+        {"vendor", "ffff\n", invalid + "ffff\n\n\n", "0 1 f0ca 1"},
+        {"vendor", ":9\n", invalid + ":9\n\n\n", "0 1 f0ca 1"},
+        {"vendor", "9:\n", "", "9 1 f0ca 1"},
+        {"vendor", "0x12345678\n", "", "5678 1 f0ca 1"},
+        {"vendor", zeros + "12", "", "1 1 f0ca 1"}, // of 127 characters
+        {"device", std::string(1, '\0'), invalid + "\n\n", "f0ca 0 f0ca 1"},
+        {"subsystem_device", "", absent + "%", "f0ca 1 f0ca 0"},
+        {"subsystem_vendor", "/", unreadable + "%", "f0ca 1 0 1"},
         {"resource", "/", unreadable + "%", good, " 0+0:0 0+0:0"},
         {"resource", " 0x1\n", invalid + " 0x1\n\n\n", good, " 0+0:0 0+0:0"},
         {"resource", "0x10 0x1f 2\n0x20 0x2f 1", early_end + "2 of %", good, " 10+10:2 20+10:1"},
@@ -571,7 +571,7 @@ TEST_F(pci_sysfs, fills_what_it_can_of_a_record)
     const std::string path = bus + "/" + id.str;
     add(id.str);
     DOES(fill(&id), 0);
-    EXPECT_EQ(text_of(dev), "1d0f 1 1d0f 1 5b " + path);
+    EXPECT_EQ(text_of(dev), "f0ca 1 f0ca 1 5b " + path);
     const auto fill_it = [&] { return fill(&id); };
     fail_each_call(EXDEV, fill_it, [](const run &run) {
         EXPECT_EQ(run.failed == "close", run.seen.value == 0) << run;
@@ -581,7 +581,7 @@ TEST_F(pci_sysfs, fills_what_it_can_of_a_record)
     write_file(path + "/device", "0xffff\n");
     write_file(path + "/subsystem_device", "-2\n"); // below 0x10000
     fill(&id);
-    EXPECT_EQ(text_of(dev), "1d0f ffff 1d0f fffe 5b " + path);
+    EXPECT_EQ(text_of(dev), "f0ca ffff f0ca fffe 5b " + path);
     write_file(path + "/vendor", "0x10000\n");
     write_file(path + "/device", "12abc\n");
     DOES(fill(&id), 2);

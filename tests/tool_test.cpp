@@ -194,7 +194,7 @@ TEST(devaccess, does_what_it_is_told_and_prints_the_documented_json)
     expect("devaccess ", R"(
 --json pci write 3:0.0 0x3c 0x5a --width 8 -> 0 | "value":90,"width":8
 pci read 03:00.0 2 --width 16 -> 0 | id:      0000:03:00.0\noffset:  0x02\nwidth:   16\n
-pci children 00:1c.0 -> 0 | ID            VENDOR  DEVICE  CLASS     PATH\n0000:03:00.0  0x1d0f  0x0020  0x0
+pci children 00:1c.0 -> 0 | ID            VENDOR  DEVICE  CLASS     PATH\n0000:03:00.0  0xf0ca  0x0020  0x0
 pci show 00:19.0 --json -> 0 | "resources":[{"bar":0,"base":4043309056,"flags":262656,"size":131072}]
 pci caps 00:19.0 --json -> 0 | {"capability":5,"kind":"standard","name":"MSI","offset":72}
 pci link-wait 00:1c.0 --json -> 0 | "link":"up"
