@@ -5,6 +5,9 @@
 
 namespace devaccess
 {
+
+std::string named_command;
+
 namespace
 {
 

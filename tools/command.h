@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
@@ -18,6 +19,9 @@ void add_uio_commands(CLI::App &program);
 void add_podlog_commands(CLI::App &program);
 void add_postlog_commands(CLI::App &program);
 void add_inventory_commands(CLI::App &program);
+
+// The command that the line names behind its family's, if any: a family need add no other.
+extern std::string named_command;
 
 // Commands that share their arguments.
 template <typename Arguments>
@@ -36,6 +40,26 @@ public:
         : arguments(std::move(shared)), app(*parent.add_subcommand(name, description))
     {
         app.require_subcommand(1);
+    }
+
+    struct entry {
+        const char *name;
+        const char *description;
+        action act;
+        void (*add_options)(CLI::App &command, Arguments &arguments);
+    };
+
+    // Adds the one that the line names, or all; true when it is all.
+    template <size_t Count>
+    bool add(const entry (&commands)[Count])
+    {
+        const auto named = [](const entry &command) { return named_command == command.name; };
+        const bool all = std::none_of(commands, commands + Count, named);
+        for (const entry &command : commands)
+            if (all || named(command))
+                command.add_options(*add(command.name, command.description, command.act),
+                                    *arguments);
+        return all;
     }
 
     CLI::App *add(const std::string &name, const std::string &description, action act)

@@ -16,7 +16,33 @@ using namespace devaccess;
 
 enum { exit_ok = 0, exit_failed = 1, exit_usage = 2 };
 
-void add_everything(CLI::App &program)
+constexpr struct {
+    const char *name;
+    void (*add)(CLI::App &program);
+} families[] = {
+    {"pci", add_pci_commands},
+    {"uio", add_uio_commands},
+    {"podlog", add_podlog_commands},
+    {"postlog", add_postlog_commands},
+    {"inventory", add_inventory_commands},
+};
+
+// What the line names, alone: the rest would take longer to describe than most commands to run. All
+// families, where it names none.
+void add_families(CLI::App &program, const std::vector<std::string> &words)
+{
+    named_command.clear();
+    for (auto word = words.begin(); word != words.end(); ++word)
+        for (const auto &family : families)
+            if (*word == family.name) {
+                named_command = word + 1 == words.end() ? "" : word[1];
+                return family.add(program);
+            }
+    for (const auto &family : families)
+        family.add(program);
+}
+
+void add_everything(CLI::App &program, const std::vector<std::string> &words)
 {
     program.require_subcommand(1);
     program.fallthrough();
@@ -26,11 +52,7 @@ void add_everything(CLI::App &program)
                      "pass what the library prints on to standard error");
     program.footer("Also --json and --verbose; see devaccess --help."); // of every command
     add_chassis_options(program);
-    add_pci_commands(program);
-    add_uio_commands(program);
-    add_podlog_commands(program);
-    add_postlog_commands(program);
-    add_inventory_commands(program);
+    add_families(program, words);
     program.footer("Numbers are decimal or, behind 0x, hexadecimal.\n"
                    "Exit status: 0 done, 1 failed, 2 the command line is wrong.\n"
                    "Examples:\n"
@@ -124,7 +146,7 @@ int main(int argc, char **argv)
     forget_offers();
     CLI::App program("Reach a modular chassis's hardware through its hardware-access library.",
                      "devaccess");
-    add_everything(program);
+    add_everything(program, words);
     if (!words.empty() && words.front() == "--complete") {
         complete(program, {words.begin() + 1, words.end()});
         return exit_ok;

@@ -404,61 +404,64 @@ void bridge_usable(const pci_arguments &arguments)
 
 //--- command line ---------------------------------------------------------------------------------
 
-class pci_family : public command_family<pci_arguments>
+std::vector<std::string> device_names(const given_options &)
 {
-public:
-    using command_family::command_family;
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto &entry : std::filesystem::directory_iterator("/sys/bus/pci/devices", none))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
 
-    CLI::App *add_for_device(const std::string &name, const std::string &description, action act)
-    {
-        CLI::App *command = add(name, description, act);
-        offer(command->add_option("ID", arguments->id, "PCI function, e.g. 0000:03:00.0"),
-              device_names)
-            ->required();
-        return command;
-    }
+void add_nothing(CLI::App &, pci_arguments &) {}
 
-    CLI::App *add_for_register(const std::string &name, const std::string &description, action act)
-    {
-        CLI::App *command = add_for_device(name, description, act);
-        command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
-        one_of(command->add_option("--width", arguments->width, "of the register, in bits"),
-               {"8", "16", "32"})
-            ->capture_default_str();
-        return command;
-    }
+void add_device(CLI::App &command, pci_arguments &arguments)
+{
+    offer(command.add_option("ID", arguments.id, "PCI function, e.g. 0000:03:00.0"), device_names)
+        ->required();
+}
 
-private:
-    static std::vector<std::string> device_names(const given_options &)
-    {
-        std::vector<std::string> names;
-        std::error_code none;
-        for (const auto &entry : std::filesystem::directory_iterator("/sys/bus/pci/devices", none))
-            names.push_back(entry.path().filename().string());
-        return names;
-    }
+void add_register(CLI::App &command, pci_arguments &arguments)
+{
+    add_device(command, arguments);
+    command.add_option("OFFSET", arguments.offset, "of the register, in bytes")->required();
+    one_of(command.add_option("--width", arguments.width, "of the register, in bits"),
+           {"8", "16", "32"})
+        ->capture_default_str();
+}
+
+void add_register_and_value(CLI::App &command, pci_arguments &arguments)
+{
+    add_register(command, arguments);
+    command.add_option("VALUE", arguments.value, "to write")->required();
+}
+
+using family = command_family<pci_arguments>;
+
+constexpr family::entry commands[] = {
+    {"list", "List all functions", list, add_nothing},
+    {"show", "Show a function's ids and resources", show, add_device},
+    {"read", "Read a configuration register", read, add_register},
+    {"write", "Write a configuration register", write, add_register_and_value},
+    {"caps", "Show the capability lists", caps, add_device},
+    {"link-wait", "Wait half a second for a port's link to be up", link_wait, add_device},
+    {"children", "List the functions behind a bridge", children, add_device},
+};
+
+constexpr family::entry bridge_commands[] = {
+    {"enable", "Enable it, and list the functions that appear behind it", bridge_enable,
+     add_device},
+    {"disable", "Disable it: what is behind it leaves the bus", bridge_disable, add_device},
+    {"usable", "Tell whether it can be enabled and disabled", bridge_usable, add_device},
 };
 
 } // namespace
 
 void add_pci_commands(CLI::App &program)
 {
-    pci_family pci(program, "pci", "PCI functions, through sysfs");
-    pci.add("list", "List all functions", list);
-    pci.add_for_device("show", "Show a function's ids and resources", show);
-    pci.add_for_register("read", "Read a configuration register", read);
-    pci.add_for_register("write", "Write a configuration register", write)
-        ->add_option("VALUE", pci.arguments->value, "to write")
-        ->required();
-    pci.add_for_device("caps", "Show the capability lists", caps);
-    pci.add_for_device("link-wait", "Wait half a second for a port's link to be up", link_wait);
-    pci.add_for_device("children", "List the functions behind a bridge", children);
-    pci_family bridge(pci.app, "bridge", "Hot-swap bridges", pci.arguments);
-    bridge.add_for_device("enable", "Enable it, and list the functions that appear behind it",
-                          bridge_enable);
-    bridge.add_for_device("disable", "Disable it: what is behind it leaves the bus",
-                          bridge_disable);
-    bridge.add_for_device("usable", "Tell whether it can be enabled and disabled", bridge_usable);
+    family pci(program, "pci", "PCI functions, through sysfs");
+    if (pci.add(commands))
+        family(pci.app, "bridge", "Hot-swap bridges", pci.arguments).add(bridge_commands);
 }
 
 } // namespace devaccess

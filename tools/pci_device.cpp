@@ -2,7 +2,10 @@
 
 #include "library.h"
 
-#include <regex>
+#include <algorithm>
+#include <charconv>
+#include <optional>
+#include <string_view>
 
 #include <fmt/format.h>
 
@@ -11,25 +14,34 @@ namespace devaccess
 namespace
 {
 
-// "dddd:", which may be missing, "bb:ss.f"; numbers may be shorter.
-const std::regex form("(?:([0-9a-f]{1,4}):)?([0-9a-f]{1,2}):([01]?[0-9a-f])\\.([0-7])",
-                      std::regex::icase);
-
-unsigned number_in(const std::string &digits)
+// Takes a hexadecimal number and the mark behind it, '\0' for the end, off the text.
+std::optional<unsigned> take_number(std::string_view &text, ptrdiff_t most_digits, char mark)
 {
-    return digits.empty() ? 0 : static_cast<unsigned>(std::stoul(digits, nullptr, 16));
+    unsigned number = 0;
+    const char *const last = text.data() + text.size();
+    const auto [end, error] = std::from_chars(text.data(), last, number, 16);
+    const ptrdiff_t digits = end - text.data();
+    if (digits == 0 || digits > most_digits || (end == last ? '\0' : *end) != mark)
+        return std::nullopt;
+    text.remove_prefix(static_cast<size_t>(std::min(digits + 1, last - text.data())));
+    return number;
 }
 
 } // namespace
 
 sysfs_pci_identity_t pci_device(const std::string &text)
 {
-    std::smatch parts;
-    if (!std::regex_match(text, parts, form))
+    std::string_view rest = text;
+    const bool has_domain = std::count(text.begin(), text.end(), ':') == 2;
+    const auto domain = has_domain ? take_number(rest, 4, ':') : 0;
+    const auto bus = take_number(rest, 2, ':');
+    const auto slot = take_number(rest, 2, '.');
+    const auto function = take_number(rest, 1, '\0');
+    if (!domain || !bus || !slot || !function || *slot > 0x1f || *function > 7)
         throw usage_error("'" + text + "' names no PCI function; write 0000:03:00.0 or 03:00.0");
     sysfs_pci_identity_t device = {};
-    fmt::format_to_n(device.str, sizeof device.str - 1, "{:04x}:{:02x}:{:02x}.{}",
-                     number_in(parts[1]), number_in(parts[2]), number_in(parts[3]), parts[4].str());
+    fmt::format_to_n(device.str, sizeof device.str - 1, "{:04x}:{:02x}:{:02x}.{}", *domain, *bus,
+                     *slot, *function);
     return device;
 }
 
