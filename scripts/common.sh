@@ -33,7 +33,7 @@ as_root() {
 need_packages() {
     missing=
     for package in "$@"; do
-        dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -q '^installed$' ||
+        dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -q '^installed$' ||
             missing="$missing $package"
     done
     [ -n "$missing" ] || return 0

@@ -1,6 +1,8 @@
 // This program defines libuio_log, so the library's diagnostics are on and their texts are tested.
 #include "support/uio.h"
 
+#include <utility>
+
 #include <dlfcn.h>
 
 extern "C" {
@@ -169,10 +171,10 @@ TEST(uio_emul, takes_names_apart_and_refuses_what_is_missing)
         EXPECT_EQ(libuio_get_real_devnode(uio), "sysfs_pci:" + name);
         libuio_close(uio);
     }
-    for (const std::string name :
-         {"", " ", ".", "uio_glb", "uio_glb.", ".rpsw", "uio_glb .rpsw", "uio_glb.rpsw3",
-          "uio_glb./..", "uio_gl.rpsw", "uio_glb%s%n.rpsw%s",
-          "uio_glb.rpsw.zarnik90123456789012345", x.c_str(), ("uio_glb.rpsw" + x).c_str()})
+    for (const std::string &name : std::vector<std::string>{
+             "", " ", ".", "uio_glb", "uio_glb.", ".rpsw", "uio_glb .rpsw", "uio_glb.rpsw3",
+             "uio_glb./..", "uio_gl.rpsw", "uio_glb%s%n.rpsw%s",
+             "uio_glb.rpsw.zarnik90123456789012345", x, "uio_glb.rpsw" + x})
         DOES(open_block(name), nullptr, "", "", EINVAL);
 }
 
@@ -212,9 +214,12 @@ TEST(uio_emul, finds_the_first_device_behind_the_port_that_the_name_service_give
         libuio_dev_t *uio = nullptr;
         const outcome seen =
             outcome_of([&] { return uio = open_block("uio_flash.sw1.vostra_lite"); });
+        const std::string found =
+            uio ? std::string(libuio_get_sys_device_dir(uio)).substr(dir.size())
+                : strerror(seen.error);
+        libuio_close(uio); // while its "enable" is still there
         fs::remove_all("/sys/bus");
-        return uio ? std::string(libuio_get_sys_device_dir(uio)).substr(dir.size())
-                   : strerror(seen.error);
+        return found;
     };
     const std::string none = strerror(EINVAL);
     EXPECT_EQ(device_behind(port, ""), none);
@@ -318,6 +323,7 @@ TEST(uio_emul, maps_ranges_of_the_resource_files)
     }
     libuio_munmap(uio, 2);
     DOES(libuio_mmap(uio, 0), 3, skips(1, 1), "", 0);
+    libuio_close(uio);
 }
 
 TEST(uio_emul, says_which_range_cannot_be_mapped_and_why)
@@ -371,11 +377,12 @@ TEST(uio_emul, maps_what_there_is_of_a_resource)
     DOES(libuio_mmap(uio, 0), 0, "", none, EINVAL);
     // A whole resource is mapped only if the address space can hold it.
     ASSERT_EQ(truncate(resources[1].c_str(), (off_t{1} << 32) + 0x10000), 0);
-    uio = opened("sysfs_pci:uio_fe.rpsw.zarnik");
+    libuio_close(std::exchange(uio, opened("sysfs_pci:uio_fe.rpsw.zarnik")));
     const bool fits = sizeof(size_t) == 8;
     const std::string line =
         err("emul_mmap: mmap(-1, (0*4096)),0,1 failed : Cannot allocate memory");
     DOES(libuio_mmap(uio, 0), fits ? 2 : 0, "", fits ? "" : line, fits ? any_error : ENOMEM);
+    libuio_close(uio);
 }
 
 TEST(uio_emul, reaches_a_pellum_by_physical_address)

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <limits>
 #include <set>
+#include <utility>
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -91,9 +92,9 @@ TEST(uio_open, finds_the_device_of_a_link_and_of_a_node_with_another_name)
     other.node = "/dev/regblock";
     start_chassis({{}, other});
     make_symlink("/dev/first", "/dev/uio0");
-    libuio_dev_t *uio = opened("/dev/first");
-    EXPECT_STREQ(libuio_get_real_devnode(uio), "/dev/first");
-    EXPECT_EQ(libuio_get_sys_class_dir(uio), class_dir);
+    const auto first = held("/dev/first");
+    EXPECT_STREQ(libuio_get_real_devnode(first.get()), "/dev/first");
+    EXPECT_EQ(libuio_get_sys_class_dir(first.get()), class_dir);
     // Only what is "uio" and a number of at most five digits below 65536 is looked at.
     std::string entry = uio_class_dir(1);
     for (const std::string &name :
@@ -103,11 +104,11 @@ TEST(uio_open, finds_the_device_of_a_link_and_of_a_node_with_another_name)
         if (name != "uio65535" && name != "uio00001")
             expect_no_open("/dev/regblock", ENODEV, "");
         else
-            EXPECT_EQ(libuio_get_sys_class_dir(opened("/dev/regblock")), entry);
+            EXPECT_EQ(libuio_get_sys_class_dir(held("/dev/regblock").get()), entry);
     }
     // A node of the real kernel shows how it is opened.
     write_file(class_dir + "/dev", "1:5\n");
-    EXPECT_EQ(fcntl(opened("/dev/zero")->uio_fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    EXPECT_EQ(fcntl(held("/dev/zero")->uio_fd, F_GETFL) & O_ACCMODE, O_RDWR);
 }
 
 TEST(uio_open, waits_for_the_node_within_its_budget)
@@ -136,9 +137,9 @@ TEST(uio_open, waits_for_the_node_within_its_budget)
                          : control(line);
         }
     });
-    opened("/dev/uio0", &end_of_time);
-    opened("/dev/uio1", nullptr);
-    opened("sysfs_pci:uio_fe.sw1.vostra_lite", nullptr);
+    held("/dev/uio0", &end_of_time);
+    held("/dev/uio1", nullptr);
+    held("sysfs_pci:uio_fe.sw1.vostra_lite", nullptr);
 }
 
 TEST(uio_open, takes_a_device_number_that_is_two_numbers_and_a_line_end_composed_the_simple_way)
@@ -190,10 +191,10 @@ TEST(uio_open, takes_only_the_maps_that_are_numbered_0_to_63_and_reads_sizes_lik
     for (const std::string &name : words("map64 map007 map1a map portio0 map+1"))
         device.maps.push_back({name, "1\n"});
     start_chassis({device});
-    EXPECT_EQ(maps_text(opened("/dev/uio0")), "0=0:0+20 5=0:0+0 7=0:0+10 9=0:0+10 3f=0:0+10 ");
+    EXPECT_EQ(maps_text(held("/dev/uio0").get()), "0=0:0+20 5=0:0+0 7=0:0+10 9=0:0+10 3f=0:0+10 ");
     for (int i = 0; i < 62; ++i)
         write_file(printed("/sys/class/uio/uio0/maps/map%d/size", i), "1");
-    EXPECT_EQ(opened("/dev/uio0")->map_count, 64u) << "two have the number 7";
+    EXPECT_EQ(held("/dev/uio0")->map_count, 64u) << "two have the number 7";
     write_file(class_dir + "/maps/map00/size", "1");
     expect_no_open("/dev/uio0", ENOMEM, err("find_maps: max-map reached"));
 }
@@ -365,6 +366,7 @@ TEST(uio_handle, opens_attributes_with_relative_names)
         err("open_device_attr: openat(" + device_dir + ",uevent/x,0x2) failed: Not a directory"));
     uio->sys_device_dir = nullptr;
     refuses("uevent", ENOENT, err("open_device_attr: sys_device_dir is NULL\n"));
+    libuio_close(uio);
 }
 
 TEST(uio_handle, maps_by_number_and_mask)
@@ -411,6 +413,7 @@ TEST(uio_handle, maps_by_number_and_mask)
          err("mmap: mmap(0, (33*4096)) failed: Invalid argument"), EINVAL);
     DOES(libuio_mmap(uio, ~uint64_t{1}), 0, "",
          err("mmap: mmap(0, (0*4096)) failed: Invalid argument"), EINVAL);
+    libuio_close(uio);
 }
 
 //--- interrupts and removal -----------------------------------------------------------------------
@@ -425,6 +428,7 @@ protected:
         libuio_mmap(uio_, 0);
         libuio_irqcontrol(uio_, 1);
     }
+    void TearDown() override { libuio_close(uio_); }
 
     void expect_interrupt(const timespec *deadline, uint32_t number)
     {
@@ -493,7 +497,7 @@ TEST_F(uio_irq, removal_wins_and_shuts_the_handle)
     expect_no_control(1, EBADF, "0x1, 0) failed: Bad file descriptor");
     uio_->map[0].index = 9;
     DOES(libuio_mmap(uio_, 1), -9, "", err("mmap: UIO-fd closed"));
-    DOES((libuio_close(uio_), 0), 0);
+    DOES((libuio_close(std::exchange(uio_, nullptr)), 0), 0);
 }
 
 TEST_F(uio_irq, passes_on_the_failures_of_driver_timer_and_poll)
@@ -533,7 +537,7 @@ TEST_F(uio_irq, descriptor_0_is_never_closed_nor_watched)
     close(std::exchange(uio_->gone_fd, 0));
     dup2(open("/dev/null", O_RDONLY), 0); // always readable
     expect_timeout(long_past);
-    DOES((libuio_close(uio_), 0), 0, "", "", any_error, -2);
+    DOES((libuio_close(std::exchange(uio_, nullptr)), 0), 0, "", "", any_error, -2);
 }
 
 //--- diagnostics ----------------------------------------------------------------------------------

@@ -8,6 +8,7 @@
 #include <device_access/regiomap_x86.h>
 
 #include <filesystem>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -31,6 +32,15 @@ inline libuio_dev_t *opened(const std::string &name, const timespec *max_wait = 
     const outcome seen = outcome_of(open);
     EXPECT_NE(uio, nullptr) << name << ": " << seen;
     return uio;
+}
+
+struct closes {
+    void operator()(libuio_dev_t *uio) const { libuio_close(uio); }
+};
+inline std::unique_ptr<libuio_dev_t, closes> held(const std::string &name,
+                                                  const timespec *max_wait = &no_wait)
+{
+    return std::unique_ptr<libuio_dev_t, closes>(opened(name, max_wait));
 }
 
 // A handle's maps in the order of their numbers, "NUMBER=BAR:OFFSET+SIZE" in hexadecimal each, with
