@@ -19,6 +19,7 @@ void add_uio_commands(CLI::App &program);
 void add_podlog_commands(CLI::App &program);
 void add_postlog_commands(CLI::App &program);
 void add_inventory_commands(CLI::App &program);
+void add_collect_command(CLI::App &program);
 
 // The command that the line names behind its family's, if any: a family need add no other.
 extern std::string named_command;

@@ -25,6 +25,7 @@ constexpr struct {
     {"podlog", add_podlog_commands},
     {"postlog", add_postlog_commands},
     {"inventory", add_inventory_commands},
+    {"collect", add_collect_command},
 };
 
 // What the line names, alone: the rest would take longer to describe than most commands to run. All

@@ -216,6 +216,11 @@ void record::print_as_text() const
         print_table(set);
 }
 
+record &add_records(record &shown, record_set records)
+{
+    return records.rows.empty() && !settings.as_json ? shown : shown.add(std::move(records));
+}
+
 void print(const record &what)
 {
     if (settings.as_json)

@@ -82,6 +82,9 @@ private:
     std::vector<record_set> sets_;
 };
 
+// Adds records, for people only if there are any.
+record &add_records(record &shown, record_set records);
+
 void print(const record &what);
 void print(record_set set);
 

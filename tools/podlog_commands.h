@@ -33,8 +33,6 @@ void add_podlog_salvage_commands(podlog_family &podlog);
 record entry_row(const log_image &log, const log_record &slot);
 record record_row(const log_record &what);
 
-// Adds records, for people only if there are any.
-record &add_records(record &shown, record_set records);
 record_set record_rows(const std::vector<log_record> &records);
 
 } // namespace devaccess

@@ -34,11 +34,6 @@ record record_row(const log_record &what)
         .add("problem", what.problem.empty() ? json() : json(what.problem));
 }
 
-record &add_records(record &shown, record_set records)
-{
-    return records.rows.empty() && !settings.as_json ? shown : shown.add(std::move(records));
-}
-
 record_set record_rows(const std::vector<log_record> &records)
 {
     record_set set = {"records", {}};
