@@ -51,7 +51,8 @@ need_packages() {
 # shellcheck disable=SC2120 # more packages may be named
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
-        nlohmann-json3-dev libfmt-dev libarchive-dev python3-jsonschema "$@"
+        nlohmann-json3-dev libfmt-dev libarchive-dev libseccomp-dev libevent-dev python3-jsonschema \
+        "$@"
 }
 
 # make_own_apt DIRECTORY ARCHITECTURE: lists of the Debian archives that the machine itself uses, for
@@ -89,9 +90,14 @@ need_virtual_machine() {
     need_packages qemu-system-x86 cpio xz-utils
 }
 
+# Those that 32-bit programs are built with.
+fetch_libraries() {
+    scripts/fetch-libraries libfmt-dev libarchive-dev libseccomp-dev libevent-dev
+}
+
 # configure PRESET [OPTION...]
 configure() {
-    [ "$1" != i386 ] || scripts/fetch-libraries libfmt-dev libarchive-dev
+    [ "$1" != i386 ] || fetch_libraries
     cmake --preset "$@" >"build/$1.log" 2>&1 ||
         { cat "build/$1.log"; give_up "configuring '$1' failed; rm -rf build/$1 starts afresh"; }
 }

@@ -1,22 +1,17 @@
 // chassis-sim [OPTIONS] -- COMMAND: runs a command in a simulated chassis.
 
 #include "sim/chassis.h"
+#include "sim/command.h"
 
 #include <CLI/CLI.hpp>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
+#include <exception>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace
 {
@@ -36,18 +31,18 @@ struct settings {
     std::vector<std::string> command;
 };
 
-[[noreturn]] void refuse(const std::string &what)
-{
-    std::fprintf(stderr, "chassis-sim: %s\n", what.c_str());
-    std::exit(125);
-}
+constexpr int cannot_build = 125; // the exit status
+constexpr int longest_time = 24 * 60 * 60 * 1000;
 
 std::string read_image(const fs::path &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    std::string bytes{std::istreambuf_iterator<char>(file), {}};
-    if (!file || bytes.empty())
-        refuse("cannot read a log image from " + path.string());
+    constexpr uintmax_t largest = 16 << 20;
+    std::error_code error;
+    // Of what is no file, the size may be endless.
+    const bool is_image = fs::is_regular_file(path, error) && fs::file_size(path, error) <= largest;
+    std::string bytes = is_image ? chassis_sim::file_text(path.string()) : "";
+    if (bytes.empty())
+        throw chassis_sim::failure("cannot read a log image from " + path.string());
     return bytes;
 }
 
@@ -89,48 +84,26 @@ chassis_sim::chassis_description describe(const settings &chosen)
     return chassis;
 }
 
-[[noreturn]] void execute(const std::vector<std::string> &command)
-{
-    std::vector<char *> arguments;
-    for (const std::string &word : command)
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    arguments.push_back(nullptr);
-    ::execvp(arguments[0], arguments.data());
-    const int status = errno == ENOENT ? 127 : 126;
-    std::perror(("chassis-sim: " + command[0]).c_str());
-    ::_exit(status);
-}
-
-int run(const std::vector<std::string> &command)
-{
-    const pid_t pid = chassis_sim::must(::fork(), "fork");
-    if (pid == 0)
-        execute(command);
-    ::signal(SIGINT, SIG_IGN); // the command decides what an interrupt from the terminal does
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 void add_device_options(CLI::App &app, chassis_sim::chassis_description &chassis)
 {
     app.add_option("--uio-appears", chassis.uio_appears_ms,
                    "Let /dev/uio0 appear after MS milliseconds")
         ->option_text("MS")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, longest_time));
     app.add_option("--uio-irq-delay", chassis.uio_irq_delay_ms,
                    "Answer each enabling of its interrupt with one after MS\n"
                    "milliseconds; -1: never. Default: 100")
         ->option_text("MS")
-        ->capture_default_str();
-    app.add_option("--uio-removed", chassis.uio_removed_ms, "Remove it after MS milliseconds")
-        ->option_text("MS");
+        ->check(CLI::Range(-1, longest_time));
+    app.add_option("--uio-removed", chassis.uio_removed_ms,
+                   "Remove it after MS milliseconds; -1: never")
+        ->option_text("MS")
+        ->check(CLI::Range(-1, longest_time));
     app.add_option("--link-trains", chassis.link_trains_ms,
                    "The link of the PCI port 0000:00:1c.0 comes up after MS\n"
                    "milliseconds")
         ->option_text("MS")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, longest_time));
     app.add_option("--pci-devices", chassis.pci_devices,
                    "Add COUNT PCI devices, at most 7168, from 0000:20:00.0 on,\n"
                    "32 on a bus")
@@ -176,19 +149,35 @@ void add_fault_option(CLI::App &app, settings &chosen)
         ->check(CLI::IsMember({"nvram-truncated", "link-stuck", "bridge-empty"}));
 }
 
-} // namespace
+// chassis-sim ctl WORD...
+int control(int count, char **words)
+{
+    std::string line;
+    for (int i = 0; i < count; ++i)
+        line += (i == 0 ? "" : " ") + std::string(words[i]);
+    if (!fs::exists(chassis_sim::control_path)) {
+        chassis_sim::complain("'ctl' works in a chassis only");
+        return cannot_build;
+    }
+    try {
+        chassis_sim::control(line);
+    } catch (const chassis_sim::failure &error) {
+        chassis_sim::complain(error.what());
+        return 1;
+    }
+    return 0;
+}
 
-int main(int argc, char **argv)
+int run(int argc, char **argv)
 {
     settings chosen;
-    CLI::App app(
-        "Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
-        "the device /dev/uio0, PCI devices (a root port with a slot, the hot-swap bridge\n"
-        "0000:00:1e.0 and the FPGA of slot alsw1 among them), NVRAM blocks with POD and\n"
-        "POST logs, and the control pipe /dev/chassis in them. Lines written to the pipe:\n"
-        "interrupt uio0, remove uio0, plug uio0. Calls of /sbin/modprobe are only\n"
-        "recorded, in /var/log/modprobe.",
-        "chassis-sim");
+    CLI::App app("Run a command in a simulated chassis: its own /sys, /dev, /var and /flash, with\n"
+                 "the device /dev/uio0, PCI devices (a root port with a slot, the hot-swap bridge\n"
+                 "0000:00:1e.0 and the FPGA of slot alsw1 among them), and NVRAM blocks with POD\n"
+                 "and POST logs. Calls of /sbin/modprobe are only recorded, in /var/log/modprobe.\n"
+                 "Inside, 'chassis-sim ctl LINE' controls a device and tells whether that was\n"
+                 "done; LINE is 'interrupt uio0', 'remove uio0' or 'plug uio0'.",
+                 "chassis-sim");
     app.get_formatter()->column_width(22);
     app.set_version_flag("-V,--version", "chassis-sim " DEVICE_ACCESS_VERSION, "Print the version");
     add_log_options(app, chosen);
@@ -199,9 +188,38 @@ int main(int argc, char **argv)
         ->required();
     app.footer("Examples: chassis-sim -- ls -l /dev /sys/class/uio/uio0/maps\n"
                "          chassis-sim --chassis n4 --fault link-stuck -- sh\n"
-               "Exit status: that of the command; 125 when the chassis cannot be built.");
-    CLI11_PARSE(app, argc, argv);
+               "Exit status: that of the command; 125 when an option is wrong or the chassis\n"
+               "cannot be built.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ExtrasError &) {
+        const std::vector<std::string> words = app.remaining();
+        const auto word = std::find_if(words.begin(), words.end(),
+                                       [](const std::string &w) { return w != "--"; });
+        throw chassis_sim::failure("there is no option " + *word);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0)
+            return app.exit(error);
+        throw;
+    }
+    if (fs::exists(chassis_sim::control_path))
+        throw chassis_sim::failure("this is a simulated chassis already; there is none in it");
+    build_chassis(describe(chosen));
+    return chassis_sim::run_command(chosen.command);
+}
 
-    chassis_sim::build_chassis(describe(chosen));
-    return run(chosen.command);
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc > 1 && std::string_view(argv[1]) == "ctl")
+        return control(argc - 2, argv + 2);
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &error) {
+        std::string line = error.what();
+        std::replace(line.begin(), line.end(), '\n', ' ');
+        chassis_sim::complain(line);
+        return cannot_build;
+    }
 }

@@ -19,12 +19,15 @@ struct device_number {
 // shown under the node's name.
 device_number simulated_device_number(unsigned int index);
 
+inline constexpr char control_path[] = "/dev/chassis";
+
 struct uio_node {
     std::string name;         // what control commands call it, e.g. "uio0"
     std::string node;         // "/dev/uio0"
+    std::string device_dir;   // of the device on its bus, in sysfs
     std::string removal_attr; // path of the "uio_maps" attribute; empty when there is none
     device_number number;
-    bool plugged = true;     // its node is there from the start
+    bool plugged = true;     // it is there from the start
     bool irq_control = true; // its driver accepts interrupt control
     int irq_delay_ms = -1;   // each enabling is answered by one interrupt after this long; -1: not
 };
@@ -36,20 +39,24 @@ struct storage_node {
 };
 
 // Answers, in a process of its own, what the kernel cannot in a private root: opening the nodes of
-// simulated devices, and interrupts and removals on the descriptors so opened. The opener gets a
-// real descriptor of real memory: maps of a UIO node, and reads and writes of storage, are the
-// kernel's own. Works on the system calls themselves (seccomp user notification), so for 64-bit,
-// 32-bit and statically linked programs alike.
+// simulated devices, and interrupts and removals on the descriptors so opened. The opener gets
+// descriptors of real memory and real sockets: maps of a UIO node, waiting for its interrupts in
+// whatever way, and reads and writes of storage, are the kernel's own. Works on the system calls
+// themselves (seccomp user notification), so for 64-bit, 32-bit and statically linked programs
+// alike. The process lives as long as one that it answers.
 //
-// Descriptors of UIO nodes have numbers of 960 and above, or the highest 64 that the limit on open
-// files allows; their interrupts are seen by read, pread and poll, not by select or epoll.
+// Descriptors of UIO nodes have numbers of 768 and above, or the highest 256 that the limit on open
+// files allows.
 //
 // While it runs, a line written to /dev/chassis controls a device:
 //   interrupt NAME       its interrupt occurs
-//   plug NAME            its node appears
-//   remove NAME          it leaves its bus: the removal notice comes, its node and its entry in
-//                        /sys/class/uio go, and what is open fails as it does without a driver
+//   plug NAME            it appears: in /sys/class/uio, then its node
+//   remove NAME          it leaves its bus: its entry in /sys/class/uio and its node go, the
+//   removal
+//                        notice comes, and what is open fails as it does without a driver
 //   answer-read NAME N   reads of its node return N; "answer-write" likewise
+// Who opened /dev/chassis for reading too, gets a line for each: "ok" when it is done, or what is
+// wrong with it; for others that is said on standard error.
 class device_server
 {
 public:
@@ -64,7 +71,7 @@ private:
     std::vector<storage_node> storage_;
 };
 
-// Writes one control line.
+// Has one control line obeyed; throws a failure when that cannot be done.
 void control(const std::string &line);
 
 } // namespace chassis_sim

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -27,9 +29,19 @@ void make_parents(const std::string &path)
 
 void fail(const std::string &what)
 {
-    std::fprintf(stderr, "chassis-sim: %s: %s\n", what.c_str(), std::strerror(errno));
-    std::fflush(nullptr);
-    ::_exit(125);
+    throw failure(what + ": " + std::strerror(errno));
+}
+
+void complain(const std::string &text)
+{
+    std::fprintf(stderr, "chassis-sim: %s\n", text.c_str());
+}
+
+void owned_fd::reset(int fd)
+{
+    if (fd_ >= 0)
+        ::close(fd_);
+    fd_ = fd;
 }
 
 int must(int result, const std::string &what)
@@ -52,14 +64,13 @@ void make_directory(const std::string &path)
 void write_file(const std::string &path, std::string_view contents, mode_t mode)
 {
     make_parents(path);
-    const int fd = must(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode),
-                        "create " + path);
+    const owned_fd fd(must(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode),
+                           "create " + path));
     for (size_t done = 0; done < contents.size();) {
-        const ssize_t n = ::write(fd, contents.data() + done, contents.size() - done);
+        const ssize_t n = ::write(fd.get(), contents.data() + done, contents.size() - done);
         must(static_cast<int>(n), "write " + path);
         done += static_cast<size_t>(n);
     }
-    ::close(fd);
 }
 
 void make_symlink(const std::string &path, const std::string &target)
@@ -74,16 +85,35 @@ void bind_mount(const std::string &from, const std::string &to)
          "bind " + from + " to " + to);
 }
 
-pid_t background(const std::function<void()> &work)
+std::string file_text(const std::string &path)
 {
-    const pid_t parent = ::getpid();
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+pid_t separately(const std::function<void()> &work)
+{
     const pid_t pid = must(::fork(), "fork");
     if (pid > 0)
         return pid;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() == parent)
+    try {
         work();
+    } catch (const std::exception &error) {
+        complain(error.what());
+        ::_exit(125);
+    }
     ::_exit(0);
+}
+
+pid_t background(const std::function<void()> &work)
+{
+    const pid_t parent = ::getpid();
+    return separately([&] {
+        ::setsid(); // signals from the terminal are for the command
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() == parent)
+            work();
+    });
 }
 
 } // namespace chassis_sim

@@ -2,112 +2,115 @@
 
 #include "sim/support.h"
 
-#include <cstddef>
-#include <vector>
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <utility>
 
-#include <linux/audit.h>
-#include <linux/filter.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <seccomp.h>
+#include <sys/mman.h>
 
 namespace chassis_sim
 {
 namespace
 {
 
-// The numbers of the kernel's system call tables for both processors that a program may be built
-// for; a 64-bit server also serves 32-bit programs.
-struct call_number {
-    unsigned int on_x86_64;
-    unsigned int on_i386;
+// On which argument's value it depends whether a call is asked about.
+enum class condition { none, descriptor_first, descriptor_third, shared_mapping };
+
+constexpr struct {
+    const char *name;
     intercepted call;
-};
-constexpr unsigned int none = 0xffff;
-constexpr call_number call_numbers[] = {
-    {2, 5, intercepted::open},       {257, 295, intercepted::openat},
-    {133, 14, intercepted::mknod},   {259, 297, intercepted::mknodat},
-    {0, 3, intercepted::read},       {17, 180, intercepted::read},
-    {1, 4, intercepted::write},      {18, 181, intercepted::write},
-    {7, 168, intercepted::poll},     {271, 309, intercepted::ppoll},
-    {none, 414, intercepted::ppoll},
+    condition when;
+} calls[] = {
+    {"open", intercepted::open, condition::none},
+    {"openat", intercepted::openat, condition::none},
+    {"openat2", intercepted::openat2, condition::none},
+    {"mknod", intercepted::mknod, condition::none},
+    {"mknodat", intercepted::mknodat, condition::none},
+    {"poll", intercepted::wait, condition::none},
+    {"ppoll", intercepted::wait, condition::none},
+    {"ppoll_time64", intercepted::wait, condition::none},
+    {"select", intercepted::wait, condition::none},
+    {"_newselect", intercepted::wait, condition::none},
+    {"pselect6", intercepted::wait, condition::none},
+    {"pselect6_time64", intercepted::wait, condition::none},
+    {"mmap", intercepted::mmap, condition::shared_mapping},
+    {"mmap2", intercepted::mmap, condition::shared_mapping},
+    {"read", intercepted::read, condition::descriptor_first},
+    {"pread64", intercepted::read, condition::descriptor_first},
+    {"write", intercepted::write, condition::descriptor_first},
+    {"pwrite64", intercepted::write, condition::descriptor_first},
+    {"lseek", intercepted::seek, condition::descriptor_first},
+    {"_llseek", intercepted::seek, condition::descriptor_first},
+    {"dup", intercepted::duplicate, condition::descriptor_first},
+    {"fcntl", intercepted::control, condition::descriptor_first},
+    {"fcntl64", intercepted::control, condition::descriptor_first},
+    {"close", intercepted::close, condition::descriptor_first},
+    {"epoll_ctl", intercepted::epoll, condition::descriptor_third},
+    {"dup2", intercepted::any, condition::descriptor_first},
+    {"dup3", intercepted::any, condition::descriptor_first},
+    {"ioctl", intercepted::any, condition::descriptor_first},
+    {"readv", intercepted::any, condition::descriptor_first},
+    {"writev", intercepted::any, condition::descriptor_first},
 };
 
-bool works_on_descriptor(intercepted call)
+// A 64-bit server also serves 32-bit programs.
+constexpr uint32_t architectures[] = {SCMP_ARCH_X86_64, SCMP_ARCH_X86};
+
+void add_rule(scmp_filter_ctx filter, int number, condition when, unsigned int first_fd)
 {
-    return call == intercepted::read || call == intercepted::write;
+    const auto add = [&](auto... comparisons) {
+        errno = -::seccomp_rule_add(filter, SCMP_ACT_NOTIFY, number, sizeof...(comparisons),
+                                    comparisons...);
+        if (errno != 0)
+            fail("seccomp_rule_add");
+    };
+    // A descriptor is 32 bits wide; what a 64-bit caller leaves above them does not count.
+    constexpr scmp_datum_t most = 0x7fffffff;
+    switch (when) {
+    case condition::none:
+        return add();
+    case condition::descriptor_first:
+        return add(SCMP_A0_32(SCMP_CMP_GE, first_fd));
+    case condition::descriptor_third:
+        return add(SCMP_A2_32(SCMP_CMP_GE, first_fd));
+    case condition::shared_mapping:
+        return add(SCMP_A3_32(SCMP_CMP_MASKED_EQ, MAP_SHARED, MAP_SHARED),
+                   SCMP_A4_32(SCMP_CMP_LE, most));
+    }
 }
-
-class filter_program
-{
-public:
-    explicit filter_program(unsigned int first_fd) : first_fd_(first_fd) {}
-
-    void add_architecture(unsigned int arch, unsigned int call_number::*number)
-    {
-        load(offsetof(seccomp_data, arch));
-        const size_t skip = code_.size();
-        code_.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, arch, 0, 0));
-        for (const call_number &entry : call_numbers)
-            if (entry.*number != none)
-                add_call(entry.*number, works_on_descriptor(entry.call));
-        code_.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-        code_[skip].jf = static_cast<unsigned char>(code_.size() - skip - 1);
-    }
-
-    std::vector<sock_filter> finish()
-    {
-        code_.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-        return code_;
-    }
-
-private:
-    void load(size_t offset)
-    {
-        code_.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, static_cast<unsigned int>(offset)));
-    }
-
-    void add_call(unsigned int number, bool on_descriptor)
-    {
-        load(offsetof(seccomp_data, nr));
-        if (on_descriptor) {
-            code_.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 3));
-            load(offsetof(seccomp_data, args));
-            code_.push_back(BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, first_fd_, 0, 1));
-        } else {
-            code_.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1));
-        }
-        code_.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
-    }
-
-    unsigned int first_fd_;
-    std::vector<sock_filter> code_;
-};
 
 } // namespace
 
 int install_syscall_filter(unsigned int first_fd)
 {
-    filter_program program(first_fd);
-    program.add_architecture(AUDIT_ARCH_X86_64, &call_number::on_x86_64);
-    program.add_architecture(AUDIT_ARCH_I386, &call_number::on_i386);
-    std::vector<sock_filter> code = program.finish();
-    const sock_fprog filter = {static_cast<unsigned short>(code.size()), code.data()};
-    must(::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), "no_new_privs");
-    return must(static_cast<int>(::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
-                                           SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter)),
-                "needs seccomp user notification (Linux 5.14 or newer)");
+    const std::unique_ptr<void, void (*)(void *)> filter(::seccomp_init(SCMP_ACT_ALLOW),
+                                                         ::seccomp_release);
+    ::seccomp_attr_set(filter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_ALLOW);
+    for (const uint32_t architecture : architectures)
+        ::seccomp_arch_add(filter.get(), architecture);
+    for (const auto &[name, call, when] : calls)
+        add_rule(filter.get(), ::seccomp_syscall_resolve_name(name), when, first_fd);
+    errno = -::seccomp_load(filter.get());
+    if (errno != 0)
+        fail("needs seccomp user notification (Linux 5.14 or newer)");
+    return ::seccomp_notify_fd(filter.get());
 }
 
 std::optional<intercepted> which_call(const seccomp_data &data)
 {
-    for (const call_number &entry : call_numbers) {
-        const unsigned int number =
-            data.arch == AUDIT_ARCH_X86_64 ? entry.on_x86_64 : entry.on_i386;
-        if (number == static_cast<unsigned int>(data.nr))
-            return entry.call;
-    }
-    return std::nullopt;
+    using key = std::pair<uint32_t, int>; // architecture and number
+    static const std::map<key, intercepted> by_number = [] {
+        std::map<key, intercepted> made;
+        for (const uint32_t architecture : architectures)
+            for (const auto &[name, call, when] : calls)
+                made[{architecture, ::seccomp_syscall_resolve_name_arch(architecture, name)}] =
+                    call;
+        return made;
+    }();
+    const auto found = by_number.find({data.arch, data.nr});
+    return found == by_number.end() ? std::nullopt : std::optional(found->second);
 }
 
 } // namespace chassis_sim

@@ -32,6 +32,7 @@ void add_uio(device_server &server, const uio_description &description)
 
     uio_node node;
     node.name = name;
+    node.device_dir = device_dir;
     node.node = description.node.empty() ? "/dev/" + name : description.node;
     if (description.removal_notice) {
         node.removal_attr = device_dir + "/uio_maps";

@@ -582,9 +582,13 @@ TEST(chassis_sim, says_in_one_line_that_it_cannot_be_built)
             become_ordinary_user();
         chassis_sim::enter_private_root();
     };
-    EXPECT_EXIT(build_without_namespaces(), testing::ExitedWithCode(125),
-                "^chassis-sim: needs a private mount namespace: run it as root, or where user "
-                "namespaces are allowed: Operation not permitted\n$");
+    try {
+        build_without_namespaces();
+        FAIL();
+    } catch (const chassis_sim::failure &error) {
+        EXPECT_STREQ(error.what(), "needs a private mount namespace: run it as root, or where user "
+                                   "namespaces are allowed: Operation not permitted");
+    }
 }
 
 TEST(chassis_sim, shows_in_what_the_command_sees)
@@ -620,10 +624,6 @@ TEST(chassis_sim, shows_in_what_the_command_sees)
 --fault bridge-empty -- sh -c 'echo 1 >$ON; sleep 0.3; test -e $CARD' -> 1
 --fault nvram-truncated -- devaccess podlog repair RPSW1 --yes --chassis n20 -> 1 | | *
 -- sh -c 'exit 7' -> 7
---fault nothing -- true -> 105 | | *
---pci-devices 7169 -- true -> 105 | | *
---pod-log /nowhere -- true -> 125 | | chassis-sim: cannot read a log image from /nowhere\n
---post-log /nowhere -- true -> 125 | | chassis-sim: cannot read a log image from /nowhere/nvlog-ofw-event\n
 )");
     fs::remove_all(images);
 }

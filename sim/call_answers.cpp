@@ -1,0 +1,210 @@
+#include "sim/call_answers.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr unsigned int numbers = uio_descriptors;
+
+} // namespace
+
+uio_device &devices::named(const std::string &name)
+{
+    const auto found = std::find_if(uio.begin(), uio.end(),
+                                    [&name](const uio_device &d) { return d.name == name; });
+    if (found == uio.end())
+        throw failure("there is no device '" + name + "'");
+    return *found;
+}
+
+void call_answers::answer(const asked_call &call)
+{
+    const intercepted what = which_call(call.data()).value_or(intercepted::any);
+    switch (what) {
+    case intercepted::open:
+        return answer_open(call, AT_FDCWD, call.argument(0), call.int_argument(1));
+    case intercepted::openat:
+        return answer_open(call, call.int_argument(0), call.argument(1), call.int_argument(2));
+    case intercepted::openat2: {
+        uint64_t flags = 0; // the first member of what the third argument points to
+        call.process().read(call.argument(2), &flags, sizeof flags);
+        return answer_open(call, call.int_argument(0), call.argument(1), static_cast<int>(flags));
+    }
+    case intercepted::mknod:
+        return answer_mknod(call, AT_FDCWD, call.argument(0));
+    case intercepted::mknodat:
+        return answer_mknod(call, call.int_argument(0), call.argument(1));
+    case intercepted::mmap:
+        return answer_mmap(call);
+    case intercepted::wait:
+        return answer_wait(call);
+    default:
+        return answer_on_descriptor(call, what);
+    }
+}
+
+void call_answers::answer_open(const asked_call &call, int directory, uint64_t path_address,
+                               int flags)
+{
+    std::error_code error;
+    const fs::path path = fs::canonical(call.process().path(directory, path_address), error);
+    if (error || flags & O_PATH)
+        return call.pass();
+    if (path == control_path)
+        return call.descriptor(open_control_((flags & O_ACCMODE) != O_WRONLY).get(),
+                               flags & O_CLOEXEC, std::nullopt);
+    for (uio_device &device : devices_.uio)
+        if (device.present && (path == device.node || path == device.removal_attr))
+            return open_uio(call, device, path != device.node, flags);
+    for (const storage_device &device : devices_.storage)
+        if (path == device.node) {
+            const owned_fd opening = device.open(flags);
+            return opening ? call.descriptor(opening.get(), flags & O_CLOEXEC, std::nullopt)
+                           : call.result(-errno);
+        }
+    call.pass();
+}
+
+void call_answers::open_uio(const asked_call &call, uio_device &device, bool is_notice, int flags)
+{
+    std::erase_if(openings_, [](const auto &open) { return !open->device() && !open->is_open(); });
+    const auto made = std::make_shared<opening>(device, is_notice, flags);
+    openings_.push_back(made);
+    device.openings.push_back(made);
+    opened_(made);
+    made->hand_out(call, free_number(call.process()), flags & O_CLOEXEC);
+}
+
+unsigned int call_answers::free_number(const asking_process &process) const
+{
+    unsigned int number = first_fd_;
+    while (number < first_fd_ + numbers - 1 && !process.link_of(static_cast<int>(number)).empty())
+        ++number;
+    return number;
+}
+
+// An ordinary user's mknod fails; a plain file then stands for the node.
+void call_answers::answer_mknod(const asked_call &call, int directory, uint64_t path_address)
+{
+    const std::string path = call.process().path(directory, path_address);
+    const bool ours = std::any_of(devices_.storage.begin(), devices_.storage.end(),
+                                  [&](const storage_device &d) { return d.node == path; });
+    if (!ours || may_make_nodes() || fs::exists(path))
+        return call.pass();
+    write_file(path, "");
+    call.result(0);
+}
+
+std::shared_ptr<opening> call_answers::opening_of(const asking_process &process, int fd) const
+{
+    const std::string link = process.link_of(fd);
+    const auto found = std::find_if(openings_.begin(), openings_.end(), [&](const auto &open) {
+        return open->is_behind(link, process, fd);
+    });
+    return found == openings_.end() ? nullptr : *found;
+}
+
+void call_answers::answer_mmap(const asked_call &call)
+{
+    const int fd = call.int_argument(4);
+    const std::shared_ptr<opening> open = opening_of(call.process(), fd);
+    if (open && !open->is_notice()) {
+        if (!open->device())
+            return call.result(-EINVAL);
+        open->show_memory(call, fd);
+    }
+    call.pass();
+}
+
+void call_answers::answer_wait(const asked_call &call)
+{
+    for (const auto &open : openings_)
+        open->show_sockets(call);
+    call.pass();
+}
+
+void call_answers::answer_on_descriptor(const asked_call &call, intercepted what)
+{
+    const int fd = call.int_argument(what == intercepted::epoll ? 2 : 0);
+    const std::shared_ptr<opening> open = opening_of(call.process(), fd);
+    if (!open)
+        return call.pass();
+    const bool reads = what == intercepted::read || what == intercepted::seek;
+    if (open->is_notice() && reads) {
+        if (!open->device())
+            return call.result(-ENODEV);
+        open->show_memory(call, fd);
+        return call.pass();
+    }
+    if (what == intercepted::close) {
+        open->close(call, fd);
+        return call.pass();
+    }
+    open->show_socket(call, fd);
+    const int command = call.int_argument(1);
+    const bool duplicates =
+        what == intercepted::duplicate ||
+        (what == intercepted::control && (command == F_DUPFD || command == F_DUPFD_CLOEXEC));
+    if (duplicates)
+        return open->hand_out(call, free_number(call.process()),
+                              what == intercepted::control && command == F_DUPFD_CLOEXEC);
+    if (what == intercepted::read)
+        return answer_read(call, open);
+    if (what == intercepted::write && !open->is_notice())
+        return answer_write(call, *open);
+    if (what == intercepted::seek)
+        return call.result(0);
+    call.pass();
+}
+
+void call_answers::answer_read(const asked_call &call, const std::shared_ptr<opening> &open)
+{
+    const uio_device *device = open->device();
+    if (!device)
+        return call.result(-EIO);
+    if (device->read_answer)
+        return call.result(*device->read_answer);
+    if (call.argument(2) != sizeof(uint32_t))
+        return call.result(-EINVAL);
+    reads_.add(call, open);
+}
+
+void call_answers::answer_write(const asked_call &call, const opening &open)
+{
+    uio_device *device = open.device();
+    int32_t flag;
+    if (!device)
+        return call.result(-EINVAL);
+    if (device->write_answer)
+        return call.result(*device->write_answer);
+    if (call.argument(2) != sizeof flag)
+        return call.result(-EINVAL);
+    if (!call.process().read(call.argument(1), &flag, sizeof flag))
+        return call.result(-EFAULT);
+    call.result(device->control_interrupt(flag));
+}
+
+void call_answers::far_end_is_ready(const std::shared_ptr<opening> &open)
+{
+    int32_t flag;
+    const ssize_t length = ::recv(open->far_end(), &flag, sizeof flag, MSG_DONTWAIT);
+    if (length == sizeof flag && open->device())
+        open->device()->control_interrupt(flag);
+    if (length != 0)
+        return;
+    if (open->device())
+        std::erase(open->device()->openings, open);
+    std::erase(openings_, open);
+}
+
+} // namespace chassis_sim

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "sim/asking_process.h"
+#include "sim/device_model.h"
+#include "sim/syscall_filter.h"
+#include "sim/waiting_reads.h"
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace chassis_sim
+{
+
+struct devices {
+    // The device of that name; throws a failure when there is none.
+    uio_device &named(const std::string &name);
+
+    std::deque<uio_device> uio; // openings point to them
+    std::deque<storage_device> storage;
+};
+
+// Answers the system calls that work on the chassis's devices, and lets all others pass.
+class call_answers
+{
+public:
+    // Descriptors from first_fd on are given to those who open a UIO device. open_control is asked
+    // for a new client's end of the control line, and told whether it will read.
+    call_answers(devices &of, unsigned int first_fd, std::function<owned_fd(bool)> open_control,
+                 std::function<void(const std::shared_ptr<opening> &)> opened)
+        : devices_(of), first_fd_(first_fd), open_control_(std::move(open_control)),
+          opened_(std::move(opened))
+    {
+    }
+
+    void answer(const asked_call &call);
+    void settle() { reads_.settle(); }
+
+    // The clients have closed it, or have written to a copy of its descriptor that reads and writes
+    // are not asked about.
+    void far_end_is_ready(const std::shared_ptr<opening> &open);
+
+private:
+    void answer_open(const asked_call &call, int directory, uint64_t path_address, int flags);
+    void answer_mknod(const asked_call &call, int directory, uint64_t path_address);
+    void answer_mmap(const asked_call &call);
+    void answer_wait(const asked_call &call);
+    void answer_on_descriptor(const asked_call &call, intercepted what);
+    void answer_read(const asked_call &call, const std::shared_ptr<opening> &open);
+    void answer_write(const asked_call &call, const opening &open);
+    void open_uio(const asked_call &call, uio_device &device, bool is_notice, int flags);
+
+    std::shared_ptr<opening> opening_of(const asking_process &process, int fd) const;
+    unsigned int free_number(const asking_process &process) const;
+
+    devices &devices_;
+    unsigned int first_fd_;
+    std::function<owned_fd(bool)> open_control_;
+    std::function<void(const std::shared_ptr<opening> &)> opened_;
+    std::vector<std::shared_ptr<opening>> openings_; // of devices that have gone too
+    waiting_reads reads_;
+};
+
+} // namespace chassis_sim

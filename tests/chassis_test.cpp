@@ -1,0 +1,323 @@
+// The simulated chassis itself: that it never breaks, whatever is done in it, and that it behaves
+// like a kernel.
+#include "support/test.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/select.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace chassis_sim;
+using std::string;
+
+// What a line of the shell prints on both streams, and its status behind it.
+string shell(const string &line)
+{
+    const string whole = "PATH=" PROGRAMS ":$PATH; { " + line + "\n} 2>&1";
+    FILE *const pipe = ::popen(whole.c_str(), "r");
+    string text;
+    for (int byte; (byte = std::fgetc(pipe)) != EOF;)
+        text += static_cast<char>(byte);
+    return text + std::to_string(WEXITSTATUS(::pclose(pipe)));
+}
+
+TEST(chassis, answers_what_is_wrong_with_one_line_and_goes_on)
+{
+    const string options[][2] = {
+        {"", "command is required"},
+        {"--nonsense -- true", "there is no option --nonsense"},
+        {"--uio-appears", "--uio-appears: 1 required *"},
+        {"--uio-appears -5 -- true", "--uio-appears: Value -5 not in range 0 to 86400000"},
+        {"--uio-appears 86400001 -- true", "--uio-appears: Value 86400001 not in range 0 to 864*"},
+        {"--uio-irq-delay -2 -- true", "--uio-irq-delay: Value -2 not in range -1 to 86400000"},
+        {"--uio-removed 9999999999999 -- true",
+         "--uio-removed: Value 9999999999999 not in range *"},
+        {"--link-trains x -- true", "--link-trains: Value x not in range *"},
+        {"--pci-devices 7169 -- true", "--pci-devices: Value 7169 not in range 0 to 7168"},
+        {"--fault nothing -- true", "--fault: nothing not in {nvram-truncated,link-stuck,bridge*"},
+        {"--chassis n30 -- true", "--chassis: n30 not in {*"},
+        {"--pod-log /nowhere -- true", "cannot read a log image from /nowhere"},
+        {"--pod-log /tmp -- true", "cannot read a log image from /tmp"},
+        {"--pod-log /dev/zero -- true", "cannot read a log image from /dev/zero"},
+        {"--post-log /tmp -- true", "cannot read a log image from /tmp/nvlog-ofw-event"},
+        {"ctl plug uio0", "'ctl' works in a chassis only"},
+        {"-- chassis-sim -- true", "this is a simulated chassis already; there is none in it"},
+    };
+    const auto matches = [](const string &text, const string &pattern, const string &status) {
+        const size_t star = pattern.find('*');
+        const string line = "chassis-sim: " + pattern.substr(0, star);
+        return std::count(text.begin(), text.end(), '\n') == 1 && text.ends_with("\n" + status) &&
+               (star == string::npos ? text == line + "\n" + status : text.starts_with(line));
+    };
+    for (const auto &[arguments, line] : options) {
+        const string seen = shell("chassis-sim " + arguments);
+        EXPECT_TRUE(matches(seen, line, "125")) << arguments << "\n" << seen;
+    }
+    const string controls[][2] = {
+        {"plug uio0", "uio0 is plugged already"},
+        {"plug uio1", "there is no device 'uio1'"},
+        {"plug", "plug takes a device"},
+        {"remove uio0 now", "remove takes a device"},
+        {"", "unknown control line ''"},
+        {"explode uio0", "unknown control line 'explode uio0'"},
+        {"answer-read uio0", "answer-read takes a device and a number"},
+        {"answer-read uio0 1x", "'1x' is no number"},
+        {"answer-read uio0 99999999999", "'99999999999' is no number"},
+    };
+    string script;
+    for (const auto &[words, line] : controls)
+        script += "chassis-sim ctl " + words + "; echo $?; ";
+    script += "head -c 9999 /dev/zero >/dev/chassis; ls /dev/uio0; "
+              "chassis-sim ctl remove uio0; ls /dev/uio0; chassis-sim ctl interrupt uio0";
+    const string seen = shell("chassis-sim -- sh -c '" + script + "'");
+    string expected;
+    for (const auto &[words, line] : controls)
+        expected += "chassis-sim: " + line + "\n1\n";
+    EXPECT_TRUE(seen.starts_with(expected)) << seen;
+    EXPECT_TRUE(seen.ends_with("\n/dev/uio0\nls: cannot access '/dev/uio0': No such file or "
+                               "directory\nchassis-sim: uio0 is not plugged\n1"))
+        << seen;
+}
+
+TEST(chassis, lives_as_long_as_what_runs_in_it_and_no_longer)
+{
+    const string sleeper = "sleep 77." + std::to_string(::getpid());
+    const string ended = "; wait $! 2>/dev/null; echo $?; sleep .3; pgrep -f '" + sleeper + "$'";
+    const string stubborn = "chassis-sim -- sh -c 'trap \"\" TERM HUP; setsid " + sleeper +
+                            " & echo up; " + sleeper + "; " + sleeper + "' & sleep .5; kill -";
+    const string cases[][2] = {
+        {"chassis-sim -- sh -c '(sleep .3; head -c 0 /dev/uio0; echo late) & exit 3'", "late\n3"},
+        {"chassis-sim -- sh -c 'kill -KILL $$'", "137"},
+        {"chassis-sim -- /nowhere", "chassis-sim: /nowhere: No such file or directory\n127"},
+        {"chassis-sim -- /tmp", "chassis-sim: /tmp: Permission denied\n126"},
+        {"chassis-sim -- " + sleeper + " & sleep .3; kill -HUP $!" + ended, "129\n1"},
+        {stubborn + "TERM $!" + ended, "up\n143\n1"},
+        {stubborn + "KILL $!" + ended, "up\n137\n1"},
+    };
+    for (const auto &[line, expected] : cases)
+        EXPECT_EQ(shell(line), expected) << line;
+}
+
+//--- a device -------------------------------------------------------------------------------------
+
+void start_chassis()
+{
+    // As an ordinary user, where this is root.
+    ASSERT_TRUE(::getuid() != 0 ||
+                (::setresgid(65534, 65534, 65534) == 0 && ::setresuid(65534, 65534, 65534) == 0));
+    ASSERT_EQ(::prctl(PR_SET_DUMPABLE, 1), 0);
+    enter_private_root();
+    device_server server;
+    uio_description device;
+    add_uio(server, device);
+    server.start();
+}
+
+// An open device whose interrupt is enabled.
+int open_device(int flags = 0)
+{
+    const int fd = ::open("/dev/uio0", O_RDWR | flags);
+    const uint32_t on = 1;
+    EXPECT_EQ(::write(fd, &on, sizeof on), 4) << std::strerror(errno);
+    return fd;
+}
+
+// The count read, or -errno.
+int64_t count_of(int fd)
+{
+    uint32_t count;
+    const ssize_t length = ::read(fd, &count, sizeof count);
+    return length == sizeof count ? int64_t{count} : -errno;
+}
+
+// What poll tells at once.
+int events_of(int fd, int asked = POLLIN)
+{
+    pollfd one = {fd, static_cast<short>(asked), 0};
+    ::poll(&one, 1, 0);
+    return one.revents;
+}
+
+TEST(chassis, device_that_was_removed_is_whole_again_when_it_is_plugged)
+{
+    start_chassis();
+    for (int round = 0; round < 10; ++round) {
+        const int fd = open_device();
+        const int notice = ::open("/sys/class/uio/uio0/device/uio_maps", O_RDONLY);
+        char text[8];
+        EXPECT_EQ(::pread(notice, text, sizeof text, 0), 5);
+        auto *const map = static_cast<volatile uint32_t *>(
+            ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+        ASSERT_NE(map, MAP_FAILED);
+        EXPECT_EQ(std::exchange(*map, 7u), 0u);
+        control("interrupt uio0");
+        EXPECT_EQ(count_of(fd), 1);
+        EXPECT_EQ(events_of(fd) | events_of(notice), 0);
+        control("remove uio0");
+        EXPECT_FALSE(fs::exists("/dev/uio0") || fs::exists("/sys/class/uio/uio0") ||
+                     fs::exists(uio_device_dir(0)));
+        EXPECT_EQ(events_of(fd), POLLIN | POLLERR | POLLHUP);
+        EXPECT_EQ(events_of(notice), POLLIN | POLLERR | POLLHUP);
+        EXPECT_EQ(count_of(fd), -EIO);
+        EXPECT_EQ(*map, 7u) << "what is mapped stays";
+        EXPECT_EQ(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
+        EXPECT_EQ(::pread(notice, text, sizeof text, 0), -1);
+        control("plug uio0");
+        EXPECT_EQ(test::read_file("/sys/class/uio/uio0/maps/map0/size"), "0x0000000000001000\n");
+        EXPECT_EQ(count_of(fd), -EIO) << "what was open is not the new device";
+        ::munmap(const_cast<uint32_t *>(map), 4096);
+        ::close(fd);
+        ::close(notice);
+    }
+}
+
+// Ways to wait: whether a descriptor is readable after that many milliseconds at most.
+bool by_poll(int fd, int ms)
+{
+    pollfd one = {fd, POLLIN, 0};
+    return ::poll(&one, 1, ms) == 1 && one.revents == POLLIN;
+}
+bool by_ppoll(int fd, int ms)
+{
+    pollfd one = {fd, POLLIN, 0};
+    const timespec limit = {0, ms * 1000000L};
+    return ::ppoll(&one, 1, &limit, nullptr) == 1 && one.revents == POLLIN;
+}
+bool by_select(int fd, int ms)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval limit = {0, ms * 1000L};
+    return ::select(fd + 1, &set, nullptr, nullptr, &limit) == 1 && FD_ISSET(fd, &set);
+}
+template <uint32_t mode>
+bool by_epoll(int fd, int ms)
+{
+    const int set = ::epoll_create1(0);
+    epoll_event event = {EPOLLIN | mode, {.u64 = 0x123456789abcdef}};
+    epoll_event seen = {};
+    ::epoll_ctl(set, EPOLL_CTL_ADD, fd, &event);
+    const bool ready = ::epoll_wait(set, &seen, 1, ms) == 1 && seen.events == EPOLLIN &&
+                       seen.data.u64 == event.data.u64;
+    ::close(set);
+    return ready;
+}
+bool by_read(int fd, int ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    ::fcntl(fd, F_SETFL, O_NONBLOCK);
+    uint32_t count;
+    const bool ready = ::pread(fd, &count, sizeof count, 0) == sizeof count;
+    EXPECT_TRUE(ready || errno == EAGAIN);
+    ::fcntl(fd, F_SETFL, 0);
+    return ready;
+}
+
+TEST(chassis, interrupts_are_seen_in_every_way_to_wait_and_through_every_descriptor)
+{
+    start_chassis();
+    const std::pair<const char *, int (*)(int)> descriptors[] = {
+        {"opened", [](int fd) { return fd; }},
+        {"dup", [](int fd) { return ::dup(fd); }},
+        {"fcntl", [](int fd) { return ::fcntl(fd, F_DUPFD_CLOEXEC, 3); }},
+        {"dup2", [](int fd) { return ::dup2(fd, 200); }},
+        {"mapped", [](int fd) {
+             EXPECT_NE(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
+             return fd;
+         }}};
+    const std::pair<const char *, bool (*)(int, int)> waits[] = {
+        {"poll", by_poll},
+        {"ppoll", by_ppoll},
+        {"select", by_select},
+        {"epoll", by_epoll<0>},
+        {"epoll, edges", by_epoll<uint32_t{EPOLLET}>},
+        {"read", by_read}};
+    for (const auto &[descriptor, make] : descriptors) {
+        const int fd = open_device();
+        const int other = open_device();
+        int64_t count = 0;
+        for (const auto &[way, wait] : waits) {
+            SCOPED_TRACE(string(descriptor) + ", " + way);
+            if (string(descriptor) == "dup2" && wait == by_read)
+                continue; // its number is too low for pread to be asked about
+            const int used = make(fd);
+            EXPECT_FALSE(wait(used, 2));
+            control("interrupt uio0");
+            EXPECT_TRUE(wait(used, 900));
+            if (wait != by_read) {
+                control("interrupt uio0");
+                EXPECT_GE(count_of(used), 2); // the newest
+            }
+            EXPECT_FALSE(wait(used, 0));
+            EXPECT_GT(count_of(other), std::exchange(count, 1)) << "each opening has its own";
+            std::thread later([] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                control("interrupt uio0");
+            });
+            EXPECT_GT(count_of(used), 0) << "it waits";
+            later.join();
+            if (used != fd)
+                ::close(used);
+        }
+        ::close(other);
+        ::close(fd);
+    }
+}
+
+TEST(chassis, descriptor_left_to_the_kernel_behaves_like_one)
+{
+    start_chassis();
+    const int fd = open_device(O_NONBLOCK | O_CLOEXEC);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(count_of(fd), -EAGAIN);
+    char many[8];
+    EXPECT_TRUE(::read(fd, many, 8) == -1 && errno == EINVAL);
+    EXPECT_TRUE(::write(fd, many, 8) == -1 && errno == EINVAL);
+    ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC) << "as before it was mapped";
+    // A set of epoll forgets what is closed.
+    const int set = ::epoll_create1(0);
+    epoll_event event = {EPOLLIN, {}};
+    ASSERT_EQ(::epoll_ctl(set, EPOLL_CTL_ADD, fd, &event), 0);
+    ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0);
+    ::close(fd);
+    const int again = open_device();
+    control("interrupt uio0");
+    EXPECT_EQ(::epoll_wait(set, &event, 1, 0), 0);
+    EXPECT_EQ(count_of(again), 1 + 0);
+    // Children have it too, and a removal ends their wait.
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(count_of(again) == -EIO ? 9 : 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    control("remove uio0");
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 9);
+}
+
+#ifdef CLIENT
+TEST(chassis, statically_linked_client_of_an_event_library_sees_interrupts_and_the_removal)
+{
+    EXPECT_EQ(shell("chassis-sim --uio-irq-delay 10 --uio-removed 500 -- " CLIENT " /dev/uio0 3"),
+              "1\n2\n3\nremoved\n0");
+}
+#endif
+
+} // namespace
