@@ -24,3 +24,19 @@ completed devaccess 'devaccess podlog --chassis=n20 status SW' 'SW1 SW2 SW3 SW4'
 completed devaccess 'devaccess podlog --chassis=n' 'n10 n20 n4'
 completed devaccess 'devaccess uio info sysfs_pci:uio_gl' 'uio_glb.rpsw'
 completed chassis-sim 'chassis-sim --uio-a' '--uio-appears'
+completed devaccess 'devaccess podlog tim' timeline
+
+# The other shells show descriptions too.
+export PATH=$prefix/bin:$PATH
+if command -v zsh >/dev/null; then
+    zsh -fc '_describe() { print -rl -- $found }
+        words=(devaccess podlog --chassis=n) CURRENT=3; . "$1"
+        words=(devaccess pod) CURRENT=2; . "$1"' - "$prefix/share/zsh/site-functions/_devaccess" |
+        tail -n 2 | tr '\n' ' ' | grep -qx -- '--chassis=n4 podlog:POD logs of the cards '
+fi
+if command -v fish >/dev/null; then
+    # shellcheck disable=SC2016 # for fish
+    fish -N -c 'source $argv[1]; complete -C "devaccess pod"' \
+        "$prefix/share/fish/vendor_completions.d/devaccess.fish" |
+        grep -qx "podlog$(printf '\t')POD logs of the cards"
+fi

@@ -1,6 +1,7 @@
 #include "command.h"
 
-#include <algorithm>
+#include "output.h"
+
 #include <iostream>
 
 namespace devaccess
@@ -74,44 +75,69 @@ std::vector<std::string> values_of(const CLI::Option *option, const given_option
     return found == offers().end() ? std::vector<std::string>() : found->second(given);
 }
 
-std::vector<std::string> option_names(CLI::App *command)
+// With their descriptions.
+using described = std::map<std::string, std::string>;
+
+described without_descriptions(const std::vector<std::string> &words)
 {
-    std::vector<std::string> names;
+    described found;
+    for (const std::string &word : words)
+        found[word];
+    return found;
+}
+
+described commands_of(const CLI::App &command)
+{
+    described found;
+    for (const CLI::App *child : command.get_subcommands([](const CLI::App *) { return true; }))
+        found[child->get_name()] = child->get_description();
+    return found;
+}
+
+described options_of(const CLI::App *command)
+{
+    described found;
     for (; command; command = command->get_parent())
         for (const CLI::Option *option : command->get_options())
             for (const std::string &name : option->get_lnames())
-                names.push_back("--" + name);
-    return names;
+                found.emplace("--" + name, option->get_description());
+    return found;
 }
 
-std::vector<std::string> words_at(const place &here)
+described words_at(const place &here)
 {
-    std::vector<std::string> words;
-    if (here.arguments == 0)
-        for (const CLI::App *command :
-             here.command->get_subcommands([](CLI::App *) { return true; }))
-            words.push_back(command->get_name());
+    described words = here.arguments == 0 ? commands_of(*here.command) : described();
     size_t position = 0;
     for (const CLI::Option *option : here.command->get_options())
-        if (option->get_positional() && position++ == here.arguments)
-            for (const std::string &value : values_of(option, here.given))
-                words.push_back(value);
+        if (option->get_positional()) {
+            const bool goes_on = position < here.arguments && option->get_expected_max() > 1;
+            if (position++ == here.arguments || goes_on)
+                words.merge(without_descriptions(values_of(option, here.given)));
+        }
     return words;
 }
 
-std::vector<std::string> choices(const place &here, const std::string &current)
+described choices(const place &here, const std::string &current)
 {
     if (here.expecting)
-        return values_of(here.expecting, here.given);
+        return without_descriptions(values_of(here.expecting, here.given));
     const size_t equals = current.find('=');
     if (current.rfind("--", 0) == 0 && equals != current.npos) {
         const std::string name = current.substr(0, equals);
         auto values = values_of(find_option(here.command, name), here.given);
         for (std::string &value : values)
             value = value == paths ? paths : name + "=" + value;
-        return values;
+        return without_descriptions(values);
     }
-    return current.rfind('-', 0) == 0 ? option_names(here.command) : words_at(here);
+    return current.rfind('-', 0) == 0 ? options_of(here.command) : words_at(here);
+}
+
+std::vector<std::string> names_of(const described &words)
+{
+    std::vector<std::string> names;
+    for (const auto &[name, description] : words)
+        names.push_back(name);
+    return names;
 }
 
 } // namespace
@@ -133,18 +159,33 @@ CLI::Option *one_of(CLI::Option *option, const std::vector<std::string> &words)
     return offer(option, [words](const given_options &) { return words; });
 }
 
+void add_entry_format(CLI::App &app)
+{
+    one_of(app.add_option("--format", settings.entries_as,
+                          "print entries as JSON lines (jsonl) or as CSV (csv)")
+               ->option_text("FORMAT"),
+           {"jsonl", "csv"});
+}
+
+std::vector<std::string> command_names(const CLI::App &command)
+{
+    return names_of(commands_of(command));
+}
+
+std::vector<std::string> option_names(const CLI::App *command)
+{
+    return names_of(options_of(command));
+}
+
 void complete(CLI::App &program, const std::vector<std::string> &words)
 {
     place here = {&program};
     for (size_t i = 0; i + 1 < words.size(); ++i)
         pass(here, words[i]);
     const std::string current = words.empty() ? "" : words.back();
-    std::vector<std::string> found = choices(here, current);
-    std::sort(found.begin(), found.end());
-    found.erase(std::unique(found.begin(), found.end()), found.end());
-    for (const std::string &word : found)
-        if (word == paths || word.compare(0, current.size(), current) == 0)
-            std::cout << word << '\n';
+    for (const auto &[word, description] : choices(here, current))
+        if (word == paths || word.starts_with(current))
+            std::cout << word << (description.empty() ? "" : "\t" + description) << '\n';
 }
 
 void forget_offers()

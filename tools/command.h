@@ -20,6 +20,7 @@ void add_podlog_commands(CLI::App &program);
 void add_postlog_commands(CLI::App &program);
 void add_inventory_commands(CLI::App &program);
 void add_collect_command(CLI::App &program);
+void add_metrics_command(CLI::App &program);
 
 // The command that the line names behind its family's, if any: a family need add no other.
 extern std::string named_command;
@@ -86,7 +87,15 @@ CLI::Option *offer(CLI::Option *option, chooser choices);
 CLI::Option *offer_paths(CLI::Option *option);
 CLI::Option *one_of(CLI::Option *option, const std::vector<std::string> &words);
 
-// Prints what can stand in the place of the last word, a line each; ":paths" stands for paths.
+// The option that prints entries of logs as JSON lines or CSV.
+void add_entry_format(CLI::App &app);
+
+// What can stand behind a command, and the options that it has or inherits.
+std::vector<std::string> command_names(const CLI::App &command);
+std::vector<std::string> option_names(const CLI::App *command);
+
+// Prints what can stand in the place of the last word, a line each, with its description behind a
+// tab; ":paths" stands for paths.
 void complete(CLI::App &program, const std::vector<std::string> &words);
 
 // For a new tree.

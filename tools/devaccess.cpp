@@ -4,8 +4,12 @@
 #include "command.h"
 #include "library.h"
 #include "output.h"
+#include "pages.h"
+#include "suggest.h"
 
 #include <algorithm>
+#include <iostream>
+#include <iterator>
 
 #include <fcntl.h>
 
@@ -26,6 +30,7 @@ constexpr struct {
     {"postlog", add_postlog_commands},
     {"inventory", add_inventory_commands},
     {"collect", add_collect_command},
+    {"metrics", add_metrics_command},
 };
 
 // What the line names, alone: the rest would take longer to describe than most commands to run. All
@@ -51,6 +56,10 @@ void add_everything(CLI::App &program, const std::vector<std::string> &words)
     program.add_flag("--json", settings.as_json, "print JSON instead of tables");
     program.add_flag("-v,--verbose", settings.verbose,
                      "pass what the library prints on to standard error");
+    one_of(program.add_option("--color", settings.colour, "always, never, or on a terminal: auto")
+               ->option_text("WHEN"),
+           {"auto", "always", "never"});
+    program.add_flag("--local", settings.local_time, "show times of this machine's zone, not UTC");
     program.footer("Also --json and --verbose; see devaccess --help."); // of every command
     add_chassis_options(program);
     add_families(program, words);
@@ -73,13 +82,12 @@ std::string command_words(const CLI::App &program)
     return words;
 }
 
-// What is wrong with the command line; a misspelt command counts as an argument that is left over.
-std::string complaint(const CLI::App &program, const CLI::ParseError &wrong)
+CLI::App &named_last(CLI::App &program)
 {
-    const std::vector<std::string> left = program.remaining(true);
-    const bool lacks_command =
-        wrong.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
-    return lacks_command && !left.empty() ? "'" + left.front() + "' is no command" : wrong.what();
+    CLI::App *command = &program;
+    while (!command->get_subcommands().empty())
+        command = command->get_subcommands().front();
+    return *command;
 }
 
 // A line that cannot be understood may have asked for JSON too.
@@ -89,16 +97,45 @@ bool asks_for_json(const std::vector<std::string> &words)
     return std::find(words.begin(), end, "--json") != end;
 }
 
-int refuse(const CLI::App &program, const std::string &message)
+int refuse(const CLI::App &program, const std::string &message, const std::string &suggestion = "")
 {
     const std::string command = command_words(program);
-    print_failure(command, message, "see " + command + " --help", 0);
+    print_failure(command, message,
+                  suggestion + (suggestion.empty() ? "see " : "See ") + command + " --help", 0);
     return exit_usage;
+}
+
+// A misspelt command or option counts as an argument that is left over.
+int refuse(CLI::App &program, const CLI::ParseError &wrong)
+{
+    const std::vector<std::string> left = program.remaining(true);
+    const std::string word = left.empty() ? "" : left.front();
+    if (word.starts_with("--"))
+        return refuse(program, "'" + word + "' is no option",
+                      did_you_mean(word, option_names(&named_last(program))));
+    if (!left.empty() && wrong.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
+        return refuse(program, "'" + word + "' is no command",
+                      did_you_mean(word, command_names(named_last(program))));
+    return refuse(program, wrong.what());
+}
+
+// For the target "pages".
+void print_page(CLI::App &program, const std::string &kind)
+{
+    if (kind == "man")
+        std::cout << manual_page(program);
+    else
+        std::cout << markdown_page(program, {std::istreambuf_iterator<char>(std::cin), {}});
+    finish_output();
 }
 
 int run(CLI::App &program, std::vector<std::string> words)
 {
     try {
+        if (words.size() == 2 && words.front() == "--page") {
+            print_page(program, words.back());
+            return exit_ok;
+        }
         settings.as_json = asks_for_json(words);
         std::reverse(words.begin(), words.end());
         program.parse(std::move(words));
@@ -107,7 +144,7 @@ int run(CLI::App &program, std::vector<std::string> words)
         program.exit(asked);
         finish_output();
     } catch (const CLI::ParseError &wrong) {
-        return refuse(program, complaint(program, wrong));
+        return refuse(program, wrong);
     } catch (const usage_error &wrong) {
         return refuse(program, wrong.what());
     }

@@ -1,11 +1,12 @@
 #include "output.h"
 
+#include "times.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -28,7 +29,19 @@ std::string text_of(const json &value)
 
 bool in_colour(int descriptor)
 {
+    if (settings.colour != "auto")
+        return settings.colour == "always";
     return ::isatty(descriptor) && !std::getenv("NO_COLOR");
+}
+
+std::string bold(const std::string &text)
+{
+    return in_colour(STDOUT_FILENO) ? "\033[1m" + text + "\033[0m" : text;
+}
+
+std::string red(const std::string &text, int descriptor)
+{
+    return in_colour(descriptor) ? "\033[31m" + text + "\033[0m" : text;
 }
 
 std::string heading(std::string name)
@@ -37,7 +50,11 @@ std::string heading(std::string name)
     return in_capitals(name);
 }
 
-using cells = std::vector<std::string>;
+struct cell {
+    std::string text;
+    bool is_bad = false;
+};
+using cells = std::vector<cell>;
 
 // Characters, not bytes.
 size_t width_of(const std::string &text)
@@ -50,9 +67,13 @@ size_t width_of(const std::string &text)
 std::string aligned(const cells &row, const std::vector<size_t> &widths)
 {
     std::string line;
-    for (size_t column = 0; column + 1 < row.size(); ++column)
-        line += row[column] + std::string(widths[column] - width_of(row[column]) + 2, ' ');
-    return row.empty() ? line : line + row.back();
+    for (size_t column = 0; column < row.size(); ++column) {
+        const std::string &text = row[column].text;
+        line += row[column].is_bad ? red(text, STDOUT_FILENO) : text;
+        if (column + 1 < row.size())
+            line += std::string(widths[column] - width_of(text) + 2, ' ');
+    }
+    return line;
 }
 
 std::vector<size_t> column_widths(const std::vector<cells> &lines)
@@ -60,7 +81,7 @@ std::vector<size_t> column_widths(const std::vector<cells> &lines)
     std::vector<size_t> widths(lines.front().size());
     for (const cells &line : lines)
         for (size_t column = 0; column < widths.size(); ++column)
-            widths[column] = std::max(widths[column], width_of(line[column]));
+            widths[column] = std::max(widths[column], width_of(line[column].text));
     return widths;
 }
 
@@ -108,17 +129,44 @@ void print_table(const record_set &set)
         std::cout << "no " << set.name << '\n';
         return;
     }
-    std::vector<cells> lines = {set.rows.front().texts(&record::field::name)};
-    std::transform(lines[0].begin(), lines[0].end(), lines[0].begin(), heading);
+    std::vector<cells> lines(1);
+    for (const record::field &f : set.rows.front().fields_for_people())
+        lines[0].push_back({heading(f.name)});
     for (const record &row : set.rows)
-        lines.push_back(row.texts(&record::field::text));
+        for (lines.emplace_back(); const record::field &f : row.fields_for_people())
+            lines.back().push_back({f.text, f.is_bad});
 
     const std::vector<size_t> widths = column_widths(lines);
-    const bool bold = in_colour(STDOUT_FILENO);
-    std::cout << (bold ? "\033[1m" : "") << aligned(lines[0], widths) << (bold ? "\033[0m" : "")
-              << '\n';
+    std::cout << bold(aligned(lines[0], widths)) << '\n';
     for (size_t line = 1; line < lines.size(); ++line)
         std::cout << aligned(lines[line], widths) << '\n';
+}
+
+void print_csv(const record_set &set)
+{
+    const auto quoted = [](std::string text) {
+        if (text.find_first_of(",\"") == text.npos)
+            return text;
+        for (size_t at = 0; (at = text.find('"', at)) != text.npos; at += 2)
+            text.insert(at, 1, '"');
+        return '"' + text + '"';
+    };
+    const auto print_row = [&](const record &row, bool is_heading) {
+        const char *separator = "";
+        for (const record::field &f : row.fields_) {
+            const json value = is_heading ? json(f.name) : f.value;
+            std::cout << separator
+                      << (value.is_null() ? ""
+                                          : quoted(value.is_string() ? value.get<std::string>()
+                                                                     : value.dump()));
+            separator = ",";
+        }
+        std::cout << '\n';
+    };
+    if (!set.rows.empty())
+        print_row(set.rows.front(), true);
+    for (const record &row : set.rows)
+        print_row(row, false);
 }
 
 std::string hex(uint64_t value, int digits)
@@ -157,6 +205,21 @@ record &record::add_hex(const std::string &name, uint64_t value, int digits)
     return add(name, value, hex(value, digits));
 }
 
+record &record::warn_if(bool is_bad)
+{
+    fields_.back().is_bad = is_bad;
+    return *this;
+}
+
+record &record::add_message(const std::string &bytes)
+{
+    const std::string text = printable(bytes);
+    const std::string capitals = in_capitals(text);
+    const bool tells_failure = capitals.find("FAIL") != text.npos ||
+                               capitals.rfind("ERROR", 0) == 0 || capitals.rfind("E:", 0) == 0;
+    return add("message", text).warn_if(tells_failure);
+}
+
 record &record::add_hidden(const std::string &name, const json &value)
 {
     fields_.push_back({name, value, "", false});
@@ -165,7 +228,7 @@ record &record::add_hidden(const std::string &name, const json &value)
 
 record &record::add_time(const std::string &name, time_t seconds)
 {
-    add(name, fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(seconds)));
+    add(name, time_text(seconds));
     return add_hidden(name + "_raw", static_cast<int64_t>(seconds));
 }
 
@@ -194,24 +257,22 @@ json record::as_json() const
     return object;
 }
 
-std::vector<std::string> record::texts(std::string field::*member) const
+std::vector<record::field> record::fields_for_people() const
 {
-    std::vector<std::string> result;
-    for (const field &f : fields_)
-        if (f.for_people)
-            result.push_back(f.*member);
+    std::vector<field> result;
+    std::copy_if(fields_.begin(), fields_.end(), std::back_inserter(result),
+                 [](const field &f) { return f.for_people; });
     return result;
 }
 
 void record::print_as_text() const
 {
-    const cells names = texts(&field::name);
-    const cells values = texts(&field::text);
+    const std::vector<field> shown = fields_for_people();
     size_t width = 0;
-    for (const std::string &name : names)
-        width = std::max(width, name.size());
-    for (size_t line = 0; line < names.size(); ++line)
-        std::cout << aligned({names[line] + ':', values[line]}, {width + 1, 0}) << '\n';
+    for (const field &f : shown)
+        width = std::max(width, f.name.size());
+    for (const field &f : shown)
+        std::cout << aligned({{f.name + ':'}, {f.text, f.is_bad}}, {width + 1, 0}) << '\n';
     for (const record_set &set : sets_)
         print_table(set);
 }
@@ -234,6 +295,17 @@ void print(record_set set)
     print(record().add(std::move(set)));
 }
 
+void print_entries(record about, record_set entries)
+{
+    if (settings.entries_as == "csv")
+        print_csv(entries);
+    else if (settings.entries_as == "jsonl")
+        for (const record &entry : entries.rows)
+            std::cout << serialized(entry, -1) << '\n';
+    else
+        print(about.add(std::move(entries)));
+}
+
 void print_done(const record &what)
 {
     if (settings.as_json)
@@ -245,7 +317,9 @@ void print_line(const record &what)
     if (settings.as_json) {
         std::cout << serialized(what, -1) << '\n';
     } else {
-        const cells values = what.texts(&record::field::text);
+        cells values;
+        for (const record::field &f : what.fields_for_people())
+            values.push_back({f.text, f.is_bad});
         std::cout << aligned(values, column_widths({values})) << '\n';
     }
     finish_output();
@@ -260,9 +334,7 @@ void finish_output()
 
 void print_error_line(const std::string &text)
 {
-    const bool red = in_colour(STDERR_FILENO);
-    std::cerr << (red ? "\033[31m" : "") << "devaccess:" << (red ? "\033[0m" : "") << ' ' << text
-              << '\n';
+    std::cerr << red("devaccess:", STDERR_FILENO) << ' ' << text << '\n';
 }
 
 void note(const std::string &text)

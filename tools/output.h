@@ -24,7 +24,10 @@ inline constexpr int json_format = 1;
 struct program_settings {
     bool as_json = false;
     bool verbose = false;
-    std::string chassis; // "n20", "n10", "n4"; empty: not said
+    bool local_time = false;
+    std::string colour = "auto"; // or "always", "never"
+    std::string entries_as = ""; // "jsonl" or "csv"; empty: as all else
+    std::string chassis;         // "n20", "n10", "n4"; empty: not said
     bool is_rp2 = false;
 };
 extern program_settings settings;
@@ -56,9 +59,13 @@ public:
     record &add(const std::string &name, const json &value);
     record &add(const std::string &name, const json &value, const std::string &text);
     record &add_hex(const std::string &name, uint64_t value, int digits);
+    // What was added last stands out when it is bad.
+    record &warn_if(bool is_bad);
+    // Bytes of a log, which stand out when they tell of a failure.
+    record &add_message(const std::string &bytes);
     // For programs alone.
     record &add_hidden(const std::string &name, const json &value);
-    // In ISO 8601, and in JSON the seconds as NAME_raw too.
+    // As time_text has it, and in JSON the seconds as NAME_raw too.
     record &add_time(const std::string &name, time_t seconds);
     record &add(record_set set);
     // The fields of another.
@@ -73,10 +80,12 @@ private:
         json value;
         std::string text;
         bool for_people;
+        bool is_bad = false;
     };
     friend void print_table(const record_set &set);
+    friend void print_csv(const record_set &set);
     friend void print_line(const record &what);
-    std::vector<std::string> texts(std::string field::*member) const;
+    std::vector<field> fields_for_people() const;
 
     std::vector<field> fields_;
     std::vector<record_set> sets_;
@@ -87,6 +96,9 @@ record &add_records(record &shown, record_set records);
 
 void print(const record &what);
 void print(record_set set);
+
+// What they are about, and entries of logs; or these alone, a line each, as JSON or CSV.
+void print_entries(record about, record_set entries);
 
 // What a command has written: programs are told, people see nothing.
 void print_done(const record &what);

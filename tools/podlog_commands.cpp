@@ -75,6 +75,7 @@ void add_podlog_commands(CLI::App &program)
     podlog_family podlog(program, "podlog", "POD logs of the cards");
     add_chassis_options(podlog.app);
     add_podlog_reading_commands(podlog);
+    add_podlog_timeline_command(podlog);
     add_podlog_writing_commands(podlog);
     add_podlog_status_commands(podlog);
     add_podlog_salvage_commands(podlog);

@@ -28,6 +28,16 @@ void add_podlog_reading_commands(podlog_family &podlog);
 void add_podlog_writing_commands(podlog_family &podlog);
 void add_podlog_status_commands(podlog_family &podlog);
 void add_podlog_salvage_commands(podlog_family &podlog);
+void add_podlog_timeline_command(podlog_family &podlog);
+
+// A card's POD result and fault-injection flag, out of the local NVRAM.
+struct card_status {
+    std::string name;
+    std::string status; // "Passed", "Failed" or "Invalid"
+    bool fault_injected;
+};
+std::vector<card_status> card_statuses(const podlog_arguments &arguments,
+                                       const std::vector<pod_card> &cards);
 
 // A record of a log as a line of a table.
 record entry_row(const log_image &log, const log_record &slot);

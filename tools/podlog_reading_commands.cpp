@@ -15,7 +15,7 @@ namespace devaccess
 record entry_row(const log_image &log, const log_record &slot)
 {
     const log_entry entry = log.entry(slot);
-    return record().add_time("time", entry.time).add("message", printable(entry.message));
+    return record().add_time("time", entry.time).add_message(entry.message);
 }
 
 record record_row(const log_record &what)
@@ -31,6 +31,7 @@ record record_row(const log_record &what)
     sum(row, "stored", what.stored);
     sum(row, "computed", what.computed);
     return row.add("good", what.state == record_state::good)
+        .warn_if(what.state == record_state::bad)
         .add("problem", what.problem.empty() ? json() : json(what.problem));
 }
 
@@ -187,21 +188,47 @@ void go_on(const podlog_arguments &arguments, const log_image &log, bookmark &se
     }
 }
 
+// Oldest first.
+std::vector<const log_history *> wanted_histories(const podlog_arguments &arguments,
+                                                  const log_image &log)
+{
+    if (!arguments.all) {
+        const log_history *one = wanted_history(arguments, log);
+        return one ? std::vector{one} : std::vector<const log_history *>();
+    }
+    std::vector<const log_history *> all = log.written();
+    std::reverse(all.begin(), all.end());
+    return all;
+}
+
 void show(const podlog_arguments &arguments)
 {
+    if (arguments.all && (!arguments.history.empty() || arguments.follow))
+        throw usage_error("--all is neither for one HISTORY nor with --follow");
     const log_storage storage = storage_for_reading(arguments);
     if (arguments.follow)
         follow(arguments, storage);
+    const auto [since, until] = arguments.span.limits();
     const log_image log = storage.log();
-    const log_history *history = wanted_history(arguments, log);
+    const auto histories = wanted_histories(arguments, log);
     record_set set = {"entries", {}};
-    if (history)
-        for (const log_record &slot : log.chain(*history))
-            set.rows.push_back(entry_row(log, slot));
+    for (const log_history *history : histories)
+        for (const log_record &slot : log.chain(*history)) {
+            const time_t time = log.entry(slot).time;
+            if (time < since || time > until)
+                continue;
+            record row = record().add_hidden("card", storage.card().name);
+            arguments.all ? row.add("history", history->number)
+                          : row.add_hidden("history", history->number);
+            set.rows.push_back(row.append(entry_row(log, slot)));
+        }
     record shown = about(storage);
-    shown.add("history", history ? json(history->number) : json());
-    print(add_unreadable(shown, log).add(std::move(set)));
-    if (history)
+    if (!arguments.all)
+        shown.add("history", histories.empty() ? json() : json(histories[0]->number));
+    else
+        shown.add_hidden("history", nullptr);
+    print_entries(add_unreadable(shown, log), std::move(set));
+    for (const log_history *history : histories)
         expect_whole(storage, log, *history);
     if (arguments.history.empty())
         complain(storage, log);
@@ -216,50 +243,25 @@ struct examination {
     std::string remedy; // empty when it is good
 };
 
-record storage_row(const log_storage &storage, bool good, size_t histories, size_t entries,
-                   const json &problem)
-{
-    return record()
-        .add("card", storage.card().name)
-        .add("storage", storage.layout().name)
-        .add("path", storage.path())
-        .add("good", good)
-        .add("histories", histories)
-        .add("entries", entries)
-        .add("problem", problem);
-}
-
-json problem_of(const log_image &log)
-{
-    if (log.is_blank())
-        return "blank";
-    if (log.missing() > 0)
-        return fmt::format("{} bytes of {} are missing", log.missing(), log.layout().size);
-    const auto wrong = log.wrong();
-    if (wrong.empty())
-        return nullptr;
-    return fmt::format("{} bad records, first the {}: {}", wrong.size(), wrong.front().name(),
-                       wrong.front().problem);
-}
-
 examination examine(const podlog_arguments &arguments, const log_storage &storage)
 {
-    std::optional<std::string> bytes;
-    try {
-        bytes = storage.bytes();
-    } catch (const failure &failed) {
-        return {storage_row(storage, false, 0, 0, printable(failed.what())), {}, failed.hint};
-    }
-    if (!bytes)
-        return {storage_row(storage, false, 0, 0, "missing"), {}, storage.remedy(bytes)};
-    const log_image log(storage.layout(), *bytes);
-    const auto whole = log.written();
-    return {storage_row(storage, log.is_good(), whole.size(), log.good_entries().size(),
-                        problem_of(log)),
-            log.is_blank()  ? std::vector<log_record>()
-            : arguments.all ? log.records()
-                            : log.wrong(),
-            log.is_good() ? "" : storage.remedy(bytes)};
+    const storage_state state = storage.state();
+    const bool good = state.problem.empty();
+    const std::optional<log_image> &log = state.log;
+    record row = record()
+                     .add("card", storage.card().name)
+                     .add("storage", storage.layout().name)
+                     .add("path", storage.path())
+                     .add("good", good)
+                     .warn_if(!good)
+                     .add("histories", log ? log->written().size() : 0)
+                     .add("entries", log ? log->good_entries().size() : 0)
+                     .add("problem", good ? json() : json(state.problem));
+    return {std::move(row),
+            !log || log->is_blank() ? std::vector<log_record>()
+            : arguments.all         ? log->records()
+                                    : log->wrong(),
+            state.remedy};
 }
 
 std::vector<pod_card> checked_cards(const podlog_arguments &arguments)
@@ -307,6 +309,9 @@ void add_podlog_reading_commands(podlog_family &podlog)
     shown->add_option("HISTORY", podlog.arguments->history, "its number; without it, the newest");
     shown->add_flag("--follow", podlog.arguments->follow,
                     "go on with what is added, a line for each");
+    shown->add_flag("--all", podlog.arguments->all, "the entries of all histories");
+    podlog.arguments->span.add_options(*shown);
+    add_entry_format(*shown);
     podlog.add_places(shown);
     auto checked = podlog.add("check", "Look at every index, header and entry of the logs", check);
     podlog.add_card(checked, "only this one's")->required(false);

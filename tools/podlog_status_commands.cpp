@@ -106,7 +106,13 @@ record status_row(const mapped_card &card, uint32_t word)
         .add("card", card.name)
         .add("index", card.index)
         .add("status", meaning_of(word))
+        .warn_if(word != POD_STATUS_PASSED && word >> 31 == 0)
         .add_hex("value", word, 8);
+}
+
+uint32_t status_word(const log_image &log, const mapped_card &card)
+{
+    return little_endian_at(log.bytes(), status_words_at + 4 * static_cast<size_t>(card.index));
 }
 
 void set_status(const podlog_arguments &arguments)
@@ -130,13 +136,16 @@ void status(const podlog_arguments &arguments)
     const log_image log = nvram_contents(nvram);
     record_set set = {"statuses", {}};
     for (const mapped_card &card : mapped_cards(arguments))
-        set.rows.push_back(status_row(
-            card,
-            little_endian_at(log.bytes(), status_words_at + 4 * static_cast<size_t>(card.index))));
+        set.rows.push_back(status_row(card, status_word(log, card)));
     print(record().add_hidden("table", table_name()).add(std::move(set)));
 }
 
 //--- fault flags ----------------------------------------------------------------------------------
+
+bool is_set(uint32_t mask, const mapped_card &card)
+{
+    return (mask >> card.index & 1) != 0;
+}
 
 record fault_rows(const podlog_arguments &arguments, const log_storage &nvram)
 {
@@ -146,7 +155,8 @@ record fault_rows(const podlog_arguments &arguments, const log_storage &nvram)
         set.rows.push_back(record()
                                .add("card", card.name)
                                .add("index", card.index)
-                               .add("injected", (mask >> card.index & 1) != 0));
+                               .add("injected", is_set(mask, card))
+                               .warn_if(is_set(mask, card)));
     return record().add_hidden("table", table_name()).add_hex("mask", mask, 8).add(std::move(set));
 }
 
@@ -182,6 +192,17 @@ void clear_all_faults(const podlog_arguments &arguments)
 }
 
 } // namespace
+
+std::vector<card_status> card_statuses(const podlog_arguments &arguments,
+                                       const std::vector<pod_card> &cards)
+{
+    const log_image log = nvram_contents(local_nvram(arguments, cards));
+    const uint32_t mask = little_endian_at(log.bytes(), fault_mask_at);
+    std::vector<card_status> statuses;
+    for (const mapped_card &card : mapped_cards(arguments))
+        statuses.push_back({card.name, meaning_of(status_word(log, card)), is_set(mask, card)});
+    return statuses;
+}
 
 void add_podlog_status_commands(podlog_family &podlog)
 {

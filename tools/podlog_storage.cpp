@@ -3,6 +3,7 @@
 #include "chassis.h"
 #include "files.h"
 #include "output.h"
+#include "suggest.h"
 
 #include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
@@ -97,10 +98,14 @@ pod_card card_of(const podlog_arguments &arguments, const std::vector<pod_card> 
     const auto found = std::find_if(cards.begin(), cards.end(), [&](const pod_card &card) {
         return card.name == in_capitals(arguments.card);
     });
-    if (found == cards.end())
-        throw failure("find the card " + arguments.card, "this chassis has none of that name",
-                      podlog_command(arguments, "cards") + " shows the cards");
-    return *found;
+    if (found != cards.end())
+        return *found;
+    std::vector<std::string> names;
+    for (const pod_card &card : cards)
+        names.push_back(card.name);
+    throw failure("find the card " + arguments.card, "this chassis has none of that name",
+                  did_you_mean(arguments.card, names) + podlog_command(arguments, "cards") +
+                      " shows the cards");
 }
 
 std::string table_name()
@@ -154,6 +159,29 @@ void log_storage::rewrite(const std::function<std::string(const std::string &)> 
     const opened storage([descriptor] { ::close(descriptor); });
     const std::string before = read_all(descriptor, path_);
     write_changes(descriptor, path_, before, change(before));
+}
+
+storage_state log_storage::state() const
+{
+    std::optional<std::string> found;
+    try {
+        found = bytes();
+    } catch (const failure &failed) {
+        return {std::nullopt, printable(failed.what()), false, failed.hint};
+    }
+    if (!found)
+        return {std::nullopt, "missing", true, remedy(found)};
+    const log_image log(*layout_, *found);
+    if (log.is_good())
+        return {log, ""};
+    const auto wrong = log.wrong();
+    return {log,
+            log.is_blank() ? "blank"
+            : log.missing() > 0
+                ? fmt::format("{} bytes of {} are missing", log.missing(), log.layout().size)
+                : fmt::format("{} bad records, first the {}: {}", wrong.size(),
+                              wrong.front().name(), wrong.front().problem),
+            log.is_blank(), remedy(found)};
 }
 
 log_image log_storage::log() const

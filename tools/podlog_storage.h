@@ -4,6 +4,8 @@
 #include "library.h"
 #include "podlog_cards.h"
 #include "podlog_image.h"
+#include "postlog_reader.h"
+#include "times.h"
 
 #include <functional>
 #include <optional>
@@ -22,6 +24,9 @@ struct podlog_arguments {
     std::string card;
     std::string history;
     bool follow = false;
+    time_span span;
+    bool with_post = false;
+    postlog_place post;
     std::string level;
     std::string diagnostic;
     std::string result;
@@ -51,6 +56,14 @@ std::string table_name();
 
 int secondary_of(const pod_card &card);
 
+// What a storage holds, as far as it can be read.
+struct storage_state {
+    std::optional<log_image> log; // nothing when it cannot be read, or is missing
+    std::string problem;          // empty when it holds a good log
+    bool is_unused = false;       // missing or blank: no log has been there yet
+    std::string remedy = {};
+};
+
 // The place of a card's log, or of its EEPROM's when a file holds that.
 class log_storage
 {
@@ -64,6 +77,8 @@ public:
 
     // Its bytes; nothing when the file is missing.
     std::optional<std::string> bytes() const;
+
+    storage_state state() const;
 
     // As a log; fails, with a hint, when there is none.
     log_image log() const;
