@@ -60,6 +60,9 @@ postlog show --json |jq -c '[.block, .history, (.entries|map(.block)|unique)]' -
 postlog show test --all --format csv |cut -d, -f1,2,5 -> 0 | block,history,message\ntest,0,DRAM march: pass\n
 postlog show --all --since 2023-11-15 --until now --format csv |grep x4 -> 0 | ,"PCIe link: slot SW2 trained to x1, expected x4"\n
 )");
+    expect("timeout 2 chassis-sim -- devaccess podlog ",
+           "show ALSW2 --follow --since 2023-11-15T22:13:42 --format csv -> 124 | "
+           "ALSW2,1,2023-11-15T22:13:42Z,1700086422,INFO: ALSW2 failed\\n");
     start_chassis();
     expect("devaccess podlog ", R"(
 timeline -> 0 | no entries

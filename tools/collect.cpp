@@ -209,7 +209,14 @@ size_t add_block(recorder &machine, const std::string &name, Read read)
     }
 }
 
-std::string post_bytes(log_type_t block, const std::string &name)
+constexpr struct {
+    const char *name;
+    log_type_t number;
+} post_blocks[] = {{"nvlog-ofw-event", OFWEVENT_LOG},
+                   {"nvlog-diag-test", OFWDIAG_TEST_LOG},
+                   {"nvlog-diag-error", OFWDIAG_ERROR_LOG}};
+
+std::string post_bytes(const std::string &name, log_type_t block)
 {
     int descriptor = -1;
     const auto found = ask([&] { return postlog_nvram_open_dev_file(block, &descriptor); });
@@ -233,11 +240,9 @@ size_t add_blocks(recorder &machine)
                 const pod_card local = {"", 0, {}, PODSTORAGE_NVRAM, 0, {}};
                 return log_storage(own, local).bytes().value_or("");
             });
-        for (const auto &[known, number] : {std::pair("nvlog-ofw-event", OFWEVENT_LOG),
-                                            {"nvlog-diag-test", OFWDIAG_TEST_LOG},
-                                            {"nvlog-diag-error", OFWDIAG_ERROR_LOG}})
-            if (name == known)
-                count += add_block(machine, name, [&] { return post_bytes(number, name); });
+        for (const auto &known : post_blocks)
+            if (name == known.name)
+                count += add_block(machine, name, [&] { return post_bytes(name, known.number); });
     }
     return count;
 }

@@ -142,7 +142,7 @@ void print_table(const record_set &set)
         std::cout << aligned(lines[line], widths) << '\n';
 }
 
-void print_csv(const record_set &set)
+void print_csv_row(const record &row, bool is_heading)
 {
     const auto quoted = [](std::string text) {
         if (text.find_first_of(",\"") == text.npos)
@@ -151,22 +151,14 @@ void print_csv(const record_set &set)
             text.insert(at, 1, '"');
         return '"' + text + '"';
     };
-    const auto print_row = [&](const record &row, bool is_heading) {
-        const char *separator = "";
-        for (const record::field &f : row.fields_) {
-            const json value = is_heading ? json(f.name) : f.value;
-            std::cout << separator
-                      << (value.is_null() ? ""
-                                          : quoted(value.is_string() ? value.get<std::string>()
-                                                                     : value.dump()));
-            separator = ",";
-        }
-        std::cout << '\n';
-    };
-    if (!set.rows.empty())
-        print_row(set.rows.front(), true);
-    for (const record &row : set.rows)
-        print_row(row, false);
+    const char *separator = "";
+    for (const record::field &f : row.fields_) {
+        const json value = is_heading ? json(f.name) : f.value;
+        const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+        std::cout << separator << (value.is_null() ? "" : quoted(text));
+        separator = ",";
+    }
+    std::cout << '\n';
 }
 
 std::string hex(uint64_t value, int digits)
@@ -297,13 +289,14 @@ void print(record_set set)
 
 void print_entries(record about, record_set entries)
 {
-    if (settings.entries_as == "csv")
-        print_csv(entries);
-    else if (settings.entries_as == "jsonl")
-        for (const record &entry : entries.rows)
-            std::cout << serialized(entry, -1) << '\n';
-    else
+    if (settings.entries_as.empty()) {
         print(about.add(std::move(entries)));
+        return;
+    }
+    if (settings.entries_as == "csv" && !entries.rows.empty())
+        print_csv_row(entries.rows.front(), true);
+    for (const record &entry : entries.rows)
+        print_line(entry);
 }
 
 void print_done(const record &what)
@@ -314,7 +307,9 @@ void print_done(const record &what)
 
 void print_line(const record &what)
 {
-    if (settings.as_json) {
+    if (settings.entries_as == "csv") {
+        print_csv_row(what, false);
+    } else if (settings.as_json || settings.entries_as == "jsonl") {
         std::cout << serialized(what, -1) << '\n';
     } else {
         cells values;

@@ -26,7 +26,7 @@ struct program_settings {
     bool verbose = false;
     bool local_time = false;
     std::string colour = "auto"; // or "always", "never"
-    std::string entries_as = ""; // "jsonl" or "csv"; empty: as all else
+    std::string entries_as;      // "jsonl" or "csv"; empty: as all else
     std::string chassis;         // "n20", "n10", "n4"; empty: not said
     bool is_rp2 = false;
 };
@@ -83,7 +83,7 @@ private:
         bool is_bad = false;
     };
     friend void print_table(const record_set &set);
-    friend void print_csv(const record_set &set);
+    friend void print_csv_row(const record &row, bool is_heading);
     friend void print_line(const record &what);
     std::vector<field> fields_for_people() const;
 
@@ -103,7 +103,8 @@ void print_entries(record about, record_set entries);
 // What a command has written: programs are told, people see nothing.
 void print_done(const record &what);
 
-// One line per record, printed at once: a JSON object, or its texts. Fails when the output is lost.
+// One line per record, printed at once: a JSON object, CSV, or its texts. Fails when the output is
+// lost.
 void print_line(const record &what);
 
 // Writes out what has been printed.

@@ -146,6 +146,23 @@ void expect_whole(const log_storage &storage, const log_image &log, const log_hi
             fmt::format("{}: {}", bad->name(), bad->problem), storage.way_out(log.bytes()));
 }
 
+// Which entries are shown, and how.
+struct entry_view {
+    std::string card;
+    bool with_history;
+    time_limits limits;
+
+    // Nothing for one that is not wanted.
+    std::optional<record> row(const log_image &log, int history, const log_record &slot) const
+    {
+        if (!limits.hold(log.entry(slot).time))
+            return std::nullopt;
+        record row = record().add_hidden("card", card);
+        with_history ? row.add("history", history) : row.add_hidden("history", history);
+        return row.append(entry_row(log, slot));
+    }
+};
+
 // How far a follower has read.
 struct bookmark {
     int history = -1;
@@ -153,33 +170,36 @@ struct bookmark {
 };
 
 // The entries that came since; a history that became shorter has been started anew.
-void print_new_entries(const log_image &log, bookmark &seen)
+void print_new_entries(const entry_view &view, const log_image &log, bookmark &seen)
 {
     const auto entries = log.chain(log.histories()[static_cast<size_t>(seen.history)]);
     if (entries.size() < seen.entries)
         seen.entries = 0;
     for (; seen.entries < entries.size(); ++seen.entries)
-        print_line(entry_row(log, entries[seen.entries]));
+        if (const auto row = view.row(log, seen.history, entries[seen.entries]))
+            print_line(*row);
 }
 
-void go_on(const podlog_arguments &arguments, const log_image &log, bookmark &seen)
+void go_on(const podlog_arguments &arguments, const entry_view &view, const log_image &log,
+           bookmark &seen)
 {
     const log_history *history = wanted_history(arguments, log);
     if (!history)
         return;
     if (seen.history != history->number) {
         if (seen.history >= 0)
-            print_new_entries(log, seen); // the last ones of the history that ended
+            print_new_entries(view, log, seen); // the last ones of the history that ended
         seen = {history->number, 0};
     }
-    print_new_entries(log, seen);
+    print_new_entries(view, log, seen);
 }
 
-[[noreturn]] void follow(const podlog_arguments &arguments, const log_storage &storage)
+[[noreturn]] void follow(const podlog_arguments &arguments, const entry_view &view,
+                         const log_storage &storage)
 {
     for (bookmark seen;;) {
         try {
-            go_on(arguments, storage.log(), seen);
+            go_on(arguments, view, storage.log(), seen);
         } catch (const failure &failed) {
             if (failed.error != EBUSY) // a writer has it open for a moment
                 throw;
@@ -206,22 +226,16 @@ void show(const podlog_arguments &arguments)
     if (arguments.all && (!arguments.history.empty() || arguments.follow))
         throw usage_error("--all is neither for one HISTORY nor with --follow");
     const log_storage storage = storage_for_reading(arguments);
+    const entry_view view = {storage.card().name, arguments.all, arguments.span.limits()};
     if (arguments.follow)
-        follow(arguments, storage);
-    const auto [since, until] = arguments.span.limits();
+        follow(arguments, view, storage);
     const log_image log = storage.log();
     const auto histories = wanted_histories(arguments, log);
     record_set set = {"entries", {}};
     for (const log_history *history : histories)
-        for (const log_record &slot : log.chain(*history)) {
-            const time_t time = log.entry(slot).time;
-            if (time < since || time > until)
-                continue;
-            record row = record().add_hidden("card", storage.card().name);
-            arguments.all ? row.add("history", history->number)
-                          : row.add_hidden("history", history->number);
-            set.rows.push_back(row.append(entry_row(log, slot)));
-        }
+        for (const log_record &slot : log.chain(*history))
+            if (auto row = view.row(log, history->number, slot))
+                set.rows.push_back(std::move(*row));
     record shown = about(storage);
     if (!arguments.all)
         shown.add("history", histories.empty() ? json() : json(histories[0]->number));

@@ -89,7 +89,7 @@ void show(const postlog_arguments &arguments)
 {
     if (arguments.all && !arguments.history.empty())
         throw usage_error("either HISTORY or --all says which histories to show");
-    const auto [since, until] = arguments.span.limits();
+    const time_limits limits = arguments.span.limits();
     record_set entries = {"entries", {}};
     std::optional<int> only; // the one history that is shown
     each_block each(arguments);
@@ -97,7 +97,7 @@ void show(const postlog_arguments &arguments)
         for (const int history : wanted_histories(arguments, block)) {
             only = arguments.block.empty() || arguments.all ? only : history;
             block.read(history, [&](time_t time, const std::string &message) {
-                if (time >= since && time <= until)
+                if (limits.hold(time))
                     entries.rows.push_back(record()
                                                .add("block", block.name())
                                                .add("history", history)

@@ -19,7 +19,7 @@ public:
     void add(const char *log, const std::string &source, int history, time_t time,
              const std::string &message)
     {
-        if (time < limits_.first || time > limits_.second)
+        if (!limits_.hold(time))
             return;
         entries_.push_back({time, record()
                                       .add_time("time", time)
@@ -54,7 +54,7 @@ private:
         time_t time;
         record row;
     };
-    std::pair<time_t, time_t> limits_;
+    time_limits limits_;
     std::vector<entry> entries_;
     record_set problems_ = {"problems", {}};
 };

@@ -123,7 +123,7 @@ void time_span::add_options(CLI::App &app)
     app.add_option("--until", until, "entries of this time and earlier")->option_text("TIME");
 }
 
-std::pair<time_t, time_t> time_span::limits() const
+time_limits time_span::limits() const
 {
     using limit = std::numeric_limits<time_t>;
     return {since.empty() ? limit::min() : parse_time(since),

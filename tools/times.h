@@ -3,7 +3,6 @@
 
 #include <ctime>
 #include <string>
-#include <utility>
 
 namespace CLI
 {
@@ -21,6 +20,14 @@ std::string time_text(time_t seconds);
 // it was, "90s", "5m", "2h", "3d", "1w".
 time_t parse_time(const std::string &text);
 
+// Both moments are within them.
+struct time_limits {
+    time_t first;
+    time_t last;
+
+    bool hold(time_t time) const { return time >= first && time <= last; }
+};
+
 // Which entries are wanted: --since and --until.
 struct time_span {
     std::string since;
@@ -28,7 +35,7 @@ struct time_span {
 
     void add_options(CLI::App &app);
     // The options become times; without one there is no limit.
-    std::pair<time_t, time_t> limits() const;
+    time_limits limits() const;
 };
 
 } // namespace devaccess
