@@ -11,13 +11,13 @@ namespace devaccess
 namespace
 {
 
-constexpr char what[] = "make the archive";
+constexpr char making[] = "make the archive";
 
 void *libarchive()
 {
     static void *const library = ::dlopen("libarchive.so.13", RTLD_NOW | RTLD_LOCAL);
     if (!library)
-        throw failure(what, ::dlerror(), "install libarchive");
+        throw failure(making, ::dlerror(), "install libarchive");
     return library;
 }
 
@@ -26,7 +26,7 @@ Function *find(const char *name)
 {
     void *const found = ::dlsym(libarchive(), name);
     if (!found)
-        throw failure(what, ::dlerror(), "install a newer libarchive");
+        throw failure(making, ::dlerror(), "install a newer libarchive");
     return reinterpret_cast<Function *>(found);
 }
 
@@ -89,7 +89,7 @@ void tar_archive::write(archive_entry *head, const std::string &bytes)
 void tar_archive::expect_done(int status) const
 {
     if (status != ARCHIVE_OK)
-        throw failure(what, LIBARCHIVE(archive_error_string)(archive_.get()), "");
+        throw failure(making, LIBARCHIVE(archive_error_string)(archive_.get()), "");
 }
 
 } // namespace devaccess
