@@ -51,7 +51,7 @@ need_packages() {
 # shellcheck disable=SC2120 # more packages may be named
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
-        nlohmann-json3-dev libfmt-dev libarchive-dev libseccomp-dev libevent-dev jq \
+        nlohmann-json3-dev libfmt-dev libarchive-dev libseccomp-dev libevent-dev jq pciutils \
         python3-jsonschema python3-prometheus-client "$@"
 }
 

@@ -1,7 +1,10 @@
 #include "sim/call_answers.h"
 
+#include "sim/pci.h"
+
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 
 #include <fcntl.h>
@@ -60,12 +63,16 @@ void call_answers::answer_open(const asked_call &call, int directory, uint64_t p
     const fs::path path = fs::canonical(call.process().path(directory, path_address), error);
     if (error || flags & O_PATH)
         return call.pass();
-    if (path == control_path)
-        return call.descriptor(open_control_((flags & O_ACCMODE) != O_WRONLY).get(),
+    const auto obey = flags & O_ACCMODE ? written_to(path) : nullptr;
+    if (obey || path == control_path)
+        return call.descriptor(open_line_((flags & O_ACCMODE) != O_WRONLY, obey).get(),
                                flags & O_CLOEXEC, std::nullopt);
     for (uio_device &device : devices_.uio)
         if (device.present && (path == device.node || path == device.removal_attr))
             return open_uio(call, device, path != device.node, flags);
+    for (const uio_device &device : devices_.uio)
+        if (device.present && path == device.event_attr)
+            write_file(path.string(), std::to_string(device.count) + "\n");
     for (const storage_device &device : devices_.storage)
         if (path == device.node) {
             const owned_fd opening = device.open(flags);
@@ -73,6 +80,26 @@ void call_answers::answer_open(const asked_call &call, int directory, uint64_t p
                            : call.result(-errno);
         }
     call.pass();
+}
+
+control_line::obey_line call_answers::written_to(const std::string &path)
+{
+    const fs::path file = path;
+    if (!path.starts_with("/sys/devices/pci") && path != "/sys/bus/pci/rescan")
+        return nullptr;
+    if (file.filename() == "remove")
+        return [this, id = file.parent_path().filename().string()](const std::string &line) {
+            if (std::atoi(line.c_str()) == 0)
+                throw failure("1 removes " + id);
+            unplug_pci(id);
+            removed_functions_.insert(id);
+        };
+    if (file.filename() == "rescan")
+        return [this](const std::string &) {
+            for (const std::string &id : std::exchange(removed_functions_, {}))
+                plug_pci(id);
+        };
+    return nullptr;
 }
 
 void call_answers::open_uio(const asked_call &call, uio_device &device, bool is_notice, int flags)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "sim/asking_process.h"
+#include "sim/control_line.h"
 #include "sim/device_model.h"
 #include "sim/syscall_filter.h"
 #include "sim/waiting_reads.h"
@@ -8,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -26,12 +28,13 @@ struct devices {
 class call_answers
 {
 public:
-    // Descriptors from first_fd on are given to those who open a UIO device. open_control is asked
-    // for a new client's end of the control line, and told whether it will read.
-    call_answers(devices &of, unsigned int first_fd, std::function<owned_fd(bool)> open_control,
+    // Descriptors from first_fd on are given to those who open a UIO device. open_line is asked for
+    // a client's end of a new control line; it is told whether the client will read, and what
+    // becomes of its lines: by default, the server obeys them.
+    using open_line = std::function<owned_fd(bool, control_line::obey_line)>;
+    call_answers(devices &of, unsigned int first_fd, open_line open,
                  std::function<void(const std::shared_ptr<opening> &)> opened)
-        : devices_(of), first_fd_(first_fd), open_control_(std::move(open_control)),
-          opened_(std::move(opened))
+        : devices_(of), first_fd_(first_fd), open_line_(std::move(open)), opened_(std::move(opened))
     {
     }
 
@@ -53,14 +56,17 @@ private:
     void open_uio(const asked_call &call, uio_device &device, bool is_notice, int flags);
 
     std::shared_ptr<opening> opening_of(const asking_process &process, int fd) const;
+    // What is done with what is written to this file; empty: nothing, it is a file.
+    control_line::obey_line written_to(const std::string &path);
     unsigned int free_number(const asking_process &process) const;
 
     devices &devices_;
     unsigned int first_fd_;
-    std::function<owned_fd(bool)> open_control_;
+    open_line open_line_;
     std::function<void(const std::shared_ptr<opening> &)> opened_;
     std::vector<std::shared_ptr<opening>> openings_; // of devices that have gone too
     waiting_reads reads_;
+    std::set<std::string> removed_functions_; // from the PCI bus, until it is scanned again
 };
 
 } // namespace chassis_sim

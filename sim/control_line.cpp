@@ -15,7 +15,7 @@ constexpr size_t longest_line = 4096;
 
 }
 
-control_line::control_line(bool client_reads, std::function<void(const std::string &)> obey)
+control_line::control_line(bool client_reads, obey_line obey)
     : client_reads_(client_reads), obey_(std::move(obey))
 {
     int ends[2];

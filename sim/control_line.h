@@ -13,8 +13,9 @@ namespace chassis_sim
 class control_line
 {
 public:
-    // obey: does what a line says; throws a failure when that cannot be done.
-    control_line(bool client_reads, std::function<void(const std::string &)> obey);
+    // Does what a line says; throws a failure when that cannot be done.
+    using obey_line = std::function<void(const std::string &)>;
+    control_line(bool client_reads, obey_line obey);
 
     int fd() const { return own_end_.get(); }
     owned_fd take_client_end() { return std::move(client_end_); }
@@ -26,7 +27,7 @@ private:
     void handle(const std::string &line);
 
     bool client_reads_;
-    std::function<void(const std::string &)> obey_;
+    obey_line obey_;
     owned_fd client_end_;
     owned_fd own_end_;
     std::string text_; // of a line without its end

@@ -234,9 +234,9 @@ void uio_device::plug()
         throw failure("cannot plug " + name + ": " + node + " is there already");
     memory = make_memory("chassis-uio:" + name, window);
     must(::rename(aside(*this).c_str(), device_dir.c_str()), "plug " + device_dir);
-    std::error_code there_already;
-    fs::create_symlink(fs::path(device_dir) / "uio" / name, "/sys/class/uio/" + name,
-                       there_already);
+    for (const auto &[path, target] : links)
+        if (!fs::exists(path))
+            make_relative_symlink(path, target);
     present = true;
     make_node(*this);
 }
@@ -244,7 +244,9 @@ void uio_device::plug()
 void uio_device::leave_sysfs()
 {
     std::error_code gone_already;
-    fs::remove("/sys/class/uio/" + name, gone_already);
+    for (const auto &[path, target] : links)
+        if (fs::canonical(path, gone_already) == target)
+            fs::remove(path, gone_already);
     fs::rename(device_dir, aside(*this), gone_already);
     present = false;
 }

@@ -54,7 +54,10 @@ public:
            unsigned int first_fd)
         : events_(must(::epoll_create1(EPOLL_CLOEXEC), "epoll_create")),
           answers_(
-              devices_, first_fd, [this](bool will_read) { return open_control(will_read); },
+              devices_, first_fd,
+              [this](bool will_read, const auto &obey_it) {
+                  return open_control(will_read, obey_it);
+              },
               [this](const auto &made) { watch_opening(made); })
     {
         rlimit limit;
@@ -108,10 +111,10 @@ private:
         watch(made->far_end());
     }
 
-    owned_fd open_control(bool will_read)
+    owned_fd open_control(bool will_read, const control_line::obey_line &obey_it)
     {
         const auto obeying = [this](const std::string &line) { obey(line); };
-        control_line line(will_read, obeying);
+        control_line line(will_read, obey_it ? obey_it : obeying);
         owned_fd client_end = line.take_client_end();
         watch(line.fd());
         control_lines_.emplace(line.fd(), std::move(line));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/types.h>
@@ -22,9 +23,12 @@ device_number simulated_device_number(unsigned int index);
 inline constexpr char control_path[] = "/dev/chassis";
 
 struct uio_node {
-    std::string name;         // what control commands call it, e.g. "uio0"
-    std::string node;         // "/dev/uio0"
-    std::string device_dir;   // of the device on its bus, in sysfs
+    std::string name;       // what control commands call it, e.g. "uio0"
+    std::string node;       // "/dev/uio0"
+    std::string device_dir; // of the device on its bus, in sysfs
+    std::string event_attr; // the path of its "event" attribute, which counts its interrupts
+    // Links to its directories that come and go with it: paths and targets.
+    std::vector<std::pair<std::string, std::string>> links;
     std::string removal_attr; // path of the "uio_maps" attribute; empty when there is none
     device_number number;
     bool plugged = true;     // it is there from the start

@@ -37,38 +37,6 @@ void write_register(const std::string &resource, std::streamoff offset, uint32_t
         fail("write " + resource);
 }
 
-// A device that comes and goes as a whole: its directory is kept aside while it is gone.
-class unpluggable
-{
-public:
-    explicit unpluggable(const std::string &id)
-        : link_(pci_link(id)), dir_(fs::canonical(link_)), aside_("/sys/devices/unplugged/" + id)
-    {
-        make_directory("/sys/devices/unplugged");
-        unplug();
-    }
-    void plug()
-    {
-        if (fs::exists(dir_))
-            return;
-        // Whoever sees the directory finds the link too.
-        make_symlink(link_, dir_);
-        must(std::rename(aside_.c_str(), dir_.c_str()), "plug " + dir_);
-    }
-    void unplug()
-    {
-        if (!fs::exists(dir_))
-            return;
-        must(std::rename(dir_.c_str(), aside_.c_str()), "unplug " + dir_);
-        fs::remove(link_);
-    }
-
-private:
-    std::string link_;
-    std::string dir_;
-    std::string aside_;
-};
-
 } // namespace
 
 void add_hotswap_name(const std::string &slot, const std::string &address)
@@ -109,7 +77,7 @@ void add_hotswap_bridge(const std::string &id, const pci_function &behind, int a
     pci_function child = behind;
     child.parent = id;
     add_pci(child);
-    unpluggable device(child.id);
+    unplug_pci(child.id);
 
     const std::string attribute = pci_link(id) + "/bridge_enable";
     write_file(attribute, "0\n");
@@ -118,11 +86,15 @@ void add_hotswap_bridge(const std::string &id, const pci_function &behind, int a
     background([&] {
         char events[4096];
         while (::read(changes, events, sizeof events) > 0) {
-            if (std::ifstream(attribute).get() != '1') {
-                device.unplug();
-            } else if (appears_ms >= 0) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(appears_ms));
-                device.plug();
+            try {
+                if (std::ifstream(attribute).get() != '1') {
+                    unplug_pci(child.id);
+                } else if (appears_ms >= 0) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(appears_ms));
+                    plug_pci(child.id);
+                }
+            } catch (const std::exception &error) { // somebody has changed the tree
+                complain(error.what());
             }
         }
     });

@@ -3,6 +3,7 @@
 #include "sim/support.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <filesystem>
 #include <string_view>
@@ -38,7 +39,10 @@ std::string resource_line(const pci_window &window)
 constexpr size_t status_register = 0x06;
 constexpr size_t header_type_register = 0x0e;
 constexpr size_t first_bar_register = 0x10;
-constexpr size_t link_status_register = 0x12; // of the PCI Express capability
+constexpr size_t bus_registers = 0x18; // primary, secondary and subordinate
+constexpr size_t capability_pointer = 0x34;
+constexpr size_t link_capability_register = 0x0c; // of the PCI Express capability
+constexpr size_t link_status_register = 0x12;
 
 // The kernel's resource flags.
 constexpr uint64_t resource_io = 0x100;
@@ -52,6 +56,11 @@ uint32_t bar_register(const pci_window &window)
         return start | 0x1;
     return start | (window.flags & resource_64_bits ? 0x4u : 0) |
            (window.flags & resource_prefetch ? 0x8u : 0);
+}
+
+bool is_bridge(const config_space &config)
+{
+    return config.size() > header_type_register && (config[header_type_register] & 0x7f) == 1;
 }
 
 config_space finished_config(const pci_function &function)
@@ -70,12 +79,200 @@ config_space finished_config(const pci_function &function)
     for (size_t bar = 0; bar < std::min<size_t>(function.windows.size(), 6); ++bar)
         if (function.windows[bar].size != 0)
             fill(first_bar_register + 4 * bar, bar_register(function.windows[bar]), 4);
-    const bool is_bridge = config.size() > header_type_register && config[header_type_register] & 1;
-    if (!is_bridge) {
+    if (!is_bridge(config)) {
         fill(0x2c, function.subsystem_vendor, 2);
         fill(0x2e, function.subsystem_device, 2);
     }
     return config;
+}
+
+// Where the PCI Express capability is; 0: there is none.
+size_t pcie_position(const config_space &config)
+{
+    size_t position = config.size() < 256 ? 0 : config[capability_pointer];
+    for (int i = 0; i < 48 && position >= 0x40 && position + link_status_register < 256; ++i) {
+        if (config[position] == 0x10)
+            return position;
+        position = config[position + 1];
+    }
+    return 0;
+}
+
+std::string speed_text(unsigned int code)
+{
+    constexpr const char *speeds[] = {"Unknown",       "2.5 GT/s PCIe",  "5.0 GT/s PCIe",
+                                      "8.0 GT/s PCIe", "16.0 GT/s PCIe", "32.0 GT/s PCIe",
+                                      "64.0 GT/s PCIe"};
+    return std::string(speeds[code < std::size(speeds) ? code : 0]) + "\n";
+}
+
+void write_link_attributes(const std::string &dir, const char *which, unsigned int register_value)
+{
+    write_file(dir + "/" + which + "_link_speed", speed_text(register_value & 0xf), 0444);
+    write_file(dir + "/" + which + "_link_width", std::to_string(register_value >> 4 & 0x3f) + "\n",
+               0444);
+}
+
+[[gnu::format(printf, 1, 2)]] std::string line(const char *format, ...)
+{
+    char text[128];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return std::string(text) + "\n";
+}
+
+// What says which driver to load.
+std::string modalias(const pci_function &f)
+{
+    return line("pci:v%08Xd%08Xsv%08Xsd%08Xbc%02Xsc%02Xi%02X", f.vendor, f.device,
+                f.subsystem_vendor, f.subsystem_device, f.class_code >> 16,
+                f.class_code >> 8 & 0xff, f.class_code & 0xff);
+}
+
+void write_power_directory(const std::string &dir)
+{
+    write_file(dir + "/power/control", "on\n");
+    write_file(dir + "/power/runtime_status", "active\n", 0444);
+}
+
+// The attributes that the kernel gives every function.
+void write_attributes(const std::string &dir, const pci_function &f, const config_space &config)
+{
+    const size_t pcie = pcie_position(config);
+    const std::string driver =
+        pcie != 0 && is_bridge(config) ? "pcieport" : ""; // others are free for the chassis's own
+    const std::string texts[][2] = {
+        {"vendor", hex_line(f.vendor)},
+        {"device", hex_line(f.device)},
+        {"subsystem_vendor", hex_line(f.subsystem_vendor)},
+        {"subsystem_device", hex_line(f.subsystem_device)},
+        {"class", line("0x%06x", f.class_code)},
+        {"revision", line("0x%02x", config.size() > 8 ? config[8] : 0)},
+        {"irq", "0\n"},
+        {"modalias", modalias(f)},
+        {"numa_node", "-1\n"},
+        {"local_cpus", "1\n"},
+        {"local_cpulist", "0\n"},
+        {"ari_enabled", "0\n"},
+        {"power_state", "D0\n"},
+        {"dma_mask_bits", "32\n"},
+        {"consistent_dma_mask_bits", "32\n"},
+    };
+    for (const auto &[name, text] : texts)
+        write_file(dir + "/" + name, text, 0444);
+    const std::string changeable[][2] = {
+        {"enable", "0\n"},
+        {"broken_parity_status", "0\n"},
+        {"d3cold_allowed", "1\n"},
+        {"driver_override", "(null)\n"},
+        {"msi_bus", "1\n"},
+        {"uevent", (driver.empty() ? "" : "DRIVER=" + driver + "\n") +
+                       line("PCI_CLASS=%04X", f.class_code) +
+                       line("PCI_ID=%04X:%04X", f.vendor, f.device) +
+                       line("PCI_SUBSYS_ID=%04X:%04X", f.subsystem_vendor, f.subsystem_device) +
+                       "PCI_SLOT_NAME=" + f.id + "\nMODALIAS=" + modalias(f)},
+    };
+    for (const auto &[name, text] : changeable)
+        write_file(dir + "/" + name, text);
+    for (const char *name : {"remove", "rescan"})
+        write_file(dir + "/" + name, "", 0200);
+    write_power_directory(dir);
+    make_relative_symlink(dir + "/subsystem", "/sys/bus/pci");
+    if (!driver.empty()) {
+        const std::string place = "/sys/bus/pci/drivers/" + driver;
+        make_directory(place);
+        make_relative_symlink(dir + "/driver", place);
+    }
+    if (pcie != 0) {
+        write_link_attributes(dir, "max",
+                              config[pcie + link_capability_register] |
+                                  config[pcie + link_capability_register + 1] << 8);
+        write_link_attributes(dir, "current",
+                              config[pcie + link_status_register] |
+                                  config[pcie + link_status_register + 1] << 8);
+    }
+}
+
+// Numbers a bridge's buses so that this one is behind it, and the bridges' above.
+void give_bus(const std::string &bridge, unsigned int bus)
+{
+    const fs::path dir = fs::canonical(pci_link(bridge));
+    const std::string path = dir / "config";
+    const owned_fd config(must(::open(path.c_str(), O_RDWR | O_CLOEXEC), "open " + path));
+    uint8_t buses[3] = {};
+    if (::pread(config.get(), buses, sizeof buses, bus_registers) != sizeof buses)
+        return; // it is too short for a bridge
+    buses[0] = static_cast<uint8_t>(std::stoul(bridge.substr(5, 2), nullptr, 16));
+    if (buses[1] == 0)
+        buses[1] = static_cast<uint8_t>(bus);
+    buses[2] = std::max(buses[2], static_cast<uint8_t>(bus));
+    must(static_cast<int>(::pwrite(config.get(), buses, sizeof buses, bus_registers)), path);
+    write_file(dir / "secondary_bus_number", std::to_string(buses[1]) + "\n", 0444);
+    write_file(dir / "subordinate_bus_number", std::to_string(buses[2]) + "\n", 0444);
+    const std::string above = dir.parent_path().filename();
+    if (above.size() == bridge.size())
+        give_bus(above, bus);
+}
+
+// The directory of a bus, in that of the bridge it is behind.
+void write_bus(const std::string &above, const std::string &bus)
+{
+    const std::string dir = above + "/pci_bus/" + bus;
+    if (fs::exists(dir))
+        return;
+    write_file(dir + "/cpuaffinity", "1\n", 0444);
+    write_file(dir + "/cpulistaffinity", "0\n", 0444);
+    write_file(dir + "/rescan", "", 0200);
+    write_file(dir + "/uevent", "");
+    write_power_directory(dir);
+    make_relative_symlink(dir + "/device", above);
+    make_relative_symlink(dir + "/subsystem", "/sys/class/pci_bus");
+    const std::string link = "/sys/class/pci_bus/" + bus;
+    fs::remove(link); // of a bridge that has gone
+    make_relative_symlink(link, dir);
+}
+
+// What the bus itself has.
+void write_pci_bus_type()
+{
+    if (fs::exists("/sys/bus/pci/rescan"))
+        return;
+    make_directory("/sys/bus/pci/drivers");
+    make_directory("/sys/bus/pci/slots");
+    write_file("/sys/bus/pci/drivers_autoprobe", "1\n");
+    write_file("/sys/bus/pci/resource_alignment", "\n");
+    for (const char *name : {"drivers_probe", "rescan", "uevent"})
+        write_file(std::string("/sys/bus/pci/") + name, "", 0200);
+}
+
+// Where what was unplugged is kept, and a link to where it was.
+std::string aside(const std::string &id)
+{
+    return "/.chassis/absent/" + id;
+}
+std::string place_of(const std::string &id)
+{
+    return aside(id) + ".place";
+}
+
+// The links to a function's directory and to those of the functions and buses below it.
+std::vector<std::pair<std::string, std::string>> links_to(const fs::path &dir)
+{
+    std::vector<std::pair<std::string, std::string>> links;
+    const auto add = [&links](const fs::path &path) {
+        const std::string name = path.filename();
+        if (fs::exists(path / "vendor"))
+            links.emplace_back(pci_link(name), path);
+        else if (path.parent_path().filename() == "pci_bus")
+            links.emplace_back("/sys/class/pci_bus/" + name, path);
+    };
+    add(dir);
+    for (const auto &entry : fs::recursive_directory_iterator(dir))
+        if (entry.is_directory() && !entry.is_symlink())
+            add(entry.path());
+    return links;
 }
 
 pci_function make_function(const char *id, uint16_t device, uint32_t class_code,
@@ -202,28 +399,23 @@ std::string pci_link(const std::string &id)
 
 void add_pci(const pci_function &function)
 {
-    const std::string above = function.parent.empty()
-                                  ? "/sys/devices/pci" + function.id.substr(0, 7)
-                                  : fs::canonical(pci_link(function.parent)).string();
+    const std::string bus = function.id.substr(0, 7);
+    std::string above = "/sys/devices/pci" + bus;
     if (!function.parent.empty()) {
+        above = fs::canonical(pci_link(function.parent)).string();
         make_directory(above + "/" + function.parent + ":pcie001"); // a service of the port
-        make_directory(above + "/pci_bus/" + function.id.substr(0, 7));
+        give_bus(function.parent,
+                 static_cast<unsigned int>(std::stoul(bus.substr(5), nullptr, 16)));
     }
+    write_pci_bus_type();
+    write_bus(above, bus);
     const std::string dir = above + "/" + function.id;
-    write_file(dir + "/vendor", hex_line(function.vendor));
-    write_file(dir + "/device", hex_line(function.device));
-    write_file(dir + "/subsystem_vendor", hex_line(function.subsystem_vendor));
-    write_file(dir + "/subsystem_device", hex_line(function.subsystem_device));
-    write_file(dir + "/enable", "0\n");
-    char class_line[16];
-    std::snprintf(class_line, sizeof class_line, "0x%06x\n", function.class_code);
-    write_file(dir + "/class", class_line);
     const config_space config = finished_config(function);
+    write_attributes(dir, function, config);
     write_file(dir + "/config",
                std::string_view(reinterpret_cast<const char *>(config.data()), config.size()));
     std::string lines;
-    const bool is_bridge = config.size() > header_type_register && config[header_type_register] & 1;
-    const size_t line_count = is_bridge ? 17 : 13; // six BARs, the ROM, and more
+    const size_t line_count = is_bridge(config) ? 17 : 13; // six BARs, the ROM, and more
     for (size_t bar = 0; bar < line_count; ++bar) {
         const pci_window window =
             bar < function.windows.size() ? function.windows[bar] : pci_window();
@@ -239,8 +431,8 @@ void add_pci(const pci_function &function)
                  "truncate " + file + suffix);
         }
     }
-    write_file(dir + "/resource", lines);
-    make_symlink(pci_link(function.id), dir);
+    write_file(dir + "/resource", lines, 0444);
+    make_relative_symlink(pci_link(function.id), dir);
 }
 
 void write_config16(const std::string &id, size_t offset, uint16_t value)
@@ -255,12 +447,34 @@ void write_config16(const std::string &id, size_t offset, uint16_t value)
 
 void remove_pci(const std::string &id)
 {
+    unplug_pci(id);
+    fs::remove_all(aside(id));
+    fs::remove(place_of(id));
+}
+
+void unplug_pci(const std::string &id)
+{
+    if (!fs::exists(pci_link(id)))
+        return;
     const fs::path dir = fs::canonical(pci_link(id));
-    for (const auto &entry : fs::recursive_directory_iterator(dir))
-        if (entry.is_directory())
-            fs::remove(pci_link(entry.path().filename().string()));
-    fs::remove(pci_link(id));
-    fs::remove_all(dir);
+    for (const auto &[link, target] : links_to(dir))
+        fs::remove(link);
+    make_symlink(place_of(id), dir.string());
+    must(::rename(dir.c_str(), aside(id).c_str()), "unplug " + id);
+}
+
+void plug_pci(const std::string &id)
+{
+    if (!fs::exists(aside(id)))
+        return;
+    const fs::path dir = fs::read_symlink(place_of(id));
+    // Whoever sees the directory finds the link too.
+    make_relative_symlink(pci_link(id), dir.string());
+    must(::rename(aside(id).c_str(), dir.c_str()), "plug " + id);
+    fs::remove(place_of(id));
+    for (const auto &[link, target] : links_to(dir))
+        if (!fs::is_symlink(link))
+            make_relative_symlink(link, target);
 }
 
 void add_chassis_pci(uint16_t link_status)
@@ -268,11 +482,22 @@ void add_chassis_pci(uint16_t link_status)
     add_functions_of_the_root_bus();
     add_root_port(link_status);
     add_slot_device();
+    const std::string slot = "/sys/bus/pci/slots/3/";
+    const std::string texts[][2] = {{"address", "0000:03:00\n"},
+                                    {"adapter", "1\n"},
+                                    {"attention", "0\n"},
+                                    {"latch", "0\n"},
+                                    {"power", "1\n"},
+                                    {"cur_bus_speed", speed_text(1)},
+                                    {"max_bus_speed", speed_text(1)}};
+    for (const auto &[name, text] : texts)
+        write_file(slot + name, text);
 }
 
 void set_root_port_link(uint16_t link_status)
 {
     write_config16(pci_root_port, root_port_pcie + link_status_register, link_status);
+    write_link_attributes(fs::canonical(pci_link(pci_root_port)), "current", link_status);
 }
 
 } // namespace chassis_sim

@@ -85,6 +85,10 @@ void write_config16(const std::string &id, size_t offset, uint16_t value);
 // The function and what is below it leave the bus.
 void remove_pci(const std::string &id);
 
+// The same, but it can come back as it was, whole, at once; what is so already stays so.
+void unplug_pci(const std::string &id);
+void plug_pci(const std::string &id);
+
 // What every chassis has: a host bridge, an endpoint without PCI Express, a device with two
 // functions, and a root port with a hot-plug slot and a device behind it.
 inline constexpr char pci_root_port[] = "0000:00:1c.0";

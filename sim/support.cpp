@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -63,9 +64,15 @@ void make_directory(const std::string &path)
 
 void write_file(const std::string &path, std::string_view contents, mode_t mode)
 {
-    make_parents(path);
-    const owned_fd fd(must(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode),
-                           "create " + path));
+    const auto create = [&] {
+        return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    };
+    owned_fd fd(create());
+    if (!fd && errno == ENOENT) {
+        make_parents(path);
+        fd.reset(create());
+    }
+    must(fd.get(), "create " + path);
     for (size_t done = 0; done < contents.size();) {
         const ssize_t n = ::write(fd.get(), contents.data() + done, contents.size() - done);
         must(static_cast<int>(n), "write " + path);
@@ -77,6 +84,12 @@ void make_symlink(const std::string &path, const std::string &target)
 {
     make_parents(path);
     must(::symlink(target.c_str(), path.c_str()), "symlink " + path);
+}
+
+void make_relative_symlink(const std::string &path, const std::string &target)
+{
+    const std::filesystem::path directory = std::filesystem::path(path).parent_path();
+    make_symlink(path, std::filesystem::path(target).lexically_relative(directory).string());
 }
 
 void bind_mount(const std::string &from, const std::string &to)

@@ -53,6 +53,7 @@ private:
 void make_directory(const std::string &path);
 void write_file(const std::string &path, std::string_view contents, mode_t mode = 0644);
 void make_symlink(const std::string &path, const std::string &target);
+void make_relative_symlink(const std::string &path, const std::string &target);
 void bind_mount(const std::string &from, const std::string &to);
 
 // The whole of a file; empty when it cannot be read.

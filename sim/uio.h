@@ -11,6 +11,9 @@ namespace chassis_sim
 struct uio_map {
     std::string name; // "map0"
     std::string size; // text of its "size" file, e.g. "0x0000000000001000\n"
+    std::string addr = "0x00000000f8000000\n";
+    std::string offset = "0x0\n";
+    std::string label = "registers\n"; // its "name"
 };
 
 struct uio_description {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include <fcntl.h>
@@ -310,6 +311,76 @@ TEST(chassis, descriptor_left_to_the_kernel_behaves_like_one)
     int status = 0;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(WEXITSTATUS(status), 9);
+}
+
+//--- sysfs ----------------------------------------------------------------------------------------
+
+// The names in the directories of all functions that every one of them has.
+std::set<string> common_names()
+{
+    std::optional<std::set<string>> common;
+    std::error_code none;
+    for (const auto &function : fs::directory_iterator("/sys/bus/pci/devices", none)) {
+        std::set<string> names;
+        for (const auto &entry : fs::directory_iterator(function.path()))
+            names.insert(entry.path().filename());
+        if (common)
+            std::erase_if(names, [&](const string &name) { return !common->contains(name); });
+        common = names;
+    }
+    return common.value_or(std::set<string>());
+}
+
+TEST(chassis, functions_have_what_tools_read_of_those_of_this_machine)
+{
+    std::set<string> wanted = common_names();
+    if (wanted.empty())
+        GTEST_SKIP() << "this machine has no PCI functions";
+    enter_private_root();
+    add_chassis_pci();
+    add_chassis_hotswap();
+    const std::set<string> seen = common_names();
+    // By lspci, setpci, udevadm, devaccess and scripts; others depend on the machine.
+    for (
+        const string &name : test::words(
+            "ari_enabled broken_parity_status class config consistent_dma_mask_bits d3cold_allowed "
+            "device dma_mask_bits driver_override enable irq local_cpulist local_cpus modalias "
+            "msi_bus numa_node power power_state remove rescan resource revision subsystem "
+            "subsystem_device subsystem_vendor uevent vendor"))
+        EXPECT_TRUE(seen.contains(name) || !wanted.contains(name)) << name << " is missing";
+}
+
+TEST(chassis, foreign_programs_run_in_it_without_a_complaint)
+{
+    const string cases[][2] = {
+        {"lspci -v 2>&1 | grep -c Memory.at", "8\n"},
+        {"lspci -vvv 2>&1 >/dev/null | grep -v libkmod", ""}, // which says if there are no modules
+        {"lspci -t", "-[0000:00]-+-00.0\n           +-19.0\n           +-1c.0-[03]----00.0\n"
+                     "           +-1d.0-[05]----00.0\n           +-1e.0-[06]--\n"
+                     "           +-1f.0\n           \\-1f.3\n"},
+        {"setpci -s 03:00.0 COMMAND=6:7 COMMAND CAP_EXP+2.w", "0006\n0002\n"},
+        {"command -v udevadm >/dev/null || exit 0; udevadm info /dev/uio0 -q path; "
+         "udevadm info -a /sys/class/uio/uio0 | grep -e DRIVERS -e name; "
+         "udevadm info -q property /sys/bus/pci/devices/0000:03:00.0 | grep PCI_ID",
+         "*"},
+        {"cd /sys/bus/pci/devices; echo 1 >0000:00:1c.0/remove; ls | wc -l; "
+         "echo 1 >../rescan; cat 0000:03:00.0/current_link_speed",
+         "7\n2.5 GT/s PCIe\n"},
+        {"cd /sys/class/uio/uio0; cat name version event; printf '\\1\\0\\0\\0' >/dev/uio0; sleep .3; "
+         "cat event",
+         "regblock\n1.0\n0\n1\n"},
+    };
+    const string udevadm =
+        "/devices/platform/regblock.0/uio/uio0\n    ATTR{maps/map0/name}==\"regist";
+    for (const auto &[line, expected] : cases) {
+        const string seen = shell("chassis-sim -- sh -c \"" + line + "\"");
+        if (expected == "*")
+            EXPECT_TRUE(seen == "0" ||
+                        (seen.starts_with(udevadm) && seen.ends_with("F0CA:0020\n0")))
+                << seen;
+        else
+            EXPECT_EQ(seen.substr(0, seen.size() - 1), expected) << line;
+    }
 }
 
 #ifdef CLIENT
