@@ -216,9 +216,14 @@ int main(int argc, char **argv)
     add_crc_rows();
     for_all(count_system_calls);
     for_all(add_benchmark);
+    // Whose files are named as the caller sees them.
+    const auto return_to_working_directory = [&] {
+        require(::fchdir(working_directory) == 0, "returning to the working directory");
+    };
+    return_to_working_directory();
     collector display;
     benchmark::RunSpecifiedBenchmarks(&display);
-    require(::fchdir(working_directory) == 0, "returning to the working directory");
+    return_to_working_directory();
     print_table(json_path);
     print_growth();
     return 0;

@@ -48,7 +48,7 @@ int main(int argc, char **argv)
     libuio_irqcontrol(uio, 1);
     /* A descriptor of -1, for a device that gives no notice, is left out by poll() itself. */
     struct pollfd set[] = {{.fd = libuio_get_uio_fd(uio), .events = POLLIN},
-                           {.fd = libuio_get_removed_fd(uio), .events = POLLIN},
+                           {.fd = libuio_get_removed_fd(uio), .events = POLLPRI},
                            {.fd = STDIN_FILENO, .events = POLLIN}};
     for (int running = 1; running;) {
         if (poll(set, 3, -1) < 0 && errno != EINTR)

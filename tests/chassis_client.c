@@ -1,5 +1,6 @@
-/* chassis_client NODE COUNT: a daemon's event loop, by libevent: waits for that many interrupts of the
- * device, enabling it before each, and prints their counts; then ends when the device is removed. */
+/* chassis_client NODE COUNT: a daemon's event loop, by libevent: waits for that many interrupts of
+ * the device, enabling it before each, and prints their counts; then ends when the device is
+ * removed. */
 #include <event2/event.h>
 
 #include <errno.h>

@@ -186,8 +186,8 @@ public:
         return checked(waited == 0, count, "libuio_irqwait");
     }
 
-    // For an event loop of one's own: watch both for POLLIN, then call wait() with a deadline of
-    // the past. -1 when there is none.
+    // For an event loop of one's own: watch the first for POLLIN and the second for POLLPRI, then
+    // call wait() with a deadline of the past. -1 when there is none.
     int interrupt_fd() const { return libuio_get_uio_fd(handle_.get()); }
     int removal_fd() const { return libuio_get_removed_fd(handle_.get()); }
 
