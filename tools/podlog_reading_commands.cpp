@@ -280,7 +280,7 @@ examination examine(const podlog_arguments &arguments, const log_storage &storag
 
 std::vector<pod_card> checked_cards(const podlog_arguments &arguments)
 {
-    const std::vector<pod_card> cards = cards_for_reading();
+    std::vector<pod_card> cards = cards_for_reading();
     if (arguments.card.empty())
         return cards;
     return {card_of(arguments, cards)};

@@ -18,7 +18,8 @@ namespace devaccess
 namespace
 {
 
-constexpr time_t day = 24 * 60 * 60;
+constexpr time_t hour = 3600;
+constexpr time_t day = 24 * hour;
 
 // Nothing for a time that is no date: the year has too many digits.
 std::optional<tm> parts_of(time_t seconds)
@@ -70,7 +71,7 @@ time_t within_limits(int64_t seconds)
 std::optional<time_t> parse_number_of_seconds(const std::string &text, time_t now)
 {
     constexpr std::pair<char, time_t> units[] = {
-        {'s', 1}, {'m', 60}, {'h', 60 * 60}, {'d', day}, {'w', 7 * day}};
+        {'s', 1}, {'m', 60}, {'h', hour}, {'d', day}, {'w', 7 * day}};
     const bool is_absolute = text[0] == '@';
     uint32_t number = 0; // what is larger is no time of a log
     const char *last = text.data() + text.size();
