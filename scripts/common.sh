@@ -51,8 +51,8 @@ need_packages() {
 # shellcheck disable=SC2120 # more packages may be named
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
-        nlohmann-json3-dev libfmt-dev libarchive-dev libseccomp-dev libevent-dev jq pciutils \
-        python3-jsonschema python3-prometheus-client "$@"
+        nlohmann-json3-dev libfmt-dev libarchive-dev libpci-dev libseccomp-dev libevent-dev jq \
+        pciutils python3-jsonschema python3-prometheus-client "$@"
 }
 
 # make_own_apt DIRECTORY ARCHITECTURE: lists of the Debian archives that the machine itself uses, for
@@ -92,7 +92,7 @@ need_virtual_machine() {
 
 # Those that 32-bit programs are built with.
 fetch_libraries() {
-    scripts/fetch-libraries libfmt-dev libarchive-dev libseccomp-dev libevent-dev
+    scripts/fetch-libraries libfmt-dev libarchive-dev libpci-dev libseccomp-dev libevent-dev
 }
 
 # configure PRESET [OPTION...]

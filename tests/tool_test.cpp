@@ -62,10 +62,10 @@ TEST(devaccess, does_what_it_is_told_and_prints_the_documented_json)
         write_file("/var/tmp/saved/" + log.name, log.image(chassis_sim::byte_order::little));
     expect("devaccess ", R"(
 --json pci write 3:0.0 0x3c 0x5a --width 8 -> 0 | "value":90,"width":8
-pci read 03:00.0 2 --width 16 -> 0 | id:      0000:03:00.0\noffset:  0x02\nwidth:   16\n
-pci children 00:1c.0 -> 0 | ID            VENDOR  DEVICE  CLASS     PATH\n0000:03:00.0  0xf0ca  0x0020  0x0
-pci show 00:19.0 --json -> 0 | "resources":[{"bar":0,"base":4043309056,"flags":262656,"size":131072}]
-pci caps 00:19.0 --json -> 0 | {"capability":5,"kind":"standard","name":"MSI","offset":72}
+pci read 03:00.0 2 --width 16 -> 0 | id:        0000:03:00.0\noffset:    0x02\nwidth:     16\n
+pci children 00:1c.0 -> 0 | ID            IDS        DRIVER  LINK         SLOT  CLASS              NAME\n0000:03:00.0  f0ca:0020  
+pci show 00:19.0 --json -> 0 | "resources":[{"bar":0,"base":4043309056,"flags":262656,"kind":"32-bit memory","size":131072}]
+pci caps 00:19.0 --json -> 0 | {"capability":5,"kind":"standard","name":"MSI","offset":72,
 pci link-wait 00:1c.0 --json -> 0 | "link":"up"
 pci bridge usable 00:1e.0 --json -> 0 | "usable":true
 pci bridge usable 00:1c.0 --json -> 1 | "usable":false | "errno":2,"format":1
@@ -84,7 +84,7 @@ postlog show test --post-dir /var/tmp/saved -> 0 | PCIe link: pass
 inventory store PM4 S1 PC --json -> 0 | "file":"/flash/diags/PM4.div"
 inventory show PM4 --json -> 0 | "serial_number":"S1"
 inventory clear RPSWfoo --json -> 0 | "file":"/var/log/diags/RPSW.div"
-help pci read -> 0 | Read a configuration register
+help pci read -> 0 | Read configuration registers
 podlog cards --help -> 0 | --chassis TYPE
 --version -> 0 | devaccess 0.
 pci raed --json -> 2 | | "command":"devaccess pci","errno":null,"format":1,"hint":"did you mean 'read'? See
@@ -92,14 +92,14 @@ uio read uio0 5 0 -v -> 1 | | *
 uio read uio0 5 0 -v 2>&1 |grep -c 'devaccess: library: .*mapinfo(): map.5. not found' -> 0 | 1\n
 --complete '' |cut -f1 |xargs -> 0 | collect inventory metrics pci podlog postlog uio\n
 --complete p -> 0 | podlog	POD logs of the cards\n
---complete pci read --w -> 0 | --width	of the register
+--complete pci read --w -> 0 | --width	in bits
 --complete pci read 03:00.0 0 --width '' -> 0 | 16\n32\n8\n
 --complete podlog --chassis=n10 show PM -> 0 | PM1\nPM2\nPM3\nPM4\nPM5\nPM6\n
 --complete podlog --chassis=n -> 0 | --chassis=n10\n--chassis=n20\n--chassis=n4\n
 --complete podlog status SW1 '' -> 0 | failed\ninvalid\npassed\n
 --complete podlog copy SW1 --eeprom '' -> 0 | :paths\n
 --complete pci show 0000:03 -> 0 | 0000:03:00.0\n
---complete pci read 0000:03:00.0 '' -> 0
+--complete pci read 0000:03:00.0 EXP_LNKS -> 0 | EXP_LNKSTA\nEXP_LNKSTA2\n
 )");
     expect_documented();
 }
@@ -118,7 +118,7 @@ podlgo list SW1 -> 2 | | 'podlgo' is no command; did you mean 'podlog'? See deva
 podlog list SW1 --pod-dri x -> 2 | | '--pod-dri' is no option; did you mean '--pod-dir'? See devaccess podlog list
 podlog list RPWS1 -> 1 | | of that name; did you mean 'RPSW1'? 'devaccess podlog cards' shows
 podlog list SW9 -> 1 | | of that name; 'devaccess podlog cards' shows
-pci read 03:00.0 -> 2 | | OFFSET is required; see devaccess pci read --help
+pci read 03:00.0 -> 2 | | REGISTER is required; see devaccess pci read --help
 pci read 3:0 0 -> 2 | | '3:0' names no PCI function; write 0000:03:00.0
 pci read 03:00.0 12h -> 2 | | the offset '12h' is no number; write 26 or 0x1a
 pci read 03:00.0 0x100000000 -> 2 | | 0x100000000 is too large; at most 0xffffffff

@@ -1,10 +1,10 @@
 #include "archive.h"
 
 #include "library.h"
+#include "shared_library.h"
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <dlfcn.h>
 
 namespace devaccess
 {
@@ -13,25 +13,14 @@ namespace
 
 constexpr char making[] = "make the archive";
 
-void *libarchive()
+const shared_library &libarchive()
 {
-    static void *const library = ::dlopen("libarchive.so.13", RTLD_NOW | RTLD_LOCAL);
-    if (!library)
-        throw failure(making, ::dlerror(), "install libarchive");
+    static const shared_library library("libarchive.so.13", making);
     return library;
 }
 
-template <typename Function>
-Function *find(const char *name)
-{
-    void *const found = ::dlsym(libarchive(), name);
-    if (!found)
-        throw failure(making, ::dlerror(), "install a newer libarchive");
-    return reinterpret_cast<Function *>(found);
-}
-
 // A function of the library that is loaded.
-#define LIBARCHIVE(function) find<decltype(function)>(#function)
+#define LIBARCHIVE(function) libarchive().find<decltype(function)>(#function)
 
 la_ssize_t append(struct archive *, void *bytes, const void *more, size_t size)
 {

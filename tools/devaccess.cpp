@@ -146,7 +146,7 @@ int run(CLI::App &program, std::vector<std::string> words)
     } catch (const CLI::ParseError &wrong) {
         return refuse(program, wrong);
     } catch (const usage_error &wrong) {
-        return refuse(program, wrong.what());
+        return refuse(program, wrong.what(), wrong.suggestion);
     }
     return exit_ok;
 }

@@ -146,6 +146,14 @@ unsigned long long parse_number(const std::string &name, const std::string &text
     return value;
 }
 
+masked_value parse_masked(const std::string &text, unsigned long long max)
+{
+    const size_t slash = text.find('/');
+    const auto value = parse_number("the value", text.substr(0, slash), max);
+    return {value, slash == text.npos ? max : parse_number("the mask", text.substr(slash + 1), max),
+            max};
+}
+
 std::string in_capitals(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(),

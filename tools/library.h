@@ -12,7 +12,12 @@ namespace devaccess
 
 // The command line is not understood: exit status 2.
 struct usage_error : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    explicit usage_error(const std::string &what, std::string suggested = "")
+        : std::runtime_error(what), suggestion(std::move(suggested))
+    {
+    }
+
+    std::string suggestion; // did_you_mean()
 };
 
 // A command could not do its work: exit status 1. "cannot WHAT: WHY", and a hint for what to do.
@@ -114,6 +119,21 @@ constexpr unsigned long long highest(unsigned bits)
 {
     return ~0ull >> (64 - bits);
 }
+
+// "VALUE" or "VALUE/MASK", of which the mask says the bits that count.
+struct masked_value {
+    unsigned long long value;
+    unsigned long long mask;
+    unsigned long long all; // of the register's bits
+
+    bool is_whole() const { return mask == all; }
+    unsigned long long applied_to(unsigned long long before) const
+    {
+        return (before & ~mask) | (value & mask);
+    }
+    bool matches(unsigned long long other) const { return ((other ^ value) & mask) == 0; }
+};
+masked_value parse_masked(const std::string &text, unsigned long long max);
 
 // Upper case, as the names of cards and slots are.
 std::string in_capitals(std::string text);

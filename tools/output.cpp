@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include <fmt/format.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace devaccess
@@ -64,14 +65,38 @@ size_t width_of(const std::string &text)
     }));
 }
 
+size_t terminal_width()
+{
+    winsize size = {};
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col ? size.ws_col : SIZE_MAX;
+}
+
+// Breaks a text that begins behind the indent at blanks, so that it stays behind it on a terminal.
+std::string wrapped(std::string text, size_t indent)
+{
+    const size_t width = terminal_width();
+    for (size_t start = 0; width > indent + 20 && text.size() - start > width - indent;) {
+        const size_t blank = text.rfind(' ', start + width - indent);
+        if (blank == text.npos || blank <= start)
+            break;
+        text.replace(blank, 1, '\n' + std::string(indent, ' '));
+        start = blank + 1 + indent;
+    }
+    return text;
+}
+
 std::string aligned(const cells &row, const std::vector<size_t> &widths)
 {
     std::string line;
+    size_t indent = 0;
     for (size_t column = 0; column < row.size(); ++column) {
+        const bool is_last = column + 1 == row.size();
         const std::string &text = row[column].text;
-        line += row[column].is_bad ? red(text, STDOUT_FILENO) : text;
-        if (column + 1 < row.size())
+        const std::string shown = is_last ? wrapped(text, indent) : text;
+        line += row[column].is_bad ? red(shown, STDOUT_FILENO) : shown;
+        if (!is_last)
             line += std::string(widths[column] - width_of(text) + 2, ' ');
+        indent += widths[column] + 2;
     }
     return line;
 }
@@ -318,6 +343,11 @@ void print_line(const record &what)
         std::cout << aligned(values, column_widths({values})) << '\n';
     }
     finish_output();
+}
+
+void print_text(const std::string &text)
+{
+    std::cout << text;
 }
 
 void finish_output()

@@ -107,6 +107,9 @@ void print_done(const record &what);
 // lost.
 void print_line(const record &what);
 
+// Text that is laid out already.
+void print_text(const std::string &text);
+
 // Writes out what has been printed.
 void finish_output();
 

@@ -1,34 +1,31 @@
+#include "pci_commands.h"
+
 #include "command.h"
 #include "library.h"
 #include "output.h"
+#include "pci_config_space.h"
 #include "pci_device.h"
+#include "pci_dump.h"
 
-#include <device_access/pci_config.h>
 #include <device_access/pci_sysfs.h>
 #include <device_access/qel_pci_hotswap.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <optional>
-#include <set>
 
 #include <fmt/format.h>
+#include <linux/pci_regs.h>
 
 namespace devaccess
 {
 namespace
 {
 
-struct pci_arguments {
-    std::string id;
-    std::string offset;
-    std::string value;
-    unsigned width = 32;
-};
-
-constexpr char list_hint[] = "'devaccess pci list' shows the devices";
-constexpr char root_hint[] = "without special rights the kernel shows only the first 64 bytes";
+namespace fs = std::filesystem;
 
 //--- devices --------------------------------------------------------------------------------------
 
@@ -40,310 +37,301 @@ std::optional<int64_t> number_of(const char *attribute, const sysfs_pci_identity
     return value;
 }
 
-void add_number(record &row, const char *name, const sysfs_pci_identity_t &device, int digits)
+// Nothing where it is missing, or says "Unknown", "Unknown speed".
+std::optional<std::string> text_of(const char *attribute, const sysfs_pci_identity_t &device)
 {
-    const std::optional<int64_t> value = number_of(name, device);
-    if (value)
-        row.add_hex(name, static_cast<uint64_t>(*value), digits);
-    else
-        row.add(name, nullptr);
+    char text[64];
+    if (!sysfs_pci_show(text, sizeof text, nullptr, attribute, &device))
+        return std::nullopt;
+    const std::string line = printable(std::string(text, std::strcspn(text, "\n")));
+    return line.rfind("Unknown", 0) == 0 ? std::nullopt : std::optional(line);
 }
 
-record device_row(const sysfs_pci_identity_t &device)
+std::optional<std::string> driver_of(const sysfs_pci_identity_t &device)
 {
-    com_pci_dev_t ids = {};
-    sysfs_pci_dev_fill(&ids, &device);
-    record row;
-    row.add("id", device.str).add_hex("vendor", ids.vendor, 4).add_hex("device", ids.device, 4);
-    add_number(row, "class", device, 6);
-    return row.add("path", ids.sys_fs);
+    std::error_code none;
+    const fs::path link =
+        fs::read_symlink(std::string(pci_directory) + device.str + "/driver", none);
+    return none ? std::nullopt : std::optional(printable(link.filename()));
 }
 
-using device_list = std::unique_ptr<sysfs_pci_identity_t, decltype(&std::free)>;
-
-void print_devices(const device_list &devices)
+// Names of the slots, by the address of what is in them, "0000:03:00".
+std::map<std::string, std::string> physical_slots()
 {
-    record_set set = {"devices", {}};
-    for (const sysfs_pci_identity_t *device = devices.get(); device->str[0] != '\0'; ++device)
-        set.rows.push_back(device_row(*device));
-    print(std::move(set));
+    std::map<std::string, std::string> slots;
+    std::error_code none;
+    for (const auto &slot : fs::directory_iterator("/sys/bus/pci/slots", none)) {
+        std::string address;
+        std::getline(std::ifstream(slot.path() / "address"), address);
+        slots.emplace(address, printable(slot.path().filename()));
+    }
+    return slots;
 }
 
-void list(const pci_arguments &)
+// A number with its name; programs get them apart.
+record &add_named(record &row, const std::string &what, std::optional<int64_t> number,
+                  const std::optional<std::string> &name, int digits)
 {
-    const auto listed = ask(sysfs_pci_list);
-    if (!listed.result)
-        fail("list PCI devices", listed, "is /sys mounted?");
-    print_devices(device_list(listed.result, std::free));
+    const std::string text = number ? hex(static_cast<uint64_t>(*number), digits) : "-";
+    row.add(what, if_any(number), name ? text + ' ' + *name : text);
+    return row.add_hidden(what + "_name", if_any(name));
 }
 
-void children(const pci_arguments &arguments)
-{
-    const sysfs_pci_identity_t device = pci_device(arguments.id);
-    const auto listed = ask([&] { return sysfs_pci_children_list(&device); });
-    if (!listed.result)
-        fail("list the devices behind " + arguments.id, listed, list_hint);
-    print_devices(device_list(listed.result, std::free));
-}
-
-void show(const pci_arguments &arguments)
-{
-    const sysfs_pci_identity_t device = pci_device(arguments.id);
-    const auto present = ask([&] { return sysfs_pci_access("vendor", R_OK, &device); });
-    if (present.result != 0)
-        fail("show " + std::string(device.str), present, list_hint);
-    record shown = device_row(device);
-    add_number(shown, "subsystem_vendor", device, 4);
-    add_number(shown, "subsystem_device", device, 4);
-    const std::optional<int64_t> users = number_of("enable", device);
-    shown.add("enabled", users ? json(*users != 0) : json());
-    record_set resources = {"resources", {}};
-    for (const pci_resource &resource : pci_resources(device))
-        resources.rows.push_back(record()
-                                     .add("bar", resource.bar)
-                                     .add_hex("base", resource.base, 8)
-                                     .add_hex("size", resource.size, 1)
-                                     .add_hex("flags", resource.flags, 8));
-    print(shown.add(std::move(resources)));
-}
-
-//--- configuration space --------------------------------------------------------------------------
-
-class config_space
+// What is known of a function without a look at its registers.
+class device_facts
 {
 public:
-    explicit config_space(const sysfs_pci_identity_t &device) : device_(device.str)
+    device_facts(const sysfs_pci_identity_t &device, const pci_names &names,
+                 const std::map<std::string, std::string> &slots)
+        : id_(device.str), vendor_(number_of("vendor", device).value_or(0xffff)),
+          device_(number_of("device", device).value_or(0xffff)), class_(number_of("class", device)),
+          driver_(driver_of(device)), speed_(text_of("current_link_speed", device)),
+          width_(number_of("current_link_width", device))
     {
-        const auto found = ask([&] { return pci_config_open(&device); });
-        if (!found.result)
-            fail("open the configuration space of " + device_, found, list_hint);
-        handle_.reset(found.result);
+        vendor_name_ = names.vendor(static_cast<unsigned>(vendor_));
+        device_name_ = names.device(static_cast<unsigned>(vendor_), static_cast<unsigned>(device_));
+        if (class_)
+            class_name_ = names.device_class(static_cast<unsigned>(*class_));
+        if (const auto slot = slots.find(id_.substr(0, id_.find('.'))); slot != slots.end())
+            slot_ = slot->second;
+        if (speed_)
+            speed_ = speed_->substr(0, speed_->find(" PCIe"));
+        if (!speed_ || width_ == 0)
+            width_.reset();
     }
 
-    // Nothing when the register cannot be read; errno is then ENODATA when it lies beyond the end.
-    std::optional<uint32_t> try_read(uint32_t offset, unsigned width) const
+    bool is_taken_by(const device_filter &filter) const
     {
-        const auto read = width == 8    ? pci_config_read8
-                          : width == 16 ? pci_config_read16
-                                        : pci_config_read32;
-        errno = ENODATA;
-        const uint32_t value = read(offset, handle_.get());
-        return errno == 0 ? std::optional(value) : std::nullopt;
+        return filter.takes(id_, static_cast<unsigned>(vendor_), static_cast<unsigned>(device_),
+                            static_cast<unsigned>(class_.value_or(0)));
     }
 
-    uint32_t read(uint32_t offset, unsigned width) const
+    std::string name() const
     {
-        const std::optional<uint32_t> value = try_read(offset, width);
-        if (!value)
-            fail_on("read", offset, width);
-        return *value;
+        return fmt::format("{} {}", vendor_name_.value_or(fmt::format("Vendor {:04x}", vendor_)),
+                           device_name_.value_or(fmt::format("Device {:04x}", device_)));
+    }
+    std::string class_text() const
+    {
+        return class_name_.value_or(class_ ? fmt::format("Class {:04x}", *class_ >> 8) : "-");
     }
 
-    void write(uint32_t offset, unsigned width, uint32_t value) const
+    record as_record() const
     {
-        errno = ENODATA;
-        void *handle = handle_.get();
-        const int result =
-            width == 8    ? pci_config_write8(static_cast<uint8_t>(value), offset, handle)
-            : width == 16 ? pci_config_write16(static_cast<uint16_t>(value), offset, handle)
-                          : pci_config_write32(value, offset, handle);
-        if (result != 0)
-            fail_on("write", offset, width);
+        record all;
+        all.add("id", id_);
+        add_named(all, "vendor", vendor_, vendor_name_, 4);
+        add_named(all, "device", device_, device_name_, 4);
+        add_named(all, "class", class_, class_name_, 6);
+        all.add("driver", if_any(driver_)).add("slot", if_any(slot_));
+        all.add("link_speed", if_any(speed_)).add("link_width", if_any(width_));
+        return all.add("path", pci_directory + id_);
+    }
+
+    // In a line of a table.
+    record as_row() const
+    {
+        return record()
+            .add("id", id_)
+            .add("ids", fmt::format("{:04x}:{:04x}", vendor_, device_))
+            .add("driver", if_any(driver_))
+            .add("link", width_ ? json(fmt::format("{} x{}", *speed_, *width_)) : json())
+            .add("slot", if_any(slot_))
+            .add("class", class_text())
+            .add("name", name());
     }
 
 private:
-    [[noreturn]] void fail_on(const char *verb, uint32_t offset, unsigned width) const
+    std::string id_;
+    int64_t vendor_, device_;
+    std::optional<int64_t> class_;
+    std::optional<std::string> driver_, speed_;
+    std::optional<int64_t> width_;
+    std::optional<std::string> slot_, vendor_name_, device_name_, class_name_;
+};
+
+using fact_list = std::vector<device_facts>;
+
+fact_list facts_of(const std::vector<sysfs_pci_identity_t> &devices, const pci_names &names)
+{
+    const auto slots = physical_slots();
+    fact_list facts;
+    for (const sysfs_pci_identity_t &device : devices)
+        facts.emplace_back(device, names, slots);
+    return facts;
+}
+
+void print_devices(const fact_list &devices)
+{
+    record_set set = {"devices", {}};
+    for (const device_facts &facts : devices)
+        set.rows.push_back(settings.as_json ? facts.as_record() : facts.as_row());
+    print(std::move(set));
+}
+
+void print_devices(const std::vector<sysfs_pci_identity_t> &devices)
+{
+    print_devices(facts_of(devices, pci_names()));
+}
+
+//--- list and tree --------------------------------------------------------------------------------
+
+// Below the function that it sits behind, or below its root bus.
+using families = std::map<std::string, std::vector<const sysfs_pci_identity_t *>>;
+
+std::string parent_of(const sysfs_pci_identity_t &device)
+{
+    std::error_code none;
+    const fs::path link = fs::read_symlink(std::string(pci_directory) + device.str, none);
+    return printable(link.parent_path().filename());
+}
+
+class tree_printer
+{
+public:
+    explicit tree_printer(const std::vector<sysfs_pci_identity_t> &devices)
     {
-        const int error = errno;
-        const std::string what = fmt::format("{} register {:#x} of {}", verb, offset, device_);
-        if (error == ENODATA)
-            throw failure(what, "it lies beyond the end of the configuration space", root_hint);
-        throw failure(what, std::strerror(error),
-                      fmt::format("offsets are multiples of the width, {} bytes here", width / 8),
-                      error);
+        for (const sysfs_pci_identity_t &device : devices)
+            children_[parent_of(device)].push_back(&device);
     }
 
-    std::string device_;
-    std::unique_ptr<void, decltype(&pci_config_close)> handle_ = {nullptr, pci_config_close};
+    void run()
+    {
+        record_set buses = {"buses", {}};
+        for (const auto &[parent, below] : children_)
+            if (!parse_pci_device(parent)) {
+                text_ += parent + '\n';
+                buses.rows.push_back(record().add("bus", parent).add(functions_below(parent, "")));
+            }
+        if (settings.as_json)
+            print(std::move(buses));
+        else
+            print_text(text_);
+    }
+
+private:
+    record_set functions_below(const std::string &parent, const std::string &indent)
+    {
+        record_set functions = {"functions", {}};
+        const auto below = children_.find(parent);
+        if (below == children_.end())
+            return functions;
+        for (const sysfs_pci_identity_t *device : below->second) {
+            const bool is_last = device == below->second.back();
+            const device_facts facts(*device, names_, slots_);
+            text_ += fmt::format("{}{} {}  {}: {}\n", indent, is_last ? "`--" : "|--", device->str,
+                                 facts.class_text(), facts.name());
+            functions.rows.push_back(facts.as_record().add(
+                functions_below(device->str, indent + (is_last ? "    " : "|   "))));
+        }
+        return functions;
+    }
+
+    const pci_names names_;
+    const std::map<std::string, std::string> slots_ = physical_slots();
+    families children_;
+    std::string text_;
 };
 
-uint32_t offset_of(const pci_arguments &arguments)
+//--- show -----------------------------------------------------------------------------------------
+
+constexpr uint32_t shown_registers[] = {PCI_COMMAND, PCI_STATUS};
+constexpr uint32_t shown_bridge_registers[] = {
+    PCI_COMMAND,         PCI_STATUS,     PCI_PRIMARY_BUS,   PCI_SECONDARY_BUS,
+    PCI_SUBORDINATE_BUS, PCI_SEC_STATUS, PCI_BRIDGE_CONTROL};
+
+record_set registers_to_show(const config_space &config)
 {
-    return static_cast<uint32_t>(parse_number("the offset", arguments.offset, UINT32_MAX));
+    const bool is_bridge = (config.read(PCI_HEADER_TYPE, 8) & 0x7f) == PCI_HEADER_TYPE_BRIDGE;
+    const std::span<const uint32_t> wanted =
+        is_bridge ? std::span<const uint32_t>(shown_bridge_registers) : shown_registers;
+    record_set registers = {"registers", {}};
+    for (const register_place &place : header_registers(config))
+        if (std::find(wanted.begin(), wanted.end(), place.offset) != wanted.end())
+            registers.rows.push_back(register_row(place, config.read(place.offset, place.width)));
+    return registers;
 }
 
-record register_record(const sysfs_pci_identity_t &device, const pci_arguments &arguments,
-                       uint32_t value)
+record resource_row(const pci_resource &resource)
 {
     return record()
-        .add("id", device.str)
-        .add_hex("offset", offset_of(arguments), 2)
-        .add("width", arguments.width)
-        .add_hex("value", value, static_cast<int>(arguments.width / 4));
+        .add("bar", resource.bar)
+        .add_hex("base", resource.base, 8)
+        .add("size", resource.size ? json(resource.size) : json(),
+             resource.size ? hex(resource.size) : "-")
+        .add_hex("flags", resource.flags, 8)
+        .add("kind", resource.kind());
 }
 
-void read(const pci_arguments &arguments)
+record_set resources_record(const std::vector<pci_resource> &resources)
 {
-    const sysfs_pci_identity_t device = pci_device(arguments.id);
-    const uint32_t offset = offset_of(arguments);
-    print(register_record(device, arguments, config_space(device).read(offset, arguments.width)));
+    record_set set = {"resources", {}};
+    for (const pci_resource &resource : resources)
+        set.rows.push_back(resource_row(resource));
+    return set;
 }
 
-void write(const pci_arguments &arguments)
+void show_device(const config_space &config)
 {
-    const sysfs_pci_identity_t device = pci_device(arguments.id);
-    const uint32_t offset = offset_of(arguments);
-    const auto value =
-        static_cast<uint32_t>(parse_number("the value", arguments.value, highest(arguments.width)));
-    config_space(device).write(offset, arguments.width, value);
-    print_done(register_record(device, arguments, value));
-}
-
-//--- capabilities ---------------------------------------------------------------------------------
-
-struct named_id {
-    uint32_t id;
-    const char *name;
-};
-
-constexpr named_id standard_names[] = {
-    {0x01, "Power Management"},
-    {0x02, "AGP"},
-    {0x03, "Vital Product Data"},
-    {0x04, "Slot Identification"},
-    {0x05, "MSI"},
-    {0x06, "CompactPCI Hot Swap"},
-    {0x07, "PCI-X"},
-    {0x08, "HyperTransport"},
-    {0x09, "Vendor Specific"},
-    {0x0a, "Debug Port"},
-    {0x0b, "CompactPCI Resource Control"},
-    {0x0c, "Hot Plug"},
-    {0x0d, "Bridge Subsystem Vendor ID"},
-    {0x0e, "AGP 8x"},
-    {0x0f, "Secure Device"},
-    {0x10, "PCI Express"},
-    {0x11, "MSI-X"},
-    {0x12, "SATA Configuration"},
-    {0x13, "Advanced Features"},
-    {0x14, "Enhanced Allocation"},
-    {0x15, "Flattening Portal Bridge"},
-};
-
-constexpr named_id extended_names[] = {
-    {0x0001, "Advanced Error Reporting"},
-    {0x0002, "Virtual Channel"},
-    {0x0003, "Device Serial Number"},
-    {0x0004, "Power Budgeting"},
-    {0x0005, "Root Complex Link Declaration"},
-    {0x0006, "Root Complex Internal Link Control"},
-    {0x0007, "Root Complex Event Collector"},
-    {0x0008, "Multi-Function Virtual Channel"},
-    {0x0009, "Virtual Channel (MFVC)"},
-    {0x000a, "Root Complex Register Block"},
-    {0x000b, "Vendor Specific"},
-    {0x000d, "Access Control Services"},
-    {0x000e, "Alternative Routing-ID"},
-    {0x000f, "Address Translation Services"},
-    {0x0010, "Single Root I/O Virtualization"},
-    {0x0012, "Multicast"},
-    {0x0013, "Page Request Interface"},
-    {0x0015, "Resizable BAR"},
-    {0x0016, "Dynamic Power Allocation"},
-    {0x0017, "TPH Requester"},
-    {0x0018, "Latency Tolerance Reporting"},
-    {0x0019, "Secondary PCI Express"},
-    {0x001b, "Process Address Space ID"},
-    {0x001d, "Downstream Port Containment"},
-    {0x001e, "L1 PM Substates"},
-    {0x001f, "Precision Time Measurement"},
-    {0x0023, "Designated Vendor Specific"},
-    {0x0025, "Data Link Feature"},
-    {0x0026, "Physical Layer 16.0 GT/s"},
-    {0x0027, "Lane Margining at the Receiver"},
-    {0x002a, "Physical Layer 32.0 GT/s"},
-};
-
-template <size_t Count>
-const char *name_of(uint32_t id, const named_id (&names)[Count])
-{
-    for (const named_id &known : names)
-        if (known.id == id)
-            return known.name;
-    return "unknown";
-}
-
-record capability_row(const char *kind, uint32_t offset, uint32_t id, const char *name)
-{
-    return record()
-        .add("kind", kind)
-        .add_hex("offset", offset, 2)
-        .add_hex("capability", id, 2)
-        .add("name", name);
-}
-
-// A list's entries, until it ends or, because it is broken, leads where it has been.
-struct capability_list {
-    std::vector<record> rows;
-    bool complete = true;
-};
-
-// Where the standard list begins; 0 when there is none.
-uint32_t first_capability(const config_space &config)
-{
-    const bool has_list = config.read(0x06, 16) & 0x10;
-    const uint32_t layout = config.read(0x0e, 8) & 0x7f;
-    return has_list ? config.read(layout == 2 ? 0x14 : 0x34, 8) & 0xfc : 0;
-}
-
-void walk_standard(const config_space &config, capability_list &found)
-{
-    std::set<uint32_t> seen;
-    for (uint32_t offset = first_capability(config); offset != 0;) {
-        if (offset < 0x40 || !seen.insert(offset).second) {
-            found.complete = false;
-            return;
-        }
-        const uint32_t entry = config.read(offset, 16);
-        const uint32_t id = entry & 0xff;
-        found.rows.push_back(capability_row("standard", offset, id, name_of(id, standard_names)));
-        offset = entry >> 8 & 0xfc;
+    const sysfs_pci_identity_t device = pci_device(config.id());
+    const pci_names names;
+    record shown = device_facts(device, names, physical_slots()).as_record();
+    for (const char *name : {"subsystem_vendor", "subsystem_device"}) {
+        const std::optional<int64_t> value = number_of(name, device);
+        shown.add(name, if_any(value), value ? hex(static_cast<uint64_t>(*value), 4) : "-");
     }
+    const std::optional<int64_t> users = number_of("enable", device);
+    shown.add("enabled", users ? json(*users != 0) : json());
+    print(shown.add(registers_to_show(config)).add(resources_record(pci_resources(device))));
 }
 
-void walk_extended(const config_space &config, capability_list &found)
+// Of what a file says, which is less.
+void show_config(const config_space &config)
 {
-    std::set<uint32_t> seen;
-    for (uint32_t offset = 0x100; offset != 0;) {
-        const std::optional<uint32_t> entry = config.try_read(offset, 32);
-        if (!entry || *entry == 0 || *entry == UINT32_MAX)
-            return;
-        if (offset < 0x100 || !seen.insert(offset).second) {
-            found.complete = false;
-            return;
-        }
-        const uint32_t id = *entry & 0xffff;
-        found.rows.push_back(capability_row("extended", offset, id, name_of(id, extended_names)));
-        offset = *entry >> 20 & 0xffc;
-    }
+    const pci_names names;
+    const uint32_t vendor = config.read(PCI_VENDOR_ID, 16);
+    const uint32_t device = config.read(PCI_DEVICE_ID, 16);
+    const uint32_t device_class = config.read(PCI_CLASS_REVISION, 32) >> 8;
+    record shown;
+    shown.add("id", config.id());
+    add_named(shown, "vendor", vendor, names.vendor(vendor), 4);
+    add_named(shown, "device", device, names.device(vendor, device), 4);
+    add_named(shown, "class", device_class, names.device_class(device_class), 6);
+    print(shown.add(registers_to_show(config)).add(resources_record(config_resources(config))));
 }
 
-void caps(const pci_arguments &arguments)
+} // namespace
+
+void pci_list(const pci_arguments &arguments)
+{
+    const pci_names names;
+    const device_filter filter(arguments.slot_filter, arguments.id_filter, names);
+    fact_list devices = facts_of(pci_devices(), names);
+    std::erase_if(devices, [&](const auto &facts) { return !facts.is_taken_by(filter); });
+    print_devices(devices);
+}
+
+void pci_tree(const pci_arguments &)
+{
+    const std::vector<sysfs_pci_identity_t> devices = pci_devices();
+    tree_printer(devices).run();
+}
+
+void pci_children(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
-    const config_space config(device);
-    capability_list found;
-    walk_standard(config, found);
-    walk_extended(config, found);
-    print(record()
-              .add("id", device.str)
-              .add("complete", found.complete)
-              .add({"capabilities", std::move(found.rows)}));
+    print_devices(pci_devices(&device));
+}
+
+void pci_show(const pci_arguments &arguments)
+{
+    const config_space config = config_of(arguments);
+    (config.is_device() ? show_device : show_config)(config);
 }
 
 //--- link and bridges -----------------------------------------------------------------------------
 
-void link_wait(const pci_arguments &arguments)
+void pci_link_wait(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     auto waited = ask([&] { return pcie_config_wait_link_up(&device); });
@@ -361,6 +349,9 @@ void link_wait(const pci_arguments &arguments)
     print(record().add("id", device.str).add("link", "up"));
 }
 
+namespace
+{
+
 // Of a bridge that cannot be switched.
 [[noreturn]] void fail_on_bridge(const std::string &what, const sysfs_pci_identity_t &device,
                                  const outcome &how)
@@ -375,16 +366,23 @@ void link_wait(const pci_arguments &arguments)
     fail(what, how, list_hint);
 }
 
-void bridge_enable(const pci_arguments &arguments)
+} // namespace
+
+void pci_bridge_enable(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const auto appeared = ask([&] { return qel_pci_hotswap_bridge_enable(&device); });
     if (!appeared.result)
         fail_on_bridge("enable the bridge " + arguments.id, device, appeared);
-    print_devices(device_list(appeared.result, std::free));
+    const std::unique_ptr<sysfs_pci_identity_t, decltype(&std::free)> owned(appeared.result,
+                                                                            std::free);
+    std::vector<sysfs_pci_identity_t> devices;
+    for (const sysfs_pci_identity_t *found = owned.get(); found->str[0] != '\0'; ++found)
+        devices.push_back(*found);
+    print_devices(devices);
 }
 
-void bridge_disable(const pci_arguments &arguments)
+void pci_bridge_disable(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const auto stored = ask([&] { return qel_pci_hotswap_bridge_disable(&device); });
@@ -393,7 +391,7 @@ void bridge_disable(const pci_arguments &arguments)
     print_done(record().add("id", device.str));
 }
 
-void bridge_usable(const pci_arguments &arguments)
+void pci_bridge_usable(const pci_arguments &arguments)
 {
     const sysfs_pci_identity_t device = pci_device(arguments.id);
     const auto usable = ask([&] { return qel_pci_hotswap_bridge_usable(&device); });
@@ -404,55 +402,113 @@ void bridge_usable(const pci_arguments &arguments)
 
 //--- command line ---------------------------------------------------------------------------------
 
+namespace
+{
+
 std::vector<std::string> device_names(const given_options &)
 {
     std::vector<std::string> names;
     std::error_code none;
-    for (const auto &entry : std::filesystem::directory_iterator("/sys/bus/pci/devices", none))
+    for (const auto &entry : fs::directory_iterator(pci_directory, none))
         names.push_back(entry.path().filename().string());
     return names;
 }
 
 void add_nothing(CLI::App &, pci_arguments &) {}
 
+void add_filters(CLI::App &command, pci_arguments &arguments)
+{
+    command
+        .add_option("-s,--slot", arguments.slot_filter,
+                    "only what is at [[DOMAIN:]BUS:][SLOT][.FUNC]")
+        ->option_text("WHERE");
+    command
+        .add_option("-d,--device", arguments.id_filter,
+                    "only [VENDOR]:[DEVICE][:CLASS], hexadecimal")
+        ->option_text("IDS");
+}
+
+CLI::Option *add_id(CLI::App &command, pci_arguments &arguments)
+{
+    return offer(command.add_option("ID", arguments.id, "PCI function, e.g. 0000:03:00.0"),
+                 device_names);
+}
+
 void add_device(CLI::App &command, pci_arguments &arguments)
 {
-    offer(command.add_option("ID", arguments.id, "PCI function, e.g. 0000:03:00.0"), device_names)
-        ->required();
+    add_id(command, arguments)->required();
 }
 
-void add_register(CLI::App &command, pci_arguments &arguments)
+void add_file(CLI::App &command, pci_arguments &arguments)
+{
+    add_id(command, arguments);
+    offer_paths(command.add_option("--file", arguments.file,
+                                   "what 'pci dump' or 'lspci -xxx' wrote, not the machine's"))
+        ->option_text("FILE");
+}
+
+void add_out(CLI::App &command, pci_arguments &arguments)
+{
+    add_file(command, arguments);
+    offer_paths(command.add_option("--out", arguments.other, "write it there"))
+        ->option_text("FILE");
+}
+
+void add_sides(CLI::App &command, pci_arguments &arguments)
+{
+    for (const auto &[name, side] : {std::pair("A", &arguments.id), {"B", &arguments.other}})
+        offer(command.add_option(name, *side, "PCI function, or a file as for --file"),
+              [](const given_options &given) {
+                  std::vector<std::string> names = device_names(given);
+                  names.push_back(":paths");
+                  return names;
+              })
+            ->required();
+}
+
+void add_registers(CLI::App &command, pci_arguments &arguments, const char *name,
+                   const char *description)
 {
     add_device(command, arguments);
-    command.add_option("OFFSET", arguments.offset, "of the register, in bytes")->required();
-    one_of(command.add_option("--width", arguments.width, "of the register, in bits"),
-           {"8", "16", "32"})
-        ->capture_default_str();
+    offer(command.add_option(name, arguments.registers, description), [](const given_options &) {
+        return register_names();
+    })->required();
+    one_of(command.add_option("--width", arguments.width, "in bits; else that of the name, or 32"),
+           {"8", "16", "32"});
 }
 
-void add_register_and_value(CLI::App &command, pci_arguments &arguments)
+void add_read(CLI::App &command, pci_arguments &arguments)
 {
-    add_register(command, arguments);
-    command.add_option("VALUE", arguments.value, "to write")->required();
+    add_registers(command, arguments, "REGISTER", "offset or name: 0x10, COMMAND, CAP_EXP+0x12");
+}
+
+void add_write(CLI::App &command, pci_arguments &arguments)
+{
+    add_registers(command, arguments, "REGISTER",
+                  "OFFSET VALUE, or REGISTER=VALUE[/MASK] as often as wanted");
+    command.add_flag("--dry-run", arguments.dry_run, "only show what would be written");
 }
 
 using family = command_family<pci_arguments>;
 
 constexpr family::entry commands[] = {
-    {"list", "List all functions", list, add_nothing},
-    {"show", "Show a function's ids and resources", show, add_device},
-    {"read", "Read a configuration register", read, add_register},
-    {"write", "Write a configuration register", write, add_register_and_value},
-    {"caps", "Show the capability lists", caps, add_device},
-    {"link-wait", "Wait half a second for a port's link to be up", link_wait, add_device},
-    {"children", "List the functions behind a bridge", children, add_device},
+    {"list", "List functions", pci_list, add_filters},
+    {"tree", "Show functions below the bridges that they are behind", pci_tree, add_nothing},
+    {"show", "Show a function's ids, state and resources", pci_show, add_file},
+    {"read", "Read configuration registers", pci_read, add_read},
+    {"write", "Write configuration registers", pci_write, add_write},
+    {"caps", "Show the capability lists and what their registers say", pci_caps, add_file},
+    {"dump", "Print configuration spaces as lspci -xxxx does", pci_dump, add_out},
+    {"diff", "Compare two functions, or files with functions", pci_diff, add_sides},
+    {"link-wait", "Wait half a second for a port's link to be up", pci_link_wait, add_device},
+    {"children", "List the functions behind a bridge", pci_children, add_device},
 };
 
 constexpr family::entry bridge_commands[] = {
-    {"enable", "Enable it, and list the functions that appear behind it", bridge_enable,
+    {"enable", "Enable it, and list the functions that appear behind it", pci_bridge_enable,
      add_device},
-    {"disable", "Disable it: what is behind it leaves the bus", bridge_disable, add_device},
-    {"usable", "Tell whether it can be enabled and disabled", bridge_usable, add_device},
+    {"disable", "Disable it: what is behind it leaves the bus", pci_bridge_disable, add_device},
+    {"usable", "Tell whether it can be enabled and disabled", pci_bridge_usable, add_device},
 };
 
 } // namespace

@@ -2,9 +2,10 @@
 
 #include "library.h"
 
+#include <device_access/device_access.hpp>
+
 #include <algorithm>
 #include <charconv>
-#include <optional>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -29,7 +30,7 @@ std::optional<unsigned> take_number(std::string_view &text, ptrdiff_t most_digit
 
 } // namespace
 
-sysfs_pci_identity_t pci_device(const std::string &text)
+std::optional<sysfs_pci_identity_t> parse_pci_device(const std::string &text)
 {
     std::string_view rest = text;
     const bool has_domain = std::count(text.begin(), text.end(), ':') == 2;
@@ -38,11 +39,43 @@ sysfs_pci_identity_t pci_device(const std::string &text)
     const auto slot = take_number(rest, 2, '.');
     const auto function = take_number(rest, 1, '\0');
     if (!domain || !bus || !slot || !function || *slot > 0x1f || *function > 7)
-        throw usage_error("'" + text + "' names no PCI function; write 0000:03:00.0 or 03:00.0");
+        return std::nullopt;
     sysfs_pci_identity_t device = {};
     fmt::format_to_n(device.str, sizeof device.str - 1, "{:04x}:{:02x}:{:02x}.{}", *domain, *bus,
                      *slot, *function);
     return device;
+}
+
+sysfs_pci_identity_t pci_device(const std::string &text)
+{
+    if (const auto device = parse_pci_device(text))
+        return *device;
+    throw usage_error("'" + text + "' names no PCI function; write 0000:03:00.0 or 03:00.0");
+}
+
+std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge)
+{
+    using device_access::pci_functions;
+    std::vector<sysfs_pci_identity_t> devices;
+    const auto listed = ask([&] {
+        const auto found = bridge ? pci_functions::below(*bridge) : pci_functions::all();
+        if (found)
+            devices.assign(found->begin(), found->end());
+        return found.has_value();
+    });
+    if (!listed.result && bridge)
+        fail("list the devices behind " + std::string(bridge->str), listed, list_hint);
+    if (!listed.result)
+        fail("list PCI devices", listed, "is /sys mounted?");
+    return devices;
+}
+
+std::string pci_resource::kind() const
+{
+    if (flags & io)
+        return "I/O ports";
+    return fmt::format("{}-bit {}memory", flags & memory_64 ? 64 : 32,
+                       flags & prefetch ? "prefetchable " : "");
 }
 
 std::vector<pci_resource> pci_resources(const sysfs_pci_identity_t &device)

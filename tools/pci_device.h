@@ -4,20 +4,31 @@
 #include <device_access/pci_sysfs.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace devaccess
 {
 
+inline constexpr char pci_directory[] = "/sys/bus/pci/devices/";
+inline constexpr char list_hint[] = "'devaccess pci list' shows the devices";
+
 // From "dddd:bb:ss.f"; the domain may be left out, and is then 0.
+std::optional<sysfs_pci_identity_t> parse_pci_device(const std::string &text);
 sysfs_pci_identity_t pci_device(const std::string &text);
+
+// Those of the machine, or behind a bridge.
+std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge = nullptr);
 
 struct pci_resource {
     int bar;
     uint64_t base;
-    uint64_t size;
-    uint64_t flags;
+    uint64_t size;  // 0: unknown
+    uint64_t flags; // the kernel's
+
+    enum : uint64_t { io = 0x100, memory = 0x200, prefetch = 0x2000, memory_64 = 0x100000 };
+    std::string kind() const; // "64-bit prefetchable memory"
 };
 
 // The base address registers in use.
