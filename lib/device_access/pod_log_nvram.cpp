@@ -102,7 +102,7 @@ bool open_dev_file(unique_fd &opened, const podlog::nvram_dev_info_t &row, bool 
     if (opened.get() > 0)
         return true;
     opened.reset();
-    dev_t number;
+    dev_t number = 0;
     if (!find_device_number(number) || !make_nvram_node(path.str, number))
         return false;
     opened.reset(::open(path.str, access_mode | O_CLOEXEC));

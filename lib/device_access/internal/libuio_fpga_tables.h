@@ -68,16 +68,16 @@ inline constexpr fpga_type_row fpga_type_table[] = {
 };
 
 struct fpga_name_row {
-    char slot_prefix[5];
     libuio_fpga_e code;
+    char slot_prefix[5];
     char fpga_name[13];
 };
 
 inline constexpr fpga_name_row fpga_name_table[] = {
-    {"rpsw", LIBUIO_FPGA_ZARNIK, "zarnik"},      {"rpsw", LIBUIO_FPGA_ZARNIK2, "zarnik2"},
-    {"alsw", LIBUIO_FPGA_VOSTRA, "vostra"},      {"alsw", LIBUIO_FPGA_VOSTRAT, "vostrat"},
-    {"alsw", LIBUIO_FPGA_VOSTRA2, "vostra2"},    {"sw", LIBUIO_FPGA_VOSTRA, "vostra_lite"},
-    {"sw", LIBUIO_FPGA_VOSTRA2, "vostra2_lite"},
+    {LIBUIO_FPGA_ZARNIK, "rpsw", "zarnik"},      {LIBUIO_FPGA_ZARNIK2, "rpsw", "zarnik2"},
+    {LIBUIO_FPGA_VOSTRA, "alsw", "vostra"},      {LIBUIO_FPGA_VOSTRAT, "alsw", "vostrat"},
+    {LIBUIO_FPGA_VOSTRA2, "alsw", "vostra2"},    {LIBUIO_FPGA_VOSTRA, "sw", "vostra_lite"},
+    {LIBUIO_FPGA_VOSTRA2, "sw", "vostra2_lite"},
 };
 
 //--- register blocks ------------------------------------------------------------------------------
