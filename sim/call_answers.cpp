@@ -30,6 +30,15 @@ uio_device &devices::named(const std::string &name)
     return *found;
 }
 
+int devices::fault(const std::string &name, const std::string &call)
+{
+    for (call_fault &fault : faults)
+        if (fault.device == name && fault.call == call &&
+            (++fault.seen == fault.nth || fault.nth == 0))
+            return fault.error;
+    return 0;
+}
+
 void call_answers::answer(const asked_call &call)
 {
     const intercepted what = which_call(call.data()).value_or(intercepted::any);
@@ -59,9 +68,9 @@ void call_answers::answer(const asked_call &call)
 void call_answers::answer_open(const asked_call &call, int directory, uint64_t path_address,
                                int flags)
 {
-    std::error_code error;
-    const fs::path path = fs::canonical(call.process().path(directory, path_address), error);
-    if (error || flags & O_PATH)
+    std::error_code none;
+    const fs::path path = fs::canonical(call.process().path(directory, path_address), none);
+    if (none || flags & O_PATH)
         return call.pass();
     const auto obey = flags & O_ACCMODE ? written_to(path) : nullptr;
     if (obey || path == control_path)
@@ -75,8 +84,14 @@ void call_answers::answer_open(const asked_call &call, int directory, uint64_t p
             write_file(path.string(), std::to_string(device.count) + "\n");
     for (const storage_device &device : devices_.storage)
         if (path == device.node) {
+            if (const int error = devices_.fault(device.name(), "open"))
+                return call.result(-error);
             const owned_fd opening = device.open(flags);
-            return opening ? call.descriptor(opening.get(), flags & O_CLOEXEC, std::nullopt)
+            // Calls on it are asked about where one is to fail.
+            std::optional<unsigned int> number;
+            if (!devices_.faults.empty())
+                number = free_number(call.process());
+            return opening ? call.descriptor(opening.get(), flags & O_CLOEXEC, number)
                            : call.result(-errno);
         }
     call.pass();
@@ -104,6 +119,8 @@ control_line::obey_line call_answers::written_to(const std::string &path)
 
 void call_answers::open_uio(const asked_call &call, uio_device &device, bool is_notice, int flags)
 {
+    if (const int error = is_notice ? 0 : devices_.fault(device.name, "open"))
+        return call.result(-error);
     std::erase_if(openings_, [](const auto &open) { return !open->device() && !open->is_open(); });
     const auto made = std::make_shared<opening>(device, is_notice, flags);
     openings_.push_back(made);
@@ -148,6 +165,8 @@ void call_answers::answer_mmap(const asked_call &call)
     if (open && !open->is_notice()) {
         if (!open->device())
             return call.result(-EINVAL);
+        if (const int error = devices_.fault(open->device()->name, "mmap"))
+            return call.result(-error);
         open->show_memory(call, fd);
     }
     call.pass();
@@ -164,8 +183,20 @@ void call_answers::answer_on_descriptor(const asked_call &call, intercepted what
 {
     const int fd = call.int_argument(what == intercepted::epoll ? 2 : 0);
     const std::shared_ptr<opening> open = opening_of(call.process(), fd);
-    if (!open)
+    const char *const name = what == intercepted::read    ? "read"
+                             : what == intercepted::write ? "write"
+                                                          : "";
+    if (!open) {
+        const std::string link = call.process().link_of(fd);
+        for (const storage_device &device : devices_.storage)
+            if (device.is_behind(link))
+                if (const int error = devices_.fault(device.name(), name))
+                    return call.result(-error);
         return call.pass();
+    }
+    if (open->device() && !open->is_notice())
+        if (const int error = devices_.fault(open->device()->name, name))
+            return call.result(-error);
     const bool reads = what == intercepted::read || what == intercepted::seek;
     if (open->is_notice() && reads) {
         if (!open->device())

@@ -22,6 +22,10 @@ struct devices {
 
     std::deque<uio_device> uio; // openings point to them
     std::deque<storage_device> storage;
+    std::vector<call_fault> faults;
+
+    // The errno with which this call fails; 0: it does not.
+    int fault(const std::string &name, const std::string &call);
 };
 
 // Answers the system calls that work on the chassis's devices, and lets all others pass.

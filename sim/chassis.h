@@ -13,20 +13,46 @@
 #include "sim/support.h"
 #include "sim/uio.h"
 
+#include <map>
+#include <string>
+#include <vector>
+
 namespace chassis_sim
 {
 
-// A whole chassis. Times are in milliseconds from its start.
+uio_description chassis_register_block();
+
+// A whole chassis; at first, the built-in one. Times are in milliseconds.
 struct chassis_description {
-    int uio_appears_ms = 0;     // when the node of uio0 appears; 0: it is there from the start
-    int uio_irq_delay_ms = 100; // from the enabling of its interrupt to the interrupt; -1: never
-    int uio_removed_ms = -1;    // when it is removed; -1: never
-    int link_trains_ms = 0;     // when the link of the root port comes up; -1: never
-    int behind_bridge_ms = 20;  // from the enabling of the hot-swap bridge to the device; -1: never
-    unsigned int pci_devices = 0; // PCI devices beside those that every chassis has
-    pod_logs pod = {};
-    std::vector<nvram_image> post = images(sample_post_logs());
-    bool nvram_truncated = false; // the second half of the POD log's NVRAM cannot be reached
+    std::vector<function_description> functions = chassis_functions();
+    struct slot {
+        std::string name;
+        std::string address;
+    };
+    std::vector<slot> slots = {{"3", "0000:03:00"}};
+    std::vector<fpga_card> fpga_cards = {chassis_fpga_card()};
+    struct bridge {
+        std::string id;
+        function_description behind;
+        int appears_ms = 20; // from its enabling to the device behind it; -1: never
+    };
+    std::vector<bridge> hotswap_bridges = {{hotswap_bridge, chassis_bridge_card()}};
+    std::vector<uio_description> uio = {chassis_register_block()};
+    struct log_settings {
+        std::string chassis = "n20";
+        std::string pod = "sample";                // or "empty", or a file
+        std::string post = "sample";               // or "empty", or a directory
+        std::map<std::string, std::string> states; // of cards' POD logs
+        uint32_t unreachable = 0;                  // bytes at the end of the NVRAM of the POD log
+    } logs;
+    struct eeprom {
+        std::string path;
+        uint32_t size = 8192;
+    };
+    std::vector<eeprom> eeproms; // blank ones
+    std::vector<call_fault> faults;
+    std::vector<timed_line> timeline;
+    unsigned int pci_devices = 0; // PCI devices beside those described
 };
 
 inline constexpr unsigned int most_pci_devices = 7168;

@@ -2,13 +2,15 @@
 
 #include "sim/chassis.h"
 #include "sim/command.h"
+#include "sim/description_json.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,94 +19,99 @@ namespace
 {
 
 namespace fs = std::filesystem;
-using chassis_sim::chassis_model;
-
-const std::map<std::string, chassis_model> models = {
-    {"n20", chassis_model::n20}, {"n10", chassis_model::n10}, {"n4", chassis_model::n4}};
-
-struct settings {
-    chassis_sim::chassis_description chassis;
-    std::string model = "n20";
-    std::string pod_log = "sample";  // or "empty", or a file
-    std::string post_log = "sample"; // or "empty", or a directory
-    std::vector<std::string> faults;
-    std::vector<std::string> command;
-};
+using chassis_sim::chassis_description;
+using chassis_sim::failure;
 
 constexpr int cannot_build = 125; // the exit status
 constexpr int longest_time = 24 * 60 * 60 * 1000;
 
-std::string read_image(const fs::path &path)
+// What the command line says; what it does not say is as the description has it.
+struct settings {
+    std::string description; // a file
+    bool describes = false;
+    std::optional<std::string> model, pod_log, post_log;
+    std::optional<int> uio_appears, uio_irq_delay, uio_removed, link_trains;
+    unsigned int pci_devices = 0;
+    std::vector<std::string> faults;
+    std::vector<std::string> command;
+};
+
+chassis_sim::function_description &port_of(chassis_description &chassis)
 {
-    constexpr uintmax_t largest = 16 << 20;
-    std::error_code error;
-    // Of what is no file, the size may be endless.
-    const bool is_image = fs::is_regular_file(path, error) && fs::file_size(path, error) <= largest;
-    std::string bytes = is_image ? chassis_sim::file_text(path.string()) : "";
-    if (bytes.empty())
-        throw chassis_sim::failure("cannot read a log image from " + path.string());
-    return bytes;
+    for (chassis_sim::function_description &function : chassis.functions)
+        if (function.id == chassis_sim::pci_root_port)
+            return function;
+    throw failure(std::string("there is no port ") + chassis_sim::pci_root_port);
 }
 
-chassis_sim::pod_logs chosen_pod_logs(const settings &chosen)
+void apply_uio(chassis_description &chassis, const settings &chosen)
 {
-    if (chosen.pod_log == "empty")
-        return {};
-    chassis_sim::pod_logs logs = chassis_sim::sample_pod_logs(models.at(chosen.model));
-    if (chosen.pod_log != "sample")
-        logs.nvram = read_image(chosen.pod_log);
-    return logs;
-}
-
-std::vector<chassis_sim::nvram_image> chosen_post_logs(const settings &chosen)
-{
-    auto logs = chassis_sim::images(chassis_sim::sample_post_logs());
-    for (chassis_sim::nvram_image &log : logs) {
-        if (chosen.post_log == "empty")
-            log.contents.assign(log.contents.size(), '\0');
-        else if (chosen.post_log != "sample")
-            log.contents = read_image(fs::path(chosen.post_log) / log.name);
+    const bool wanted = chosen.uio_appears || chosen.uio_irq_delay || chosen.uio_removed;
+    if (wanted && chassis.uio.empty())
+        throw failure("there is no UIO device");
+    if (chosen.uio_appears.value_or(0) > 0) {
+        chassis.uio[0].plugged = false;
+        chassis.timeline.push_back({*chosen.uio_appears, 0, "plug uio0"});
     }
-    return logs;
+    if (chosen.uio_irq_delay)
+        chassis.uio[0].irq_delay_ms = *chosen.uio_irq_delay;
+    if (chosen.uio_removed.value_or(-1) >= 0)
+        chassis.timeline.push_back({*chosen.uio_removed, 0, "remove uio0"});
 }
 
-chassis_sim::chassis_description describe(const settings &chosen)
+void apply_fault(chassis_description &chassis, const std::string &fault)
 {
-    chassis_sim::chassis_description chassis = chosen.chassis;
-    chassis.pod = chosen_pod_logs(chosen);
-    chassis.post = chosen_post_logs(chosen);
-    for (const std::string &fault : chosen.faults) {
-        if (fault == "nvram-truncated")
-            chassis.nvram_truncated = true;
-        else if (fault == "link-stuck")
-            chassis.link_trains_ms = -1;
-        else
-            chassis.behind_bridge_ms = -1;
+    if (fault == "nvram-truncated")
+        chassis.logs.unreachable = 16384 / 2;
+    else if (fault == "link-stuck")
+        port_of(chassis).pcie.link_status = chassis_sim::pcie_capability::link_training;
+    else
+        for (auto &bridge : chassis.hotswap_bridges)
+            bridge.appears_ms = -1;
+}
+
+chassis_description described_by(const settings &chosen)
+{
+    chassis_description chassis;
+    if (!chosen.description.empty())
+        chassis = chassis_sim::read_description(chosen.description);
+    auto &logs = chassis.logs;
+    logs.chassis = chosen.model.value_or(logs.chassis);
+    logs.pod = chosen.pod_log.value_or(logs.pod);
+    logs.post = chosen.post_log.value_or(logs.post);
+    chassis.pci_devices += chosen.pci_devices;
+    apply_uio(chassis, chosen);
+    if (chosen.link_trains.value_or(0) > 0) {
+        apply_fault(chassis, "link-stuck");
+        chassis.timeline.push_back(
+            {*chosen.link_trains, 0, std::string("link ") + chassis_sim::pci_root_port + " up"});
     }
+    for (const std::string &fault : chosen.faults)
+        apply_fault(chassis, fault);
     return chassis;
 }
 
-void add_device_options(CLI::App &app, chassis_sim::chassis_description &chassis)
+void add_device_options(CLI::App &app, settings &chosen)
 {
-    app.add_option("--uio-appears", chassis.uio_appears_ms,
+    app.add_option("--uio-appears", chosen.uio_appears,
                    "Let /dev/uio0 appear after MS milliseconds")
         ->option_text("MS")
         ->check(CLI::Range(0, longest_time));
-    app.add_option("--uio-irq-delay", chassis.uio_irq_delay_ms,
+    app.add_option("--uio-irq-delay", chosen.uio_irq_delay,
                    "Answer each enabling of its interrupt with one after MS\n"
                    "milliseconds; -1: never. Default: 100")
         ->option_text("MS")
         ->check(CLI::Range(-1, longest_time));
-    app.add_option("--uio-removed", chassis.uio_removed_ms,
+    app.add_option("--uio-removed", chosen.uio_removed,
                    "Remove it after MS milliseconds; -1: never")
         ->option_text("MS")
         ->check(CLI::Range(-1, longest_time));
-    app.add_option("--link-trains", chassis.link_trains_ms,
+    app.add_option("--link-trains", chosen.link_trains,
                    "The link of the PCI port 0000:00:1c.0 comes up after MS\n"
                    "milliseconds")
         ->option_text("MS")
         ->check(CLI::Range(0, longest_time));
-    app.add_option("--pci-devices", chassis.pci_devices,
+    app.add_option("--pci-devices", chosen.pci_devices,
                    "Add COUNT PCI devices, at most 7168, from 0000:20:00.0 on,\n"
                    "32 on a bus")
         ->option_text("COUNT")
@@ -118,7 +125,7 @@ void add_log_options(CLI::App &app, settings &chosen)
                    "RPSW2, ALSW1-2 and FT1-2 on all, also SW1-4 and PM1-8\n"
                    "on n20, PM1-6 on n10, PM1-3 and FT3-6 on n4. Default: n20")
         ->option_text("TYPE")
-        ->check(CLI::IsMember(models));
+        ->check(CLI::IsMember({"n20", "n10", "n4"}));
     app.add_option("--pod-log", chosen.pod_log,
                    "empty: no card has logged yet, the NVRAM is blank.\n"
                    "sample: two runs of each card's diagnostics, and status\n"
@@ -181,11 +188,15 @@ int run(int argc, char **argv)
     app.get_formatter()->column_width(22);
     app.set_version_flag("-V,--version", "chassis-sim " DEVICE_ACCESS_VERSION, "Print the version");
     add_log_options(app, chosen);
-    add_device_options(app, chosen.chassis);
+    add_device_options(app, chosen);
     add_fault_option(app, chosen);
+    app.add_option("--description", chosen.description,
+                   "The chassis is described in this JSON file, not built in;\n"
+                   "the other options change it")
+        ->option_text("FILE");
+    app.add_flag("--describe", chosen.describes, "Print the description of the chassis instead");
     app.add_option("command", chosen.command, "The command and its arguments, behind --")
-        ->option_text("COMMAND")
-        ->required();
+        ->option_text("COMMAND");
     app.footer("Examples: chassis-sim -- ls -l /dev /sys/class/uio/uio0/maps\n"
                "          chassis-sim --chassis n4 --fault link-stuck -- sh\n"
                "Exit status: that of the command; 125 when an option is wrong or the chassis\n"
@@ -196,15 +207,22 @@ int run(int argc, char **argv)
         const std::vector<std::string> words = app.remaining();
         const auto word = std::find_if(words.begin(), words.end(),
                                        [](const std::string &w) { return w != "--"; });
-        throw chassis_sim::failure("there is no option " + *word);
+        throw failure("there is no option " + *word);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() == 0)
             return app.exit(error);
         throw;
     }
+    const chassis_description chassis = described_by(chosen);
+    if (chosen.describes) {
+        std::puts(chassis_sim::description_text(chassis).c_str());
+        return 0;
+    }
+    if (chosen.command.empty())
+        throw failure("command is required");
     if (fs::exists(chassis_sim::control_path))
-        throw chassis_sim::failure("this is a simulated chassis already; there is none in it");
-    build_chassis(describe(chosen));
+        throw failure("this is a simulated chassis already; there is none in it");
+    build_chassis(chassis);
     return chassis_sim::run_command(chosen.command);
 }
 

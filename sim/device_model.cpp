@@ -29,7 +29,7 @@ const char *const stand_ins[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/ur
 
 // Maps lie at their number times the page size; a map longer than a page needs free numbers behind
 // it.
-constexpr size_t window = size_t{80} << 20;
+constexpr size_t window = uio_window;
 
 // Where the directory of a device is while the device is not there.
 std::string aside(const uio_node &device)
@@ -216,9 +216,9 @@ void opening::shut()
 
 //--- UIO devices ----------------------------------------------------------------------------------
 
-uio_device::uio_device(const uio_node &node_)
-    : uio_node(node_), memory(make_memory("chassis-uio:" + name, window))
+uio_device::uio_device(const uio_node &node_) : uio_node(node_)
 {
+    reset_memory();
     make_directory("/.chassis/absent");
     if (plugged)
         make_node(*this);
@@ -232,13 +232,41 @@ void uio_device::plug()
         throw failure(name + " is plugged already");
     if (fs::exists(node))
         throw failure("cannot plug " + name + ": " + node + " is there already");
-    memory = make_memory("chassis-uio:" + name, window);
+    reset_memory();
     must(::rename(aside(*this).c_str(), device_dir.c_str()), "plug " + device_dir);
     for (const auto &[path, target] : links)
         if (!fs::exists(path))
             make_relative_symlink(path, target);
     present = true;
     make_node(*this);
+}
+
+void uio_device::reset_memory()
+{
+    memory = make_memory("chassis-uio:" + name, window);
+    for (const preset_register &preset : registers)
+        must(static_cast<int>(::pwrite(memory.get(), &preset.value, sizeof preset.value,
+                                       static_cast<off_t>(preset.address))),
+             "set a register of " + name);
+    answered_.assign(answers.size(), false);
+    if (answers.empty())
+        return;
+    void *const base = ::mmap(nullptr, window, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(), 0);
+    if (base == MAP_FAILED)
+        fail("map the registers of " + name);
+    view_.reset(static_cast<volatile uint32_t *>(base),
+                [](auto *old) { ::munmap(const_cast<uint32_t *>(old), window); });
+}
+
+void uio_device::answer_registers()
+{
+    for (size_t i = 0; i < answers.size(); ++i) {
+        const register_answer &answer = answers[i];
+        const bool asked = (view_.get()[answer.address / 4] & answer.mask) == answer.value;
+        if (asked && !answered_[i])
+            view_.get()[answer.then_address / 4] = answer.then_value;
+        answered_[i] = asked;
+    }
 }
 
 void uio_device::leave_sysfs()
@@ -300,7 +328,9 @@ int64_t uio_device::control_interrupt(int32_t flag)
 //--- storage --------------------------------------------------------------------------------------
 
 storage_device::storage_device(const storage_node &node_)
-    : storage_node(node_), memory_(make_memory("chassis-storage", contents.size(), contents))
+    : storage_node(node_),
+      memory_(make_memory("chassis-storage:" + name(), contents.size(), contents)),
+      link_(own_link(memory_))
 {
     if (!may_grow)
         must(::fcntl(memory_.get(), F_ADD_SEALS, F_SEAL_GROW), "keep storage from growing");

@@ -82,6 +82,7 @@ struct uio_device : uio_node {
     void remove(); // what the kernel does when a device leaves its driver
     void interrupt();
     int64_t control_interrupt(int32_t flag); // the result of the driver
+    void answer_registers();
 
     bool present = true; // in sysfs
     bool enabled = false;
@@ -95,6 +96,10 @@ struct uio_device : uio_node {
 
 private:
     void leave_sysfs();
+    void reset_memory();
+
+    std::shared_ptr<volatile uint32_t> view_; // of the memory, when there are answers
+    std::vector<bool> answered_;
 };
 
 struct storage_device : storage_node {
@@ -103,8 +108,12 @@ struct storage_device : storage_node {
     // A new opening; when it is kept out, errno says why.
     owned_fd open(int flags) const;
 
+    // Whether a descriptor, which is a link to that in /proc, is such an opening.
+    bool is_behind(const std::string &link) const { return link == link_; }
+
 private:
     owned_fd memory_;
+    std::string link_;
 };
 
 } // namespace chassis_sim

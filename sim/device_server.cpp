@@ -2,6 +2,7 @@
 
 #include "sim/call_answers.h"
 #include "sim/control_line.h"
+#include "sim/pci.h"
 #include "sim/support.h"
 #include "sim/syscall_filter.h"
 
@@ -51,6 +52,7 @@ class server
 {
 public:
     server(const std::vector<uio_node> &uio, const std::vector<storage_node> &storage,
+           const std::vector<call_fault> &faults, const std::vector<timed_line> &lines,
            unsigned int first_fd)
         : events_(must(::epoll_create1(EPOLL_CLOEXEC), "epoll_create")),
           answers_(
@@ -69,6 +71,9 @@ public:
             devices_.uio.emplace_back(node);
         for (const storage_node &node : storage)
             devices_.storage.emplace_back(node);
+        devices_.faults = faults;
+        for (const timed_line &line : lines)
+            lines_.emplace(steady::now() + milliseconds(line.at_ms), line);
         write_file(control_path, "", 0666);
     }
 
@@ -79,7 +84,7 @@ public:
         for (;;) {
             epoll_event ready[64];
             const int count = ::epoll_wait(events_.get(), ready, std::size(ready), time_left());
-            raise_due_interrupts();
+            do_what_is_due();
             bool asked = false;
             // What a client has written before its call is done before it.
             for (int i = 0; i < count; ++i) {
@@ -150,22 +155,42 @@ private:
 
     int time_left() const
     {
-        std::optional<steady::time_point> next;
-        for (const uio_device &device : devices_.uio)
-            if (device.due && (!next || *device.due < *next))
-                next = device.due;
-        if (!next)
+        steady::time_point next = steady::time_point::max();
+        for (const uio_device &device : devices_.uio) {
+            if (device.due)
+                next = std::min(next, *device.due);
+            if (device.present && !device.answers.empty())
+                return 1;
+        }
+        if (!lines_.empty())
+            next = std::min(next, lines_.begin()->first);
+        if (next == steady::time_point::max())
             return -1;
-        const auto left = std::chrono::ceil<milliseconds>(*next - steady::now()).count();
+        const auto left = std::chrono::ceil<milliseconds>(next - steady::now()).count();
         return static_cast<int>(std::clamp<long long>(left, 0, 3600 * 1000LL));
     }
 
-    void raise_due_interrupts()
+    void do_what_is_due()
     {
+        const steady::time_point now = steady::now();
         for (uio_device &device : devices_.uio) {
-            if (device.due && *device.due <= steady::now()) {
+            if (device.due && *device.due <= now) {
                 device.due.reset();
                 device.interrupt();
+            }
+            if (device.present)
+                device.answer_registers();
+        }
+        while (!lines_.empty() && lines_.begin()->first <= now) {
+            const auto [time, line] = *lines_.begin();
+            lines_.erase(lines_.begin());
+            if (line.every_ms > 0)
+                lines_.emplace(time + milliseconds(line.every_ms), line);
+            try {
+                obey(line.line);
+            } catch (const std::exception &error) {
+                if (line.every_ms == 0) // else it would be said again and again
+                    complain(error.what());
             }
         }
     }
@@ -187,6 +212,8 @@ private:
         std::istringstream words(line);
         std::string name, device, number, more;
         words >> name >> device >> number >> more;
+        if (obey_on_pci(name, device, number) && more.empty())
+            return;
         const auto *const found = std::find_if(std::begin(verbs), std::end(verbs),
                                                [&](const verb &v) { return v.name == name; });
         if (found == std::end(verbs))
@@ -197,8 +224,30 @@ private:
         found->act(devices_.named(device), found->takes_number ? number_of(number) : 0);
     }
 
+    // Whether it is a line about a PCI function.
+    static bool obey_on_pci(const std::string &verb, const std::string &id,
+                            const std::string &state)
+    {
+        static const std::map<std::string, uint16_t> states = {
+            {"up", pcie_capability::link_up},
+            {"training", pcie_capability::link_training},
+            {"down", pcie_capability::link_down}};
+        if (verb == "link" && states.contains(state))
+            set_link(id, states.at(state));
+        else if (id.find(':') == std::string::npos || !state.empty())
+            return false;
+        else if (verb == "remove")
+            unplug_pci(id);
+        else if (verb == "plug")
+            plug_pci(id);
+        else
+            return false;
+        return true;
+    }
+
     owned_fd events_;
     devices devices_;
+    std::multimap<steady::time_point, timed_line> lines_;
     call_answers answers_;
     std::map<int, control_line> control_lines_;
     std::map<int, std::weak_ptr<opening>> far_ends_;
@@ -242,8 +291,8 @@ int receive_descriptor(int socket)
 }
 
 // Serves, behind a socket whose other end learns that the devices are there, or why not.
-void serve(const owned_fd &socket, const std::vector<uio_node> &uio,
-           const std::vector<storage_node> &storage, unsigned int first_fd)
+template <typename... Parts>
+void serve(const owned_fd &socket, const Parts &...parts)
 {
     ::setsid(); // signals from the terminal are for the command
     const auto report = [&socket](const std::string &text) {
@@ -251,7 +300,7 @@ void serve(const owned_fd &socket, const std::vector<uio_node> &uio,
     };
     std::optional<server> devices;
     try {
-        devices.emplace(uio, storage, first_fd);
+        devices.emplace(parts...);
     } catch (const std::exception &error) {
         return report(error.what());
     }
@@ -272,7 +321,7 @@ void device_server::start()
     owned_fd its_end(sockets[1]);
     const pid_t pid = separately([&] {
         own_end.reset();
-        serve(its_end, uio_, storage_, first_fd);
+        serve(its_end, uio_, storage_, faults_, lines_, first_fd);
     });
     its_end.reset();
     char report[4096];

@@ -29,14 +29,6 @@ void add_bridge(const std::string &id)
     add_pci(bridge);
 }
 
-void write_register(const std::string &resource, std::streamoff offset, uint32_t value)
-{
-    std::fstream file(resource, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(offset).write(reinterpret_cast<const char *>(&value), sizeof value);
-    if (!file.flush())
-        fail("write " + resource);
-}
-
 } // namespace
 
 void add_hotswap_name(const std::string &slot, const std::string &address)
@@ -67,7 +59,7 @@ void add_fpga_card(const fpga_card &card)
         start += size;
     }
     add_pci(fpga);
-    write_register(pci_link(card.id) + "/resource0", 0x28, uint32_t{card.code} << 16 | 0xab0000cd);
+    write_window(card.id, 0, {0x28, uint32_t{card.code} << 16 | 0xab0000cd});
     add_hotswap_name(card.slot, card.port);
 }
 
@@ -101,19 +93,29 @@ void add_hotswap_bridge(const std::string &id, const pci_function &behind, int a
     ::close(changes);
 }
 
-void add_chassis_hotswap(int appears_ms)
+fpga_card chassis_fpga_card()
 {
     constexpr uint8_t vostra2 = 18;
-    add_fpga_card({"alsw1",
-                   "0000:00:1d.0",
-                   "0000:05:00.0",
-                   vostra2,
-                   {0x40000, 0x80000, 0x80000, 0x200000, 0x8000000}});
-    pci_function card;
+    return {"alsw1",
+            "0000:00:1d.0",
+            "0000:05:00.0",
+            vostra2,
+            {0x40000, 0x80000, 0x80000, 0x200000, 0x8000000}};
+}
+
+function_description chassis_bridge_card()
+{
+    function_description card;
     card.id = "0000:06:00.0";
     card.device = 0x0030;
-    card.windows = {{0xf2000000, 0x4000}};
-    add_hotswap_bridge(hotswap_bridge, card, appears_ms);
+    card.bars = {{{0xf2000000, 0x4000}, {}}};
+    return card;
+}
+
+void add_chassis_hotswap(int appears_ms)
+{
+    add_fpga_card(chassis_fpga_card());
+    add_hotswap_bridge(hotswap_bridge, made_of(chassis_bridge_card()), appears_ms);
     replace_modprobe();
 }
 

@@ -31,6 +31,8 @@ void add_hotswap_bridge(const std::string &id, const pci_function &behind, int a
 // What every chassis has: an FPGA of slot alsw1, and a bridge behind which a device appears, as
 // add_hotswap_bridge says.
 inline constexpr char hotswap_bridge[] = "0000:00:1e.0";
+fpga_card chassis_fpga_card();
+function_description chassis_bridge_card();
 void add_chassis_hotswap(int appears_ms = 20);
 
 // Replaces /sbin/modprobe by a program that adds its words, "[/sbin/modprobe][-s]...", as a line to

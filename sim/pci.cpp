@@ -275,61 +275,6 @@ std::vector<std::pair<std::string, std::string>> links_to(const fs::path &dir)
     return links;
 }
 
-pci_function make_function(const char *id, uint16_t device, uint32_t class_code,
-                           const config_builder &config)
-{
-    pci_function function;
-    function.id = id;
-    function.device = device;
-    function.class_code = class_code;
-    function.config = config.bytes();
-    return function;
-}
-
-// Where the root port's PCI Express capability is: behind that of power management.
-constexpr size_t root_port_pcie = 0x48;
-
-void add_root_port(uint16_t link_status)
-{
-    config_builder config(1, 4096);
-    config.power_management();
-    config.pcie({.type = pcie_capability::root_port,
-                 .slot = true,
-                 .hotplug = true,
-                 .link_status = link_status});
-    add_pci(make_function(pci_root_port, 0x0010, 0x060400, config));
-}
-
-void add_slot_device()
-{
-    config_builder config(0, 4096);
-    config.power_management();
-    config.msi();
-    config.pcie({});
-    pci_function device = make_function(pci_slot_device, 0x0020, 0x058000, config);
-    device.parent = pci_root_port;
-    device.windows = {
-        {0xf0000000, 0x10000}, {0x2000, 0x100, 0x40101}, {0x4'0000'0000, 0x100000, 0x14220c}};
-    add_pci(device);
-}
-
-void add_functions_of_the_root_bus()
-{
-    add_pci(make_function("0000:00:00.0", 0x0001, 0x060000, config_builder()));
-
-    config_builder plain;
-    plain.power_management();
-    plain.msi();
-    pci_function endpoint = make_function("0000:00:19.0", 0x0002, 0x020000, plain);
-    endpoint.windows = {{0xf1000000, 0x20000}};
-    add_pci(endpoint);
-
-    config_builder several(0x80);
-    several.power_management();
-    add_pci(make_function("0000:00:1f.0", 0x0003, 0x060100, several));
-    add_pci(make_function("0000:00:1f.3", 0x0004, 0x0c0500, several));
-}
-
 } // namespace
 
 config_builder::config_builder(uint8_t header_type, size_t size)
@@ -477,27 +422,123 @@ void plug_pci(const std::string &id)
             make_relative_symlink(link, target);
 }
 
-void add_chassis_pci(uint16_t link_status)
+pci_function made_of(const function_description &described)
 {
-    add_functions_of_the_root_bus();
-    add_root_port(link_status);
-    add_slot_device();
-    const std::string slot = "/sys/bus/pci/slots/3/";
-    const std::string texts[][2] = {{"address", "0000:03:00\n"},
+    config_builder config(static_cast<uint8_t>(described.header_type), described.config_size);
+    for (const std::string &capability : described.capabilities) {
+        if (capability == "pm")
+            config.power_management();
+        else if (capability == "msi")
+            config.msi();
+        else if (capability == "pcie")
+            config.pcie(described.pcie);
+        else
+            throw failure("there is no capability '" + capability + "'");
+    }
+    for (const register_value &change : described.config)
+        for (uint32_t i = 0; i < std::min(change.width, 4u); ++i)
+            config.put8(size_t{change.offset} + i, static_cast<uint8_t>(change.value >> 8 * i));
+    pci_function function;
+    function.id = described.id;
+    function.parent = described.parent;
+    function.vendor = static_cast<uint16_t>(described.vendor);
+    function.device = static_cast<uint16_t>(described.device);
+    function.subsystem_vendor = static_cast<uint16_t>(described.subsystem_vendor);
+    function.subsystem_device = static_cast<uint16_t>(described.subsystem_device);
+    function.class_code = described.class_code;
+    function.config = config.bytes();
+    for (const auto &bar : described.bars)
+        function.windows.push_back(bar.window);
+    return function;
+}
+
+void add_pci(const function_description &described)
+{
+    add_pci(made_of(described));
+    for (size_t bar = 0; bar < described.bars.size(); ++bar)
+        for (const register_value &change : described.bars[bar].registers)
+            write_window(described.id, bar, change);
+}
+
+std::vector<function_description> chassis_functions()
+{
+    function_description host, endpoint, first, second, port, card;
+    host.id = "0000:00:00.0";
+    host.class_code = 0x060000;
+
+    endpoint.id = "0000:00:19.0";
+    endpoint.device = 0x0002;
+    endpoint.class_code = 0x020000;
+    endpoint.capabilities = {"pm", "msi"};
+    endpoint.bars = {{{0xf1000000, 0x20000}, {}}};
+
+    first.id = "0000:00:1f.0";
+    first.device = 0x0003;
+    first.class_code = 0x060100;
+    first.header_type = 0x80;
+    first.capabilities = {"pm"};
+    second = first;
+    second.id = "0000:00:1f.3";
+    second.device = 0x0004;
+    second.class_code = 0x0c0500;
+
+    port.id = pci_root_port;
+    port.device = 0x0010;
+    port.class_code = 0x060400;
+    port.header_type = 1;
+    port.config_size = 4096;
+    port.capabilities = {"pm", "pcie"};
+    port.pcie.type = pcie_capability::root_port;
+    port.pcie.slot = port.pcie.hotplug = true;
+
+    card.id = pci_slot_device;
+    card.parent = pci_root_port;
+    card.device = 0x0020;
+    card.config_size = 4096;
+    card.capabilities = {"pm", "msi", "pcie"};
+    card.bars = {{{0xf0000000, 0x10000}, {}},
+                 {{0x2000, 0x100, 0x40101}, {}},
+                 {{0x4'0000'0000, 0x100000, 0x14220c}, {}}};
+    return {host, endpoint, first, second, port, card};
+}
+
+void add_chassis_pci()
+{
+    for (const function_description &function : chassis_functions())
+        add_pci(function);
+    add_pci_slot("3", "0000:03:00");
+}
+
+void add_pci_slot(const std::string &name, const std::string &address)
+{
+    const std::string texts[][2] = {{"address", address + "\n"},
                                     {"adapter", "1\n"},
                                     {"attention", "0\n"},
                                     {"latch", "0\n"},
                                     {"power", "1\n"},
                                     {"cur_bus_speed", speed_text(1)},
                                     {"max_bus_speed", speed_text(1)}};
-    for (const auto &[name, text] : texts)
-        write_file(slot + name, text);
+    for (const auto &[attribute, text] : texts)
+        write_file("/sys/bus/pci/slots/" + name + "/" + attribute, text);
 }
 
-void set_root_port_link(uint16_t link_status)
+void write_window(const std::string &id, size_t bar, const register_value &change)
 {
-    write_config16(pci_root_port, root_port_pcie + link_status_register, link_status);
-    write_link_attributes(fs::canonical(pci_link(pci_root_port)), "current", link_status);
+    const std::string path = pci_link(id) + "/resource" + std::to_string(bar);
+    const owned_fd window(must(::open(path.c_str(), O_WRONLY | O_CLOEXEC), "open " + path));
+    const size_t width = std::min<size_t>(change.width, sizeof change.value);
+    must(static_cast<int>(::pwrite(window.get(), &change.value, width, change.offset)),
+         "write " + path);
+}
+
+void set_link(const std::string &id, uint16_t link_status)
+{
+    const std::string config = file_text(pci_link(id) + "/config");
+    const size_t pcie = pcie_position(config_space(config.begin(), config.end()));
+    if (pcie == 0)
+        throw failure(id + " has no PCI Express capability");
+    write_config16(id, pcie + link_status_register, link_status);
+    write_link_attributes(fs::canonical(pci_link(id)), "current", link_status);
 }
 
 } // namespace chassis_sim

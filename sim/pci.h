@@ -89,13 +89,50 @@ void remove_pci(const std::string &id);
 void unplug_pci(const std::string &id);
 void plug_pci(const std::string &id);
 
+// A number in a configuration space or a window of registers.
+struct register_value {
+    uint32_t offset = 0;
+    uint32_t value = 0;
+    uint32_t width = 4; // in bytes
+};
+
+// A function by its parts.
+struct function_description {
+    std::string id;
+    std::string parent;
+    uint32_t vendor = 0xf0ca;
+    uint32_t device = 0x0001;
+    uint32_t subsystem_vendor = 0xf0ca;
+    uint32_t subsystem_device = 0x0001;
+    uint32_t class_code = 0x058000;
+    uint32_t header_type = 0;
+    uint32_t config_size = 256;
+    std::vector<std::string> capabilities; // in their order: "pm", "msi", "pcie"
+    pcie_capability pcie;
+    std::vector<register_value> config; // over what the parts say
+    struct bar {
+        pci_window window;
+        std::vector<register_value> registers;
+    };
+    std::vector<bar> bars;
+};
+pci_function made_of(const function_description &function);
+void add_pci(const function_description &function);
+
 // What every chassis has: a host bridge, an endpoint without PCI Express, a device with two
 // functions, and a root port with a hot-plug slot and a device behind it.
 inline constexpr char pci_root_port[] = "0000:00:1c.0";
 inline constexpr char pci_slot_device[] = "0000:03:00.0";
-void add_chassis_pci(uint16_t link_status = pcie_capability::link_up);
+std::vector<function_description> chassis_functions();
+void add_chassis_pci();
 
-// A new link status for the root port.
-void set_root_port_link(uint16_t link_status);
+// A slot, as the hot-plug driver shows it.
+void add_pci_slot(const std::string &name, const std::string &address);
+
+// Changes a register of a window.
+void write_window(const std::string &id, size_t bar, const register_value &change);
+
+// A new link status for a port.
+void set_link(const std::string &id, uint16_t link_status);
 
 } // namespace chassis_sim

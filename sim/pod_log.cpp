@@ -1,5 +1,7 @@
 #include "sim/pod_log.h"
 
+#include "sim/support.h"
+
 namespace chassis_sim
 {
 namespace
@@ -63,7 +65,7 @@ file_image card_file(const std::string &file, const std::string &card)
 {
     const std::vector<pod_run> runs = sample_runs(card, card != "ALSW2");
     return {"/var/pod/pod_" + file + ".hex",
-            log_image(file_layout, static_cast<uint32_t>(runs.size()), runs)};
+            log_image(file_layout, static_cast<uint32_t>(runs.size()), runs), card};
 }
 
 void add_cards(std::vector<file_image> &files, const std::string &file, const std::string &card,
@@ -119,6 +121,32 @@ pod_logs sample_pod_logs(chassis_model model)
     if (model == chassis_model::n4)
         add_cards(logs.files, "pem", "FT", 4, 4, 3); // in the files of power modules it lacks
     return logs;
+}
+
+void bring_into_state(std::string &image, const std::string &card, const std::string &state)
+{
+    constexpr uint32_t last_run = 1;
+    constexpr const char *bad_entry = "bad-entry-";
+    const pod_layout &layout = card == "RPSW1" ? nvram_layout : file_layout;
+    const size_t header = layout.header_at(last_run);
+    if (state == "sample") {
+        return;
+    } else if (state == "blank") {
+        image.assign(image.size(), '\0');
+    } else if (state == "full") {
+        const size_t room = (layout.history_size - header_size) / (16 + message_size);
+        const pod_run run(room, {1700000020, "INFO: " + card + " passed"});
+        const std::string full =
+            log_image(layout, last_run, std::vector<pod_run>(layout.histories, run));
+        put(image, 0, full.substr(0, layout.is_nvram() ? layout.status_position : full.size()));
+    } else if (state == "torn") {
+        put(image, header + header_size / 2, std::string(header_size / 2, '\0'));
+    } else if (state.starts_with(bad_entry) && state.size() == 11 && state.back() < '3') {
+        const auto number = static_cast<size_t>(state.back() - '0');
+        image[header + header_size + number * (16 + message_size) + 8] ^= 1;
+    } else {
+        throw failure("a log has no state '" + state + "'");
+    }
 }
 
 } // namespace chassis_sim

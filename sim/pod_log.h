@@ -47,6 +47,7 @@ std::string log_image(const pod_layout &layout, uint32_t current, const std::vec
 struct file_image {
     std::string path;
     std::string contents;
+    std::string card = {}; // whose log it is
 };
 
 struct pod_logs {
@@ -57,5 +58,10 @@ struct pod_logs {
 // The logs of a chassis whose cards have run their diagnostics twice. The status words in the NVRAM
 // say that all passed but ALSW2.
 pod_logs sample_pod_logs(chassis_model model);
+
+// Brings a sample log into a state: "sample", as it is; "blank"; "full", no history has room;
+// "torn", the header of the last run is half written; "bad-entry-N", the checksum of its entry N is
+// wrong.
+void bring_into_state(std::string &image, const std::string &card, const std::string &state);
 
 } // namespace chassis_sim

@@ -79,6 +79,8 @@ void add_uio(device_server &server, const uio_description &description)
     node.plugged = description.plugged;
     node.irq_control = description.irq_control;
     node.irq_delay_ms = description.irq_delay_ms;
+    node.registers = description.registers;
+    node.answers = description.answers;
     server.add(node);
 }
 

@@ -26,6 +26,8 @@ struct uio_description {
     bool plugged = true;
     bool irq_control = true;
     int irq_delay_ms = -1;
+    std::vector<preset_register> registers;
+    std::vector<register_answer> answers;
 };
 
 // Where the sysfs directory of uioN, and that of the device on its bus, are.

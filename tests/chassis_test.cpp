@@ -116,7 +116,7 @@ TEST(chassis, lives_as_long_as_what_runs_in_it_and_no_longer)
 
 //--- a device -------------------------------------------------------------------------------------
 
-void start_chassis()
+void start_chassis(const uio_description &device = {})
 {
     // As an ordinary user, where this is root.
     ASSERT_TRUE(::getuid() != 0 ||
@@ -124,7 +124,6 @@ void start_chassis()
     ASSERT_EQ(::prctl(PR_SET_DUMPABLE, 1), 0);
     enter_private_root();
     device_server server;
-    uio_description device;
     add_uio(server, device);
     server.start();
 }
@@ -380,6 +379,94 @@ TEST(chassis, foreign_programs_run_in_it_without_a_complaint)
                 << seen;
         else
             EXPECT_EQ(seen.substr(0, seen.size() - 1), expected) << line;
+    }
+}
+
+//--- descriptions ---------------------------------------------------------------------------------
+
+TEST(chassis, is_what_its_description_says_and_prints_it_in_the_same_format)
+{
+    const string file = fs::temp_directory_path() / ("chassis" + std::to_string(::getpid()));
+    const auto described = [&](const string &text, const string &words) {
+        write_file(file, text);
+        return shell("chassis-sim --description " + file + " " + words);
+    };
+    const string validate = " | python3 -c 'import json, sys, jsonschema; jsonschema.validate("
+                            "json.load(sys.stdin), json.load(open(\"" SCHEMA "\")))'";
+    EXPECT_EQ(shell("chassis-sim --describe --uio-removed 5 --fault link-stuck" + validate), "0");
+    const string built_in = shell("chassis-sim --describe");
+    EXPECT_EQ(described(built_in.substr(0, built_in.size() - 1), "--describe"), built_in);
+
+    const string whole = R"({
+ "functions": [{"id": "0000:00:01.0", "header_type": 1, "class": "0x060400", "config_size": 4096,
+                "capabilities": ["pcie"], "pcie": {"type": 4, "slot": true}},
+               {"id": "0000:07:00.0", "parent": "0000:00:01.0", "vendor": "0xf0ca", "device": 7,
+                "config": [{"offset": "0x60", "value": "0xab", "width": 1}],
+                "bars": [{"size": "0x1000", "registers": [{"offset": 8, "value": "0x11223344"}]}]}],
+ "slots": [{"name": "7", "address": "0000:07:00"}],
+ "uio": [{"number": 0, "irq_delay_ms": -1, "maps": [{"map": "map0", "size": "0x1000"}],
+          "registers": [{"address": 4, "value": 9}],
+          "answers": [{"address": 0, "value": 5, "then_address": 4, "then_value": 6}]},
+         {"number": 1, "plugged": false}],
+ "logs": {"chassis": "n10", "states": {"SW1": "blank", "ALSW1": "full", "FT1": "bad-entry-1"}},
+ "eeproms": [{"path": "/var/tmp/eeprom", "size": 16}],
+ "faults": [{"device": "uio0", "call": "read", "nth": 2, "error": "EBUSY"},
+            {"device": "nvlog-pod", "call": "open", "error": "EAGAIN"}],
+ "timeline": [{"at_ms": 100, "do": "plug uio1"}, {"every_ms": 20, "do": "interrupt uio0"},
+              {"at_ms": 100, "do": "link 0000:00:01.0 down"},
+              {"at_ms": 150, "do": "remove 0000:07:00.0"}]})";
+    const string known = string(whole).replace(whole.find("\"SW1\": \"blank\", "), 16, "");
+    EXPECT_EQ(described(known, "--describe" + validate), "0");
+    EXPECT_EQ(described(whole, "-- true"),
+              "chassis-sim: the chassis has no log of a card 'SW1'\n125");
+    const string cases[][2] = {
+        {"ls /sys/bus/pci/devices; setpci -s 07:00.0 0x60.b; od -An -tx4 -j8 -N4 "
+         "/sys/bus/pci/devices/0000:07:00.0/resource0; cat /sys/bus/pci/slots/7/address",
+         "0000:00:01.0\n0000:07:00.0\nab\n 11223344\n0000:07:00\n0"},
+        {"sleep .4; ls /sys/bus/pci/devices /dev/uio1; cat /sys/bus/pci/devices/*/current_link_width",
+         "/dev/uio1\n\n/sys/bus/pci/devices:\n0000:00:01.0\n0\n0"},
+        {"wc -c </var/tmp/eeprom; printf %b \"\\\\1\\\\0\\\\0\\\\0\" >/dev/uio0; "
+         "exec 3<>/dev/uio0; for i in 1 2; do head -c4 /dev/uio0 >/dev/null; done",
+         "16\nhead: error reading '/dev/uio0': Device or resource busy\n1"},
+        {"mknod /dev/nvlog-pod c 1 3; cat /dev/nvlog-pod",
+         "cat: /dev/nvlog-pod: Resource temporarily unavailable\n1"},
+    };
+    for (const auto &[line, expected] : cases)
+        EXPECT_EQ(described(known, "-- sh -c '" + line + "'"), expected) << line;
+
+    const string wrong[][2] = {
+        {"", "cannot read a description from " + file},
+        {"{", file + " is no JSON text"},
+        {"[]", " is no object"},
+        {R"({"uoi": []})", "unknown member /uoi"},
+        {R"({"uio": {}})", "/uio is no array"},
+        {R"({"uio": [{"number": -1}]})", "/uio/0/number is no number that is possible here"},
+        {R"({"uio": [{"plugged": 1}]})", "/uio/0/plugged is of a wrong kind"},
+        {R"({"functions": [{"id": "1"}]})", "the description's function id '1' is no PCI address"},
+        {R"({"functions": [{"id": "0000:00:00.0", "vendor": "x"}]})",
+         "/functions/0/vendor is no number"},
+        {R"({"faults": [{"error": "EVIL"}]})", "/faults/0/error cannot be 'EVIL'"},
+        {R"({"logs": {"states": {"FT1": "odd"}}})", "a log has no state 'odd'"},
+    };
+    for (const auto &[text, line] : wrong)
+        EXPECT_EQ(described(text, "-- true"), "chassis-sim: " + line + "\n125");
+    fs::remove(file);
+}
+
+TEST(chassis, registers_have_what_is_described_and_answer)
+{
+    uio_description device;
+    device.registers = {{4, 9}};
+    device.answers = {{0, 0xff, 5, 4, 6}};
+    start_chassis(device);
+    const int fd = open_device();
+    auto *const registers = static_cast<volatile uint32_t *>(
+        ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    for (const uint32_t expected : {9u, 6u}) {
+        for (int looks = 0; registers[1] != expected && looks < 1000; ++looks)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        EXPECT_EQ(registers[1], expected);
+        registers[0] = 0x105;
     }
 }
 
