@@ -163,7 +163,6 @@ public:
         void *const base = libuio_get_mapinfo(handle_.get(), index, &size);
         return base ? std::optional(window(base, size)) : std::nullopt;
     }
-    unsigned int map_limit() const { return libuio_get_map_limit(handle_.get()); }
 
     result<done> enable_interrupt(bool enable = true)
     {
@@ -325,7 +324,7 @@ public:
         if (mapped_)
             sysfs_pci_munmap(bases_.data(), &function);
     }
-    pci_memory(pci_memory &&other)
+    pci_memory(pci_memory &&other) noexcept
         : name_(other.name_), bases_(other.bases_), mapped_(std::exchange(other.mapped_, false))
     {
     }
@@ -527,7 +526,7 @@ public:
         }
         podlog_clr_curr_active_inst(instance_, 0);
     }
-    pod_run(pod_run &&other)
+    pod_run(pod_run &&other) noexcept
         : instance_(other.instance_), claimed_(std::exchange(other.claimed_, false)),
           opened_(other.opened_)
     {

@@ -78,6 +78,13 @@ $CC "$source/tests/interface/client.c" $(pkg-config --cflags --libs common_devic
     -o "$root/examples/client"
 chroot "$root" chassis-sim -- /examples/client | grep -q '^1 window, register 0x1234$'
 
+# A package of it depends on the library's, as its symbols say.
+dpkg-deb -R "$work"/packages/libcommon-device-access0.0_*.deb "$work/library"
+mkdir -p "$work/client/debian"
+printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >"$work/client/debian/control"
+(cd "$work/client" && dpkg-shlibdeps -S"$work/library" -O "$root/examples/client") |
+    grep -q 'libcommon-device-access0.0 (>= 0.0'
+
 dpkg --root="$root" -r libcommon-device-access-dev common-device-access-tools \
     libcommon-device-access0.0 >>"$work/log" 2>&1
 ! find "$root/usr" -name '*device_access*' | grep .
