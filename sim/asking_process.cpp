@@ -86,7 +86,7 @@ std::string asking_process::link(const std::string &entry) const
 
 std::string asking_process::path(int directory, uint64_t address) const
 {
-    const std::string name = text(address);
+    std::string name = text(address);
     if (name.empty() || name[0] == '/')
         return name;
     return (directory == AT_FDCWD ? link("cwd") : link_of(directory)) + "/" + name;

@@ -186,12 +186,11 @@ void write_attributes(const std::string &dir, const pci_function &f, const confi
         make_relative_symlink(dir + "/driver", place);
     }
     if (pcie != 0) {
-        write_link_attributes(dir, "max",
-                              config[pcie + link_capability_register] |
-                                  config[pcie + link_capability_register + 1] << 8);
-        write_link_attributes(dir, "current",
-                              config[pcie + link_status_register] |
-                                  config[pcie + link_status_register + 1] << 8);
+        const auto word = [&config](size_t at) {
+            return static_cast<unsigned int>(config[at] | config[at + 1] << 8);
+        };
+        write_link_attributes(dir, "max", word(pcie + link_capability_register));
+        write_link_attributes(dir, "current", word(pcie + link_status_register));
     }
 }
 
