@@ -72,12 +72,12 @@ void add_rule(scmp_filter_ctx filter, int number, condition when, unsigned int f
     case condition::none:
         return add();
     case condition::descriptor_first:
-        return add(SCMP_A0_32(SCMP_CMP_GE, first_fd));
+        return add(SCMP_A0_32(SCMP_CMP_GE, first_fd, 0));
     case condition::descriptor_third:
-        return add(SCMP_A2_32(SCMP_CMP_GE, first_fd));
+        return add(SCMP_A2_32(SCMP_CMP_GE, first_fd, 0));
     case condition::shared_mapping:
         return add(SCMP_A3_32(SCMP_CMP_MASKED_EQ, MAP_SHARED, MAP_SHARED),
-                   SCMP_A4_32(SCMP_CMP_LE, most));
+                   SCMP_A4_32(SCMP_CMP_LE, most, 0));
     }
 }
 

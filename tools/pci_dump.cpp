@@ -21,8 +21,8 @@ bool take_bytes(const std::string &line, std::string &bytes)
 {
     unsigned long offset = 0;
     int at = 0;
-    if (std::sscanf(line.c_str(), "%3lx:%n", &offset, &at) != 1 || at == 0 || line[at] != ' ' ||
-        offset != bytes.size())
+    if (std::sscanf(line.c_str(), "%3lx:%n", &offset, &at) != 1 || at == 0 ||
+        line[static_cast<size_t>(at)] != ' ' || offset != bytes.size())
         return false;
     unsigned value = 0;
     for (int size = 0;

@@ -27,7 +27,7 @@ const shared_library &libpci()
 #define LIBPCI(function) libpci().find<decltype(function)>(#function)
 
 // Must not return, nor throw through the library's C.
-[[noreturn]] void end(char *format, ...)
+[[gnu::noreturn]] void end(char *format, ...)
 {
     char text[256];
     va_list arguments;
