@@ -79,4 +79,52 @@ tree --json -> 0 | "buses":[{"bus":"pci0000:00"
     expect_documented();
 }
 
+TEST(devaccess_pci, reads_writes_dumps_and_watches_mapped_registers)
+{
+    start_chassis();
+    expect("devaccess ", R"(
+mem read 0 -> 1 | | map memory at 0x0: 
+uio list --json -> 0 | "driver":"regblock","interrupts":0,"maps":2,"name":"regblock"
+uio write name:regblock 0 0x10 0x12345678 -> 0
+uio write 0 0 0x10 0xab00/0xff00 --json -> 0 | "before":305419896
+uio write 0 0 0x10 0/0xff --dry-run -> 0 | before:  0x1234ab78\noffset:  0x10\nwidth:   32\nvalue:   0x1234ab00
+uio read 0 0 0x10 2 --width 16 --json -> 0 | "registers":[{"offset":16,"value":43896,"value_hex":"0xab78","width":16},{"offset":18
+uio read 0 0 0x10 0xffffffff -> 1 | | the window has 0x1000 bytes
+uio dump uio0 0 0x10 8 -> 0 | 00000010: 1234ab78 00000000\n
+uio dump uio0 0 0x12 5 --width 8 -> 0 | 00000012: 34 12 00 00 00\n
+uio dump uio0 1 0x1000 |wc -l -> 0 | 256\n
+uio dump uio0 0 0x2000 -> 1 | | the window has 0x1000 bytes
+uio dump uio0 0 0xfff 1 --width 8 --json -> 0 | "registers":[{"offset":4095,"value":0,"value_hex":"0x0","width":8}]
+uio read name:none 0 0 -> 1 | | there is none of that name
+uio watch 0 0 0x10 --until 0x78/0xff --json -> 0 | "value_hex":"0x1234ab78"
+uio watch 0 0 0x10 --until 1 --timeout .05 --every 5 -> 1 | 0x1234ab78 | see 1 in 0x10 of map 0 of /dev/uio0: after 0.05 s it holds
+uio watch 0 0 0x10 --timeout .05 |wc -l -> 0 | 1\n
+uio watch 0 0 0x10 --until 9 --timeout 60 --every 5 |wc -l & sleep .2; devaccess uio write 0 0 0x10 9; wait -> 0 | 2\n
+uio wait name:regblock --count 2 --timeout 60 |wc -l -> 0 | 2\n
+uio wait 0 --json -> 0 | "elapsed":0.
+uio wait 0 --count 1 --timeout 0 -> 1 | | see an interrupt of /dev/uio0: Connection timed out
+pci watch 0:1c.0 EXP_LNKSTA --until 0x2000/0x2000 --json -> 0 | "DLActive":true
+pci watch 0:1c.0 COMMAND --until 0x10000 -> 2 | | the value 0x10000 is too large
+)");
+    // Ctrl-C, and on a terminal what is waited for.
+    expect("timeout --preserve-status -s INT .3 devaccess ", R"(
+uio watch 0 0 0x10 -> 130 | 0x00000009
+uio wait sysfs_pci:uio_cma.alsw1 -> 1 | | emulated devices have no interrupts
+)");
+    expect("script -qec ", R"(
+'devaccess uio watch 0 0 0x10 --timeout .1' /dev/null -> 0 | watching 0x10 of map 0 of /dev/uio0, 1 s left)");
+    chassis_sim::write_file("/dev/mem", std::string(0x3000, '\0'));
+    expect("devaccess mem ", R"(
+write 0x1ffc 0xdeadbeef -> 0
+write 0x1ffc 0/0xf --json -> 0 | "address":8188,"before":3735928559
+read 0x1ffc 2 --json -> 0 | "value_hex":"0xdeadbee0","width":32},{"address":8192
+read 0x1ff8 --width 64 -> 0 | 0xdeadbee000000000
+read 0x1ffe -> 2 | | must be a multiple of 4 bytes
+read 0xfffffffffffffffc 2 -> 2 | | more than can be mapped
+dump 0x1ff8 16 -> 0 | 00001ff8: 00000000 deadbee0 00000000 00000000\n
+dump 0 --json -> 0 | {"address":252,"value":0
+)");
+    expect_documented();
+}
+
 } // namespace

@@ -72,7 +72,7 @@ pci bridge usable 00:1c.0 --json -> 1 | "usable":false | "errno":2,"format":1
 pci bridge enable 00:1e.0 --json -> 0 | "id":"0000:06:00.0"
 pci bridge disable 00:1e.0 --json -> 0 | "id":"0000:00:1e.0"
 pci children 00:1e.0 --json -> 0 | "devices":[]
-uio list --json -> 0 | {"device":"/sys/devices/platform/regblock.0","maps":2,"name":
+uio list --json -> 0 | {"device":"/sys/devices/platform/regblock.0","driver":"regblock"
 uio info uio0 --json -> 0 | "maps":[{"bar":0,"map":0,"offset":0,"size":4096},{"bar"
 uio info sysfs_pci:uio_cma.alsw1 --json -> 0 | "emulated":true
 uio write 0 1 0x18 18446744073709551615 --width 64 --json -> 0 | 0xffffffffffffffff
@@ -90,7 +90,7 @@ podlog cards --help -> 0 | --chassis TYPE
 pci raed --json -> 2 | | "command":"devaccess pci","errno":null,"format":1,"hint":"did you mean 'read'? See
 uio read uio0 5 0 -v -> 1 | | *
 uio read uio0 5 0 -v 2>&1 |grep -c 'devaccess: library: .*mapinfo(): map.5. not found' -> 0 | 1\n
---complete '' |cut -f1 |xargs -> 0 | collect inventory metrics pci podlog postlog uio\n
+--complete '' |cut -f1 |xargs -> 0 | collect inventory mem metrics pci podlog postlog uio\n
 --complete p -> 0 | podlog	POD logs of the cards\n
 --complete pci read --w -> 0 | --width	in bits
 --complete pci read 03:00.0 0 --width '' -> 0 | 16\n32\n8\n

@@ -16,6 +16,7 @@ namespace devaccess
 
 void add_pci_commands(CLI::App &program);
 void add_uio_commands(CLI::App &program);
+void add_mem_commands(CLI::App &program);
 void add_podlog_commands(CLI::App &program);
 void add_postlog_commands(CLI::App &program);
 void add_inventory_commands(CLI::App &program);

@@ -6,10 +6,13 @@
 #include "output.h"
 #include "pages.h"
 #include "suggest.h"
+#include "waiting.h"
 
 #include <algorithm>
 #include <iostream>
 #include <iterator>
+
+#include <csignal>
 
 #include <fcntl.h>
 
@@ -24,13 +27,10 @@ constexpr struct {
     const char *name;
     void (*add)(CLI::App &program);
 } families[] = {
-    {"pci", add_pci_commands},
-    {"uio", add_uio_commands},
-    {"podlog", add_podlog_commands},
-    {"postlog", add_postlog_commands},
-    {"inventory", add_inventory_commands},
-    {"collect", add_collect_command},
-    {"metrics", add_metrics_command},
+    {"pci", add_pci_commands},         {"uio", add_uio_commands},
+    {"mem", add_mem_commands},         {"podlog", add_podlog_commands},
+    {"postlog", add_postlog_commands}, {"inventory", add_inventory_commands},
+    {"collect", add_collect_command},  {"metrics", add_metrics_command},
 };
 
 // What the line names, alone: the rest would take longer to describe than most commands to run. All
@@ -157,6 +157,8 @@ int run_and_report(CLI::App &program, const std::vector<std::string> &words)
         return run(program, words);
     } catch (const failure &failed) {
         print_failure(command_words(program), failed.what(), failed.hint, failed.error);
+    } catch (const interrupted &by) {
+        ::raise(by.signal);
     } catch (const std::exception &failed) {
         print_failure(command_words(program), failed.what(), "", 0);
     }

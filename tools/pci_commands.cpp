@@ -466,27 +466,31 @@ void add_sides(CLI::App &command, pci_arguments &arguments)
             ->required();
 }
 
-void add_registers(CLI::App &command, pci_arguments &arguments, const char *name,
-                   const char *description)
+CLI::Option *add_registers(CLI::App &command, pci_arguments &arguments, const char *description)
 {
     add_device(command, arguments);
-    offer(command.add_option(name, arguments.registers, description), [](const given_options &) {
-        return register_names();
-    })->required();
+    CLI::Option *option = command.add_option("REGISTER", arguments.registers, description);
     one_of(command.add_option("--width", arguments.width, "in bits; else that of the name, or 32"),
-           {"8", "16", "32"});
+           {"8", "16", "32"})
+        ->option_text("BITS");
+    return offer(option, [](const given_options &) { return register_names(); })->required();
 }
 
 void add_read(CLI::App &command, pci_arguments &arguments)
 {
-    add_registers(command, arguments, "REGISTER", "offset or name: 0x10, COMMAND, CAP_EXP+0x12");
+    add_registers(command, arguments, "offset or name: 0x10, COMMAND, CAP_EXP+0x12");
 }
 
 void add_write(CLI::App &command, pci_arguments &arguments)
 {
-    add_registers(command, arguments, "REGISTER",
-                  "OFFSET VALUE, or REGISTER=VALUE[/MASK] as often as wanted");
+    add_registers(command, arguments, "OFFSET VALUE, or REGISTER=VALUE[/MASK] as often as wanted");
     command.add_flag("--dry-run", arguments.dry_run, "only show what would be written");
+}
+
+void add_watch(CLI::App &command, pci_arguments &arguments)
+{
+    add_registers(command, arguments, "offset or name, as for 'pci read'")->expected(1);
+    arguments.wait.add_watch(command);
 }
 
 using family = command_family<pci_arguments>;
@@ -497,6 +501,7 @@ constexpr family::entry commands[] = {
     {"show", "Show a function's ids, state and resources", pci_show, add_file},
     {"read", "Read configuration registers", pci_read, add_read},
     {"write", "Write configuration registers", pci_write, add_write},
+    {"watch", "Print a register's changes", pci_watch, add_watch},
     {"caps", "Show the capability lists and what their registers say", pci_caps, add_file},
     {"dump", "Print configuration spaces as lspci -xxxx does", pci_dump, add_out},
     {"diff", "Compare two functions, or files with functions", pci_diff, add_sides},

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "pci_config_space.h"
+#include "waiting.h"
 
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ struct pci_arguments {
     std::string id_filter;
     unsigned width = 0; // that of the register's name
     bool dry_run = false;
+    wait_options wait;
 };
 
 // The function that they name, of the machine or of the file.
@@ -34,6 +36,7 @@ void pci_bridge_usable(const pci_arguments &arguments);
 
 void pci_read(const pci_arguments &arguments);
 void pci_write(const pci_arguments &arguments);
+void pci_watch(const pci_arguments &arguments);
 void pci_caps(const pci_arguments &arguments);
 void pci_dump(const pci_arguments &arguments);
 void pci_diff(const pci_arguments &arguments);

@@ -110,6 +110,17 @@ void pci_write(const pci_arguments &arguments)
                        : print_done)(registers_record(config.id(), std::move(rows)));
 }
 
+void pci_watch(const pci_arguments &arguments)
+{
+    const config_space config(pci_device(arguments.id));
+    const std::string &text = arguments.registers[0];
+    const register_place place = find_register(config, text, arguments.width);
+    watch_register(
+        fmt::format("{} of {}", text, config.id()), place.width, arguments.wait,
+        [&] { return config.read(place.offset, place.width); },
+        [&](uint64_t value) { return register_row(place, static_cast<uint32_t>(value)); });
+}
+
 //--- capabilities ---------------------------------------------------------------------------------
 
 namespace

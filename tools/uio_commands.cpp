@@ -1,17 +1,17 @@
 #include "command.h"
 #include "library.h"
 #include "output.h"
+#include "register_bank.h"
+#include "waiting.h"
 
-#include <device_access/libuio.h>
+#include <device_access/device_access.hpp>
 #include <device_access/libuio_emul.h>
-#include <device_access/regiomap_x86.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -28,14 +28,12 @@ namespace
 
 namespace fs = std::filesystem;
 
-struct uio_arguments {
+struct uio_arguments : bank_arguments {
     std::string node;
     std::string map;
-    std::string offset;
-    std::string value;
-    unsigned width = 32;
-    double timeout = -1;
 };
+
+constexpr char list_hint[] = "'devaccess uio list' shows the devices";
 
 //--- devices --------------------------------------------------------------------------------------
 
@@ -53,6 +51,39 @@ size_t entries_of(const fs::path &directory)
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
+std::vector<fs::path> class_directories()
+{
+    const fs::path all = "/sys/class/uio";
+    std::vector<fs::path> found;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(all, error))
+        found.push_back(entry.path());
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw failure("list " + all.string(), error.message(), "is /sys mounted?");
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// As the kernel names it in the device's link, or in its uevent.
+json driver_of(const fs::path &device)
+{
+    std::error_code none;
+    const fs::path link = fs::read_symlink(device / "driver", none);
+    if (!none)
+        return printable(link.filename());
+    std::ifstream uevent(device / "uevent");
+    for (std::string line; std::getline(uevent, line);)
+        if (line.starts_with("DRIVER="))
+            return printable(line.substr(7));
+    return nullptr;
+}
+
+json interrupts_of(const fs::path &directory)
+{
+    uint64_t count = 0;
+    return std::ifstream(directory / "event") >> count ? json(count) : json();
+}
+
 record class_row(const fs::path &directory)
 {
     std::error_code ignored;
@@ -61,57 +92,93 @@ record class_row(const fs::path &directory)
         .add("name", first_line(directory / "name"))
         .add("number", first_line(directory / "dev"))
         .add("maps", entries_of(directory / "maps"))
+        .add("driver", driver_of(directory / "device"))
+        .add("interrupts", interrupts_of(directory))
         .add("device", fs::canonical(directory / "device", ignored).string());
 }
 
 void list(const uio_arguments &)
 {
-    const fs::path class_directory = "/sys/class/uio";
-    std::vector<fs::path> found;
-    std::error_code error;
-    for (const auto &entry : fs::directory_iterator(class_directory, error))
-        found.push_back(entry.path());
-    if (error && error != std::errc::no_such_file_or_directory)
-        throw failure("list " + class_directory.string(), error.message(), "is /sys mounted?");
-    std::sort(found.begin(), found.end());
     record_set set = {"devices", {}};
-    for (const fs::path &directory : found)
+    for (const fs::path &directory : class_directories())
         set.rows.push_back(class_row(directory));
     print(std::move(set));
+}
+
+// "uio0" and "0" stand for /dev/uio0, "name:regs" for the device of that name.
+std::string node_of(const std::string &name)
+{
+    if (name.starts_with("name:")) {
+        std::vector<std::string> nodes;
+        for (const fs::path &directory : class_directories())
+            if (first_line(directory / "name") == name.substr(5))
+                nodes.push_back("/dev/" + directory.filename().string());
+        if (nodes.size() != 1)
+            throw failure("find the UIO device " + name,
+                          nodes.empty() ? "there is none of that name"
+                                        : "several have that name: " +
+                                              fmt::format("{}", fmt::join(nodes, ", ")),
+                          list_hint);
+        return nodes[0];
+    }
+    const bool is_number = name.find_first_not_of("0123456789") == name.npos;
+    const bool is_short = name.starts_with("uio") || (is_number && !name.empty());
+    return is_short ? (is_number ? "/dev/uio" : "/dev/") + name : name;
 }
 
 class uio_device
 {
 public:
-    explicit uio_device(const std::string &name) : node_(full_name(name))
+    explicit uio_device(const std::string &name) : node_(node_of(name))
     {
         const auto found = ask([&] {
-            const timespec no_wait = {0, 0};
-            return libuio_open_timed(node_.c_str(), &no_wait);
+            auto opened = device_access::uio::open(node_.c_str(), timespec{0, 0});
+            if (opened)
+                device_.emplace(std::move(*opened));
+            return opened.has_value();
         });
         if (!found.result)
             fail_to_open(found.error);
-        handle_.reset(found.result);
     }
+    ~uio_device()
+    {
+        ask([&] {
+            device_.reset();
+            return 0;
+        });
+    }
+    uio_device(const uio_device &) = delete;
+    uio_device &operator=(const uio_device &) = delete;
 
-    libuio_dev_t *handle() const { return handle_.get(); }
+    device_access::uio &operator*() { return *device_; }
+    device_access::uio *operator->() { return &*device_; }
     const std::string &node() const { return node_; }
 
-private:
-    // "uio0" and "0" stand for /dev/uio0.
-    static std::string full_name(const std::string &name)
+    register_bank bank(unsigned map) // valid while this lives
     {
-        const bool is_number = name.find_first_not_of("0123456789") == name.npos;
-        const bool is_short = name.rfind("uio", 0) == 0 || (is_number && !name.empty());
-        return is_short ? (is_number ? "/dev/uio" : "/dev/") + name : name;
+        std::optional<device_access::window> window;
+        const auto mapped = ask([&] {
+            const bool done = device_->map(~(uint64_t{1} << map)).has_value();
+            const int error = errno;
+            window = device_->mapped(map);
+            errno = error;
+            return done;
+        });
+        if (!window)
+            throw failure(fmt::format("map window {} of {}", map, node_),
+                          mapped.error ? std::strerror(mapped.error) : "there is none",
+                          "'devaccess uio info " + node_ + "' shows its maps", mapped.error);
+        record identity;
+        identity.add("node", node_).add("map", map);
+        return {fmt::format("map {} of {}", map, node_), identity, "offset", 0, *window};
     }
 
+private:
     [[noreturn]] void fail_to_open(int error) const
     {
         const std::string what = "open " + node_;
         if (!libuio_is_emul(node_.c_str()))
-            throw failure(what, std::strerror(error), "'devaccess uio list' shows the devices",
-                          error);
+            throw failure(what, std::strerror(error), list_hint, error);
         throw failure(what,
                       error == EINVAL ? "no such register block, or no card in that slot"
                                       : std::strerror(error),
@@ -120,16 +187,8 @@ private:
                       error);
     }
 
-    static void close(libuio_dev_t *handle)
-    {
-        ask([&] {
-            libuio_close(handle);
-            return 0;
-        });
-    }
-
     std::string node_;
-    std::unique_ptr<libuio_dev_t, decltype(&close)> handle_ = {nullptr, close};
+    std::optional<device_access::uio> device_;
 };
 
 record map_row(const libuio_map_t &map)
@@ -143,8 +202,8 @@ record map_row(const libuio_map_t &map)
 
 void info(const uio_arguments &arguments)
 {
-    const uio_device device(arguments.node);
-    const libuio_dev_t *uio = device.handle();
+    uio_device device(arguments.node);
+    const libuio_dev_t *uio = device->get();
     std::vector<libuio_map_t> windows(uio->map, uio->map + uio->map_count);
     std::sort(windows.begin(), windows.end(),
               [](const libuio_map_t &a, const libuio_map_t &b) { return a.index < b.index; });
@@ -156,126 +215,41 @@ void info(const uio_arguments &arguments)
               .add("emulated", libuio_is_emul(device.node().c_str()) == 1)
               .add("class_directory", libuio_get_sys_class_dir(uio))
               .add("device_directory", libuio_get_sys_device_dir(uio))
-              .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
+              .add("removal_notice", device->removal_fd() >= 0)
               .add(std::move(maps)));
 }
 
 //--- registers ------------------------------------------------------------------------------------
 
-// A register of a mapped window.
-class uio_register
+unsigned map_of(const uio_arguments &arguments)
 {
-public:
-    explicit uio_register(const uio_arguments &arguments)
-        : device_(arguments.node), width_(arguments.width)
-    {
-        index_ = static_cast<unsigned>(parse_number("the map", arguments.map, LIBUIO_MAX_MAPS - 1));
-        offset_ = static_cast<size_t>(parse_number("the offset", arguments.offset, SIZE_MAX));
-        address_ = static_cast<char *>(window()) + offset_;
-    }
-
-    uint64_t read() const
-    {
-        switch (width_) {
-        case 8:
-            return ioread8(address_);
-        case 16:
-            return ioread16(address_);
-        case 32:
-            return ioread32(address_);
-        default:
-            return ioread64(address_);
-        }
-    }
-
-    void write(uint64_t value) const
-    {
-        switch (width_) {
-        case 8:
-            return iowrite8(static_cast<uint8_t>(value), address_);
-        case 16:
-            return iowrite16(static_cast<uint16_t>(value), address_);
-        case 32:
-            return iowrite32(static_cast<uint32_t>(value), address_);
-        default:
-            return iowrite64(value, address_);
-        }
-    }
-
-    record describe(uint64_t value) const
-    {
-        return record()
-            .add("node", device_.node())
-            .add("map", index_)
-            .add_hex("offset", offset_, 2)
-            .add("width", width_)
-            .add_hex("value", value, static_cast<int>(width_ / 4))
-            .add_hidden("value_hex", hex(value)); // which no reader rounds
-    }
-
-private:
-    void *window()
-    {
-        const std::string what = fmt::format("map window {} of {}", index_, device_.node());
-        size_t size = 0;
-        void *start = nullptr;
-        const auto mapped = ask([&] {
-            const int count = libuio_mmap(device_.handle(), ~(uint64_t{1} << index_));
-            const int error = errno;
-            start = libuio_get_mapinfo(device_.handle(), index_, &size);
-            errno = error;
-            return count;
-        });
-        const std::string hint = "'devaccess uio info " + device_.node() + "' shows its maps";
-        if (!start)
-            throw failure(what, mapped.error ? std::strerror(mapped.error) : "there is none", hint,
-                          mapped.error);
-        const size_t bytes = width_ / 8;
-        if (offset_ % bytes != 0)
-            throw usage_error(
-                fmt::format("the offset must be a multiple of {} bytes, the width", bytes));
-        if (size < bytes || offset_ > size - bytes)
-            throw failure(fmt::format("reach offset {:#x} of map {}", offset_, index_),
-                          fmt::format("the window has {:#x} bytes", size), hint);
-        return start;
-    }
-
-    uio_device device_;
-    unsigned width_;
-    unsigned index_;
-    size_t offset_;
-    char *address_;
-};
-
-void read(const uio_arguments &arguments)
-{
-    const uio_register place(arguments);
-    print(place.describe(place.read()));
+    return static_cast<unsigned>(parse_number("the map", arguments.map, LIBUIO_MAX_MAPS - 1));
 }
 
-void write(const uio_arguments &arguments)
+uint64_t offset_of(const uio_arguments &arguments)
 {
-    const auto value = parse_number("the value", arguments.value, highest(arguments.width));
-    const uio_register place(arguments);
-    place.write(value);
-    print_done(place.describe(value));
+    return arguments.offset.empty() ? 0 : parse_number("the offset", arguments.offset, SIZE_MAX);
+}
+
+template <void (*act)(const register_bank &, uint64_t, const bank_arguments &)>
+void on_register(const uio_arguments &arguments)
+{
+    uio_device device(arguments.node);
+    act(device.bank(map_of(arguments)), offset_of(arguments), arguments);
+}
+
+void dump(const uio_arguments &arguments)
+{
+    uio_device device(arguments.node);
+    const register_bank bank = device.bank(map_of(arguments));
+    const uint64_t offset = offset_of(arguments);
+    uint64_t bytes = bank.window.size() - std::min<uint64_t>(offset, bank.window.size());
+    if (!arguments.count.empty())
+        bytes = parse_number("the length", arguments.count, SIZE_MAX);
+    dump_bank(bank, offset, bytes, arguments.width);
 }
 
 //--- interrupts -----------------------------------------------------------------------------------
-
-timespec after(double seconds)
-{
-    timespec time = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    const auto whole = static_cast<time_t>(seconds);
-    time.tv_sec += whole;
-    time.tv_nsec += static_cast<long>((seconds - static_cast<double>(whole)) * 1e9);
-    if (time.tv_nsec >= 1000000000) {
-        time.tv_nsec -= 1000000000;
-        time.tv_sec += 1;
-    }
-    return time;
-}
 
 const char *wait_hint(int error)
 {
@@ -291,25 +265,51 @@ const char *wait_hint(int error)
     }
 }
 
+[[noreturn]] void fail_to_wait(const char *what, const uio_device &device, int error)
+{
+    throw failure(fmt::format("{} of {}", what, device.node()), std::strerror(error),
+                  wait_hint(error), error);
+}
+
+// The driver's count. A driver without interrupt control has its interrupt enabled always.
+uint32_t next_interrupt(uio_device &device, waiting &wait)
+{
+    const auto enabled = ask([&] { return device->enable_interrupt().has_value(); });
+    if (!enabled.result && enabled.error != ENOSYS)
+        fail_to_wait("enable the interrupt", device, enabled.error);
+    while (true) {
+        wait.check();
+        wait.show();
+        uint32_t count = 0;
+        const auto waited = ask([&] {
+            const auto limit = wait.next_look();
+            const auto came = device->wait(
+                limit == waiting::clock::time_point::max() ? std::nullopt : std::optional(limit));
+            count = came.value_or(0);
+            return came.has_value();
+        });
+        if (waited.result)
+            return count;
+        wait.check();
+        if (waited.error != ETIMEDOUT || wait.is_over())
+            fail_to_wait("see an interrupt", device, waited.error);
+    }
+}
+
 void wait(const uio_arguments &arguments)
 {
-    const uio_device device(arguments.node);
-    const auto fail_with = [&](const char *what, int error) {
-        throw failure(fmt::format("{} of {}", what, device.node()), std::strerror(error),
-                      wait_hint(error), error);
+    uio_device device(arguments.node);
+    waiting wait("waiting for an interrupt of " + device.node(), arguments.wait.timeout);
+    const auto line = [&] {
+        const uint32_t count = next_interrupt(device, wait);
+        return record().add("node", device.node()).add("event_count", count);
     };
-    // A driver without interrupt control has its interrupt enabled always.
-    const auto enabled = ask([&] { return libuio_irqcontrol(device.handle(), 1); });
-    if (enabled.result != 0 && enabled.error != ENOSYS)
-        fail_with("enable the interrupt", enabled.error);
-    const timespec deadline = after(arguments.timeout);
-    uint32_t count = 0;
-    const auto waited = ask([&] {
-        return libuio_irqwait(device.handle(), arguments.timeout < 0 ? nullptr : &deadline, &count);
-    });
-    if (waited.result != 0)
-        fail_with("see an interrupt", waited.error);
-    print(record().add("node", device.node()).add("event_count", count));
+    if (arguments.count.empty())
+        print(line().append(wait.now()));
+    const auto wanted =
+        arguments.count.empty() ? 0 : parse_number("the count", arguments.count, UINT32_MAX);
+    for (unsigned long long i = 0; i < wanted; ++i)
+        wait.print(line());
 }
 
 //--- command line ---------------------------------------------------------------------------------
@@ -327,56 +327,72 @@ std::vector<std::string> node_names(const given_options &)
     return names;
 }
 
-class uio_family : public command_family<uio_arguments>
+void add_nothing(CLI::App &, uio_arguments &) {}
+
+void add_node(CLI::App &command, uio_arguments &arguments)
 {
-public:
-    using command_family::command_family;
-
-    CLI::App *add_for_node(const std::string &name, const std::string &description, action act)
-    {
-        CLI::App *command = add(name, description, act);
-        offer(command->add_option("NODE", arguments->node,
-                                  "/dev/uioN, uioN, N, or sysfs_pci:REGION.SLOT[.FPGA]"),
-              node_names)
-            ->required();
-        return command;
-    }
-
-    CLI::App *add_for_register(const std::string &name, const std::string &description, action act)
-    {
-        CLI::App *command = add_for_node(name, description, act);
-        command->add_option("MAP", arguments->map, "number of the window")->required();
-        command->add_option("OFFSET", arguments->offset, "of the register, in bytes")->required();
-        one_of(command->add_option("--width", arguments->width, "of the register, in bits"),
-               {"8", "16", "32", "64"})
-            ->capture_default_str();
-        return command;
-    }
-};
-
-// Also refuses what is no number at all, which compares as in no range.
-std::string time_problem(const std::string &text)
-{
-    double seconds = 0;
-    const bool good = CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) &&
-                      seconds >= 0 && seconds <= 1e9;
-    return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
+    offer(command.add_option("NODE", arguments.node,
+                             "/dev/uioN, uioN, N, name:NAME, or sysfs_pci:REGION.SLOT[.FPGA]"),
+          node_names)
+        ->required();
 }
+
+CLI::Option *add_place(CLI::App &command, uio_arguments &arguments)
+{
+    add_node(command, arguments);
+    command.add_option("MAP", arguments.map, "number of the window")->required();
+    return command.add_option("OFFSET", arguments.offset, "of the register, in bytes");
+}
+
+void add_read(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments)->required();
+    arguments.add_count(command);
+}
+
+void add_write(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments)->required();
+    arguments.add_value(command);
+}
+
+void add_watch(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments)->required();
+    arguments.wait.add_watch(command);
+    arguments.add_width(command);
+}
+
+void add_dump(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments);
+    command.add_option("LENGTH", arguments.count, "in bytes; else to the window's end");
+    arguments.add_width(command);
+}
+
+void add_wait(CLI::App &command, uio_arguments &arguments)
+{
+    add_node(command, arguments);
+    command.add_option("--count", arguments.count, "a line for each of so many interrupts");
+    arguments.wait.add_timeout(command);
+}
+
+constexpr command_family<uio_arguments>::entry commands[] = {
+    {"list", "List the devices with a UIO driver", list, add_nothing},
+    {"info", "Show a device's directories and windows", info, add_node},
+    {"read", "Read registers", on_register<read_bank>, add_read},
+    {"write", "Write a register", on_register<write_bank>, add_write},
+    {"dump", "Print a window's registers in hexadecimal", dump, add_dump},
+    {"watch", "Print a register's changes", on_register<watch_bank>, add_watch},
+    {"wait", "Enable the interrupt and wait for it", wait, add_wait},
+};
 
 } // namespace
 
 void add_uio_commands(CLI::App &program)
 {
-    uio_family uio(program, "uio", "UIO devices, and those emulated over PCI");
-    uio.add("list", "List the devices with a UIO driver", list);
-    uio.add_for_node("info", "Show a device's directories and windows", info);
-    uio.add_for_register("read", "Read a register", read);
-    uio.add_for_register("write", "Write a register", write)
-        ->add_option("VALUE", uio.arguments->value, "to write")
-        ->required();
-    uio.add_for_node("wait", "Enable the interrupt and wait for it", wait)
-        ->add_option("--timeout", uio.arguments->timeout, "seconds; without it, wait without limit")
-        ->check(CLI::Validator(time_problem, "SECONDS"));
+    command_family<uio_arguments>(program, "uio", "UIO devices, and those emulated over PCI")
+        .add(commands);
 }
 
 } // namespace devaccess

@@ -1,0 +1,42 @@
+// Registers in mapped memory, and what commands do with them.
+#pragma once
+
+#include "output.h"
+#include "waiting.h"
+
+#include <device_access/device_access.hpp>
+
+#include <string>
+#include <vector>
+
+namespace devaccess
+{
+
+struct bank_arguments {
+    std::string offset; // or address
+    std::string value;
+    std::string count;
+    unsigned width = 32;
+    bool dry_run = false;
+    wait_options wait;
+
+    void add_width(CLI::App &command);
+    void add_count(CLI::App &command);
+    void add_value(CLI::App &command);
+};
+
+struct register_bank {
+    std::string name;  // for messages: "map 1 of /dev/uio0"
+    record identity;   // for the output
+    const char *place; // "offset" or "address"
+    uint64_t start;    // of the window, as places count
+    device_access::window window;
+};
+
+void read_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments);
+void write_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments);
+void watch_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments);
+// As many bytes, as hexadecimal registers.
+void dump_bank(const register_bank &bank, uint64_t place, uint64_t bytes, unsigned width);
+
+} // namespace devaccess
