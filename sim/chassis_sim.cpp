@@ -3,6 +3,7 @@
 #include "sim/chassis.h"
 #include "sim/command.h"
 #include "sim/description_json.h"
+#include "sim/recorded.h"
 
 #include <CLI/CLI.hpp>
 
@@ -28,6 +29,7 @@ constexpr int longest_time = 24 * 60 * 60 * 1000;
 // What the command line says; what it does not say is as the description has it.
 struct settings {
     std::string description; // a file
+    std::string recording;
     bool describes = false;
     std::optional<std::string> model, pod_log, post_log;
     std::optional<int> uio_appears, uio_irq_delay, uio_removed, link_trains;
@@ -194,6 +196,10 @@ int run(int argc, char **argv)
                    "The chassis is described in this JSON file, not built in;\n"
                    "the other options change it")
         ->option_text("FILE");
+    app.add_option("--from", chosen.recording,
+                   "The chassis is the machine that 'devaccess collect FILE' has\n"
+                   "recorded; no other option goes with it")
+        ->option_text("FILE");
     app.add_flag("--describe", chosen.describes, "Print the description of the chassis instead");
     app.add_option("command", chosen.command, "The command and its arguments, behind --")
         ->option_text("COMMAND");
@@ -213,6 +219,11 @@ int run(int argc, char **argv)
             return app.exit(error);
         throw;
     }
+    const bool recorded = !chosen.recording.empty();
+    for (const CLI::Option *option : app.get_options())
+        if (recorded && option->count() > 0 && option->get_name() != "--from" &&
+            option->get_name() != "command")
+            throw failure(option->get_name() + " does not go with --from");
     const chassis_description chassis = described_by(chosen);
     if (chosen.describes) {
         std::puts(chassis_sim::description_text(chassis).c_str());
@@ -222,7 +233,7 @@ int run(int argc, char **argv)
         throw failure("command is required");
     if (fs::exists(chassis_sim::control_path))
         throw failure("this is a simulated chassis already; there is none in it");
-    build_chassis(chassis);
+    recorded ? chassis_sim::build_recorded_chassis(chosen.recording) : build_chassis(chassis);
     return chassis_sim::run_command(chosen.command);
 }
 

@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <filesystem>
+#include <sstream>
 #include <string_view>
 
 #include <fcntl.h>
@@ -246,6 +247,21 @@ void write_pci_bus_type()
         write_file(std::string("/sys/bus/pci/") + name, "", 0200);
 }
 
+// The files that are mapped.
+void write_window_files(const std::string &dir, size_t bar, const pci_window &window)
+{
+    if (window.size == 0)
+        return;
+    const std::string file = dir + "/resource" + std::to_string(bar);
+    for (const char *suffix : {"", "_wc"}) {
+        if (*suffix && !(window.flags & resource_prefetch))
+            continue;
+        write_file(file + suffix, "", 0600);
+        must(::truncate((file + suffix).c_str(), static_cast<off_t>(window.size)),
+             "truncate " + file + suffix);
+    }
+}
+
 // Where what was unplugged is kept, and a link to where it was.
 std::string aside(const std::string &id)
 {
@@ -364,19 +380,27 @@ void add_pci(const pci_function &function)
         const pci_window window =
             bar < function.windows.size() ? function.windows[bar] : pci_window();
         lines += resource_line(window);
-        if (window.size == 0)
-            continue;
-        const std::string file = dir + "/resource" + std::to_string(bar);
-        for (const char *suffix : {"", "_wc"}) {
-            if (*suffix && !(window.flags & resource_prefetch))
-                continue;
-            write_file(file + suffix, "", 0600);
-            must(::truncate((file + suffix).c_str(), static_cast<off_t>(window.size)),
-                 "truncate " + file + suffix);
-        }
+        write_window_files(dir, bar, window);
     }
     write_file(dir + "/resource", lines, 0444);
     make_relative_symlink(pci_link(function.id), dir);
+}
+
+void complete_pci(const std::string &dir)
+{
+    constexpr uint64_t largest = uint64_t{1} << 32; // files of that size are sparse
+    constexpr size_t bars = 6;
+    write_pci_bus_type();
+    for (const char *name : {"remove", "rescan"})
+        write_file(dir + "/" + name, "", 0200);
+    std::istringstream lines(file_text(dir + "/resource"));
+    std::string line;
+    for (size_t bar = 0; bar < bars && std::getline(lines, line); ++bar) {
+        unsigned long long start = 0, end = 0, flags = 0;
+        if (std::sscanf(line.c_str(), "%llx %llx %llx", &start, &end, &flags) == 3 && end > start &&
+            end - start < largest)
+            write_window_files(dir, bar, {start, end - start + 1, flags});
+    }
 }
 
 void write_config16(const std::string &id, size_t offset, uint16_t value)

@@ -79,6 +79,10 @@ std::string pci_link(const std::string &id);
 // Builds the sysfs directory of a function as the kernel shows it.
 void add_pci(const pci_function &function);
 
+// Adds to a function's directory, which another machine's kernel has made, what was not recorded of
+// it: the windows that its "resource" file tells of, and the files that are only written to.
+void complete_pci(const std::string &dir);
+
 // Changes a register of a function's configuration space, in place.
 void write_config16(const std::string &id, size_t offset, uint16_t value);
 

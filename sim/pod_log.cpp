@@ -134,7 +134,8 @@ void bring_into_state(std::string &image, const std::string &card, const std::st
     } else if (state == "blank") {
         image.assign(image.size(), '\0');
     } else if (state == "full") {
-        const size_t room = (layout.history_size - header_size) / (16 + message_size);
+        // The library leaves the room of one entry free.
+        const size_t room = (layout.history_size - header_size) / (16 + message_size) - 1;
         const pod_run run(room, {1700000020, "INFO: " + card + " passed"});
         const std::string full =
             log_image(layout, last_run, std::vector<pod_run>(layout.histories, run));

@@ -19,6 +19,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#ifndef TOOLS
+#define TOOLS PROGRAMS
+#endif
+
 namespace
 {
 
@@ -29,7 +33,7 @@ using std::string;
 // What a line of the shell prints on both streams, and its status behind it.
 string shell(const string &line)
 {
-    const string whole = "PATH=" PROGRAMS ":$PATH; { " + line + "\n} 2>&1";
+    const string whole = "PATH=" PROGRAMS ":" TOOLS ":$PATH; { " + line + "\n} 2>&1";
     FILE *const pipe = ::popen(whole.c_str(), "r");
     string text;
     for (int byte; (byte = std::fgetc(pipe)) != EOF;)
@@ -467,6 +471,42 @@ TEST(chassis, registers_have_what_is_described_and_answer)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         EXPECT_EQ(registers[1], expected);
         registers[0] = 0x105;
+    }
+}
+
+TEST(chassis, recorded_machine_looks_inside_as_the_machine_does)
+{
+    if (!fs::exists(TOOLS "/devaccess"))
+        GTEST_SKIP() << "devaccess is not built, which records machines";
+    const string base = fs::temp_directory_path() / ("recorded" + std::to_string(::getpid()));
+    const string look =
+        "devaccess pci list; for f in $(ls /sys/bus/pci/devices); do devaccess pci caps $f; "
+        "devaccess pci show $f; done; devaccess uio list; "
+        "for c in RPSW1 ALSW2 SW1; do devaccess podlog --chassis n20 show $c; done; "
+        "for b in event test error; do devaccess postlog show $b; done' 2>&1";
+    // This machine; and a chassis, as it has more to look at.
+    for (const char *machine : {"", "chassis-sim -- "}) {
+        const string outside =
+            shell(machine + ("sh -c 'devaccess collect " + base + " >/dev/null; ") + look);
+        EXPECT_EQ(shell("chassis-sim --from " + base + " -- sh -c '" + look), outside);
+        EXPECT_GT(outside.size(), *machine ? 2000u : 10u);
+        fs::remove(base);
+    }
+    // What an archive may not do.
+    const string cases[][2] = {
+        {"echo text >" + base, "cannot read a recording from " + base},
+        {"mkdir " + base, "cannot read a recording from " + base},
+        {"cd /; tar cPf " + base + " --transform 's,etc,sys/class/../../etc,' etc/passwd",
+         "cannot read a recording from " + base},
+        {"truncate -s 20M " + base + ".big; tar cPf " + base +
+             " --transform 's,.*,sys/class/big,' " + base + ".big; rm " + base + ".big",
+         "/sys/class/big is too large for a recording"},
+    };
+    for (const auto &[make, line] : cases) {
+        EXPECT_EQ(shell(make), "0");
+        EXPECT_EQ(shell("chassis-sim --from " + base + " -- true"),
+                  "chassis-sim: " + line + "\n125");
+        fs::remove_all(base);
     }
 }
 
