@@ -510,6 +510,18 @@ TEST(chassis, recorded_machine_looks_inside_as_the_machine_does)
     }
 }
 
+TEST(chassis, examples_of_tests_pass)
+{
+    if (!fs::exists(TOOLS "/devaccess"))
+        GTEST_SKIP() << "devaccess is not built, which they test";
+    const string build = fs::temp_directory_path() / ("in_tests" + std::to_string(::getpid()));
+    for (const string &line :
+         {string("make -sC " EXAMPLES " check"), string("python3 -B " EXAMPLES "/test_client.py"),
+          "cmake -S " EXAMPLES " -B " + build + " && ctest --test-dir " + build})
+        EXPECT_TRUE(shell(line).ends_with("\n0") || shell(line) == "0") << shell(line);
+    fs::remove_all(build);
+}
+
 #ifdef CLIENT
 TEST(chassis, statically_linked_client_of_an_event_library_sees_interrupts_and_the_removal)
 {
