@@ -33,7 +33,8 @@ unsigned int first_descriptor()
     rlimit limit;
     must(::getrlimit(RLIMIT_NOFILE, &limit), "getrlimit");
     const rlim_t end = std::min<rlim_t>(limit.rlim_cur, 1024); // that of select(2)
-    return static_cast<unsigned int>(std::max<rlim_t>(end, 2 * uio_descriptors)) - uio_descriptors;
+    return static_cast<unsigned int>(std::max<rlim_t>(end, rlim_t{2} * uio_descriptors)) -
+           uio_descriptors;
 }
 
 int number_of(const std::string &text)

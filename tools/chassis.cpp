@@ -32,7 +32,7 @@ std::string chassis_type()
     if (!settings.chassis.empty())
         return settings.chassis;
     const char *variable = std::getenv(chassis_variable);
-    const std::string type = variable ? variable : "";
+    std::string type = variable ? variable : "";
     if (type.empty() || std::find(types.begin(), types.end(), type) != types.end())
         return type;
     throw usage_error(fmt::format("{} is '{}'; it must be n20, n10 or n4", chassis_variable, type));
