@@ -1,7 +1,7 @@
 // The registry and the front end of the POD log, over the real storages in a simulated chassis; and
 // the checksum that all logs share.
+#include "support/log_text.h"
 #include "support/pod_log.h"
-#include "support/test.h"
 
 #include <device_access/pod_log.h>
 #include <device_access/pod_log_crc_tmp.h>
@@ -51,9 +51,8 @@ std::string registry_row(int inst_id)
     if (podlog_get_pod_instance_name(inst_id, &name) != 1 ||
         podlog_get_pod_storage_info(inst_id, &type, &device, &second, &second_device, &row) != 1)
         return "";
-    return cat({std::to_string(row), " ", name, "=", std::to_string(inst_id), ":",
-                std::string(1, "NFE"[type]), std::to_string(device), second ? "/E" : "/-",
-                std::to_string(second_device), " "});
+    return printed("%d %s=%d:%c%d/%c%d ", row, name, inst_id, "NFE"[type], device, "-E"[second],
+                   second_device);
 }
 
 // All that a registry has: the ids by names, the rows by ids, and which cards have status words.
@@ -65,7 +64,7 @@ std::string registry()
             std::string name = kind + std::to_string(number);
             int id;
             if (podlog_find_pod_instance(name.data(), &id) == 1)
-                text += cat({name, "=", std::to_string(id), " "});
+                text += printed("%s=%d ", name.c_str(), id);
         }
     for (int id = -1; id < 60; ++id)
         text += registry_row(id);
@@ -127,8 +126,7 @@ TEST(pod_registry, refuses_an_unknown_chassis_and_keeps_the_rest_of_the_name_fie
     SetChassisType(ChassisType_1st_Stack);
     for (int type : {3, -1})
         EXPECT_EQ(output_of([&] { podlog_config_pod_storage_n20_n10(type, 0); }).out,
-                  cat({"podlog_config_pod_storage_n20_n10: Incorrect chassis type ",
-                       std::to_string(type), "\n"}));
+                  printed("podlog_config_pod_storage_n20_n10: Incorrect chassis type %d\n", type));
     EXPECT_EQ(registry_row(1), "0 0123456789kept=1:F3/--1 ");
     EXPECT_EQ(GetChassisType(), ChassisType_1st_Stack);
     podlog_config_pod_storage_n20_n10(ChassisType_N10, 0);
@@ -214,10 +212,7 @@ int add(int id, const char *text)
 
 std::string read_card(const char *card)
 {
-    return log_text({[&] { return podlog_open_dir(card); }, podlog_read_dir,
-                     [&] { podlog_close_dir(card); },
-                     [&](int history) { return podlog_open_log(card, history); }, podlog_read_log,
-                     [&] { podlog_close_log(card, 0); }});
+    return log_text(device_access::pod_log(card));
 }
 
 TEST(pod_front_end, reports_unknown_instances_by_the_name_of_the_call)
@@ -323,7 +318,7 @@ TEST(pod_secondary, is_told_apart_from_none_and_from_unknown_kinds)
 {
     configure_one_of_each();
     const auto none = [](const std::string &name) {
-        return cat({"ERROR: podlog_", name, ": No secondary storage for instance 2!\n"});
+        return "ERROR: podlog_" + name + ": No secondary storage for instance 2!\n";
     };
     DOES(podlog_select_primary_secondary_storage(rp1, 0), -1,
          none("select_primary_secondary_storage"));
@@ -357,10 +352,10 @@ TEST(pod_secondary, takes_the_calls_of_an_instance_switched_to_it)
     EXPECT_FALSE(fs::exists(sw1_path));
 
     DOES(podlog_unbind_secondary_log_access_func(sw1), 1);
-    const std::string failed = "failed to initialize secondary storage (EEPROM) for instance ";
+    const std::string failed = "failed to initialize secondary storage (EEPROM) for instance 4!\n";
     DOES(podlog_init(sw1, 0), -1,
-         cat({"ERROR(pod_eeprom_mem_rd): No binded EEPROM 2 read function!\n",
-              "ERROR: podlog_init: ", failed, "4!\n"}));
+         "ERROR(pod_eeprom_mem_rd): No binded EEPROM 2 read function!\nERROR: podlog_init: " +
+             failed);
     // The primary storage is closed then, though it was not opened: the NVRAM says so.
     DOES(podlog_select_primary_secondary_storage(pm2, 0), 1);
     const outcome seen = outcome_of([] { return podlog_init(pm2, 0); });
@@ -411,22 +406,22 @@ TEST(pod_secondary, gets_a_copy_of_the_newest_history)
 
     podlog_unbind_eeprom_access_func(2);
     DOES(podlog_cpy_curr_subblock_to_secondary(sw1), -1,
-         cat({"ERROR(pod_eeprom_mem_rd): No binded EEPROM 2 read function!\nERROR: podlog_init: ",
-              "failed to initialize secondary storage (EEPROM) for instance 4!\n", copy,
-              "failed to open device for instance 4!\n"}));
+         "ERROR(pod_eeprom_mem_rd): No binded EEPROM 2 read function!\nERROR: podlog_init: failed "
+         "to initialize secondary storage (EEPROM) for instance 4!\n" +
+             copy + "failed to open device for instance 4!\n");
     EXPECT_EQ(left(), "0, switched");
 
     fs::remove(sw1_path);
     DOES(podlog_cpy_curr_subblock_to_secondary(sw1), -1,
-         cat({"ERROR: file ", sw1_path,
-              " does not exist!\nERROR: failed when opening the storage device!\n"}));
+         "ERROR: file " + sw1_path +
+             " does not exist!\nERROR: failed when opening the storage device!\n");
     EXPECT_EQ(left(), "0");
 
     run_sw1({"one", "two"});
     bytes_left = 100; // one entry and its header
     DOES(podlog_cpy_curr_subblock_to_secondary(sw1), -1,
-         cat({copy, "faild to write 1th log to the secondary storage!\n", copy,
-              "faild to increment to next history for secondary storage!\n"}));
+         copy + "faild to write 1th log to the secondary storage!\n" + copy +
+             "faild to increment to next history for secondary storage!\n");
     EXPECT_EQ(left(), "0: one, 0");
 
     // The second entry says that its message is empty, so it cannot be read.
@@ -449,55 +444,111 @@ TEST(pod_secondary, gets_a_copy_of_the_newest_history)
     std::string entry = chassis_sim::pod_entry(5, 2000) + std::string(2000, 'm');
     DOES(podlog_eeprom_add_raw_log(0, reinterpret_cast<uint8_t *>(entry.data())), 1);
     DOES(podlog_cpy_curr_subblock_to_secondary(ft1), 1);
-    EXPECT_EQ(left(), cat({"0: ", std::string(63, 'm'), ", 1"}));
+    EXPECT_EQ(left(), "0: " + std::string(63, 'm') + ", 1");
 }
 
 //--- POD status and fault injection ---------------------------------------------------------------
 
-TEST(pod_status, is_kept_by_instance_and_by_slot)
+TEST(pod_status, is_a_word_of_the_instance_and_an_injected_fault_a_bit)
 {
     start_chassis();
+    ASSERT_EQ(podlog_init(rp1, 0), 1);
+    std::string image = read_file("/dev/nvlog-pod");
+    const auto expect_word = [&](size_t position, uint32_t word) {
+        put(image, position, words({word}));
+        EXPECT_EQ(difference(read_file("/dev/nvlog-pod"), image), "") << word;
+    };
+    const struct {
+        uint32_t stored, read;
+        const char *text;
+    } cases[] = {{0, 0, "Passed"},
+                 {1, 0x0FFFFFFF, "Unrecognized!"},
+                 {0x0FFFFFFF, 0x0FFFFFFF, "Failed"},
+                 {0x7FFFFFFF, 0x0FFFFFFF, "Unrecognized!"},
+                 {0x80000000, 0x80000000, "Invalid"},
+                 {0xFFFFFFFF, 0x80000000, "Unrecognized!"}};
+    for (const auto &[stored, read, text] : cases) {
+        DOES(podlog_set_pod_status(20, static_cast<int>(stored)), 1);
+        expect_word(16312 + 4 * 6, stored);
+        DOES(podlog_get_pod_status(20), read);
+        EXPECT_STREQ(podlog_nvram_convert_pod_status_str(stored), text);
+    }
+    DOES(podlog_invalidate_pod_status(20), 1);
+    expect_word(16312 + 4 * 6, 0x80000000);
+    DOES(podlog_nvram_set_pod_status(1, 20, 0), 1);
+    expect_word(16312 + 4 * 6, 0); // of number 0, whatever is asked for
+
+    // Injected faults are shown but never reported.
+    constexpr int mask = 16344;
+    DOES(podlog_get_faultinject_pos(20), mask);
+    DOES(nvram_disp_faultinject_status(0), 1, "", " no fault was injected\n");
+    DOES(podlog_faultinject_pod_status(22, 0), 1);
+    DOES(podlog_faultinject_pod_status(21, 0), 1);
+    DOES(podlog_faultinject_pod_status(23, 1), 1); // not set, still clear
+    expect_word(mask, 0x81);
+    DOES(nvram_disp_faultinject_status(0), 1, "",
+         "   inst 22 ALSW1  mapped index 0: fault injected\n"
+         "   inst 21 RPSW2  mapped index 7: fault injected\n");
+    int injected = 7;
+    DOES(podlog_is_faultinject(22, &injected), 1);
+    EXPECT_EQ(injected, 0);
+    DOES(podlog_is_faultinject(22, nullptr), -1);
+    DOES(podlog_faultinject_pod_status(22, 1), 1);
+    expect_word(mask, 0x80);
+    DOES(podlog_clr_all_faultinject(rp1), 1);
+    expect_word(mask, 0);
+    podlog_close(rp1);
+    const auto refused = [] {
+        return podlog_clr_all_faultinject(rp1) + nvram_disp_faultinject_status(0) +
+               podlog_faultinject_pod_status(22, 0);
+    };
+    EXPECT_EQ(outcome_of(refused).value, -3);
+    EXPECT_EQ(podlog_get_pod_status(20), 0x80000000u);
+}
+
+TEST(pod_status, is_that_of_mapped_instances_and_slots_only)
+{
+    start_chassis();
+    int id = 7;
+    int index = 7;
+    DOES(podlog_get_podstatus_inst_info(21, &id, &index), 1);
+    EXPECT_EQ(std::pair(id, index), std::pair(0, 7));
+    const std::string unmapped = "ERROR: nvram_get_podstatus_inst_info: invalid inst id 6!\n ";
+    DOES(podlog_get_podstatus_inst_info(ft1, &id, &index), 0, unmapped);
+    EXPECT_EQ(id, -1);
+    const std::string unknown = "ERROR: nvram_get_podstatus_inst_mapped_index: invalid nvram id ";
+    const std::string unknown_28 = unknown + "0 or inst id 28!\n ";
+    const std::string mapping = output_of([] { nvram_dump_podstatus_inst_mapping(0); }).out;
+    ASSERT_EQ(podlog_init(rp1, 0), 1);
+    DOES(podlog_nvram_get_pod_status(0, 28), 0x80000000u, unknown_28, mapping);
+    DOES(podlog_nvram_set_pod_status(0, 28, 0) + podlog_nvram_faultinject_pod_status(0, 28, 0), -2,
+         unknown_28 + unknown_28, mapping + mapping);
+    DOES(podlog_nvram_invalidate_pod_status(1, 22), -1, unknown + "1 or inst id 22!\n ",
+         "nvram_dump_podstatus_inst_mapping: nvram 1 # of inst =0 \n");
+
     pod_nvram_inst_map_t map = {};
     map.num_inst = 2;
     map.index0[0] = sw1;
     map.index0[1] = 200; // no slot
-    map.index1[0] = map.index1[1] = -1;
     podlog_nvram_config_inst_mapping(0, &map);
-    int injected = 7;
-    DOES(podlog_is_faultinject_cc(sw1, &injected), 1);
-    EXPECT_EQ(injected, 0);
-    ASSERT_EQ(podlog_init(rp1, 0), 1);
-    DOES(podlog_get_pod_status(sw1), 0x80000000u);
-    DOES(podlog_set_pod_status(sw1, 0), 1);
-    DOES(podlog_get_pod_status(sw1), 0u);
-    DOES(podlog_invalidate_pod_status(sw1), 1);
-    DOES(podlog_get_pod_status(sw1), 0x80000000u);
     DOES(podlog_set_pod_status(sw1, 0x7FFFFFFF), 1);
-    DOES(podlog_get_pod_status(sw1), 0x0FFFFFFFu);
-    DOES(podlog_get_faultinject_pos(sw1), 16344);
-    injected = 7;
-    DOES(podlog_faultinject_pod_status(sw1, 0), 1);
-    DOES(podlog_is_faultinject(sw1, &injected), 1);
-    EXPECT_EQ(injected, 0) << "never reported";
-    EXPECT_EQ(read_file("/dev/nvlog-pod").substr(16344, 4), words({1}));
-    DOES(podlog_clr_all_faultinject(rp1), 1);
-    EXPECT_EQ(read_file("/dev/nvlog-pod").substr(16344, 4), words({0}));
-
     const std::string busy =
         "ERROR: podlog_nvram_init: nvram 0 current device is currently opened already!\n";
     DOES(podlog_get_pod_status_cc(sw1), 0x80000000u,
          busy + "ERROR: podlog_get_pod_status_cc: cannot open POD Status stroage NVRAM 0!\n");
-    DOES(podlog_is_faultinject_cc(sw1, &injected), -1, busy);
+    DOES(podlog_is_faultinject_cc(sw1, &index), -1, busy);
     podlog_close(rp1);
     DOES(podlog_get_pod_status_cc(sw1), 0x0FFFFFFFu);
+    index = 7;
+    DOES(podlog_is_faultinject_cc(sw1, &index), 1);
+    EXPECT_EQ(index, 0);
     DOES(podlog_get_pod_status_cc(200), 0x80000000u,
          "ERROR: podlog_get_pod_status_cc: invalid slot id -1!\n");
-    DOES(podlog_is_faultinject_cc(200, &injected), -1);
+    DOES(podlog_is_faultinject_cc(200, &index), -1);
     DOES(podlog_is_faultinject_cc(sw1, nullptr), -1);
-    const std::string unmapped = "ERROR: nvram_get_podstatus_inst_info: invalid inst id 6!\n ";
     DOES(podlog_get_pod_status_cc(ft1), 0x80000000u,
          unmapped + "ERROR: podlog_get_pod_status_cc: slot 6 not matched for pod status!\n");
-    DOES(podlog_is_faultinject_cc(ft1, &injected), -1,
+    DOES(podlog_is_faultinject_cc(ft1, &index), -1,
          unmapped + "ERROR: podlog_is_faultinject_cc: invalid instance id 6!\n");
 }
 

@@ -1,5 +1,6 @@
 // The POST logs, through device files and through a PCIe NVRAM controller.
 #include "sim/nvram_controller.h"
+#include "support/log_text.h"
 #include "support/sweep.h"
 
 #include <device_access/post_log_nvram_pcie_access.h>
@@ -48,34 +49,12 @@ int kept(int value)
 }
 #define POST(call, ...) DOES(kept(call), __VA_ARGS__)
 
-// A log as a client reads it: its histories as "history@time ", how the walk ends, and then for
-// each history a line of "position 'message' ". What else is printed follows.
-string log_text(log_type_t blk)
+// A log as a client reads it.
+string log_of(log_type_t blk)
 {
-    std::ostringstream text;
-    const auto read = [&](int history) {
-        text << "\n";
-        time_t time;
-        for (int next, p = postlog_nvram_open_log(blk, history); p > 0; p = next) {
-            char message[17] = "";
-            next = postlog_nvram_read_log(blk, p, &time, message, 16);
-            text << p << " '" << message << (next == -1 ? "' unread " : "' ");
-        }
-        postlog_nvram_close_log(blk, history);
-    };
-    const test::streams printed = test::output_of([&] {
-        std::vector<int> histories;
-        for (int h = postlog_nvram_open_dir(blk); h >= 0 || (text << h, false);) {
-            time_t time;
-            histories.push_back(h);
-            h = postlog_nvram_read_dir(blk, h, &time);
-            text << histories.back() << "@" << time << " ";
-        }
-        postlog_nvram_close_dir(blk);
-        std::for_each(histories.begin(), histories.end(), read);
-    });
+    const string text = test::log_text(device_access::post_log(blk));
     closings = 0;
-    return text.str() + printed.out + printed.err;
+    return text;
 }
 
 // A chassis with the sample logs, which the library opens and a client's function closes.
@@ -184,16 +163,24 @@ string not_mapped(const string &routine, const string &what = "access")
 
 TEST_P(post_either_way, the_logs_of_a_chassis_are_walked_and_read)
 {
-    EXPECT_EQ(log_text(event), "0@1700000000 -2\n24 'power-on reset' 192 'memory sized: 20' "
-                               "360 'handing over to ' ");
-    EXPECT_EQ(log_text(results), "2@1700172805 1@1700086405 0@1700000005 -2\n"
-                                 "3300 'DRAM march: pass' 3372 'PCIe link: pass' \n"
-                                 "1668 'DRAM march: pass' 1740 'PCIe link: FAIL' \n"
-                                 "36 'DRAM march: pass' 108 'PCIe link: pass' ");
-    EXPECT_EQ(log_text(errors), "1@1700086406 -2\n3300 'PCIe link: slot ' ");
+    EXPECT_EQ(log_of(event),
+              "0: power-on reset|memory sized: 2048 MB|handing over to the kernel, ");
+    EXPECT_EQ(log_of(results), "2: DRAM march: pass|PCIe link: pass, 1: DRAM march: pass|PCIe "
+                               "link: FAIL, 0: DRAM march: pass|PCIe link: pass, ");
+    EXPECT_EQ(log_of(errors), "1: PCIe link: slot SW2 trained to x1, expected x4, ");
     use(ring);
-    EXPECT_EQ(log_text(results), "1@1073741824 0@1000 3@3000 -2\n1060 'newest' \n"
-                                 "36 'oldest' 108 'last of it' \n3108 'older' ");
+    EXPECT_EQ(log_of(results), "1: newest, 0: oldest|last of it, 3: older, ");
+    POST(postlog_nvram_open_dir(results), 1);
+    for (const auto &[history, next_history, shown_time, position, next_entry] :
+         {std::tuple(1, 0, 0x40000000, 1060, -2), {0, 3, 1000, 36, 108}, {3, -2, 3000, 3108, -2}}) {
+        time_t time;
+        char message[7];
+        POST(postlog_nvram_read_dir(results, history, &time), next_history);
+        EXPECT_EQ(time, shown_time);
+        POST(postlog_nvram_open_log(results, history), position);
+        POST(postlog_nvram_read_log(results, position, &time, message, 7), next_entry);
+        EXPECT_EQ(time, shown_time);
+    }
     time_t time = 1;
     DOES(postlog_nvram_read_dir(results, 2, &time), -2);
     EXPECT_EQ(time, 0) << "an empty history";
@@ -387,7 +374,7 @@ TEST_P(post_either_way, a_flipped_bit_is_never_shown_as_an_entry)
         const size_t at = bit / 8;
         const auto hits = [&](size_t first, size_t size) { return at - first < size; };
         flip(at, bit % 8);
-        const string listed = log_text(results);
+        const string listed = log_of(results);
         const string dumped = test::output_of([] { postlog_nvram_dump_all_log_msgs(results); }).out;
         for (const auto &[history, k, message] :
              {std::tuple(0, 0, "AAAA"), {0, 1, "BBBB"}, {1, 0, "CCCC"}}) {

@@ -1,6 +1,6 @@
 #include "support/pod_log.h"
 
-#include "support/test.h"
+#include "support/log_text.h"
 
 #include <algorithm>
 #include <array>
@@ -44,8 +44,6 @@ extern "C" ssize_t pwrite(int fd, const void *data, size_t size, off_t position)
 
 namespace test
 {
-namespace
-{
 
 int eeprom_file(int number)
 {
@@ -56,45 +54,9 @@ int eeprom_file(int number)
     return file;
 }
 
-} // namespace
-
-std::string log_text(const log_reader &log)
-{
-    std::vector<int> histories;
-    time_t ts;
-    int history = log.open_dir();
-    for (; history >= 0 && histories.size() < 100; history = log.read_dir(history, &ts))
-        histories.push_back(history);
-    if (!histories.empty())
-        log.close_dir();
-    std::string text = history == -2 ? "" : "!";
-    for (int each : histories) {
-        text += std::to_string(each) + ":";
-        int position = log.open_log(each);
-        for (int limit = 1000; position > 0 && limit > 0; --limit) {
-            char msg[65] = "";
-            position = log.read_log(position, &ts, msg, 64);
-            text.append(1, text.back() == ':' ? ' ' : '|').append(msg);
-        }
-        log.close_log();
-        text += position == -2 ? ", " : "!, ";
-    }
-    return text;
-}
-
 std::string eeprom_path(int number)
 {
     return "/proc/self/fd/" + std::to_string(eeprom_file(number));
-}
-
-int read_eeprom(int number, uint32_t position, uint8_t *buffer, uint32_t size)
-{
-    return static_cast<int>(::pread(eeprom_file(number), buffer, size, position));
-}
-
-int write_eeprom(int number, uint32_t position, const uint8_t *buffer, uint32_t size)
-{
-    return static_cast<int>(::pwrite(eeprom_file(number), buffer, size, position));
 }
 
 const pod_storage pod_storages[3] = {
@@ -146,15 +108,24 @@ int pod_storage::add_parts(const char *level, const char *diag, const char *ret,
     return result;
 }
 
+// As a walk wants it.
+struct device_0 {
+    const pod_log_calls &calls;
+
+    int open_dir() const { return calls.open_dir(0); }
+    int read_dir(int history, time_t *time) const { return calls.read_dir(0, history, time); }
+    void close_dir() const { calls.close_dir(0); }
+    int open_log(int history) const { return calls.open_log(0, history); }
+    int read_log(int position, time_t *time, char *text, uint32_t size) const
+    {
+        return calls.read_log(0, position, time, text, size);
+    }
+    void close_log(int) const { calls.close(0); }
+};
+
 std::string pod_storage::text() const
 {
-    return log_text({[this] { return open_dir(0); },
-                     [this](int history, time_t *ts) { return read_dir(0, history, ts); },
-                     [this] { close_dir(0); }, [this](int history) { return open_log(0, history); },
-                     [this](int position, time_t *ts, char *msg, uint32_t size) {
-                         return read_log(0, position, ts, msg, size);
-                     },
-                     [this] { close(0); }});
+    return log_text(device_0{*this});
 }
 
 std::string words(std::initializer_list<uint32_t> values)
@@ -162,14 +133,6 @@ std::string words(std::initializer_list<uint32_t> values)
     std::string text;
     for (uint32_t value : values)
         text += chassis_sim::number(chassis_sim::byte_order::little, value, 4);
-    return text;
-}
-
-std::string cat(std::initializer_list<std::string_view> parts)
-{
-    std::string text;
-    for (std::string_view part : parts)
-        text += part;
     return text;
 }
 

@@ -8,14 +8,12 @@
 #include <device_access/pod_log_nvram.h>
 
 #include <climits>
-#include <functional>
 #include <initializer_list>
 #include <iosfwd>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include <sys/types.h>
+#include <unistd.h>
 
 namespace test
 {
@@ -50,20 +48,6 @@ struct pod_log_calls {
             podlog_##x##_set_pod_info                                                              \
     }
 
-// The reading calls of one log.
-struct log_reader {
-    std::function<int()> open_dir;
-    std::function<int(int history, time_t *ts)> read_dir;
-    std::function<void()> close_dir;
-    std::function<int(int history)> open_log;
-    std::function<int(int position, time_t *ts, char *msg, uint32_t size)> read_log;
-    std::function<void()> close_log;
-};
-
-// All histories with their messages, the newest first: "2: one|two, 0: old, ". A "!" stands where
-// the log could not be read.
-std::string log_text(const log_reader &log);
-
 // The library's calls of time(), usleep() and pwrite() come here first.
 inline time_t now = 1700000000;
 struct pause_record {
@@ -75,19 +59,18 @@ inline long bytes_left = LONG_MAX; // until no more are written: the call fails,
 inline bool dies_then = false;     // the process dies
 
 // EEPROMs of 8300 bytes, in files that child processes share, and how the library reaches them.
+int eeprom_file(int number);
 std::string eeprom_path(int number);
-int read_eeprom(int number, uint32_t position, uint8_t *buffer, uint32_t size);
-int write_eeprom(int number, uint32_t position, const uint8_t *buffer, uint32_t size);
 
 template <int Number>
 int eeprom_reader(uint32_t position, uint8_t *buffer, uint32_t size)
 {
-    return read_eeprom(Number, position, buffer, size);
+    return static_cast<int>(::pread(eeprom_file(Number), buffer, size, position));
 }
 template <int Number>
 int eeprom_writer(uint32_t position, uint8_t *buffer, uint32_t size)
 {
-    return write_eeprom(Number, position, buffer, size);
+    return static_cast<int>(::pwrite(eeprom_file(Number), buffer, size, position));
 }
 template <int Number>
 void bind_eeprom(int id)
@@ -127,7 +110,6 @@ extern const pod_storage pod_storages[3]; // NVRAM, file, EEPROM
 void PrintTo(const pod_storage &storage, std::ostream *stream);
 
 std::string words(std::initializer_list<uint32_t> values);
-std::string cat(std::initializer_list<std::string_view> parts);
 void put(std::string &image, size_t position, const std::string &record);
 
 } // namespace test

@@ -35,12 +35,6 @@ std::string failures_of(int error, const std::function<result()> &operation);
 // Whether allocations are made to fail: not under the address sanitizer.
 extern const bool heap_can_fail;
 
-// Whether allocations fail: the address sanitizer keeps the heap to itself.
-extern const bool heap_can_fail;
-
-// Whether allocations fail: the address sanitizer keeps the heap to itself.
-extern const bool heap_can_fail;
-
 // How often the operation makes each system call, by its name; "#N" for one without a name here.
 // One that does not end normally has made {{"did not end", 1}}.
 using call_counts = std::map<std::string, int>;
