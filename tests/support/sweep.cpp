@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string_view>
 
+#include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -82,52 +83,6 @@ namespace test
 namespace
 {
 
-struct call_name {
-    long number;
-    const char *name;
-    int path = -1; // which argument is one
-};
-constexpr call_name names[] = {
-    {SYS_access, "access", 0},
-    {SYS_clock_nanosleep, "nanosleep"},
-    {SYS_close, "close"},
-    {SYS_fstat, "stat"},
-    {SYS_getdents64, "getdents64"},
-    {SYS_getxattr, "getxattr", 0},
-    {SYS_ioctl, "ioctl"},
-    {SYS_lseek, "lseek"},
-    {SYS_lstat, "stat", 0},
-    {SYS_mkdir, "mkdir", 0},
-    {SYS_mknod, "mknod", 0},
-    {SYS_mmap, "mmap"},
-    {SYS_munmap, "munmap"},
-    {SYS_open, "open", 0},
-    {SYS_openat, "open", 1},
-    {SYS_poll, "poll"},
-    {SYS_pread64, "pread"},
-    {SYS_pwrite64, "pwrite"},
-    {SYS_read, "read"},
-    {SYS_readlink, "readlink", 0},
-    {SYS_stat, "stat", 0},
-    {SYS_statx, "stat", 1},
-    {SYS_timerfd_create, "timerfd_create"},
-    {SYS_timerfd_settime, "timerfd_settime"},
-    {SYS_umask, "umask"},
-    {SYS_write, "write"},
-#ifdef __x86_64__
-    {SYS_newfstatat, "stat", 1},
-#else
-    {SYS_clock_nanosleep_time64, "nanosleep"},
-    {SYS_fstat64, "stat"},
-    {SYS_fstatat64, "stat", 1},
-    {SYS__llseek, "lseek"},
-    {SYS_lstat64, "stat", 0},
-    {SYS_mmap2, "mmap"},
-    {SYS_stat64, "stat", 0},
-    {SYS_timerfd_settime64, "timerfd_settime"},
-#endif
-};
-
 // What the child tells of its run.
 struct report {
     bool allocation_failed;
@@ -201,23 +156,33 @@ std::string text_at(pid_t pid, uint64_t address)
     }
 }
 
-std::string describe(pid_t pid, const stopped_call &call, bool with_path)
-{
-    std::string text;
-    for (const call_name &known : names) {
-        if (known.number != call.number)
-            continue;
-        text = known.name;
-        if (with_path && known.path >= 0)
-            text.append(1, ' ').append(text_at(pid, call.arguments[known.path]));
-        return text;
-    }
-    return text.append(1, '#').append(std::to_string(call.number));
-}
-
 bool is_one_of(const std::string &name, std::initializer_list<std::string_view> calls)
 {
     return std::find(calls.begin(), calls.end(), name) != calls.end();
+}
+
+// A call's name, without what differs from one machine to another.
+std::string name_of(const stopped_call &call)
+{
+    char *const name =
+        ::seccomp_syscall_resolve_num_arch(SCMP_ARCH_NATIVE, static_cast<int>(call.number));
+    std::string text = name ? name : "unknown";
+    ::free(name);
+    for (const char *kind :
+         {"lseek", "mmap", "nanosleep", "open", "pread", "pwrite", "stat", "timerfd_settime"})
+        if (text.find(kind) != text.npos)
+            text = kind;
+    return text;
+}
+
+// Its path, which is its first or second argument, if it has one.
+std::string path_of(pid_t pid, const stopped_call &call)
+{
+    if (!is_one_of(name_of(call),
+                   {"access", "getxattr", "mkdir", "mknod", "mknodat", "open", "readlink", "stat"}))
+        return "";
+    const std::string first = text_at(pid, call.arguments[0]);
+    return ' ' + (first.empty() ? text_at(pid, call.arguments[1]) : first);
 }
 
 // The heap's own calls and the output to the standard streams do not fail.
@@ -306,13 +271,13 @@ private:
 
     void see(const stopped_call &call)
     {
-        const std::string name = describe(pid_, call, false);
+        const std::string name = name_of(call);
         ++counts_[name];
         if (!may_fail(name, call))
             return;
         const bool chosen = failing_-- == 0;
         if (chosen)
-            failed_ = describe(pid_, call, true);
+            failed_ = name + path_of(pid_, call);
         fails_with_ = chosen ? error_ : broken_ ? later_ : 0;
         broken_ = broken_ || chosen;
         if (fails_with_ != 0 && !is_one_of(name, {"close", "munmap"}))

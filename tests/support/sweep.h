@@ -35,8 +35,8 @@ std::string failures_of(int error, const std::function<result()> &operation);
 // Whether allocations are made to fail: not under the address sanitizer.
 extern const bool heap_can_fail;
 
-// How often the operation makes each system call, by its name; "#N" for one without a name here.
-// One that does not end normally has made {{"did not end", 1}}.
+// How often the operation makes each system call, by its name: "open", "stat" and the like stand
+// for all calls of their kind. One that does not end normally has made {{"did not end", 1}}.
 using call_counts = std::map<std::string, int>;
 call_counts system_calls_of(const std::function<void()> &operation);
 
