@@ -71,17 +71,8 @@ std::string registry()
     return text + output_of([] { nvram_dump_podstatus_inst_mapping(0); }).out;
 }
 
-storage_info_t row(const char *name, int id, pod_storage_type_t type, int device, int eeprom = -1)
-{
-    storage_info_t one = {};
-    std::strncpy(one.inst_name, name, sizeof one.inst_name - 1);
-    one.inst_id = id;
-    one.type = type;
-    one.storage_inst_id = device;
-    one.secondary_storage_type = eeprom < 0 ? POD2NDSTORAGE_NONE : POD2NDSTORAGE_EEPROM;
-    one.secondary_storage_inst_id = eeprom;
-    return one;
-}
+constexpr pod_secondary_storage_type_t none = POD2NDSTORAGE_NONE;
+constexpr pod_secondary_storage_type_t eeprom = POD2NDSTORAGE_EEPROM;
 
 void configure(const std::vector<storage_info_t> &rows)
 {
@@ -113,7 +104,7 @@ TEST(pod_registry, has_the_rows_of_each_chassis)
 
 TEST(pod_registry, refuses_an_unknown_chassis_and_keeps_the_rest_of_the_name_fields)
 {
-    configure({row("0123456789kept", 1, PODSTORAGE_FILE, 3)});
+    configure({{"0123456789kept", 1, PODSTORAGE_FILE, 3, none, -1}});
     SetChassisType(ChassisType_1st_Stack);
     for (int type : {3, -1})
         EXPECT_EQ(output_of([&] { podlog_config_pod_storage_n20_n10(type, 0); }).out,
@@ -129,8 +120,9 @@ TEST(pod_registry, refuses_an_unknown_chassis_and_keeps_the_rest_of_the_name_fie
 TEST(pod_registry, copes_with_any_table)
 {
     pod_storage_info_t info = {};
-    std::fill(std::begin(info.dev), std::end(info.dev), row("X", 5, PODSTORAGE_FILE, 0));
-    info.dev[0] = row("FIRST", 5, PODSTORAGE_EEPROM, 1);
+    std::fill(std::begin(info.dev), std::end(info.dev),
+              storage_info_t{"X", 5, PODSTORAGE_FILE, 0, none, -1});
+    info.dev[0] = {"FIRST", 5, PODSTORAGE_EEPROM, 1, none, -1};
     std::memset(info.dev[1].inst_name, 'x', sizeof info.dev[1].inst_name);
     for (int count : {0, -3}) {
         info.num_storage = count;
@@ -177,9 +169,11 @@ constexpr int pm1 = 8; // a type that does not exist, secondary EEPROM 3
 constexpr int pm2 = 9; // NVRAM 0 too, secondary EEPROM 3
 void configure_one_of_each()
 {
-    configure({row("PM1", pm1, static_cast<pod_storage_type_t>(7), 0, 3),
-               row("RP1", rp1, PODSTORAGE_NVRAM, 0), row("SW1", sw1, PODSTORAGE_FILE, 2, 2),
-               row("FT1", ft1, PODSTORAGE_EEPROM, 0, 2), row("PM2", pm2, PODSTORAGE_NVRAM, 0, 3)});
+    configure({{"PM1", pm1, static_cast<pod_storage_type_t>(7), 0, eeprom, 3},
+               {"RP1", rp1, PODSTORAGE_NVRAM, 0, none, -1},
+               {"SW1", sw1, PODSTORAGE_FILE, 2, eeprom, 2},
+               {"FT1", ft1, PODSTORAGE_EEPROM, 0, eeprom, 2},
+               {"PM2", pm2, PODSTORAGE_NVRAM, 0, eeprom, 3}});
 }
 
 const std::string sw1_path = "/var/pod/pod_sw1.hex";
@@ -290,7 +284,8 @@ TEST(pod_front_end, prepares_every_storage_and_brings_formatted_arguments_into_i
     EXPECT_NE(read_card("FT1").find("|59, "), std::string::npos);
     bytes_left = 0;
     DOES(add(ft1, "x"), -1);
-    configure({row("SW1", sw1, PODSTORAGE_FILE, 2, 2), row("FT1", ft1, PODSTORAGE_EEPROM, 0)});
+    configure({{"SW1", sw1, PODSTORAGE_FILE, 2, eeprom, 2},
+               {"FT1", ft1, PODSTORAGE_EEPROM, 0, none, -1}});
     DOES(podlog_chk_storage_integrity(), 1);
 }
 
@@ -302,23 +297,23 @@ const std::string no_eeprom =
 
 TEST(pod_secondary, is_told_apart_from_none_and_from_unknown_kinds)
 {
-    configure_one_of_each();
-    const auto none = [](const std::string &name) {
+    start_chassis();
+    const auto without = [](const std::string &name) {
         return "ERROR: podlog_" + name + ": No secondary storage for instance 2!\n";
     };
     DOES(podlog_select_primary_secondary_storage(rp1, 0), -1,
-         none("select_primary_secondary_storage"));
+         without("select_primary_secondary_storage"));
     DOES(podlog_unbind_secondary_log_access_func(rp1), -1,
-         none("unbind_secondary_log_access_func"));
+         without("unbind_secondary_log_access_func"));
     DOES(podlog_bind_secondary_log_access_func(rp1, nullptr, nullptr), -1,
-         none("bind_secondary_log_access_func"));
+         without("bind_secondary_log_access_func"));
     DOES(podlog_cpy_curr_subblock_to_secondary(rp1), 1);
 
     // Switched to a secondary storage that a new registry no longer has.
     DOES(podlog_select_primary_secondary_storage(sw1, 0), 1);
-    storage_info_t other = row("FT1", ft1, PODSTORAGE_FILE, 2);
-    other.secondary_storage_type = static_cast<pod_secondary_storage_type_t>(7);
-    configure({other, row("RP1", rp1, PODSTORAGE_NVRAM, 0), row("SW1", sw1, PODSTORAGE_FILE, 2)});
+    configure({{"FT1", ft1, PODSTORAGE_FILE, 2, static_cast<pod_secondary_storage_type_t>(7), -1},
+               {"RP1", rp1, PODSTORAGE_NVRAM, 0, none, -1},
+               {"SW1", sw1, PODSTORAGE_FILE, 2, none, -1}}); // the row that it had
     DOES(podlog_select_primary_secondary_storage(ft1, 0), -1);
     DOES(podlog_init(sw1, 0), 1);
     DOES(podlog_use_nxt_log(sw1), -1);
@@ -364,7 +359,7 @@ TEST(pod_secondary, gets_a_copy_of_the_newest_history)
         bytes_left = LONG_MAX;
         bind_eeprom<2>(2);
         const std::string image = read_file(eeprom_path(2));
-        configure({row("FT2", 7, PODSTORAGE_EEPROM, 2)});
+        configure({{"FT2", 7, PODSTORAGE_EEPROM, 2, none, -1}});
         std::string text = read_card("FT2") + std::to_string(image[36]);
         configure_one_of_each();
         podlog_init(sw1, 0);
@@ -439,15 +434,13 @@ TEST(pod_status, is_a_word_of_the_instance_and_an_injected_fault_a_bit)
         put(image, position, words({word}));
         EXPECT_EQ(difference(read_file("/dev/nvlog-pod"), image), "") << word;
     };
-    const struct {
-        uint32_t stored, read;
-        const char *text;
-    } cases[] = {{0, 0, "Passed"},
-                 {1, 0x0FFFFFFF, "Unrecognized!"},
-                 {0x0FFFFFFF, 0x0FFFFFFF, "Failed"},
-                 {0x7FFFFFFF, 0x0FFFFFFF, "Unrecognized!"},
-                 {0x80000000, 0x80000000, "Invalid"},
-                 {0xFFFFFFFF, 0x80000000, "Unrecognized!"}};
+    const std::tuple<uint32_t, uint32_t, const char *> cases[] = {
+        {0, 0, "Passed"},
+        {1, 0x0FFFFFFF, "Unrecognized!"},
+        {0x0FFFFFFF, 0x0FFFFFFF, "Failed"},
+        {0x7FFFFFFF, 0x0FFFFFFF, "Unrecognized!"},
+        {0x80000000, 0x80000000, "Invalid"},
+        {0xFFFFFFFF, 0x80000000, "Unrecognized!"}};
     for (const auto &[stored, read, text] : cases) {
         DOES(podlog_set_pod_status(20, static_cast<int>(stored)), 1);
         expect_word(16312 + 4 * 6, stored);

@@ -22,11 +22,7 @@ TEST(pod_log_recovery, guesses_the_history_with_the_newest_first_entry_or_resets
     row.num_subblock = 4;
     device_access::pod_log_ring ring = device_access::nvram_ring(0);
     const device_access::pod_index index = {layout.magic, 9, 1600, 0};
-    const struct {
-        std::vector<chassis_sim::pod_run> runs;
-        int headers, result;
-        uint32_t current;
-    } cases[] = {
+    const std::tuple<std::vector<chassis_sim::pod_run>, int, int, uint32_t> cases[] = {
         {{{}, {{30, ""}}, {{40, ""}}, {{40, ""}}}, 2, 1, 2}, // the lower number wins a tie
         {{{{10, ""}}, {}, {{99, ""}}, {{99, ""}}}, 2, 1, 0}, // an empty one ends the search
         {{{{10, ""}}}, 1, -1, 0},                            // all good is not enough

@@ -7,6 +7,7 @@
 #include <device_access/pod_log_crc_tmp.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <filesystem>
 #include <map>
@@ -46,12 +47,12 @@ protected:
         bind_eeprom<0>(0);
         if (is_eeprom)
             s.path = eeprom_path(0);
-        s.set(s.image());
+        write_file(s.path, s.image());
     }
 
     void open(const std::string &image) const
     {
-        s.set(image);
+        write_file(s.path, image);
         ASSERT_EQ(s.init(0, 0), 1);
     }
 };
@@ -65,14 +66,14 @@ TEST_P(storage, formats_adds_and_moves_on_byte_for_byte)
 {
     open(std::string(s.layout.size, '\0'));
     std::string image = s.image();
-    ASSERT_EQ(difference(s.contents(), image), "");
+    ASSERT_EQ(difference(read_file(s.path), image), "");
     now = 1700000001;
     DOES(s.add_parts("INFO ", "memtest", "ok", "%d%% of %llx, %s", 50, 0x123456789ULL, "done"), 1);
     now = static_cast<time_t>(0x80000002); // beyond 32 signed bits
     DOES(s.add_text("second"), 1);
     image = s.image(0, {{{1700000001, "INFO memtest  ok  50% of 123456789, done"},
                          {0xFFFFFFFF80000002, "second"}}});
-    EXPECT_EQ(difference(s.contents(), image), "");
+    EXPECT_EQ(difference(read_file(s.path), image), "");
 
     // Messages are not cleared, only entry headers, at the fixed distance.
     DOES(s.set_curr_log_status(0, 1), 1);
@@ -81,10 +82,10 @@ TEST_P(storage, formats_adds_and_moves_on_byte_for_byte)
     put(image, s.header_at(0), s.image().substr(s.header_at(0), 36));
     put(image, s.entry_at(0, 1), std::string(16, '\0'));
     put(image, 0, is_file ? s.index(0) : "");
-    EXPECT_EQ(difference(s.contents(), image), "");
+    EXPECT_EQ(difference(read_file(s.path), image), "");
     DOES(s.use_nxt_log(0), 1);
     put(image, index_position, s.index(1));
-    EXPECT_EQ(difference(s.contents(), image), "");
+    EXPECT_EQ(difference(read_file(s.path), image), "");
 }
 
 TEST_P(storage, formatting_clears_an_entry_header_every_80_bytes)
@@ -103,16 +104,15 @@ TEST_P(storage, formatting_clears_an_entry_header_every_80_bytes)
                 put(image, s.entry_at(history, slot), std::string(16, '\0'));
             put(image, s.header_at(history), pod_header(size, 0, s.entry_at(history, 0)));
         }
-        EXPECT_EQ(difference(s.contents(), image), "") << size;
+        EXPECT_EQ(difference(read_file(s.path), image), "") << size;
     }
 }
 
 TEST_P(storage, composes_the_message_within_64_bytes)
 {
     const auto of = [](char c, size_t count) { return std::string(count, c); };
-    const struct {
-        std::string level, diag, ret, text, message;
-    } cases[] = {
+    const std::array<std::string, 5> cases[] = {
+        {"", "", "", "", ""},
         {"L", "", "r", "t", "Lr  t"},
         {"L", of('d', 100), "r", "t", 'L' + of('d', 61) + ' '},
         {"L", of('d', 58), "rr", "t", 'L' + of('d', 58) + "  r "},
@@ -129,7 +129,7 @@ TEST_P(storage, composes_the_message_within_64_bytes)
         s.close(0);
         std::string area = of('#', 64);
         put(area, 0, message + '\0');
-        EXPECT_EQ(s.contents().substr(s.entry_at(0, 0) + 16, 64), area) << message;
+        EXPECT_EQ(read_file(s.path).substr(s.entry_at(0, 0) + 16, 64), area) << message;
     }
 }
 
@@ -141,11 +141,11 @@ TEST_P(storage, overwrites_the_last_entry_of_a_full_history)
         open(s.image());
         for (uint32_t i = 1; i < room; ++i)
             DOES(s.add_text("entry"), 1);
-        std::string image = s.contents();
+        std::string image = read_file(s.path);
         for (const char *text : {"last", "late"}) {
             DOES(s.add_text(text), 0);
             put(image, s.entry_at(0, room - 1), pod_entry(static_cast<uint64_t>(now), 64) + text);
-            EXPECT_EQ(difference(s.contents(), image), ""); // the header still counts one less
+            EXPECT_EQ(difference(read_file(s.path), image), ""); // the header still counts one less
         }
         s.close(0);
     }
@@ -156,7 +156,8 @@ TEST_P(storage, overwrites_the_last_entry_of_a_full_history)
 TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)
 {
     s.describe(3, 416);
-    s.set(s.image(1, {{{1000, "old"}}, {{0x90000000, "new"}, {0x90000001, "newer"}}, {}}));
+    write_file(s.path,
+               s.image(1, {{{1000, "old"}}, {{0x90000000, "new"}, {0x90000001, "newer"}}, {}}));
     EXPECT_EQ(s.text(), "1: new|newer, 0: old, ");
 
     const long held = is_eeprom ? 0 : 1; // descriptors while it is open
@@ -182,13 +183,13 @@ TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)
     if (s.read_raw_log) {
         DOES(s.read_raw_log(0, first + 80, raw.get()), -2);
         EXPECT_EQ(std::string(raw.get(), raw.get() + 80),
-                  s.contents().substr(s.entry_at(1, 1), 80));
+                  read_file(s.path).substr(s.entry_at(1, 1), 80));
     }
     s.close(0);
     for (int none : {2, 3, -2})
         EXPECT_EQ(s.open_log(0, none), -1);
 
-    s.set(s.image());
+    write_file(s.path, s.image());
     DOES(s.open_dir(0), -2);
 
     // Checksums count, and nothing else: neither the version nor entries that are not in use.
@@ -197,7 +198,7 @@ TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)
     put(image, s.header_at(0), words({chassis_sim::cksum(header)}) + header);
     put(image, s.entry_at(0, 0), pod_entry(5, 64) + "changed");
     put(image, s.entry_at(1, 0), pod_entry(6, 64));
-    s.set(image);
+    write_file(s.path, image);
     EXPECT_EQ(s.text(), "0: changed, ");
 }
 
@@ -241,7 +242,7 @@ TEST_P(storage, dumps_histories_newest_first)
 
 TEST_P(storage, ids_without_a_device_fail_and_change_nothing)
 {
-    s.set("");
+    write_file(s.path, "");
     bind_eeprom<0>(6);
     for (int id : {-1, is_file ? 17 : s.is_nvram() ? 2 : 6, 1000000, INT_MIN, INT_MAX}) {
         time_t ts;
@@ -258,7 +259,7 @@ TEST_P(storage, ids_without_a_device_fail_and_change_nothing)
         };
         EXPECT_EQ(outcome_of(sum_of_all).value, -11) << id;
     }
-    EXPECT_EQ(s.contents(), "");
+    EXPECT_EQ(read_file(s.path), "");
 }
 
 TEST_P(storage, bears_and_reports_numbers_that_make_no_sense)
@@ -272,48 +273,43 @@ TEST_P(storage, bears_and_reports_numbers_that_make_no_sense)
     resized.layout.history_size = 432;
     const auto raw = std::make_unique<uint8_t[]>(80); // exactly as much as is asked for
     time_t ts;
-    const struct {
-        size_t position;
-        std::string record, found;
-        int added;
-        std::string err = ""; // of the add
-    } cases[] = {
+    const std::tuple<size_t, std::string, std::string, int, std::string> cases[] = {
         {index_position, words({7}), "!", -1, s.is_nvram() ? "" : invalid},
         {index_position, s.index(3), "!", -1, invalid},
         {index_position, resized.index(0), "0: x, ", s.is_nvram() ? -1 : 1,
          s.is_nvram() ? "get_curr_log_hdr_pos: corrupted log size 0x1b0 in the structure!\n" : ""},
-        {s.header_at(0), pod_header(0, 80, start), "0: x, ", 0},
-        {s.header_at(0), pod_header(0xFFFFFFF0, 80, start), "0: x, ", 0},
-        {s.header_at(0), pod_header(416, 0x80000000, start), "!", -1},
-        {s.header_at(0), pod_header(416, 80, 0x80000000), "!", -1},
-        {start, pod_entry(5, 0x7FFFFFC0) + "x", "0:!, ", 1},
-        {start, pod_entry(5, 0xFFFFFFF0) + "x", "0:!, ", 1}, // leads back to itself
-        {start, pod_entry(5, 1000) + "x", "0: x, ", 1},
+        {s.header_at(0), pod_header(0, 80, start), "0: x, ", 0, ""},
+        {s.header_at(0), pod_header(0xFFFFFFF0, 80, start), "0: x, ", 0, ""},
+        {s.header_at(0), pod_header(416, 0x80000000, start), "!", -1, ""},
+        {s.header_at(0), pod_header(416, 80, 0x80000000), "!", -1, ""},
+        {start, pod_entry(5, 0x7FFFFFC0) + "x", "0:!, ", 1, ""},
+        {start, pod_entry(5, 0xFFFFFFF0) + "x", "0:!, ", 1, ""}, // leads back to itself
+        {start, pod_entry(5, 1000) + "x", "0: x, ", 1, ""},
     };
     std::string image = s.image();
     open(image);
     put(image, index_position, words({7}));
-    s.set(image);
+    write_file(s.path, image);
     DOES(s.set_curr_log_status(0, 0), -1);
     DOES(s.use_nxt_log(0), 1);
-    EXPECT_EQ(difference(s.contents(), image), "") << "nothing changed";
+    EXPECT_EQ(difference(read_file(s.path), image), "") << "nothing changed";
     DOES(s.dump_log_msgs(0, 0), -1, s.is_nvram() ? unknown_magic : "");
     DOES(s.dump_log_msgs(0, 3), -1,
          "ERROR: " + s.name + "_get_log_hdr_pos: invalid index 3; must less than 3!\n");
     s.close(0);
-    for (const auto &[position, record, found, added, err] : cases) {
+    for (const auto &[position, record, found, added, err_of_add] : cases) {
         image = s.image(0, {{{5, "x"}}});
         put(image, position, record);
-        s.set(image);
+        write_file(s.path, image);
         EXPECT_EQ(s.text(), found);
         open(s.image());
-        s.set(image);
+        write_file(s.path, image);
         for (uint32_t at : {start, 0x7FFFFFFFu, 0x80000000u, ~0u}) {
             s.read_log(0, static_cast<int>(at), &ts, reinterpret_cast<char *>(raw.get()), 80);
             if (s.read_raw_log)
                 s.read_raw_log(0, static_cast<int>(at), raw.get());
         }
-        DOES(s.add_text("y"), added, err);
+        DOES(s.add_text("y"), added, err_of_add);
         s.close(0);
     }
 }
@@ -325,9 +321,9 @@ TEST_P(storage, shows_no_record_that_its_end_cuts_off)
     std::string seen;
     std::string last;
     for (uint32_t size = index_position; size <= s.entry_at(0, 2) + 16; ++size) {
-        s.set(image); // whose records must not be seen again behind the end of the next
+        write_file(s.path, image); // what has been read before must not be seen again
         s.text();
-        s.set(image.substr(0, size));
+        write_file(s.path, image.substr(0, size));
         const std::string found = s.text();
         if (found != last)
             seen += printed("%u %s\n", size, found.c_str());
@@ -344,7 +340,7 @@ TEST_P(storage, bears_any_configuration)
     for (int histories : {0, -1, INT_MIN, 1})
         for (int mem_size : {16384, 0, 40, 120, -1, INT_MIN})
             for (int msg_size : {64, 0, -1, INT_MIN, INT_MAX}) {
-                s.set(std::string(16384, '\0'));
+                write_file(s.path, std::string(16384, '\0'));
                 s.set_pod_info(0, s.path.data(), mem_size, histories, msg_size, ~0u);
                 s.init(0, 0);
                 s.add_text("x");
@@ -390,13 +386,13 @@ TEST_P(storage, each_failing_call_gives_the_documented_result)
          "Rrrrrrrrrr"},
     };
     for (const auto &c : cases) {
-        s.set(c.before);
+        write_file(s.path, c.before);
         if (c.kind >= opened)
             c.kind == opened ? s.init(0, 0) : s.open_dir(0);
         std::string seen;
         std::string told;
         fail_each_call(EIO, c.call, [&](const run &one) {
-            s.set(c.before);
+            write_file(s.path, c.before);
             const auto &[value, err, out, error, opens] = one.seen;
             const char letter = one.failed[1]; // of pread, pwrite, open, mkdir, close
             const bool fails = value.number < 0;
@@ -468,7 +464,7 @@ protected:
 
     std::string state_of(const std::string &image)
     {
-        s.set(image);
+        write_file(s.path, image);
         const std::string found = s.text();
         const bool opens = outcome_of([&] { return s.init(0, 0); }).value == 1;
         const bool adds = outcome_of([&] { return s.add_text("+"); }).value.number >= 0;
@@ -479,11 +475,11 @@ protected:
         return adds ? found + "-> " + added + ";" : "damaged";
     }
 
-    // Does the work on this image until it has written so many bytes; whether it was through. A
-    // process that dies then is another one.
+    // Does the work on this image until it has written so many bytes, in a process of its own if
+    // that dies then; whether it was through.
     bool cut(const std::string &image, const std::function<int()> &work, long bytes) const
     {
-        s.set(image);
+        write_file(s.path, image);
         const pid_t pid = dies_then ? ::fork() : 0;
         int status = 0;
         if (pid != 0) {
@@ -512,7 +508,7 @@ protected:
         for (long bytes = 0; !through; ++bytes) {
             through = cut(
                 image, [this] { return s.add_text("+"); }, bytes);
-            state_of(s.contents());
+            state_of(read_file(s.path));
             EXPECT_TRUE(added == once || added == twice || added.empty()) << once << added;
         }
     }
@@ -526,7 +522,7 @@ protected:
         bool through = false;
         for (long bytes = 0; !through; ++bytes) {
             through = cut(before, work, bytes);
-            const std::string image = s.contents();
+            const std::string image = read_file(s.path);
             const std::string state = state_of(image);
             if (state != last)
                 rows += std::to_string(bytes) + name + state + "\n";
@@ -567,10 +563,7 @@ TEST_P(storage, shows_nothing_with_a_wrong_checksum)
     s.describe(3, 196);
     const std::string image = s.image(2, {{{5, "a"}}, {{6, "b"}}, {{7, "c"}, {8, "d"}}});
     // What is found when a bit is flipped; NVRAM whose index or headers are damaged is not opened.
-    const struct {
-        size_t position, size;
-        std::string found;
-    } records[] = {
+    const std::tuple<size_t, size_t, std::string> records[] = {
         {s.header_at(0), 20, s.is_nvram() ? "!" : "2: c|d, 1: b, "},
         {s.entry_at(0, 0), 16, "2: c|d, 1: b, "},
         {s.header_at(1), 20, s.is_nvram() ? "!" : "2: c|d, 0: a, "},
@@ -583,7 +576,7 @@ TEST_P(storage, shows_nothing_with_a_wrong_checksum)
     const auto flip = [&](size_t bit) {
         std::string other = image;
         other[bit / 8] = static_cast<char>(other[bit / 8] ^ 1 << bit % 8);
-        s.set(other);
+        write_file(s.path, other);
         return s.text();
     };
     for (const auto &[position, size, found] : records)
@@ -631,7 +624,7 @@ TEST_F(pod_nvram, makes_the_node_of_the_block_it_finds_and_holds_it_alone)
     server.start();
     ASSERT_EQ(s.init(0, 0), 1);
     s.close(0);
-    EXPECT_EQ(difference(s.contents(), good), "");
+    EXPECT_EQ(difference(read_file(s.path), good), "");
     DOES(s.init(0, 1), 1, "", "", any_error, 1);
     const int held = std::exchange(_nvram_dev_info[0].fd, -1);
     DOES(s.init(0, 0), -1); // a busy device is no news
@@ -645,11 +638,11 @@ TEST_F(pod_nvram, says_why_there_is_no_device)
     const auto open = [&] { return podlog_nvram_open_dev_file(0, &fd, 1); };
     DOES(open(), 0, no_number, " No nvram0 dev file!\n");
     EXPECT_EQ(fd, -1);
-    EXPECT_EQ(pauses.count, 20) << "one after each attempt";
-    EXPECT_GE(pauses.shortest, 500u);
-    EXPECT_LE(pauses.longest, 1499u);
+    EXPECT_EQ(pauses, 20) << "one after each attempt";
+    EXPECT_GE(shortest_pause, 500u);
+    EXPECT_LE(longest_pause, 1499u);
 
-    s.set("");
+    write_file(s.path, "");
     const auto open_as_0 = [&] { // the lowest descriptor is not taken, nor left open
         ::close(0);
         const int result = open();
@@ -698,11 +691,7 @@ TEST_F(pod_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
     const std::string warning =
         "WARNING: podlog_nvram_init: Block index structure CRC not matched!\n";
     const std::string reset = "podlog_nvram_reset: reset POD status & fault injection\n";
-    const struct {
-        std::string image;
-        int rdonly, result;
-        std::string out, err;
-    } cases[] = {
+    const std::tuple<std::string, int, int, std::string, std::string> cases[] = {
         {good, 1, 1, "", ""},
         {zeros, 1, -1, zero_dump,
          "ERROR: podlog_nvram_init: checksum incorrect! cannot open for reading!!\n" + zero_crc +
@@ -720,23 +709,23 @@ TEST_F(pod_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
          "ERROR: canot read magic number for NVRAM!\n"},
     };
     for (const auto &[image, rdonly, result, out, err] : cases) {
-        s.set(image);
-        pauses.count = 0;
+        write_file(s.path, image);
+        pauses = 0;
         DOES(s.init(0, rdonly), result, err, out, any_error, result == 1);
-        EXPECT_EQ(pauses.count, image == good ? 9 : pauses.count) << "between two headers";
+        EXPECT_EQ(pauses, image == good ? 9 : pauses) << "between two headers";
         EXPECT_EQ(_nvram_dev_info[0].fd == -1, result == -1);
-        EXPECT_EQ(difference(s.contents(), image == zeros && result == 1 ? good : image), "");
+        EXPECT_EQ(difference(read_file(s.path), image == zeros && result == 1 ? good : image), "");
         output_of([&] { s.close(0); });
     }
 
     // An explicit reset brings back what init refuses.
-    s.set(bad_checksum);
+    write_file(s.path, bad_checksum);
     ASSERT_EQ(podlog_nvram_open_dev_file(0, &_nvram_dev_info[0].fd, 0), 1);
     DOES(s.reset(0), 1, "", reset);
-    EXPECT_EQ(difference(s.contents(), good), "");
+    EXPECT_EQ(difference(read_file(s.path), good), "");
     podlog_nvram_set_magic_number(7);
     DOES(s.reset(0), 1, "", reset);
-    EXPECT_EQ(difference(s.contents(), other_magic), "");
+    EXPECT_EQ(difference(read_file(s.path), other_magic), "");
     s.close(0);
     DOES(s.init(0, 0), 1, "", "", any_error, 1);
 }
@@ -744,7 +733,7 @@ TEST_F(pod_nvram, opens_repairs_or_refuses_by_the_state_of_the_index)
 TEST_F(pod_nvram, reports_misuse_and_refused_transfers)
 {
     uint8_t data[8] = {};
-    s.set(good);
+    write_file(s.path, good);
     DOES(pod_nvram_mem_rd(1, 0, data, 4), 0,
          "ERROR: pod_nvram_mem_rd: nvram 1: cannot access device!\n");
     DOES(pod_nvram_mem_wr(2, 0, data, 4), 0, "ERROR: pod_nvram_mem_wr: cannot access device 2!\n");
@@ -760,12 +749,12 @@ TEST_F(pod_nvram, reports_misuse_and_refused_transfers)
 
     // The current history is that of a verified index.
     put(good, 36, words({1}));
-    s.set(good);
+    write_file(s.path, good);
     DOES(s.dump_curr_log_msgs(0), -1,
          "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0xfffff9f0-0xfffffa03\n",
          "nvram_verify_blk_index: incorrect CRC 0x7708c70f! expected 0x85086d69 "
          "podlog_nvram_dump_curr_log_msgs: curr log =-1 \n");
-    s.set(s.image());
+    write_file(s.path, s.image());
     DOES(s.dump_curr_log_msgs(0), -1, unknown_magic,
          "nvram_verify_blk_index: unexpected magic number 0x7! expected 0x1fe2c365 "
          "podlog_nvram_dump_curr_log_msgs: curr log =-1 \n");
@@ -898,7 +887,7 @@ TEST(pod_eeprom, takes_raw_entries_as_they_are)
     s.path = eeprom_path(0);
     bind_eeprom<0>(0);
     s.describe(2, 260);
-    s.set(s.image());
+    write_file(s.path, s.image());
     DOES(s.init(0, 0), 1);
     std::string image = s.image(0, {{{77, ""}}});
     const std::string warning =
@@ -913,20 +902,20 @@ TEST(pod_eeprom, takes_raw_entries_as_they_are)
     const std::string longest(64, 'm');
     DOES(add(longest + "m"), 1);
     put(image, s.entry_at(0, 0), pod_entry(77, 1234) + longest.substr(1) + '\0');
-    EXPECT_EQ(difference(s.contents(), image), "");
+    EXPECT_EQ(difference(read_file(s.path), image), "");
     for (const std::string &text : {longest, std::string("last")}) {
         DOES(add(text), 0, "", warning);
         put(image, s.entry_at(0, 1),
             pod_entry(77, 1234) + text + std::string(64 - text.size(), '\0'));
-        EXPECT_EQ(difference(s.contents(), image), "");
+        EXPECT_EQ(difference(read_file(s.path), image), "");
     }
 
     image[s.header_at(0)] ^= 1;
-    s.set(image);
+    write_file(s.path, image);
     DOES(add("x"), -1,
          "ERROR: podlog_eeprom_add_raw_log: failed to get next available log position!\n");
     put(image, index_position, words({0}));
-    s.set(image);
+    write_file(s.path, image);
     DOES(add("x"), -1, "ERROR: eeprom_get_curr_log_hdr_pos: invalid index!\n");
 }
 

@@ -20,10 +20,9 @@ extern "C" time_t time(time_t *) noexcept
 
 extern "C" int usleep(useconds_t length)
 {
-    auto &[count, shortest, longest] = test::pauses;
-    ++count;
-    shortest = std::min(shortest, length);
-    longest = std::max(longest, length);
+    ++test::pauses;
+    test::shortest_pause = std::min(test::shortest_pause, length);
+    test::longest_pause = std::max(test::longest_pause, length);
     return 0;
 }
 
@@ -86,16 +85,6 @@ void pod_storage::describe(uint32_t histories, uint32_t history_size)
     set_pod_info(0, device.data(), static_cast<int>(size), static_cast<int>(histories), 64, ~0u);
     layout = {layout.magic, layout.first_header, history_size,
               histories,    size + 1000,         is_nvram() ? size - 72 : 0};
-}
-
-std::string pod_storage::contents() const
-{
-    return read_file(path);
-}
-
-void pod_storage::set(const std::string &bytes) const
-{
-    chassis_sim::write_file(path, bytes);
 }
 
 int pod_storage::add_parts(const char *level, const char *diag, const char *ret, const char *fmt,

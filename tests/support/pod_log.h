@@ -50,11 +50,9 @@ struct pod_log_calls {
 
 // The library's calls of time(), usleep() and pwrite() come here first.
 inline time_t now = 1700000000;
-struct pause_record {
-    int count;
-    useconds_t shortest, longest;
-};
-inline pause_record pauses = {0, UINT_MAX, 0};
+inline int pauses = 0;
+inline useconds_t shortest_pause = UINT_MAX;
+inline useconds_t longest_pause = 0;
 inline long bytes_left = LONG_MAX; // until no more are written: the call fails, or
 inline bool dies_then = false;     // the process dies
 
@@ -99,8 +97,6 @@ struct pod_storage : pod_log_calls {
     {
         return chassis_sim::log_image(layout, current, histories);
     }
-    std::string contents() const;
-    void set(const std::string &bytes) const;
 
     int add_parts(const char *level, const char *diag, const char *ret, const char *fmt, ...) const;
     int add_text(const char *text) const { return add_parts(text, nullptr, nullptr, ""); }

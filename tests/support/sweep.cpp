@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
+#include <fstream>
 #include <initializer_list>
 #include <sstream>
 #include <string_view>
@@ -25,7 +26,16 @@ constexpr long marker = SYS_getpgid;
 int allocations_left; // until one fails; 0: none does
 long blocks;          // on the heap, since the count began
 
-#if !defined __SANITIZE_ADDRESS__ // which must keep the heap to itself
+} // namespace
+
+#if defined __SANITIZE_ADDRESS__ // which must keep the heap to itself
+const bool test::heap_can_fail = false;
+#else
+const bool test::heap_can_fail = true;
+
+namespace
+{
+
 bool allocation_fails()
 {
     if (allocations_left == 0 || --allocations_left != 0)
@@ -40,11 +50,9 @@ void *counted(void *block)
     blocks += block ? 1 : 0;
     return block;
 }
-#endif
 
 } // namespace
 
-#if !defined __SANITIZE_ADDRESS__
 extern "C" {
 
 void *__libc_malloc(size_t size);
@@ -125,35 +133,27 @@ void copy(char (&to)[8192], const std::string &text)
     ::_exit(0);
 }
 
+// A call that is about to be made.
 struct stopped_call {
     long number;
-    uint64_t arguments[6];
+    std::vector<uint64_t> arguments;
 };
 
 stopped_call call_of(pid_t pid)
 {
     __ptrace_syscall_info info = {};
     ::ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info);
-    stopped_call call = {static_cast<long>(info.entry.nr), {}};
-    std::copy(std::begin(info.entry.args), std::end(info.entry.args), call.arguments);
-    return call;
+    return {static_cast<long>(info.entry.nr),
+            {std::begin(info.entry.args), std::end(info.entry.args)}};
 }
 
 std::string text_at(pid_t pid, uint64_t address)
 {
+    std::ifstream memory("/proc/" + std::to_string(pid) + "/mem");
+    memory.seekg(static_cast<std::streamoff>(address));
     std::string text;
-    for (;; address += sizeof(long)) {
-        errno = 0;
-        const long word = ::ptrace(PTRACE_PEEKDATA, pid, address, nullptr);
-        if (errno != 0)
-            return text;
-        char bytes[sizeof word];
-        std::memcpy(bytes, &word, sizeof word);
-        const size_t length = ::strnlen(bytes, sizeof bytes);
-        text.append(bytes, length);
-        if (length < sizeof bytes)
-            return text;
-    }
+    std::getline(memory, text, '\0');
+    return text;
 }
 
 bool is_one_of(const std::string &name, std::initializer_list<std::string_view> calls)
@@ -306,12 +306,6 @@ private:
 constexpr int none = -1;
 
 } // namespace
-
-#if defined __SANITIZE_ADDRESS__
-const bool heap_can_fail = false;
-#else
-const bool heap_can_fail = true;
-#endif
 
 std::ostream &operator<<(std::ostream &stream, const run &what)
 {
