@@ -55,23 +55,27 @@ need_compiler_and_tests() {
         pciutils python3-jsonschema python3-prometheus-client "$@"
 }
 
-# make_own_apt DIRECTORY ARCHITECTURE: lists of the Debian archives that the machine itself uses, for
-# own_apt; so what a foreign architecture has can be fetched, and nothing of the machine changes.
+# list_archives FILE: the Debian archives that the machine itself uses, as lines of apt's sources.
+list_archives() {
+    # shellcheck disable=SC2016 # apt's own variables
+    set -- "$1" apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+        'Created-By: Packages' 'Origin: Debian'
+    file=$1
+    shift
+    "$@" | sort -u >"$file"
+    [ -s "$file" ] || { patiently as_root apt-get update && "$@" | sort -u >"$file"; }
+    [ -s "$file" ] || give_up "apt knows no Debian archive; see its message above"
+}
+
+# make_own_apt DIRECTORY ARCHITECTURE: lists of these archives, for own_apt; so what a foreign
+# architecture has can be fetched, and nothing of the machine changes.
 make_own_apt() {
     own_apt_place=$1
     own_apt_architectures="$2,$(dpkg --print-architecture)"
     mkdir -p "$1/lists/partial" "$1/cache/archives/partial"
     : >"$1/status"
     : >"$1/preferences"
-    list_archives || { patiently as_root apt-get update && list_archives; } ||
-        give_up "apt knows no Debian archive; see its message above"
-}
-
-list_archives() {
-    # shellcheck disable=SC2016 # apt's own variables
-    apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
-        'Created-By: Packages' 'Origin: Debian' | sort -u >"$own_apt_place/sources.list"
-    [ -s "$own_apt_place/sources.list" ]
+    list_archives "$1/sources.list"
 }
 
 # own_apt TOOL ARGUMENT...
