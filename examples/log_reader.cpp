@@ -41,6 +41,6 @@ int main(int argc, char **argv)
     podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
     postlog_map_def_nvram_access();
     const auto post = post_logs.find(name);
-    return post == post_logs.end() ? print(device_access::pod_log(name))
-                                   : print(device_access::post_log(post->second));
+    return post == post_logs.end() ? print(device_access::pod_log{name})
+                                   : print(device_access::post_log{post->second});
 }

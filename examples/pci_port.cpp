@@ -2,23 +2,18 @@
 // the memory of the devices behind it.
 #include <device_access/device_access.hpp>
 
+#include <algorithm>
 #include <cstdio>
-#include <optional>
 
 namespace
 {
 
 using namespace device_access;
 
-std::optional<pci_id> find_port()
+bool has_slot(const pci_id &function)
 {
-    const auto functions = pci_functions::all();
-    if (functions)
-        for (const pci_id &function : *functions)
-            if (const auto config = pci_config::open(function);
-                config && config->has_hotplug_slot())
-                return function;
-    return {};
+    const auto config = pci_config::open(function);
+    return config && config->has_hotplug_slot();
 }
 
 void use(const pci_id &device)
@@ -43,12 +38,17 @@ void use(const pci_id &device)
 
 int main()
 {
-    const auto port = find_port();
-    if (!port) {
+    const auto functions = pci_functions::all();
+    if (!functions) {
+        std::perror("no functions");
+        return 1;
+    }
+    const pci_id *const port = std::find_if(functions->begin(), functions->end(), has_slot);
+    if (port == functions->end()) {
         std::fprintf(stderr, "no port with a hot-plug slot\n");
         return 1;
     }
-    if (const int link = pcie_config_wait_link_up(&*port); link != 0) {
+    if (const int link = pcie_config_wait_link_up(port); link != 0) {
         std::fprintf(stderr, "the link of %s is not up: %s\n", port->str,
                      pcie_config_link_strerror(link < 0 ? errno : link));
         return 1;

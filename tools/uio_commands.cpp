@@ -215,7 +215,7 @@ void info(const uio_arguments &arguments)
               .add("emulated", libuio_is_emul(device.node().c_str()) == 1)
               .add("class_directory", libuio_get_sys_class_dir(uio))
               .add("device_directory", libuio_get_sys_device_dir(uio))
-              .add("removal_notice", device->removal_fd() >= 0)
+              .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
               .add(std::move(maps)));
 }
 

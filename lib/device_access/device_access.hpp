@@ -3,10 +3,11 @@
 // the C call does not.
 //
 // A call that can fail returns a result: the value, or the call's name and errno (0 where the call
-// promises none). A range that ends early says so in its failure().
+// promises none). A range that has ended early says so: failed().
 #ifndef DEVICE_ACCESS_DEVICE_ACCESS_HPP
 #define DEVICE_ACCESS_DEVICE_ACCESS_HPP
 
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cerrno>
@@ -59,7 +60,6 @@ public:
 
     T &operator*() & { return *std::get_if<0>(&state_); }
     const T &operator*() const & { return *std::get_if<0>(&state_); }
-    T &&operator*() && { return std::move(*std::get_if<0>(&state_)); }
     T *operator->() { return std::get_if<0>(&state_); }
     const T *operator->() const { return std::get_if<0>(&state_); }
 
@@ -96,41 +96,59 @@ public:
     template <register_value T>
     T read(size_t offset) const
     {
-        const volatile void *const place = at(offset, sizeof(T));
-        if constexpr (sizeof(T) == 1)
-            return ioread8(place);
-        else if constexpr (sizeof(T) == 2)
-            return ioread16(place);
-        else if constexpr (sizeof(T) == 4)
-            return ioread32(place);
-        else
-            return ioread64(place);
+        return load(at(offset, sizeof(T)), T());
     }
 
     template <register_value T>
     void write(size_t offset, T value) const
     {
-        volatile void *const place = at(offset, sizeof(T));
-        if constexpr (sizeof(T) == 1)
-            iowrite8(value, place);
-        else if constexpr (sizeof(T) == 2)
-            iowrite16(value, place);
-        else if constexpr (sizeof(T) == 4)
-            iowrite32(value, place);
-        else
-            iowrite64(value, place);
+        store(at(offset, sizeof(T)), value);
     }
 
 private:
-    volatile void *at(size_t offset, size_t width) const
+    using place = volatile void *;
+
+    static uint8_t load(place from, uint8_t) { return ioread8(from); }
+    static uint16_t load(place from, uint16_t) { return ioread16(from); }
+    static uint32_t load(place from, uint32_t) { return ioread32(from); }
+    static uint64_t load(place from, uint64_t) { return ioread64(from); }
+    static void store(place to, uint8_t value) { iowrite8(value, to); }
+    static void store(place to, uint16_t value) { iowrite16(value, to); }
+    static void store(place to, uint32_t value) { iowrite32(value, to); }
+    static void store(place to, uint64_t value) { iowrite64(value, to); }
+
+    place at(size_t offset, [[maybe_unused]] size_t width) const
     {
         assert(offset <= size_ && width <= size_ - offset);
-        (void)width;
         return base_ + offset;
     }
 
     char *base_;
     size_t size_;
+};
+
+//--- ranges ---------------------------------------------------------------------------------------
+
+// A range that is read once, from begin() on: *it is what the walk stands at.
+template <typename Walk>
+class range
+{
+public:
+    struct iterator {
+        Walk *walk;
+        auto operator*() const { return walk->current(); }
+        void operator++() { walk->advance(); }
+        bool operator==(std::default_sentinel_t) const { return walk->ended(); }
+    };
+
+    range(const range &) = delete;
+    range &operator=(const range &) = delete;
+
+    iterator begin() { return {static_cast<Walk *>(this)}; }
+    std::default_sentinel_t end() const { return {}; }
+
+protected:
+    range() = default;
 };
 
 //--- UIO devices ----------------------------------------------------------------------------------
@@ -145,9 +163,8 @@ public:
     // libuio_open_timed().
     static result<uio> open(const char *node, std::optional<timespec> limit = {})
     {
-        uio opened(libuio_open_timed(node, limit ? &*limit : nullptr));
-        const bool succeeded = opened.handle_ != nullptr;
-        return checked(succeeded, std::move(opened), "libuio_open_timed");
+        libuio_dev_t *const handle = libuio_open_timed(node, limit ? &*limit : nullptr);
+        return checked(handle != nullptr, uio(handle), "libuio_open_timed");
     }
 
     // Maps what is not mapped and has no bit in `without`; the number of new windows.
@@ -173,23 +190,20 @@ public:
     // for a device that has been removed.
     result<uint32_t> wait(std::optional<clock::time_point> deadline = {})
     {
-        uint32_t count = 0;
+        using namespace std::chrono;
         timespec until = {};
         if (deadline) {
-            using namespace std::chrono;
             const auto since = deadline->time_since_epoch();
-            until.tv_sec = static_cast<time_t>(floor<seconds>(since).count());
-            until.tv_nsec = static_cast<long>(nanoseconds(since - floor<seconds>(since)).count());
+            const auto whole = floor<seconds>(since);
+            until = {static_cast<time_t>(whole.count()),
+                     static_cast<long>(nanoseconds(since - whole).count())};
         }
+        uint32_t count = 0;
         const int waited = libuio_irqwait(handle_.get(), deadline ? &until : nullptr, &count);
         return checked(waited == 0, count, "libuio_irqwait");
     }
 
-    // For an event loop of one's own: watch the first for POLLIN and the second for POLLPRI, then
-    // call wait() with a deadline of the past. -1 when there is none.
-    int interrupt_fd() const { return libuio_get_uio_fd(handle_.get()); }
-    int removal_fd() const { return libuio_get_removed_fd(handle_.get()); }
-
+    // For the other calls, such as libuio_get_uio_fd() for an event loop of one's own.
     libuio_dev_t *get() const { return handle_.get(); }
 
 private:
@@ -239,8 +253,7 @@ private:
     };
     static result<pci_functions> owned(pci_id *list, const char *call)
     {
-        pci_functions functions(list);
-        return checked(list != nullptr, std::move(functions), call);
+        return checked(list != nullptr, pci_functions(list), call);
     }
     explicit pci_functions(pci_id *list) : list_(list) {}
 
@@ -253,44 +266,20 @@ class pci_config
 public:
     static result<pci_config> open(const pci_id &function)
     {
-        pci_config opened(pci_config_open(&function));
-        const bool succeeded = opened.handle_ != nullptr;
-        return checked(succeeded, std::move(opened), "pci_config_open");
+        void *const handle = pci_config_open(&function);
+        return checked(handle != nullptr, pci_config(handle), "pci_config_open");
     }
 
     template <register_value T>
-    requires(sizeof(T) <= 4) result<T> read(uint32_t offset)
-    const
+    result<T> read(uint32_t offset) const
     {
-        // An access that moved too few bytes leaves errno alone.
-        errno = EIO;
+        static_assert(sizeof(T) <= 4);
+        errno = EIO; // an access that moved too few bytes leaves it alone
         constexpr auto call = sizeof(T) == 1   ? pci_config_read8
                               : sizeof(T) == 2 ? pci_config_read16
                                                : pci_config_read32;
         const uint32_t value = call(offset, handle_.get());
         return checked(value != UINT32_MAX || errno == 0, static_cast<T>(value), "pci_config_read");
-    }
-
-    template <register_value T>
-    requires(sizeof(T) <= 4) result<done> write(uint32_t offset, T value)
-    const
-    {
-        errno = EIO;
-        int written;
-        if constexpr (sizeof(T) == 1)
-            written = pci_config_write8(value, offset, handle_.get());
-        else if constexpr (sizeof(T) == 2)
-            written = pci_config_write16(value, offset, handle_.get());
-        else
-            written = pci_config_write32(value, offset, handle_.get());
-        return checked(written == 0, done(), "pci_config_write");
-    }
-
-    // The offset of the first entry of the capability list with this id.
-    result<int> find_capability(uint8_t id) const
-    {
-        const int offset = pci_config_find_capability(id, handle_.get());
-        return checked(offset != -1, offset, "pci_config_find_capability");
     }
 
     bool has_hotplug_slot() const { return pcie_config_is_hotplug(handle_.get()) == 1; }
@@ -304,17 +293,56 @@ private:
     std::unique_ptr<void, closer> handle_;
 };
 
+struct capability {
+    uint8_t id;
+    uint8_t offset;
+};
+
+// The entries of a function's capability list, in their order. A list in a circle ends, too; that
+// of a function that has gone is empty.
+class capabilities : public range<capabilities>
+{
+public:
+    explicit capabilities(const pci_config &config) : config_(config) // keeps the reference
+    {
+        const auto status = config.read<uint16_t>(0x06), type = config.read<uint16_t>(0x0e);
+        failed_ = !status || !type;
+        constexpr uint16_t has_list = 0x10, cardbus = 2;
+        if (!failed_ && (*status & has_list))
+            go(config.read<uint8_t>((*type & 0x7f) == cardbus ? 0x14 : 0x34));
+    }
+
+    bool failed() const { return failed_; }
+
+    capability current() const { return at_; }
+    bool ended() const { return at_.offset == 0; }
+    void advance() { go(config_.read<uint8_t>(at_.offset + 1u)); }
+
+private:
+    void go(const result<uint8_t> &place)
+    {
+        const auto offset = static_cast<uint8_t>(left_-- > 0 ? place.value_or(0) & 0xfc : 0);
+        const auto id = offset ? config_.read<uint8_t>(offset) : result<uint8_t>(0);
+        failed_ = !place || !id;
+        at_ = {id.value_or(0), static_cast<uint8_t>(failed_ || *id == 0xff ? 0 : offset)};
+    }
+
+    const pci_config &config_;
+    capability at_ = {};
+    int left_ = 48; // as many have room
+    bool failed_;
+};
+
 // The memory of a function, mapped while this lives.
 class pci_memory
 {
 public:
     static constexpr size_t bars = 6;
 
-    // Leaves out the base address registers that have a bit in `without`.
-    static result<pci_memory> map(const pci_id &function, uint32_t without = 0)
+    static result<pci_memory> map(const pci_id &function)
     {
         pci_memory memory(function);
-        memory.mapped_ = sysfs_pci_mmap(memory.bases_.data(), without, &function) == 0;
+        memory.mapped_ = sysfs_pci_mmap(memory.bases_.data(), 0, &function) == 0;
         const bool succeeded = memory.mapped_;
         return checked(succeeded, std::move(memory), "sysfs_pci_mmap");
     }
@@ -346,10 +374,11 @@ public:
 private:
     explicit pci_memory(const pci_id &function)
     {
-        std::memcpy(name_.data(), function.str, name_.size());
+        std::copy_n(function.str, name_.size(), name_.data());
     }
 
-    std::array<char, sizeof(pci_id::str)> name_;
+    std::array<char, sizeof(pci_id::str)>
+        name_; // a pci_id is no member: it ends with an empty array
     std::array<void *, bars> bases_ = {};
     bool mapped_ = false;
 };
@@ -363,78 +392,47 @@ struct log_entry {
 
 // A card's POD log. Configure the registry first, with podlog_config_pod_storage_n20_n10() or
 // podlog_config_pod_storage_info().
-class pod_log
-{
-public:
-    explicit pod_log(const char *card) : card_(card) {} // keeps the pointer
+struct pod_log {
+    const char *card;
 
-    int open_dir() const { return podlog_open_dir(card_); }
+    int open_dir() const { return podlog_open_dir(card); }
     int read_dir(int history, time_t *time) const { return podlog_read_dir(history, time); }
-    void close_dir() const { podlog_close_dir(card_); }
-    int open_log(int history) const { return podlog_open_log(card_, history); }
+    void close_dir() const { podlog_close_dir(card); }
+    int open_log(int history) const { return podlog_open_log(card, history); }
     int read_log(int position, time_t *time, char *text, uint32_t size) const
     {
         return podlog_read_log(position, time, text, size);
     }
-    void close_log(int history) const { podlog_close_log(card_, history); }
-
-private:
-    const char *card_;
+    void close_log(int history) const { podlog_close_log(card, history); }
 };
 
 // One of the firmware's POST logs. Map an access method first, with postlog_map_def_nvram_access()
 // or postlog_map_pcie_nvram_access().
-class post_log
-{
-public:
-    explicit post_log(log_type_t block) : block_(block) {}
+struct post_log {
+    log_type_t block;
 
-    int open_dir() const { return postlog_nvram_open_dir(block_); }
+    int open_dir() const { return postlog_nvram_open_dir(block); }
     int read_dir(int history, time_t *time) const
     {
-        return postlog_nvram_read_dir(block_, history, time);
+        return postlog_nvram_read_dir(block, history, time);
     }
-    void close_dir() const { postlog_nvram_close_dir(block_); }
-    int open_log(int history) const { return postlog_nvram_open_log(block_, history); }
+    void close_dir() const { postlog_nvram_close_dir(block); }
+    int open_log(int history) const { return postlog_nvram_open_log(block, history); }
     int read_log(int position, time_t *time, char *text, uint32_t size) const
     {
-        return postlog_nvram_read_log(block_, position, time, text, size);
+        return postlog_nvram_read_log(block, position, time, text, size);
     }
-    void close_log(int history) const { postlog_nvram_close_log(block_, history); }
-
-private:
-    log_type_t block_;
-};
-
-// A range that is read once, from begin() on: *it is what the walk stands at.
-template <typename Walk>
-struct walk_iterator {
-    using difference_type = std::ptrdiff_t;
-
-    Walk *walk;
-    decltype(auto) operator*() const { return walk->current(); }
-    walk_iterator &operator++()
-    {
-        walk->advance();
-        return *this;
-    }
-    void operator++(int) { walk->advance(); }
-    bool operator==(std::default_sentinel_t) const { return walk->ended(); }
+    void close_log(int history) const { postlog_nvram_close_log(block, history); }
 };
 
 // The numbers of a log's histories that hold entries, newest first. A log is open for one purpose
 // at a time: let the walk end its life before a history is read.
 template <typename Log>
-class histories
+class histories : public range<histories<Log>>
 {
 public:
     explicit histories(Log log) : log_(log), number_(log.open_dir()) {}
     ~histories() { log_.close_dir(); }
-    histories(const histories &) = delete;
-    histories &operator=(const histories &) = delete;
-
-    walk_iterator<histories> begin() { return {this}; }
-    std::default_sentinel_t end() const { return {}; }
 
     // Whether the walk has ended early; no log at all is no failure.
     bool failed() const { return number_ == -1; }
@@ -454,7 +452,7 @@ private:
 
 // The entries of a history, oldest first, each cut to 255 characters.
 template <typename Log>
-class entries
+class entries : public range<entries<Log>>
 {
 public:
     entries(Log log, int history) : log_(log), history_(history), next_(log.open_log(history))
@@ -467,11 +465,6 @@ public:
         if (opened_)
             log_.close_log(history_);
     }
-    entries(const entries &) = delete;
-    entries &operator=(const entries &) = delete;
-
-    walk_iterator<entries> begin() { return {this}; }
-    std::default_sentinel_t end() const { return {}; }
 
     // Whether an entry could not be read.
     bool failed() const { return next_ == -1; }
@@ -510,25 +503,21 @@ public:
             return failure{"podlog_find_pod_instance", 0};
         if (podlog_set_curr_active_inst(instance, 0) != 0)
             return failure{"podlog_set_curr_active_inst", 0};
-        pod_run run(instance);
-        if (podlog_init(instance, 0) != 1)
-            return failure{"podlog_init", 0};
-        run.opened_ = true;
-        return run;
+        if (podlog_init(instance, 0) == 1)
+            return pod_run(instance);
+        podlog_clr_curr_active_inst(instance, 0);
+        return failure{"podlog_init", 0};
     }
     ~pod_run()
     {
         if (!claimed_)
             return;
-        if (opened_) {
-            podlog_use_nxt_log(instance_);
-            podlog_close(instance_);
-        }
+        podlog_use_nxt_log(instance_);
+        podlog_close(instance_);
         podlog_clr_curr_active_inst(instance_, 0);
     }
     pod_run(pod_run &&other) noexcept
-        : instance_(other.instance_), claimed_(std::exchange(other.claimed_, false)),
-          opened_(other.opened_)
+        : instance_(other.instance_), claimed_(std::exchange(other.claimed_, false))
     {
     }
     pod_run &operator=(pod_run &&) = delete;
@@ -552,7 +541,6 @@ private:
 
     int instance_; // any number: a card that the chassis does not have shares -1 with others
     bool claimed_ = true;
-    bool opened_ = false;
 };
 
 } // namespace face
