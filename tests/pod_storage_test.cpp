@@ -271,8 +271,6 @@ TEST_P(storage, bears_and_reports_numbers_that_make_no_sense)
                      : "ERROR: " + s.name + "_get_curr_log_hdr_pos: invalid index!\n";
     pod_storage resized = s;
     resized.layout.history_size = 432;
-    const auto raw = std::make_unique<uint8_t[]>(80); // exactly as much as is asked for
-    time_t ts;
     const std::tuple<size_t, std::string, std::string, int, std::string> cases[] = {
         {index_position, words({7}), "!", -1, s.is_nvram() ? "" : invalid},
         {index_position, s.index(3), "!", -1, invalid},
@@ -304,11 +302,6 @@ TEST_P(storage, bears_and_reports_numbers_that_make_no_sense)
         EXPECT_EQ(s.text(), found);
         open(s.image());
         write_file(s.path, image);
-        for (uint32_t at : {start, 0x7FFFFFFFu, 0x80000000u, ~0u}) {
-            s.read_log(0, static_cast<int>(at), &ts, reinterpret_cast<char *>(raw.get()), 80);
-            if (s.read_raw_log)
-                s.read_raw_log(0, static_cast<int>(at), raw.get());
-        }
         DOES(s.add_text("y"), added, err_of_add);
         s.close(0);
     }
