@@ -1,8 +1,8 @@
 # Lets Doxygen read the public headers, whose comments are plain ones: the first comment describes
 # the file, a comment belongs to every declaration below it up to the next empty line, and one behind
 # a field or an enumerator to that. Text is shown as it stands, whatever Doxygen could read into it;
-# a paragraph with an indented line keeps its lines. Doxygen warns of an exported name without a
-# comment, because it does not know the command put there.
+# parameters and a paragraph with an indented line keep their lines. Doxygen warns of an exported name
+# without a comment, because it does not know the command put there.
 
 # Doxygen itself takes what is in double quotes as it stands.
 function plain(text,    part, parts, i)
@@ -26,7 +26,7 @@ function documentation(first,    i, j, k, shown, text)
     for (i = 1; i <= n; i = k + 1) {
         shown = 0
         for (k = i; k <= n && comment[k] != ""; ++k)
-            if (comment[k] ~ /^  /)
+            if (comment[k] ~ /^  / || (k == i && comment[k] ~ /^[a-z_]+: /))
                 shown = 1
         if (shown)
             text = text "\n * @verbatim"

@@ -20,13 +20,14 @@ function put(line)
     print line >output
 }
 
-# Prints comment[1..n] as paragraphs; one with an indented line is shown as it stands.
+# Prints comment[1..n] as paragraphs; parameters and one with an indented line are shown as they
+# stand.
 function put_text(    i, j, first, shown)
 {
     for (first = 1; first <= n; first = i + 1) {
         shown = 0
         for (i = first; i <= n && comment[i] != ""; ++i)
-            if (comment[i] ~ /^  /)
+            if (comment[i] ~ /^  / || (i == first && comment[i] ~ /^[a-z_]+: /))
                 shown = 1
         if (i == first)
             continue
