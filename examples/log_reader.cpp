@@ -23,12 +23,15 @@ int print(Log log)
         if (walk.failed())
             return 1;
     }
+    int status = 0;
     for (const int number : numbers) {
         device_access::entries history(log, number);
         for (const auto &[time, text] : history)
             std::printf("%d  %lld  %s\n", number, static_cast<long long>(time), text.data());
+        if (history.failed())
+            status = 1;
     }
-    return 0;
+    return status;
 }
 
 } // namespace

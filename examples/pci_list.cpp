@@ -18,8 +18,11 @@ void print(const device_access::pci_id &function)
     }
     std::printf("  class %06x%s\n", config->read<uint32_t>(0x08).value_or(0) >> 8,
                 config->has_hotplug_slot() ? ", hot-plug slot" : "");
-    for (const auto [id, offset] : device_access::capabilities(*config))
+    device_access::capabilities list(*config);
+    for (const auto [id, offset] : list)
         std::printf("  [%02x] capability 0x%02x\n", offset, id);
+    if (list.failed())
+        std::printf("  the rest cannot be read\n");
 }
 
 } // namespace
