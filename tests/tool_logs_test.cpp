@@ -1,10 +1,6 @@
 // What devaccess makes of a whole machine and all its logs.
 #include "support/tool.h"
 
-#include "sim/chassis.h"
-
-#include <gtest/gtest.h>
-
 namespace
 {
 
@@ -89,7 +85,7 @@ devaccess metrics --json |jq -c '.metrics|map(select(.labels.port))|map(.value)'
          {"pod_status{card=\"ALSW1\",status=\"Failed\"} 1", "pod_fault_injected{card=\"SW1\"} 1",
           "pod_storage_good{card=\"SW2\"} 0", "pod_entries{card=\"SW1\"} 1", "post_errors 1",
           "post_storage_good{block=\"test\"} 1", "pcie_link_width_lanes{port=\"0000:00:1c.0\"} 4"})
-        EXPECT_NE(bytes_of("/var/tmp/m.prom").find(std::string("\ndevaccess_") + line + "\n"),
+        EXPECT_NE(read_file("/var/tmp/m.prom").find(std::string("\ndevaccess_") + line + "\n"),
                   std::string::npos)
             << line;
     expect_documented();

@@ -1,10 +1,6 @@
 // What devaccess reads, decodes, compares and writes of hardware registers.
 #include "support/tool.h"
 
-#include "sim/chassis.h"
-
-#include <gtest/gtest.h>
-
 #include <unistd.h>
 
 namespace

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 
 #include <fcntl.h>
@@ -100,27 +101,15 @@ long open_descriptors()
 
 std::string short_lines(const std::string &text)
 {
-    constexpr struct {
-        const char *scanned, *whole;
-    } prefixes[] = {{"log[%15[A-Z_]]: lib/device_access/libuio:%u:%63[^(]",
-                     "log[%s]: lib/device_access/libuio:%u:%s(): "},
-                    {"[%15[0-9]], lib/device_access/pci_sysfs:%u:%63[^(]",
-                     "[%s], lib/device_access/pci_sysfs:%u:%s(): "}};
+    static const std::regex prefix("(?:log\\[([A-Z_]+)\\]: lib/device_access/libuio|"
+                                   "\\[([0-9]+)\\], lib/device_access/pci_sysfs)"
+                                   ":[0-9]+:(\\w+)\\(\\): ");
     std::string result;
     std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        char level[16];
-        unsigned int number;
-        char function[64];
-        for (const auto &prefix : prefixes) {
-            if (std::sscanf(line.c_str(), prefix.scanned, level, &number, function) != 3)
-                continue;
-            const std::string whole = printed(prefix.whole, level, number, function);
-            if (line.starts_with(whole)) // a scan does not see every blank
-                line.replace(0, whole.size(), printed("%s %s: ", level, function));
-        }
-        result.append(line).append(lines.eof() ? "" : "\n");
-    }
+    for (std::string line; std::getline(lines, line);)
+        result +=
+            std::regex_replace(line, prefix, "$1$2 $3: ", std::regex_constants::match_continuous) +
+            (lines.eof() ? "" : "\n");
     return result;
 }
 

@@ -1,12 +1,8 @@
 #include "support/tool.h"
 
-#include "sim/chassis.h"
-
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
-#include <fstream>
 #include <regex>
 
 #include <fcntl.h>
@@ -20,12 +16,6 @@ namespace fs = std::filesystem;
 using chassis_sim::write_file;
 using nlohmann::json;
 using std::string;
-
-string bytes_of(const string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 pid_t start(const string &line, const char *out, const char *error)
 {
@@ -74,7 +64,7 @@ result run(const string &line)
     const string out = base + ".out", error = base + ".error";
     int status = 0;
     ::waitpid(start(line, out.c_str(), error.c_str()), &status, 0);
-    result r = {WEXITSTATUS(status), bytes_of(out), bytes_of(error)};
+    result r = {WEXITSTATUS(status), read_file(out), read_file(error)};
     fs::remove(out);
     fs::remove(error);
     note_document(line, r.out);

@@ -1,14 +1,14 @@
 // The programs devaccess and chassis-sim as people and scripts run them, in a simulated chassis.
 #pragma once
 
-#include <string>
+#include "support/test.h"
 
 #include <sys/types.h>
 
 namespace tool
 {
 
-std::string bytes_of(const std::string &path);
+using test::read_file;
 
 // A line of the shell, for which both programs are commands.
 pid_t start(const std::string &line, const char *out, const char *error);
