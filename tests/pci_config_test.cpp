@@ -44,10 +44,10 @@ TEST_F(pci_config, moves_a_register_of_each_width_in_one_call)
     GIVES(pci_config_write8(0x77, 0x49, h), 0, 0);
     GIVES(pci_config_bitclr8(0x04, 0x4d, h), 0, 0);
     GIVES(pci_config_bitset8(0x90, 0x4d, h), 0, 0);
-    GIVES(pci_config_bitset16(0x8001, 0x44, h), 0, 0);
-    GIVES(pci_config_bitclr16(0x0020, 0x44, h), 0, 0);
+    GIVES(pci_config_bitset16(0x8000, 0x44, h), 0, 0);
+    GIVES(pci_config_bitclr16(0x0021, 0x44, h), 0, 0);
     GIVES(pci_config_bitset32(0x00080000, 0x44, h), 0, 0);
-    GIVES(pci_config_bitclr32(0x80000001, 0x44, h), 0, 0);
+    GIVES(pci_config_bitclr32(0x80000000, 0x44, h), 0, 0);
     EXPECT_EQ(read_file(dir + "/config").substr(0x44, 12),
               std::string("\x00\xc3\x6d\x07\x44\x77\x66\x55\x00\x93\x00\x00", 12));
     const auto calls = system_calls_of([h] {

@@ -14,7 +14,6 @@
 #include <thread>
 
 #include <fcntl.h>
-#include <pty.h>
 #include <sys/mount.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
