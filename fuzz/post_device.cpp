@@ -25,6 +25,6 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fuzz::use_post_log({false, true, fill}, {reinterpret_cast<const char *>(data), size});
+    fuzz::use_post_log({false, fill}, {reinterpret_cast<const char *>(data), size});
     return 0;
 }

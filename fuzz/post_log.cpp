@@ -87,12 +87,11 @@ void walk(log_type_t blk, int histories)
     postlog_nvram_close_dir(blk);
 }
 
-void read_history(log_type_t blk, int history, uint32_t room, const post_method &method)
+void read_history(log_type_t blk, int history, uint32_t room)
 {
-    constexpr size_t enough = 100;
     int position = postlog_nvram_open_log(blk, history);
     const auto message = std::make_unique<char[]>(room);
-    for (size_t seen = 0; position > 0 && (method.ends_chains || seen < enough); ++seen) {
+    for (size_t seen = 0; position > 0; ++seen) {
         require(seen <= post_block_size / entry_size);
         time_t ts;
         const int next = postlog_nvram_read_log(blk, position, &ts, message.get(), room);
@@ -147,7 +146,7 @@ void use_post_log(const post_method &method, std::string_view input)
     const uint32_t rooms[] = {1, 5, 128, 300};
     walk(blk, histories);
     for (int history = -1; history <= histories; ++history)
-        read_history(blk, history, rooms[options >> 4 & 3], method);
+        read_history(blk, history, rooms[options >> 4 & 3]);
     postlog_nvram_dump_all_log_msgs(blk);
     use_open_block(blk, histories);
 }

@@ -23,7 +23,6 @@ nvram_dev_info_t *fresh_post_table();
 
 struct post_method {
     bool big_endian;
-    bool ends_chains; // whether a chain of entries ends with the block
     void (*fill)(log_type_t blk, const std::string &image);
 };
 

@@ -4,7 +4,6 @@
 
 #include <device_access/post_log_nvram_pcie_access.h>
 
-#include <algorithm>
 #include <cstring>
 
 namespace
@@ -13,7 +12,9 @@ namespace
 constexpr size_t control_register = 0xF000;
 constexpr size_t data_register = 0xF008;
 
-std::string nvram(0x100000, '\0');
+constexpr uint32_t address_bits = 0xFFFFF;
+
+std::string nvram(address_bits + sizeof(uint32_t), '\0'); // a whole word begins at every address
 uint32_t address;
 char window[1]; // stands for the registers, which are never touched
 
@@ -50,19 +51,19 @@ extern "C" uint32_t __wrap_ioread32(const volatile void *addr)
     if (register_at(addr) != data_register)
         return 0; // never busy
     uint32_t word = 0;
-    std::memcpy(&word, &nvram[address], std::min<size_t>(sizeof word, nvram.size() - address));
-    address = (address + 4) & 0xFFFFF;
+    std::memcpy(&word, &nvram[address], sizeof word);
+    address = (address + 4) & address_bits;
     return word;
 }
 
 extern "C" void __wrap_iowrite32(uint32_t val, volatile void *addr)
 {
     if (register_at(addr) == control_register)
-        address = val & 0xFFFFF;
+        address = val & address_bits;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    fuzz::use_post_log({true, false, fill}, {reinterpret_cast<const char *>(data), size});
+    fuzz::use_post_log({true, fill}, {reinterpret_cast<const char *>(data), size});
     return 0;
 }

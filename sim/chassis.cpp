@@ -36,8 +36,9 @@ pod_logs described_pod_logs(const chassis_description &description)
     if (logs.pod != "empty" && logs.pod != "sample")
         made.nvram = read_image(logs.pod);
     for (const auto &[card, state] : logs.states) {
-        const auto file = std::find_if(made.files.begin(), made.files.end(),
-                                       [&](const file_image &f) { return f.card == card; });
+        const auto file =
+            std::find_if(made.files.begin(), made.files.end(),
+                         [&, &card = card](const file_image &f) { return f.card == card; });
         if (card != "RPSW1" && file == made.files.end())
             throw failure("the chassis has no log of a card '" + card + "'");
         bring_into_state(card == "RPSW1" ? made.nvram : file->contents, card, state);

@@ -22,7 +22,7 @@ constexpr char indicator[] = "Unknown|On|Blink|Off";
 
 //--- header ---------------------------------------------------------------------------------------
 
-constexpr fields command = {
+constexpr fields header_command = {
     {"I/O", PCI_COMMAND_IO},
     {"Mem", PCI_COMMAND_MEMORY},
     {"BusMaster", PCI_COMMAND_MASTER},
@@ -35,7 +35,7 @@ constexpr fields command = {
     {"FastB2B", PCI_COMMAND_FAST_BACK},
     {"DisINTx", PCI_COMMAND_INTX_DISABLE},
 };
-constexpr fields status = {
+constexpr fields header_status = {
     {"Cap", PCI_STATUS_CAP_LIST},
     {"66MHz", PCI_STATUS_66MHZ},
     {"UDF", PCI_STATUS_UDF},
@@ -78,8 +78,8 @@ constexpr fields bridge_control = {
 constexpr pci_register header[] = {
     {"VENDOR_ID", PCI_VENDOR_ID, 16},
     {"DEVICE_ID", PCI_DEVICE_ID, 16},
-    {"COMMAND", PCI_COMMAND, 16, command},
-    {"STATUS", PCI_STATUS, 16, status},
+    {"COMMAND", PCI_COMMAND, 16, header_command},
+    {"STATUS", PCI_STATUS, 16, header_status},
     {"REVISION", PCI_REVISION_ID, 8},
     {"CLASS_PROG", PCI_CLASS_PROG, 8},
     {"CLASS_DEVICE", PCI_CLASS_DEVICE, 16},
