@@ -3,14 +3,12 @@
 #include "fuzz/support.h"
 #include "sim/chassis.h"
 #include "tools/output.h"
+#include "tools/program.h"
 
 #include <algorithm>
 
 #include <fcntl.h>
 #include <unistd.h>
-
-// The tool's main function, renamed.
-int devaccess_main(int argc, char **argv);
 
 // No module is loaded.
 extern "C" int system(const char *)
@@ -65,7 +63,7 @@ void run(std::vector<std::string> arguments)
     argv.push_back(nullptr);
     devaccess::settings = {};
     const working_directory flash;
-    const int status = devaccess_main(static_cast<int>(arguments.size()), argv.data());
+    const int status = devaccess::run_program(static_cast<int>(arguments.size()), argv.data());
     fuzz::require(status >= 0 && status <= 2);
 }
 

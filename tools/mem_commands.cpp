@@ -16,7 +16,7 @@ namespace
 struct mem_arguments : bank_arguments {
 };
 
-constexpr uint32_t most_bytes = 1u << 30;
+constexpr uint32_t longest_access = 1u << 30;
 
 // The pages that hold these bytes of physical memory, mapped.
 class mapped_memory
@@ -27,7 +27,7 @@ public:
         const auto page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
         start_ = address / page * page;
         const std::string what = fmt::format("map memory at {:#x}", address);
-        if (bytes > most_bytes || address > UINT64_MAX - bytes)
+        if (bytes > longest_access || address > UINT64_MAX - bytes)
             throw usage_error("that is more than can be mapped");
         size_ = static_cast<uint32_t>((address - start_ + bytes + page - 1) / page * page);
         const auto mapped = ask([&] { return mmap_device_open(start_, size_); });
@@ -59,7 +59,7 @@ uint64_t address_of(const mem_arguments &arguments)
 void read(const mem_arguments &arguments)
 {
     const uint64_t count =
-        arguments.count.empty() ? 1 : parse_number("the count", arguments.count, most_bytes);
+        arguments.count.empty() ? 1 : parse_number("the count", arguments.count, longest_access);
     const mapped_memory memory(address_of(arguments), count * arguments.width / 8);
     read_bank(memory.bank(), address_of(arguments), arguments);
 }
@@ -73,7 +73,7 @@ void write(const mem_arguments &arguments)
 void dump(const mem_arguments &arguments)
 {
     const uint64_t bytes =
-        arguments.count.empty() ? 256 : parse_number("the length", arguments.count, most_bytes);
+        arguments.count.empty() ? 256 : parse_number("the length", arguments.count, longest_access);
     const mapped_memory memory(address_of(arguments), bytes);
     dump_bank(memory.bank(), address_of(arguments), bytes, arguments.width);
 }
@@ -102,7 +102,7 @@ void add_dump(CLI::App &command, mem_arguments &arguments)
     arguments.add_width(command);
 }
 
-constexpr command_family<mem_arguments>::entry commands[] = {
+constexpr command_family<mem_arguments>::entry mem_commands[] = {
     {"read", "Read registers", read, add_read},
     {"write", "Write a register", write, add_write},
     {"dump", "Print registers in hexadecimal", dump, add_dump},
@@ -113,7 +113,7 @@ constexpr command_family<mem_arguments>::entry commands[] = {
 void add_mem_commands(CLI::App &program)
 {
     command_family<mem_arguments>(program, "mem", "Physical memory, through /dev/mem")
-        .add(commands);
+        .add(mem_commands);
 }
 
 } // namespace devaccess

@@ -30,7 +30,7 @@ struct metrics_arguments {
 constexpr struct {
     const char *name;
     const char *help;
-} families[] = {
+} metric_families[] = {
     {"build_info", "Version of devaccess, and the table of cards that it used."},
     {"pod_status", "Whether this is the result of a card's power-on diagnostics."},
     {"pod_fault_injected", "Whether the fault-injection flag of a card is set."},
@@ -63,7 +63,7 @@ public:
     std::string text() const
     {
         std::string text;
-        for (const auto &family : families) {
+        for (const auto &family : metric_families) {
             text += fmt::format("# HELP devaccess_{0} {1}\n# TYPE devaccess_{0} gauge\n",
                                 family.name, family.help);
             for (const sample &one : samples_of(family.name)) {
@@ -80,7 +80,7 @@ public:
     record as_record() const
     {
         record_set set = {"metrics", {}};
-        for (const auto &family : families)
+        for (const auto &family : metric_families)
             for (const sample &one : samples_of(family.name))
                 set.rows.push_back(record()
                                        .add("metric", fmt::format("devaccess_{}", family.name))

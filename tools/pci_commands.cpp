@@ -177,7 +177,7 @@ void print_devices(const std::vector<sysfs_pci_identity_t> &devices)
 //--- list and tree --------------------------------------------------------------------------------
 
 // Below the function that it sits behind, or below its root bus.
-using families = std::map<std::string, std::vector<const sysfs_pci_identity_t *>>;
+using children_by_bus = std::map<std::string, std::vector<const sysfs_pci_identity_t *>>;
 
 std::string parent_of(const sysfs_pci_identity_t &device)
 {
@@ -229,7 +229,7 @@ private:
 
     const pci_names names_;
     const std::map<std::string, std::string> slots_ = physical_slots();
-    families children_;
+    children_by_bus children_;
     std::string text_;
 };
 
@@ -493,9 +493,9 @@ void add_watch(CLI::App &command, pci_arguments &arguments)
     arguments.wait.add_watch(command);
 }
 
-using family = command_family<pci_arguments>;
+using pci_family = command_family<pci_arguments>;
 
-constexpr family::entry commands[] = {
+constexpr pci_family::entry pci_commands[] = {
     {"list", "List functions", pci_list, add_filters},
     {"tree", "Show functions below the bridges that they are behind", pci_tree, add_nothing},
     {"show", "Show a function's ids, state and resources", pci_show, add_file},
@@ -509,7 +509,7 @@ constexpr family::entry commands[] = {
     {"children", "List the functions behind a bridge", pci_children, add_device},
 };
 
-constexpr family::entry bridge_commands[] = {
+constexpr pci_family::entry bridge_commands[] = {
     {"enable", "Enable it, and list the functions that appear behind it", pci_bridge_enable,
      add_device},
     {"disable", "Disable it: what is behind it leaves the bus", pci_bridge_disable, add_device},
@@ -520,9 +520,9 @@ constexpr family::entry bridge_commands[] = {
 
 void add_pci_commands(CLI::App &program)
 {
-    family pci(program, "pci", "PCI functions, through sysfs");
-    if (pci.add(commands))
-        family(pci.app, "bridge", "Hot-swap bridges", pci.arguments).add(bridge_commands);
+    pci_family pci(program, "pci", "PCI functions, through sysfs");
+    if (pci.add(pci_commands))
+        pci_family(pci.app, "bridge", "Hot-swap bridges", pci.arguments).add(bridge_commands);
 }
 
 } // namespace devaccess

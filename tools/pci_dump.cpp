@@ -14,7 +14,7 @@ namespace devaccess
 namespace
 {
 
-constexpr size_t most_bytes = PCI_CFG_SPACE_EXP_SIZE;
+constexpr size_t config_space_size = PCI_CFG_SPACE_EXP_SIZE;
 
 // "1f0: 86 80 ..."; false when it is no such line. Bytes follow what is there.
 bool take_bytes(const std::string &line, std::string &bytes)
@@ -25,8 +25,8 @@ bool take_bytes(const std::string &line, std::string &bytes)
         line[static_cast<size_t>(at)] != ' ' || offset != bytes.size())
         return false;
     unsigned value = 0;
-    for (int size = 0;
-         bytes.size() < most_bytes && std::sscanf(line.c_str() + at, " %2x%n", &value, &size) == 1;
+    for (int size = 0; bytes.size() < config_space_size &&
+                       std::sscanf(line.c_str() + at, " %2x%n", &value, &size) == 1;
          at += size)
         bytes += static_cast<char>(value);
     return true;

@@ -91,7 +91,7 @@ constexpr pci_register header[] = {
     {"INTERRUPT_LINE", PCI_INTERRUPT_LINE, 8},
     {"INTERRUPT_PIN", PCI_INTERRUPT_PIN, 8},
 };
-constexpr pci_register device[] = {
+constexpr pci_register header_device[] = {
     {"BASE_ADDRESS_0", PCI_BASE_ADDRESS_0, 32},
     {"BASE_ADDRESS_1", PCI_BASE_ADDRESS_1, 32},
     {"BASE_ADDRESS_2", PCI_BASE_ADDRESS_2, 32},
@@ -451,7 +451,7 @@ constexpr pci_capability_kind kinds[] = {
 } // namespace
 
 const std::span<const pci_register> pci_header_registers = header;
-const std::span<const pci_register> pci_device_registers = device;
+const std::span<const pci_register> pci_device_registers = header_device;
 const std::span<const pci_register> pci_bridge_registers = bridge;
 const std::span<const pci_capability_kind> pci_capability_kinds = kinds;
 

@@ -20,7 +20,7 @@ struct card_family {
     bool has_eeprom; // of the file's number
 };
 
-constexpr card_family families[] = {
+constexpr card_family card_families[] = {
     {"RPSW", 1, 2, 16, false}, // the one that is not local: the mate's file
     {"ALSW", 1, 2, 0, true},   {"SW", 1, 4, 2, true},   {"FT", 1, 2, 6, false},
     {"PM", 1, 8, 8, false},    {"PEM", 1, 8, 8, false}, {"FT", 3, 6, 11, false},
@@ -60,7 +60,7 @@ pod_card shared_row(const card_family &family, int number, const std::string &na
 std::vector<pod_card> registered_cards(bool is_rp2)
 {
     std::vector<pod_card> cards;
-    for (const card_family &family : families) {
+    for (const card_family &family : card_families) {
         for (int number = family.first_card; number <= family.last_card; ++number) {
             std::string name = family.prefix + std::to_string(number);
             int id = 0;

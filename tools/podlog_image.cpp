@@ -61,10 +61,10 @@ void refuse(log_record &record, const std::string &problem)
 std::string fresh_header(const log_layout &layout, int history, size_t entries)
 {
     const auto start = static_cast<uint32_t>(layout.header_position(history) + header_size);
-    const std::string fields = word(layout.stride) +
-                               word(static_cast<uint32_t>(entries * entry_stride)) +
-                               word(header_version) + word(start);
-    return word(checksum_of(fields)) + fields;
+    const std::string numbers = word(layout.stride) +
+                                word(static_cast<uint32_t>(entries * entry_stride)) +
+                                word(header_version) + word(start);
+    return word(checksum_of(numbers)) + numbers;
 }
 
 // Of a history; the header stops counting before the last, which every further entry replaces.
@@ -290,9 +290,9 @@ bool log_image::is_consistent(const log_history &history) const
 
 std::string log_image::sealed_index(int current) const
 {
-    const std::string fields =
+    const std::string numbers =
         word(layout_->magic) + word(static_cast<uint32_t>(current)) + word(layout_->stride);
-    return layout_->sealed_index ? fields + word(checksum_of(fields)) : fields;
+    return layout_->sealed_index ? numbers + word(checksum_of(numbers)) : numbers;
 }
 
 // The history's good entries, one behind the other.

@@ -63,7 +63,7 @@ log_image nvram_contents(const log_storage &nvram)
 }
 
 template <typename Call>
-void change(const log_storage &nvram, const std::string &what, Call call)
+void change_status(const log_storage &nvram, const std::string &what, Call call)
 {
     nvram.log();
     const auto ready = ask_log([] { return podlog_nvram_init(0, 0); });
@@ -120,8 +120,8 @@ void set_status(const podlog_arguments &arguments)
     const uint32_t value = status_value(arguments.value);
     const log_storage nvram = local_nvram(arguments, cards_for_writing());
     const mapped_card card = mapped_cards(arguments).front();
-    change(nvram, "set the status of " + card.name,
-           [&] { return podlog_set_pod_status(card.id, static_cast<int>(value)); });
+    change_status(nvram, "set the status of " + card.name,
+                  [&] { return podlog_set_pod_status(card.id, static_cast<int>(value)); });
     record_set set = {"statuses", {status_row(card, value)}};
     print_done(record().add_hidden("table", table_name()).add(std::move(set)));
 }
@@ -169,8 +169,8 @@ void change_fault(const podlog_arguments &arguments, bool clear)
 {
     const log_storage nvram = local_nvram(arguments, cards_for_writing());
     const mapped_card card = mapped_cards(arguments).front();
-    change(nvram, "change the fault flag of " + card.name,
-           [&] { return podlog_faultinject_pod_status(card.id, clear); });
+    change_status(nvram, "change the fault flag of " + card.name,
+                  [&] { return podlog_faultinject_pod_status(card.id, clear); });
     print_done(fault_rows(arguments, nvram));
 }
 
@@ -187,7 +187,8 @@ void clear_fault(const podlog_arguments &arguments)
 void clear_all_faults(const podlog_arguments &arguments)
 {
     const log_storage nvram = local_nvram(arguments, cards_for_writing());
-    change(nvram, "clear the fault flags", [] { return podlog_nvram_clr_all_faultinject(0); });
+    change_status(nvram, "clear the fault flags",
+                  [] { return podlog_nvram_clr_all_faultinject(0); });
     print_done(fault_rows(arguments, nvram));
 }
 

@@ -377,7 +377,7 @@ void add_wait(CLI::App &command, uio_arguments &arguments)
     arguments.wait.add_timeout(command);
 }
 
-constexpr command_family<uio_arguments>::entry commands[] = {
+constexpr command_family<uio_arguments>::entry uio_commands[] = {
     {"list", "List the devices with a UIO driver", list, add_nothing},
     {"info", "Show a device's directories and windows", info, add_node},
     {"read", "Read registers", on_register<read_bank>, add_read},
@@ -392,7 +392,7 @@ constexpr command_family<uio_arguments>::entry commands[] = {
 void add_uio_commands(CLI::App &program)
 {
     command_family<uio_arguments>(program, "uio", "UIO devices, and those emulated over PCI")
-        .add(commands);
+        .add(uio_commands);
 }
 
 } // namespace devaccess

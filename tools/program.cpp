@@ -1,5 +1,6 @@
-// devaccess: the library's functions as commands.
+// The tree of all commands, and what is said when a line is wrong or a command fails.
 
+#include "program.h"
 #include "chassis.h"
 #include "command.h"
 #include "library.h"
@@ -16,17 +17,17 @@
 
 #include <fcntl.h>
 
+namespace devaccess
+{
 namespace
 {
-
-using namespace devaccess;
 
 enum { exit_ok = 0, exit_failed = 1, exit_usage = 2 };
 
 constexpr struct {
     const char *name;
     void (*add)(CLI::App &program);
-} families[] = {
+} command_families[] = {
     {"pci", add_pci_commands},         {"uio", add_uio_commands},
     {"mem", add_mem_commands},         {"podlog", add_podlog_commands},
     {"postlog", add_postlog_commands}, {"inventory", add_inventory_commands},
@@ -39,12 +40,12 @@ void add_families(CLI::App &program, const std::vector<std::string> &words)
 {
     named_command.clear();
     for (auto word = words.begin(); word != words.end(); ++word)
-        for (const auto &family : families)
+        for (const auto &family : command_families)
             if (*word == family.name) {
                 named_command = word + 1 == words.end() ? "" : word[1];
                 return family.add(program);
             }
-    for (const auto &family : families)
+    for (const auto &family : command_families)
         family.add(program);
 }
 
@@ -179,7 +180,7 @@ void occupy_closed_streams()
 
 } // namespace
 
-int main(int argc, char **argv)
+int run_program(int argc, char **argv)
 {
     occupy_closed_streams();
     std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
@@ -197,3 +198,5 @@ int main(int argc, char **argv)
     }
     return run_and_report(program, words);
 }
+
+} // namespace devaccess
