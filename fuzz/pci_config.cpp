@@ -8,6 +8,8 @@
 
 #include <array>
 
+#include <sys/mman.h>
+
 namespace
 {
 
@@ -48,6 +50,20 @@ void use_registers(void *handle)
     pci_config_bitclr8(0xFF, 0x3C, handle);
 }
 
+// Of a small resource the library asks the configuration space whether it is memory. Where that
+// cannot be read, the resource is mapped, and stays so.
+void use_resources()
+{
+    std::array<void *, 6> resources;
+    if (sysfs_pci_mmap(resources.data(), 0, &function) != 0)
+        return;
+    const auto mapped = resources;
+    sysfs_pci_munmap(resources.data(), &function);
+    for (void *address : mapped)
+        if (address)
+            ::munmap(address, 1);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -65,9 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     cut_loops(config);
     const fuzz::descriptor_check descriptors;
     fuzz::set_contents((directory + "/config").c_str(), config);
-    void *resources[6];
-    if (sysfs_pci_mmap(resources, 0, &function) == 0)
-        sysfs_pci_munmap(resources, &function);
+    use_resources();
     pcie_config_wait_link_up(&function);
     if (void *handle = pci_config_open(&function)) {
         use_registers(handle);
