@@ -81,11 +81,11 @@ std::string pci_resource::kind() const
 std::vector<pci_resource> pci_resources(const sysfs_pci_identity_t &device)
 {
     constexpr int bars = 6;
-    int64_t numbers[bars * 3] = {};
-    const ssize_t count = sysfs_pci_show_nums(numbers, bars * 3, "resource", &device);
+    int64_t numbers[bars][3] = {};
+    const ssize_t count = sysfs_pci_show_nums(numbers[0], size_t{bars} * 3, "resource", &device);
     std::vector<pci_resource> resources;
-    for (int bar = 0; (bar + 1) * 3 <= count; ++bar) {
-        const auto *line = reinterpret_cast<const uint64_t *>(numbers + bar * 3);
+    for (int bar = 0; bar < count / 3; ++bar) {
+        const auto *line = reinterpret_cast<const uint64_t *>(numbers[bar]);
         if (line[1] != 0 && line[1] >= line[0])
             resources.push_back({bar, line[0], line[1] - line[0] + 1, line[2]});
     }

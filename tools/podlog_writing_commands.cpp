@@ -145,7 +145,7 @@ int write_eeprom(uint32_t offset, uint8_t *buffer, uint32_t count)
 // What the file holds, when that is an EEPROM's log or nothing.
 std::string eeprom_to_fill(const podlog_arguments &arguments, const log_storage &storage)
 {
-    const std::string bytes = storage.bytes().value_or("");
+    std::string bytes = storage.bytes().value_or("");
     const log_image log(eeprom_layout, bytes);
     if (bytes.empty() || arguments.force)
         return log.holds_nothing() ? "" : bytes;

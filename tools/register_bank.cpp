@@ -147,7 +147,7 @@ void watch_bank(const register_bank &bank, uint64_t place, const bank_arguments 
 
 void dump_bank(const register_bank &bank, uint64_t place, uint64_t bytes, unsigned width)
 {
-    const unsigned step = width / 8;
+    const size_t step = width / 8;
     if (settings.as_json) {
         record shown = bank.identity;
         print(shown.add(rows_of(bank, place, bytes / step, width)));
