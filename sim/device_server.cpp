@@ -233,13 +233,12 @@ private:
             {"up", pcie_capability::link_up},
             {"training", pcie_capability::link_training},
             {"down", pcie_capability::link_down}};
+        const bool names_it_alone = id.find(':') != std::string::npos && state.empty();
         if (verb == "link" && states.contains(state))
             set_link(id, states.at(state));
-        else if (id.find(':') == std::string::npos || !state.empty())
-            return false;
-        else if (verb == "remove")
+        else if (verb == "remove" && names_it_alone)
             unplug_pci(id);
-        else if (verb == "plug")
+        else if (verb == "plug" && names_it_alone)
             plug_pci(id);
         else
             return false;
