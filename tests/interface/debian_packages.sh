@@ -8,7 +8,6 @@ root=$1
 # A simulated chassis needs its root directory to be a mount, and to write to /proc.
 mount --rbind "$root" "$root"
 mount -t proc proc "$root/proc"
-source=$(cd "$(dirname "$0")/../.." && pwd)
 arch=$(chroot "$root" dpkg --print-architecture)
 here() { dpkg-architecture -f -a "$arch" "$@" 2>/dev/null; }
 flags=
@@ -36,9 +35,9 @@ find "$WORK/examples" -maxdepth 1 -type f -perm -100 -exec cp -t "$root/examples
 PKG_CONFIG_LIBDIR=$(dirname "$(find "$root/usr/lib" -name common_device_access.pc)")
 export PKG_CONFIG_LIBDIR
 # shellcheck disable=SC2046,SC2086 # flags are meant to be split
-cc $flags "$source/tests/interface/client.c" $(pkg-config --cflags --libs common_device_access) \
+cc $flags "$examples/fpga_block.c" $(pkg-config --cflags --libs common_device_access) \
     -o "$root/examples/client"
-chroot "$root" chassis-sim -- /examples/client | grep '^1 window, register 0x1234$'
+chroot "$root" chassis-sim -- /examples/client | grep '0x10 reads 0xf00d0000$'
 
 # A package of it depends on the library's, as its symbols say.
 dpkg-deb -R "$TRIED"/libcommon-device-access0.0_*.deb "$WORK/library"
