@@ -78,7 +78,8 @@ time_t time_of(const pod_entry &entry)
 pod_message::pod_message(const char *event_level, const char *diag_string, const char *ret_string,
                          const char *fmt, va_list args)
 {
-    char formatted[sizeof text_] = {};
+    char formatted[sizeof text_];
+    formatted[0] = '\0';
     std::vsnprintf(formatted, sizeof formatted, fmt, args);
     if (event_level)
         append(event_level, sizeof text_);
@@ -86,14 +87,14 @@ pod_message::pod_message(const char *event_level, const char *diag_string, const
     append_spaced(ret_string);
     append(formatted, uint32_t{sizeof text_} - size_);
     size_ = std::min(size_ + 1, uint32_t{sizeof text_});
-    text_[sizeof text_ - 1] = '\0';
+    text_[size_ - 1] = '\0';
 }
 
 uint32_t pod_message::append(const char *part, uint32_t room)
 {
-    const uint32_t length = static_cast<uint32_t>(strnlen(part, room));
-    std::memcpy(text_ + size_, part, length);
-    size_ += length;
+    uint32_t length = 0;
+    for (; length < room && part[length] != '\0'; ++length)
+        text_[size_++] = part[length];
     return length;
 }
 

@@ -66,7 +66,7 @@ private:
     uint32_t append(const char *part, uint32_t room);
     void append_spaced(const char *part);
 
-    char text_[64] = {};
+    char text_[64];
     uint32_t size_ = 0;
 };
 
