@@ -105,7 +105,7 @@ int eeprom_storage::mem_wr(int eeprom_id, int64_t position, const void *data, ui
 
 pod_log_ring device_access::eeprom_ring(int eeprom_id)
 {
-    return {storage, eeprom_id};
+    return {storage, eeprom_id, storage.shape(eeprom_id)};
 }
 
 //--- the interface --------------------------------------------------------------------------------

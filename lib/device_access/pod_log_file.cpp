@@ -166,7 +166,7 @@ int file_storage::mem_wr(int file_id, int64_t position, const void *data, uint32
 
 pod_log_ring device_access::file_ring(int file_id)
 {
-    return {storage, file_id};
+    return {storage, file_id, storage.shape(file_id)};
 }
 
 //--- the interface --------------------------------------------------------------------------------

@@ -304,7 +304,7 @@ pod_storage &nvram_devices()
 
 pod_log_ring nvram_ring(int nvram_id)
 {
-    return {storage, nvram_id};
+    return {storage, nvram_id, storage.shape(nvram_id)};
 }
 
 } // namespace device_access

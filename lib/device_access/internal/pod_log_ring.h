@@ -22,8 +22,8 @@ class pod_log_ring
 {
 public:
     pod_log_ring() = default; // the log of no storage, which has no operations
-    pod_log_ring(pod_storage &storage, int id)
-        : storage_(&storage), id_(id), shape_(storage.shape(id))
+    pod_log_ring(pod_storage &storage, int id, const pod_shape &shape)
+        : storage_(&storage), id_(id), shape_(shape)
     {
     }
     explicit operator bool() const { return storage_ != nullptr; }
