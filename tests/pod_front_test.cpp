@@ -45,12 +45,12 @@ std::string registry_row(int inst_id)
     char *name;
     pod_storage_type_t type;
     pod_secondary_storage_type_t second;
-    int device;
-    int second_device;
-    int row;
+    int device, second_device, row;
     if (podlog_get_pod_instance_name(inst_id, &name) != 1 ||
         podlog_get_pod_storage_info(inst_id, &type, &device, &second, &second_device, &row) != 1)
-        return "";
+        return podlog_get_pod_secondary_storage_info(inst_id, &second, &second_device, &row) == 0
+                   ? ""
+                   : "half a row";
     return printed("%d %s=%d:%c%d/%c%d ", row, name, inst_id, "NFE"[type], device, "-E"[second],
                    second_device);
 }
