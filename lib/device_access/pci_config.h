@@ -88,8 +88,9 @@ DEVICE_ACCESS_API int pci_config_find_capability(uint8_t cap_id, void *handle);
  *
  * Returns
  *   0    the link is up; errno is 0
- *   -1   the configuration space cannot be opened, or has no PCI Express capability (ENOENT); errno
- *        as pci_config_open() and pci_config_find_capability() set it
+ *   -1   the configuration space cannot be opened, its capability list cannot be read, or there is
+ *        no PCI Express capability (ENOENT); errno as pci_config_open() and
+ *        pci_config_find_capability() set it
  *   5    EIO: a register cannot be read; errno as pci_config_read16() left it
  *   67   ENOLINK: training has ended with a link width of 0; errno is the same
  *   71   EPROTO: the data link is active, yet training goes on; errno is the same

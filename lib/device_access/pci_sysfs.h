@@ -114,8 +114,8 @@ typedef struct sysfs_pci_get_next_element_s {
 DEVICE_ACCESS_API int sysfs_pci_info_init(void);
 
 /*
- * Begin an iteration over the result of the last scan. Without one the iterator is not usable. A
- * NULL handle is only reported, to syslog(3) at LOG_ERR.
+ * Begin an iteration over the result of the last scan. Without one the iterator is not usable, as a
+ * line like the scan's says. A NULL handle is only reported, to syslog(3) at LOG_ERR.
  */
 DEVICE_ACCESS_API void sysfs_pci_info_fetch_init(sysfs_pci_get_next_element_t *handle);
 
@@ -130,12 +130,12 @@ DEVICE_ACCESS_API const sysfs_pci_info_t *
 sysfs_pci_info_fetch_next(sysfs_pci_get_next_element_t *handle);
 
 /*
- * Fill the record of one device. An id whose attribute does not hold exactly one number below
- * 0x10000 becomes 0xffff; a name that is no identity leaves sys_fs as far as it could be printed.
+ * Fill the record of one device. An id whose attribute does not begin with a number below 0x10000,
+ * as sysfs_pci_show_nums() reads it, becomes 0xffff. A NULL identity leaves sys_fs empty.
  *
  * pci_dev: not NULL.
  *
- * Returns 0, whatever failed.
+ * Returns 0, whatever failed. errno has no meaning.
  */
 DEVICE_ACCESS_API int sysfs_pci_dev_fill(com_pci_dev_t *pci_dev,
                                          const sysfs_pci_identity_t *pci_ident);
@@ -191,8 +191,8 @@ DEVICE_ACCESS_API int sysfs_pci_open(const char *attr_name, int open_flags,
  * fd:         the attribute, opened for reading; sysfs_pci_show() opens and closes it by name.
  *
  * Return the text, NUL-terminated: attr_value, or the block, to be released with free(). NULL with
- * errno on failure: EINVAL for max below 2, ENOMEM, or as the system call set it. An empty file is
- * a failure too; it leaves errno alone.
+ * errno on failure: EINVAL for max below 2, ENOMEM, or as sysfs_pci_open() or the system call set
+ * it. An empty file is a failure too; it leaves errno alone.
  */
 DEVICE_ACCESS_API char *sysfs_pci_fshow(char *attr_value, size_t max, size_t *count, int fd);
 DEVICE_ACCESS_API char *sysfs_pci_show(char *attr_value, size_t max, size_t *count,
@@ -221,8 +221,8 @@ DEVICE_ACCESS_API ssize_t sysfs_pci_show_nums(int64_t *value, size_t num_count,
  *
  * fd: the attribute, opened for writing; sysfs_pci_store() opens and closes it by name.
  *
- * Return 0; -1 with errno on failure: EINVAL for a NULL or empty text, else as the system calls set
- * it. A text that was not taken whole is a failure too; it leaves errno alone.
+ * Return 0; -1 with errno on failure: EINVAL for a NULL or empty text, else as sysfs_pci_open() or
+ * the system call set it. A text that was not taken whole is a failure too; it leaves errno alone.
  */
 DEVICE_ACCESS_API int sysfs_pci_fstore(const char *attr_value, int fd);
 DEVICE_ACCESS_API int sysfs_pci_store(const char *attr_value, const char *attr_name,
@@ -259,7 +259,8 @@ DEVICE_ACCESS_API int sysfs_pci_mmap(void **resource, uint32_t umask,
 
 /*
  * Unmap what sysfs_pci_mmap() has mapped and set all 6 entries to NULL. The lengths are those of
- * the files now: the device must still be there, or its mappings stay for the process's life.
+ * the files now: what a device that has gone had mapped stays for the process's life, and so does a
+ * resource of 128 to 256 bytes whose register cannot be read.
  */
 DEVICE_ACCESS_API void sysfs_pci_munmap(void **resource, const sysfs_pci_identity_t *pci_ident);
 
