@@ -157,8 +157,8 @@ DEVICE_ACCESS_API int libuio_get_removed_fd(const libuio_dev_t *uio);
  *
  * Returns the number of maps newly mapped; minus the number of the map that could not be mapped,
  * with mmap(2)'s errno (untouched after a removal), maps mapped before it staying mapped; -1 with
- * EINVAL for a NULL handle. A
- * failure on map 0 thus returns 0, like "nothing to map": libuio_get_mapinfo() tells them apart.
+ * EINVAL for a NULL handle. A failure on map 0 thus returns 0, like "nothing to map":
+ * libuio_get_mapinfo() tells them apart.
  */
 DEVICE_ACCESS_API int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask);
 

@@ -25,8 +25,9 @@
  *
  * Results are 1 for success, 0 for nothing there or not valid, -1 for an error and -2 for no more,
  * unless said otherwise. errno is that of the failing system call where there was one; neither
- * messages nor clean-up change it. Lines beginning "ERROR" go to standard error; dumps, warnings
- * and the few lines marked below go to standard output.
+ * messages nor clean-up change it. Messages go to standard error; dumps, warnings and the few lines
+ * marked below go to standard output, and so does the line on the magic number of an index that is
+ * none when a history is looked for.
  *
  * An open block keeps its descriptor in its row of the block table. A record that cannot be read
  * from a device file closes its block through the access table; closing a closed block is harmless.
@@ -251,7 +252,8 @@ DEVICE_ACCESS_API int postlog_nvram_close_dir(log_type_t blk);
 
 /*
  * The current history's header: its position, 0 in the event log; -1 when the index cannot be read,
- * is not an index, or leads out of the block. The block must be open.
+ * is not an index, or leads out of the block, where a line about a history number that is too large
+ * goes to standard output. The block must be open.
  */
 DEVICE_ACCESS_API int post_get_curr_log_hdr_pos(log_type_t blk);
 

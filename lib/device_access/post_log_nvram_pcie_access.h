@@ -77,16 +77,17 @@ DEVICE_ACCESS_API int postlog_pcie_nvram_init(log_type_t blk);
 DEVICE_ACCESS_API void postlog_pcie_nvram_close(log_type_t blk);
 
 /*
- * Read num_byte bytes (at most INT_MAX) at an offset in the block, as pcie_nvram_read() without
- * swap does. Returns num_byte; 0 with a message on failure or when the block is closed.
+ * Read num_byte bytes at an offset in the block, as pcie_nvram_read() without swap does, but not
+ * beyond the controller's 20 bits of address, where NVRAM would come round to its start. Returns
+ * num_byte; 0 with a message on failure or when the block is closed.
  */
 DEVICE_ACCESS_API int postlog_pcie_nvram_rd(log_type_t blk, uint32_t offset, uint8_t *buffer,
                                             uint32_t num_byte);
 
 /*
- * Read a record at an offset in the block and bring its fields into host byte order. Return 1; -1
- * with a message on failure, which does not close the block. Of a closed block the offset itself
- * becomes the address: its start, and only that, is refused.
+ * Read a record at an offset in the block, within the same limit, and bring its fields into host
+ * byte order. Return 1; -1 with a message on failure, which does not close the block. Of a closed
+ * block the offset itself becomes the address: its start, and only that, is refused.
  */
 DEVICE_ACCESS_API int postlog_pcie_rd_log_index(log_type_t blk, uint32_t offset,
                                                 nvram_log_index_t *blk_index);

@@ -3,8 +3,6 @@
 #include "errno_guard.h"
 #include "print.h"
 
-#include <climits>
-
 using namespace device_access;
 
 namespace postlog
@@ -113,7 +111,7 @@ nvram_dev_info_t &row_of(log_type_t blk)
 
 uint32_t offset_of(int64_t pos)
 {
-    return pos > INT_MAX ? UINT32_MAX : static_cast<uint32_t>(pos);
+    return pos > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(pos);
 }
 
 bool read_entry(log_type_t blk, int64_t pos, nvram_log_t &entry)

@@ -12,7 +12,7 @@ namespace postlog
 // The block's row of the table in use.
 nvram_dev_info_t &row_of(log_type_t blk);
 
-// Positions travel as int. One beyond its range lies behind every block, so reading there fails as
+// Positions travel in 32 bits. One beyond them lies behind every block, so reading there fails as
 // reading behind the end does.
 uint32_t offset_of(int64_t pos);
 

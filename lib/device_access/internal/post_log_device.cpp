@@ -119,7 +119,7 @@ int postlog_nvram_open_dev_file(log_type_t blk, int *nvram_fd)
     dev_t number;
     if (n == -1 || !read_nvram_device_number(n, number) || !make_nvram_node(path.str, number))
         return 0;
-    *nvram_fd = ::open(path.str, O_RDONLY);
+    *nvram_fd = ::open(path.str, O_RDONLY | O_CLOEXEC);
     if (*nvram_fd != -1)
         return 1;
     return refuse(0, "ERROR: cannot open newly created dev file %s!\n", path.str);
