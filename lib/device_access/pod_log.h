@@ -22,10 +22,11 @@
  *           podlog_close_log().
  *
  * Results are 1 for success and -1 for failure unless stated. Errors are printed on standard error,
- * one line each; an id that the registry does not hold as "ERROR: CALL: invalid instance id ID!".
- * Warnings and dumps go to standard output. errno is not part of the interface of the calls below;
- * after a storage's own call it is what the failing system call set, and as before when there was
- * none (bad contents, no such device).
+ * an id that the registry does not hold as "ERROR: CALL: invalid instance id ID!". Warnings and
+ * dumps go to standard output. errno is not part of the interface of the calls below; after a
+ * storage's own call that failed it is what the failing system call set. Where there was none (bad
+ * contents, no such device) it is as before, or what a step of opening left that may fail: making
+ * the directory of the files (EEXIST), or opening an NVRAM whose node was not there yet.
  *
  * Times are seconds since the epoch, of which the log keeps the low 32 bits. A time_t of 32 bits
  * gets them as they are; a wider one gets their value without sign, which is right until 2106.
@@ -177,12 +178,12 @@ DEVICE_ACCESS_API int podlog_select_primary_secondary_storage(int inst_id, int u
 /*
  * Copy the newest history that holds entries from an instance's primary storage to its secondary
  * EEPROM, entry by entry as they are, and then start the EEPROM's next history, even after a failed
- * copy. Neither storage may be open. "No log!" on standard output says that there was nothing to
- * copy.
+ * copy, but not when one of the two cannot be opened. Neither storage may be open. "No log!" on
+ * standard output says that there was nothing to copy.
  *
- * Returns 1, also for an instance without secondary storage; -1 with a line on standard error on
- * failure. When the secondary storage cannot be opened, the instance is left switched to it;
- * otherwise it ends switched to its primary storage.
+ * Returns 1, also for an instance without secondary storage; -1 on failure. When the secondary
+ * storage cannot be opened, the instance is left switched to it; otherwise it ends switched to its
+ * primary storage.
  */
 DEVICE_ACCESS_API int podlog_cpy_curr_subblock_to_secondary(int inst_id);
 
