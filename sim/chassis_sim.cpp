@@ -28,9 +28,8 @@ constexpr int longest_time = 24 * 60 * 60 * 1000;
 
 // What the command line says; what it does not say is as the description has it.
 struct settings {
-    std::string description; // a file
-    std::string recording;
     bool describes = false;
+    std::optional<std::string> description, recording; // files
     std::optional<std::string> model, pod_log, post_log;
     std::optional<int> uio_appears, uio_irq_delay, uio_removed, link_trains;
     unsigned int pci_devices = 0;
@@ -75,13 +74,15 @@ void apply_fault(chassis_description &chassis, const std::string &fault)
 chassis_description described_by(const settings &chosen)
 {
     chassis_description chassis;
-    if (!chosen.description.empty())
-        chassis = chassis_sim::read_description(chosen.description);
+    if (chosen.description)
+        chassis = chassis_sim::read_description(*chosen.description);
     auto &logs = chassis.logs;
     logs.chassis = chosen.model.value_or(logs.chassis);
     logs.pod = chosen.pod_log.value_or(logs.pod);
     logs.post = chosen.post_log.value_or(logs.post);
     chassis.pci_devices += chosen.pci_devices;
+    if (chassis.pci_devices > chassis_sim::most_pci_devices)
+        throw failure("these are too many PCI devices");
     apply_uio(chassis, chosen);
     if (chosen.link_trains.value_or(0) > 0) {
         apply_fault(chassis, "link-stuck");
@@ -219,7 +220,7 @@ int run(int argc, char **argv)
             return app.exit(error);
         throw;
     }
-    const bool recorded = !chosen.recording.empty();
+    const bool recorded = chosen.recording.has_value();
     for (const CLI::Option *option : app.get_options())
         if (recorded && option->count() > 0 && option->get_name() != "--from" &&
             option->get_name() != "command")
@@ -233,7 +234,7 @@ int run(int argc, char **argv)
         throw failure("command is required");
     if (fs::exists(chassis_sim::control_path))
         throw failure("this is a simulated chassis already; there is none in it");
-    recorded ? chassis_sim::build_recorded_chassis(chosen.recording) : build_chassis(chassis);
+    recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
     return chassis_sim::run_command(chosen.command);
 }
 

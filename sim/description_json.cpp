@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
 #include <set>
 #include <type_traits>
@@ -95,7 +96,7 @@ public:
     reader(const json &object, std::string where) : object_(object), where_(std::move(where))
     {
         if (!object_.is_object())
-            throw failure(where_ + " is no object");
+            throw failure((where_.empty() ? "the description" : where_) + " is no object");
     }
 
     template <typename T>
@@ -367,28 +368,46 @@ void visit(V &v, chassis_description &chassis)
     v("pci_devices", chassis.pci_devices);
 }
 
+void require(bool good, const std::string &what)
+{
+    if (!good)
+        throw failure("the description's " + what);
+}
+
+void check_id(const std::string &id)
+{
+    unsigned int domain, bus, slot, function;
+    require(std::sscanf(id.c_str(), "%4x:%2x:%2x.%1x", &domain, &bus, &slot, &function) == 4 &&
+                id.size() == sizeof "0000:00:00.0" - 1,
+            "function id '" + id + "' is no PCI address");
+}
+
+void check(const function_description &f)
+{
+    check_id(f.id);
+    require(f.config_size == 256 || f.config_size == 4096,
+            "config_size of " + f.id + " is not 256 or 4096");
+    for (const register_value &r : f.config)
+        require(uint64_t{r.offset} + r.width <= f.config_size,
+                "config of " + f.id + " is too long");
+    for (const auto &bar : f.bars)
+        for (const register_value &r : bar.registers)
+            require(uint64_t{r.offset} + r.width <= bar.window.size,
+                    "registers of " + f.id + " lie outside its BAR");
+}
+
 // What would break the tree, or the server, if it were taken at its word.
 void check(const chassis_description &chassis)
 {
-    const auto require = [](bool good, const std::string &what) {
-        if (!good)
-            throw failure("the description's " + what);
-    };
-    for (const function_description &f : chassis.functions) {
-        unsigned int domain, bus, slot, function;
-        require(std::sscanf(f.id.c_str(), "%4x:%2x:%2x.%1x", &domain, &bus, &slot, &function) ==
-                        4 &&
-                    f.id.size() == sizeof "0000:00:00.0" - 1,
-                "function id '" + f.id + "' is no PCI address");
-        require(f.config_size == 256 || f.config_size == 4096,
-                "config_size of " + f.id + " is not 256 or 4096");
-        for (const register_value &r : f.config)
-            require(uint64_t{r.offset} + r.width <= f.config_size,
-                    "config of " + f.id + " is too long");
-        for (const auto &bar : f.bars)
-            for (const register_value &r : bar.registers)
-                require(uint64_t{r.offset} + r.width <= bar.window.size,
-                        "registers of " + f.id + " lie outside its BAR");
+    for (const function_description &f : chassis.functions)
+        check(f);
+    for (const fpga_card &card : chassis.fpga_cards) {
+        check_id(card.port);
+        check_id(card.id);
+    }
+    for (const auto &bridge : chassis.hotswap_bridges) {
+        check_id(bridge.id);
+        check(bridge.behind);
     }
     for (const uio_description &uio : chassis.uio) {
         for (const uio_map &map : uio.maps)
@@ -415,7 +434,8 @@ std::string description_text(const chassis_description &description)
 
 chassis_description read_description(const std::string &path)
 {
-    const std::string text = file_text(path);
+    std::error_code none;
+    const std::string text = std::filesystem::is_directory(path, none) ? "" : file_text(path);
     if (text.empty())
         throw failure("cannot read a description from " + path);
     const json document = json::parse(text, nullptr, false, true);

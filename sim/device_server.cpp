@@ -233,15 +233,19 @@ private:
             {"up", pcie_capability::link_up},
             {"training", pcie_capability::link_training},
             {"down", pcie_capability::link_down}};
-        const bool names_it_alone = id.find(':') != std::string::npos && state.empty();
-        if (verb == "link" && states.contains(state))
+        const bool names_it_alone =
+            id.find(':') != std::string::npos && id.find('/') == std::string::npos && state.empty();
+        if (verb == "link" && states.contains(state)) {
             set_link(id, states.at(state));
-        else if (verb == "remove" && names_it_alone)
-            unplug_pci(id);
-        else if (verb == "plug" && names_it_alone)
-            plug_pci(id);
-        else
+        } else if (verb == "remove" && names_it_alone) {
+            if (!unplug_pci(id))
+                throw failure("there is no function '" + id + "'");
+        } else if (verb == "plug" && names_it_alone) {
+            if (!plug_pci(id))
+                throw failure("no function '" + id + "' has been removed");
+        } else {
             return false;
+        }
         return true;
     }
 

@@ -420,21 +420,22 @@ void remove_pci(const std::string &id)
     fs::remove(place_of(id));
 }
 
-void unplug_pci(const std::string &id)
+bool unplug_pci(const std::string &id)
 {
     if (!fs::exists(pci_link(id)))
-        return;
+        return false;
     const fs::path dir = fs::canonical(pci_link(id));
     for (const auto &[link, target] : links_to(dir))
         fs::remove(link);
     make_symlink(place_of(id), dir.string());
     must(::rename(dir.c_str(), aside(id).c_str()), "unplug " + id);
+    return true;
 }
 
-void plug_pci(const std::string &id)
+bool plug_pci(const std::string &id)
 {
     if (!fs::exists(aside(id)))
-        return;
+        return false;
     const fs::path dir = fs::read_symlink(place_of(id));
     // Whoever sees the directory finds the link too.
     make_relative_symlink(pci_link(id), dir.string());
@@ -443,6 +444,7 @@ void plug_pci(const std::string &id)
     for (const auto &[link, target] : links_to(dir))
         if (!fs::is_symlink(link))
             make_relative_symlink(link, target);
+    return true;
 }
 
 pci_function made_of(const function_description &described)

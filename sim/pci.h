@@ -89,9 +89,9 @@ void write_config16(const std::string &id, size_t offset, uint16_t value);
 // The function and what is below it leave the bus.
 void remove_pci(const std::string &id);
 
-// The same, but it can come back as it was, whole, at once; what is so already stays so.
-void unplug_pci(const std::string &id);
-void plug_pci(const std::string &id);
+// The same, but it can come back as it was, whole, at once. False: it is so already.
+bool unplug_pci(const std::string &id);
+bool plug_pci(const std::string &id);
 
 // A number in a configuration space or a window of registers.
 struct register_value {

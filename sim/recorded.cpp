@@ -98,13 +98,26 @@ recording read_recording(const std::string &file)
     return made;
 }
 
+// Links, and what is reached through them, are of the chassis: all else in its root is the
+// machine's.
+void require_inside(const fs::path &path)
+{
+    const std::string place = fs::weakly_canonical(path).string();
+    if (!place.starts_with("/sys/") && !place.starts_with("/var/pod/"))
+        throw failure("a link of the recording leads to " + place);
+}
+
 void write_tree(const recording &recorded)
 {
     for (const auto &[path, bytes] : recorded.files)
         if (!path.starts_with("/dev/"))
             write_file(path, bytes, 0666);
-    for (const auto &[path, target] : recorded.links)
+    for (const auto &[path, target] : recorded.links) {
+        require_inside(fs::path(path).parent_path() / "link");
         make_symlink(path, target);
+    }
+    for (const auto &[path, target] : recorded.links)
+        require_inside(path);
 }
 
 std::vector<fs::path> entries_of(const std::string &directory)

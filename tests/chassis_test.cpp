@@ -76,6 +76,8 @@ TEST(chassis, answers_what_is_wrong_with_one_line_and_goes_on)
         {"plug uio0", "uio0 is plugged already"},
         {"plug uio1", "there is no device 'uio1'"},
         {"plug", "plug takes a device"},
+        {"plug 0000:03:00.0", "no function '0000:03:00.0' has been removed"},
+        {"remove 0000:04:00.0", "there is no function '0000:04:00.0'"},
         {"remove uio0 now", "remove takes a device"},
         {"", "unknown control line ''"},
         {"explode uio0", "unknown control line 'explode uio0'"},
@@ -459,7 +461,9 @@ TEST(chassis, is_what_its_description_says_and_prints_it_in_the_same_format)
     const string wrong[][2] = {
         {"", "cannot read a description from " + file},
         {"{", file + " is no JSON text"},
-        {"[]", " is no object"},
+        {"[]", "the description is no object"},
+        {R"({"hotswap_bridges": [{"id": "0000:00:1.0"}]})",
+         "the description's function id '0000:00:1.0' is no PCI address"},
         {R"({"uoi": []})", "unknown member /uoi"},
         {R"({"uio": {}})", "/uio is no array"},
         {R"({"uio": [{"number": -1}]})", "/uio/0/number is no number that is possible here"},
@@ -519,6 +523,9 @@ TEST(chassis, recorded_machine_looks_inside_as_the_machine_does)
         {"truncate -s 20M " + base + ".big; tar cPf " + base +
              " --transform 's,.*,sys/class/big,' " + base + ".big; rm " + base + ".big",
          "/sys/class/big is too large for a recording"},
+        {"ln -s /usr " + base + ".ln; cd /; tar cPf " + base +
+             " --transform 's,.*,sys/class/&,S' etc/passwd " + base + ".ln; rm " + base + ".ln",
+         "a link of the recording leads to /usr"},
     };
     for (const auto &[make, line] : cases) {
         EXPECT_EQ(shell(make), "0");
