@@ -50,6 +50,8 @@ read 0:10.0 CAP_EXP+4096 -> 2 | | 4096 is too large
 write 0:10.0 COMMAND=2/6 LATENCY_TIMER=0x40 --dry-run -> 0 | 0x04    16     0x0000  0x0002  COMMAND        I/O- Mem+
 read 0:10.0 COMMAND --json -> 0 | "value":0,
 dump 0:10.0 --out /var/tmp/before -> 0
+diff /var/tmp/before 0:10.0 && head -99 /var/tmp/before >/var/tmp/cut -> 0 | no differences
+diff /var/tmp/cut 0:10.0 -> 1 | no differences | one side has fewer bytes of 0000:00:10.0
 write 0:10.0 COMMAND=2/6 LATENCY_TIMER=0x40 --json -> 0 | {"before":null,"fields":{},"offset":13,"register":"LATENCY_TIMER","value":64
 write 0:10.0 COMMAND=4/4 --json -> 0 | "before":2,
 write 0:10.0 COMMAND 4 --json -> 0 | "before":null,

@@ -287,7 +287,7 @@ record difference_row(const std::string &id, const register_place &place, uint32
 void compare(const config_space &a, const config_space &b, std::vector<record> &rows)
 {
     std::vector<bool> shown(4096);
-    std::map<uint32_t, record> differences;
+    std::multimap<uint32_t, record> differences;
     for (const register_place &place : all_registers(a)) {
         const auto in_a = a.try_read(place.offset, place.width);
         const auto in_b = b.try_read(place.offset, place.width);
@@ -333,10 +333,14 @@ void pci_diff(const pci_arguments &arguments)
     const side b = side_of(arguments.other);
     record_set differences = {"differences", {}};
     const bool is_pair = a.size() == 1 && b.size() == 1;
+    std::string cut; // of which one side has less
     for (const config_space &in_a : a)
         for (const config_space &in_b : b)
-            if (is_pair || in_a.id() == in_b.id())
+            if (is_pair || in_a.id() == in_b.id()) {
                 compare(in_a, in_b, differences.rows);
+                if (in_a.all_bytes().size() != in_b.all_bytes().size())
+                    cut = in_a.id();
+            }
     const json only_in_a = is_pair ? json::array() : ids_that_lack(a, b);
     const json only_in_b = is_pair ? json::array() : ids_that_lack(b, a);
     const size_t count = differences.rows.size() + only_in_a.size() + only_in_b.size();
@@ -349,6 +353,9 @@ void pci_diff(const pci_arguments &arguments)
     if (count != 0)
         throw failure("call them alike",
                       fmt::format("{} difference{}", count, count == 1 ? "" : "s"), "");
+    if (!cut.empty())
+        throw failure("call them alike", "one side has fewer bytes of " + cut,
+                      "'lspci -xxxx' as root keeps all of it");
 }
 
 } // namespace devaccess
