@@ -117,6 +117,11 @@ pci read 03:00.0 0x100000000 -> 2 | | 0x100000000 is too large; at most 0xffffff
 uio read /dev/uio0 0 0 --width '' -> 2 | | --width
 uio wait /dev/uio0 --timeout nan -> 2 | | 'nan' is no number of seconds
 uio read /dev/uio0 0 2 -> 2 | | must be a multiple of 4 bytes
+uio write 0 0 '' 1 -> 2 | | the offset '' is no number
+uio dump 0 0 0 6 -> 2 | | the length must be a multiple of 4 bytes
+uio dump 0 0 0x1000 -> 1 | | the window has 0x1000 bytes
+uio wait 0 --count 0 -> 2 | | the count must be at least 1
+podlog status '' failed -> 2 | | CARD: it is empty
 podlog show RPSW1 --chassis n30 -> 2 | | --chassis
 inventory store SW1 123456789012345 P -> 2 | | is longer than 14 characters
 podlog salvage -> 2 | | either CARD or --file
@@ -147,8 +152,11 @@ pci list >&- -> 1 | | devaccess: cannot write standard output
     // On a terminal, in colour; an ordinary user is told what is missing, whichever the command.
     expect("script -qec ", R"('devaccess pci children 0:1c.0' /dev/null -> 0 | [1mID  
 'devaccess uio info 7' /dev/null -> 1 | [31mdevaccess:)");
+    expect("DEVACCESS_CHASSIS=n3 devaccess ", R"(--complete podlog show '' -> 0
+inventory store SW1 1 P -> 0)");
     if (is_root)
         expect("$USER1 ", R"(podlog prepare SW1 -> 1 | | ; run it as root\n
+inventory clear SW1 -> 1 | | ; run it as root\n
 pci write 3:0.0 0 0 -> 1 | | ; run it as root\n)");
 }
 

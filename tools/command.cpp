@@ -72,7 +72,11 @@ void pass(place &here, const std::string &word)
 std::vector<std::string> values_of(const CLI::Option *option, const given_options &given)
 {
     const auto found = offers().find(option);
-    return found == offers().end() ? std::vector<std::string>() : found->second(given);
+    try {
+        return found == offers().end() ? std::vector<std::string>() : found->second(given);
+    } catch (const std::exception &) { // what is there cannot be told
+        return {};
+    }
 }
 
 // With their descriptions.
@@ -145,7 +149,7 @@ std::vector<std::string> names_of(const described &words)
 CLI::Option *offer(CLI::Option *option, chooser values)
 {
     offers()[option] = std::move(values);
-    return option;
+    return option->check([](const std::string &word) { return word.empty() ? "it is empty" : ""; });
 }
 
 CLI::Option *offer_paths(CLI::Option *option)

@@ -83,7 +83,7 @@ using given_options = std::map<std::string, std::string>;
 using chooser = std::function<std::vector<std::string>(const given_options &)>;
 
 // What an option or argument can be, for the completion; a path, or one of these words, for the
-// parser too.
+// parser too. None can be empty, as a script's variable can: no card, say, would mean all of them.
 CLI::Option *offer(CLI::Option *option, chooser choices);
 CLI::Option *offer_paths(CLI::Option *option);
 CLI::Option *one_of(CLI::Option *option, const std::vector<std::string> &words);

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace devaccess
 {
@@ -117,7 +118,9 @@ void store(const inventory_arguments &arguments)
 void clear(const inventory_arguments &arguments)
 {
     const inventory_slot slot(arguments);
-    ask([&] { return diag_inventory_clear(slot.name.c_str()); });
+    const auto done = ask([&] { return diag_inventory_clear(slot.name.c_str()); });
+    if (::access(slot.file.c_str(), F_OK) == 0)
+        fail("clear the inventory of " + slot.name, done, "is " + slot.file + " a file?");
     print_done(record().add("slot", slot.name).add("file", slot.file));
 }
 

@@ -59,7 +59,7 @@ uint64_t address_of(const mem_arguments &arguments)
 void read(const mem_arguments &arguments)
 {
     const uint64_t count =
-        arguments.count.empty() ? 1 : parse_number("the count", arguments.count, longest_access);
+        arguments.count.empty() ? 1 : parse_count("the count", arguments.count, longest_access);
     const mapped_memory memory(address_of(arguments), count * arguments.width / 8);
     read_bank(memory.bank(), address_of(arguments), arguments);
 }
@@ -73,7 +73,7 @@ void write(const mem_arguments &arguments)
 void dump(const mem_arguments &arguments)
 {
     const uint64_t bytes =
-        arguments.count.empty() ? 256 : parse_number("the length", arguments.count, longest_access);
+        arguments.count.empty() ? 256 : parse_count("the length", arguments.count, longest_access);
     const mapped_memory memory(address_of(arguments), bytes);
     dump_bank(memory.bank(), address_of(arguments), bytes, arguments.width);
 }

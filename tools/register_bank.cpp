@@ -3,6 +3,8 @@
 #include "command.h"
 #include "library.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 namespace devaccess
@@ -46,7 +48,8 @@ size_t offset_in(const register_bank &bank, uint64_t place, uint64_t bytes, unsi
         throw usage_error(
             fmt::format("the {} must be a multiple of {} bytes, the width", bank.place, width / 8));
     const uint64_t size = bank.window.size();
-    if (place < bank.start || bytes > size || place - bank.start > size - bytes)
+    const uint64_t least = std::max<uint64_t>(bytes, 1); // nothing can be behind the end either
+    if (place < bank.start || least > size || place - bank.start > size - least)
         throw failure(fmt::format("reach {} {:#x} of {}", bank.place, place, bank.name),
                       fmt::format("the window has {:#x} bytes", size),
                       "ask for less, or nearer to its beginning");
@@ -103,6 +106,14 @@ void bank_arguments::add_value(CLI::App &command)
     add_width(command);
 }
 
+uint64_t parse_count(const std::string &name, const std::string &text, uint64_t max)
+{
+    const uint64_t count = parse_number(name, text, max);
+    if (count == 0)
+        throw usage_error(name + " must be at least 1");
+    return count;
+}
+
 void read_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments)
 {
     record shown = bank.identity;
@@ -111,7 +122,7 @@ void read_bank(const register_bank &bank, uint64_t place, const bank_arguments &
         print(shown.append(rows_of(bank, place, 1, arguments.width).rows[0]));
         return;
     }
-    const auto count = parse_number("the count", arguments.count, UINT32_MAX);
+    const auto count = parse_count("the count", arguments.count, UINT32_MAX);
     print(shown.add(rows_of(bank, place, count, arguments.width)));
 }
 
@@ -148,6 +159,9 @@ void watch_bank(const register_bank &bank, uint64_t place, const bank_arguments 
 void dump_bank(const register_bank &bank, uint64_t place, uint64_t bytes, unsigned width)
 {
     const size_t step = width / 8;
+    if (bytes % step != 0)
+        throw usage_error(
+            fmt::format("the length must be a multiple of {} bytes, the width", step));
     if (settings.as_json) {
         record shown = bank.identity;
         print(shown.add(rows_of(bank, place, bytes / step, width)));
@@ -155,12 +169,12 @@ void dump_bank(const register_bank &bank, uint64_t place, uint64_t bytes, unsign
     }
     const size_t first = offset_in(bank, place, bytes, width);
     std::string text;
-    for (size_t at = 0; at + step <= bytes; at += step) {
+    for (size_t at = 0; at < bytes; at += step) {
         const std::string value =
             hex(read_register(bank.window, first + at, width), digits_of(width));
         text += fmt::format("{}{}", at % 16 == 0 ? fmt::format("{:08x}: ", place + at) : " ",
                             value.substr(2));
-        if (at % 16 + step == 16 || at + 2 * step > bytes)
+        if (at % 16 + step == 16 || at + step == bytes)
             text += '\n';
     }
     print_text(text);

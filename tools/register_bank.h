@@ -13,7 +13,7 @@ namespace devaccess
 {
 
 struct bank_arguments {
-    std::string offset; // or address
+    std::string offset = "0"; // or address
     std::string value;
     std::string count;
     unsigned width = 32;
@@ -32,6 +32,9 @@ struct register_bank {
     uint64_t start;    // of the window, as places count
     device_access::window window;
 };
+
+// How many registers, bytes or the like; none is too few.
+uint64_t parse_count(const std::string &name, const std::string &text, uint64_t max);
 
 void read_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments);
 void write_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments);

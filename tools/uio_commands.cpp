@@ -228,7 +228,7 @@ unsigned map_of(const uio_arguments &arguments)
 
 uint64_t offset_of(const uio_arguments &arguments)
 {
-    return arguments.offset.empty() ? 0 : parse_number("the offset", arguments.offset, SIZE_MAX);
+    return parse_number("the offset", arguments.offset, SIZE_MAX);
 }
 
 template <void (*act)(const register_bank &, uint64_t, const bank_arguments &)>
@@ -244,8 +244,9 @@ void dump(const uio_arguments &arguments)
     const register_bank bank = device.bank(map_of(arguments));
     const uint64_t offset = offset_of(arguments);
     uint64_t bytes = bank.window.size() - std::min<uint64_t>(offset, bank.window.size());
+    bytes -= bytes % (arguments.width / 8);
     if (!arguments.count.empty())
-        bytes = parse_number("the length", arguments.count, SIZE_MAX);
+        bytes = parse_count("the length", arguments.count, SIZE_MAX);
     dump_bank(bank, offset, bytes, arguments.width);
 }
 
@@ -304,11 +305,13 @@ void wait(const uio_arguments &arguments)
         const uint32_t count = next_interrupt(device, wait);
         return record().add("node", device.node()).add("event_count", count);
     };
-    if (arguments.count.empty())
-        print(line().append(wait.now()));
-    const auto wanted =
-        arguments.count.empty() ? 0 : parse_number("the count", arguments.count, UINT32_MAX);
-    for (unsigned long long i = 0; i < wanted; ++i)
+    if (arguments.count.empty()) {
+        const record only = line().append(wait.now());
+        wait.clear();
+        print(only);
+        return;
+    }
+    for (uint64_t left = parse_count("the count", arguments.count, UINT32_MAX); left > 0; --left)
         wait.print(line());
 }
 

@@ -62,10 +62,11 @@ waiting::~waiting()
     handle_signals(SIG_DFL);
 }
 
-void waiting::clear() const
+void waiting::clear()
 {
     if (on_terminal_)
         std::cerr << "\r\033[K" << std::flush;
+    shown_.clear();
 }
 
 void waiting::show()
@@ -77,7 +78,10 @@ void waiting::show()
         left =
             fmt::format("{:.0f} s left",
                         std::ceil(std::chrono::duration<double>(deadline_ - clock::now()).count()));
-    std::cerr << "\r\033[K" << printable(what_) << ", " << left << std::flush;
+    // What a narrow terminal has no room for is cut, not wrapped.
+    if (const std::string line = printable(what_) + ", " + left;
+        line != std::exchange(shown_, line))
+        std::cerr << "\r\033[K\033[?7l" << line << "\033[?7h" << std::flush;
 }
 
 record waiting::now() const

@@ -32,6 +32,7 @@ public:
 
     // Shows the line, or what is true by now.
     void show();
+    void clear();
     // Prints with a time: "time" and, in seconds from the beginning, "elapsed".
     void print(const record &what);
     record now() const;
@@ -44,9 +45,8 @@ public:
     bool sleep(std::chrono::milliseconds time);
 
 private:
-    void clear() const;
-
     std::string what_;
+    std::string shown_; // on the terminal
     clock::time_point start_ = clock::now();
     clock::time_point deadline_;
     bool on_terminal_;
