@@ -22,7 +22,7 @@ cd /var/tmp/t; for f in sys/bus/pci/devices/*/config var/pod/*; do cmp $f /$f ||
 cd /var/tmp/t; cat sys/class/uio/uio0/maps/map0/size sys/class/zmt_nvram/nvram3/name -> 0 | 0x1000\nnvlog-pod\n
 cd /var/tmp; for f in t/dev/nvlog-diag-error t/dev/nvlog-pod nvlog-pod; do cat /dev/${f##*/} |cmp - $f || exit; done -> 0
 tar tf /var/tmp/m.tar |grep -c 'resource[0-9]\|rom$\|vpd$\|remove$\|inventory\|flash' -> 1 | 0\n
-devaccess collect /var/tmp/m.tar -> 1 | | there is such a file; name another, or give --force
+devaccess collect /var/tmp/m.tar -> 1 | | there is such a file; name another; save and collect also
 python3 -c "$HOLD" devaccess collect /var/tmp/m.tar --force -> 0 | another program has it open | 1 files could not be read; manifest.json in
 eval "$TREE"; jq -r '.left_out[].path' t/manifest.json; test -e t/dev/nvlog-pod -> 1 | /dev/nvlog-pod\n
 )");
@@ -56,12 +56,14 @@ postlog show --json |jq -c '[.block, .history, (.entries|map(.block)|unique)]' -
 postlog show test --all --format csv |cut -d, -f1,2,5 -> 0 | block,history,message\ntest,0,DRAM march: pass\n
 postlog show --all --since 2023-11-15 --until now --format csv |grep x4 -> 0 | ,"PCIe link: slot SW2 trained to x1, expected x4"\n
 )");
-    expect("timeout 2 chassis-sim -- devaccess podlog ",
-           "show ALSW2 --follow --since 2023-11-15T22:13:42 --format csv -> 124 | "
-           "ALSW2,1,2023-11-15T22:13:42Z,1700086422,INFO: ALSW2 failed\\n");
+    expect(
+        "timeout 2 chassis-sim -- devaccess podlog ",
+        "show ALSW2 --follow --since 2023-11-15T22:13:42 --format csv -> 124 | "
+        "card,history,time,time_raw,message\\nALSW2,1,2023-11-15T22:13:42Z,1700086422,INFO: ALSW2 failed\\n");
     start_chassis();
     expect("devaccess podlog ", R"(
 timeline -> 0 | no entries
+timeline --nvram /none -> 1 | No such file or directory | 'devaccess podlog check --nvram /none' tells
 prepare && devaccess podlog add SW1 -- 'a "quoted", one' && truncate -s 99 /var/pod/pod_sw2.hex -> 0
 timeline --json -> 1 | "problems":[{"log":"pod","problem":"16285 bytes of 16384 are missing","source":"SW2"}] | 1 of them are damaged
 timeline --format csv -> 1 | ,pod,SW1,0,"a ""quoted"", one"\n | 'devaccess podlog check

@@ -103,8 +103,8 @@ void write_file(const std::string &path, const std::string &bytes, bool must_be_
     const int error = errno;
     ::unlink(temporary.c_str());
     if (error == EEXIST)
-        throw failure("write " + path, "there is such a file", "name another, or give --force",
-                      error);
+        throw failure("write " + path, "there is such a file",
+                      "name another; save and collect also take --force", error);
     give_up("write", path, error);
 }
 

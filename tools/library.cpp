@@ -128,7 +128,7 @@ void pass_on(const std::string &said)
 
 void fail(const std::string &what, const outcome &how, const std::string &hint)
 {
-    throw failure(what, how.why(), hint, how.error);
+    throw failure(what, how.why(), missing_right(how.said, 0).value_or(hint), how.error);
 }
 
 unsigned long long parse_number(const std::string &name, const std::string &text,

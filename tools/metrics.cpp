@@ -230,8 +230,11 @@ void add_ports(gauges &all)
         ids.push_back(entry.path().filename());
     std::sort(ids.begin(), ids.end());
     for (const std::string &id : ids)
-        if (const auto config = read_file("/sys/bus/pci/devices/" + id + "/config"))
-            add_port(all, id, *config);
+        try {
+            if (const auto config = read_file("/sys/bus/pci/devices/" + id + "/config"))
+                add_port(all, id, *config);
+        } catch (const failure &) { // it is missing
+        }
 }
 
 //--- the command ----------------------------------------------------------------------------------

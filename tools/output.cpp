@@ -318,8 +318,6 @@ void print_entries(record about, record_set entries)
         print(about.add(std::move(entries)));
         return;
     }
-    if (settings.entries_as == "csv" && !entries.rows.empty())
-        print_csv_row(entries.rows.front(), true);
     for (const record &entry : entries.rows)
         print_line(entry);
 }
@@ -333,6 +331,9 @@ void print_done(const record &what)
 void print_line(const record &what)
 {
     if (settings.entries_as == "csv") {
+        static bool has_heading = false;
+        if (!std::exchange(has_heading, true))
+            print_csv_row(what, true);
         print_csv_row(what, false);
     } else if (settings.as_json || settings.entries_as == "jsonl") {
         std::cout << serialized(what, -1) << '\n';

@@ -146,8 +146,14 @@ int log_storage::open(bool writable) const
 
 std::optional<std::string> log_storage::bytes() const
 {
-    if (!is_device())
-        return read_file(path_);
+    if (!is_device()) {
+        const auto found = read_file(path_);
+        const std::string &directory = arguments_->pod_directory;
+        if (!found &&
+            (is_nvram() || (!directory.empty() && ::access(directory.c_str(), F_OK) != 0)))
+            throw failure("read " + path_, std::strerror(ENOENT), "is the name right?", ENOENT);
+        return found;
+    }
     const int descriptor = open(false);
     const opened device([descriptor] { ::close(descriptor); });
     return read_all(descriptor, path_);
@@ -228,6 +234,7 @@ std::string log_storage::way_out(const std::optional<std::string> &bytes) const
 
 void log_storage::fail(const std::string &what, const outcome &how) const
 {
+    ::close(is_device() ? -1 : open(true)); // tells of a right that is missing
     const auto found = bytes();
     const log_image image(*layout_, found.value_or(""));
     const auto wrong = image.wrong();
@@ -255,9 +262,9 @@ void reset_nvram()
 
 void reset_file(const log_storage &storage, const std::string &what)
 {
-    if (storage.bytes().value_or(std::string(file_layout.size, '\0')).size() < file_layout.size)
+    if (storage.bytes())
         storage.rewrite([](std::string bytes) {
-            bytes.resize(file_layout.size);
+            bytes.resize(std::max(bytes.size(), file_layout.size));
             return bytes;
         });
     const int id = storage.card().storage_id;

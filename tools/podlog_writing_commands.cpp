@@ -149,8 +149,9 @@ std::string eeprom_to_fill(const podlog_arguments &arguments, const log_storage 
     const log_image log(eeprom_layout, bytes);
     if (bytes.empty() || arguments.force)
         return log.holds_nothing() ? "" : bytes;
-    if (bytes.size() < eeprom_layout.size || (log.holds_nothing() && !log.is_blank()))
-        throw failure("copy to " + arguments.eeprom, "it is neither empty nor an EEPROM's log",
+    if (bytes.size() != eeprom_layout.size || (log.holds_nothing() && !log.is_blank()))
+        throw failure("copy to " + arguments.eeprom,
+                      "it is neither empty nor an EEPROM's log of 8192 bytes",
                       podlog_command(arguments, "copy " + storage.card().name + " --force") +
                           " overwrites it");
     if (!log.is_blank() && !log.is_good())
@@ -186,7 +187,6 @@ void copy(const podlog_arguments &arguments)
                       "'devaccess podlog add' adds entries");
     const size_t size = eeprom_layout.size;
     eeprom = eeprom_to_fill(arguments, target);
-    const size_t kept = std::max(eeprom.size(), size);
     eeprom.resize(size + reach_beyond);
     const int id = secondary_of(target.card());
     podlog_bind_eeprom_access_func(id, read_eeprom, write_eeprom);
@@ -195,7 +195,7 @@ void copy(const podlog_arguments &arguments)
     const auto moved = ask_log([id] { return podlog_eeprom_use_nxt_log(id); });
     if (moved.result != 1)
         fail("start the EEPROM's next history", moved, "is the EEPROM's log good?");
-    eeprom.resize(kept);
+    eeprom.resize(size);
     write_file(arguments.eeprom, eeprom, false);
     print(record()
               .add("card", target.card().name)

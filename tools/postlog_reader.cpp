@@ -9,6 +9,7 @@
 
 #include <cstring>
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace devaccess
@@ -75,6 +76,12 @@ void postlog_place::add_options(CLI::App &app)
         app.add_option("--post-dir", directory, "read files of this with the blocks' bytes"))
         ->option_text("DIRECTORY")
         ->excludes(window->option_text("ID:BAR"));
+}
+
+std::string postlog_place::list_command() const
+{
+    return fmt::format("'devaccess postlog list{}{}'", pcie.empty() ? "" : " --pcie " + pcie,
+                       directory.empty() ? "" : " --post-dir " + directory);
 }
 
 std::vector<post_block> open_blocks(const postlog_place &place, const std::string &name)

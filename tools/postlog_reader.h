@@ -22,6 +22,8 @@ struct postlog_place {
     std::string directory; // in files with the devices' names
 
     void add_options(CLI::App &app);
+    // 'devaccess postlog list', for a hint.
+    std::string list_command() const;
 };
 
 // A block that is opened for each use, or, behind a controller, never closed: once closed it could

@@ -102,10 +102,13 @@ void show_timeline(const podlog_arguments &arguments)
     record shown = record().add_hidden("table", table_name());
     const record_set &problems = merged.problems();
     print_entries(add_records(shown, problems), merged.entries());
-    if (!problems.rows.empty())
-        throw failure("read all of the logs",
-                      fmt::format("{} of them are damaged", problems.rows.size()),
-                      podlog_command(arguments, "check") + " tells more");
+    if (problems.rows.empty())
+        return;
+    const bool is_pod = problems.rows.front().as_json()["log"] == "pod";
+    throw failure("read all of the logs",
+                  fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
+                  (is_pod ? podlog_command(arguments, "check") : arguments.post.list_command()) +
+                      " tells more");
 }
 
 } // namespace
