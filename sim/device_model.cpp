@@ -27,10 +27,6 @@ using std::chrono::milliseconds;
 constexpr unsigned int own_major = 243; // of the kernel's range for local use
 const char *const stand_ins[] = {"/dev/null", "/dev/zero", "/dev/full", "/dev/urandom"};
 
-// Maps lie at their number times the page size; a map longer than a page needs free numbers behind
-// it.
-constexpr size_t window = uio_window;
-
 // Where the directory of a device is while the device is not there.
 std::string aside(const uio_node &device)
 {
@@ -243,7 +239,7 @@ void uio_device::plug()
 
 void uio_device::reset_memory()
 {
-    memory = make_memory("chassis-uio:" + name, window);
+    memory = make_memory("chassis-uio:" + name, uio_window);
     for (const preset_register &preset : registers)
         must(static_cast<int>(::pwrite(memory.get(), &preset.value, sizeof preset.value,
                                        static_cast<off_t>(preset.address))),
@@ -251,11 +247,12 @@ void uio_device::reset_memory()
     answered_.assign(answers.size(), false);
     if (answers.empty())
         return;
-    void *const base = ::mmap(nullptr, window, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(), 0);
+    void *const base =
+        ::mmap(nullptr, uio_window, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(), 0);
     if (base == MAP_FAILED)
         fail("map the registers of " + name);
     view_.reset(static_cast<volatile uint32_t *>(base),
-                [](auto *old) { ::munmap(const_cast<uint32_t *>(old), window); });
+                [](auto *old) { ::munmap(const_cast<uint32_t *>(old), uio_window); });
 }
 
 void uio_device::answer_registers()

@@ -22,9 +22,12 @@ device_number simulated_device_number(unsigned int index);
 
 inline constexpr char control_path[] = "/dev/chassis";
 
+// What addresses are below. Maps lie at their number times the page size; a map longer than a page
+// needs free numbers behind it.
+inline constexpr size_t uio_window = size_t{80} << 20;
+
 // What a register of a UIO device has at first; the address is the map's number times the page
 // size, and the offset in the map.
-inline constexpr size_t uio_window = size_t{80} << 20; // what addresses are below
 struct preset_register {
     uint32_t address = 0;
     uint32_t value = 0;

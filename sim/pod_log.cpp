@@ -8,7 +8,7 @@ namespace
 {
 
 constexpr uint32_t message_size = 64;
-constexpr uint32_t header_size = 20;
+constexpr uint32_t pod_header_size = 20;
 constexpr size_t status_words = 8;
 constexpr uint32_t status_unknown = 0x80000000;
 
@@ -20,11 +20,6 @@ std::string word(uint32_t value)
     return number(byte_order::little, value, 4);
 }
 
-void put(std::string &image, size_t position, const std::string &bytes)
-{
-    image.replace(position, bytes.size(), bytes);
-}
-
 std::string history(const pod_run &entries, const pod_layout &layout, uint32_t header_position)
 {
     std::string bytes;
@@ -34,7 +29,7 @@ std::string history(const pod_run &entries, const pod_layout &layout, uint32_t h
         bytes += pod_entry(entry.seconds, message_size) + message;
     }
     return pod_header(layout.history_size, static_cast<uint32_t>(bytes.size()),
-                      header_position + header_size) +
+                      header_position + pod_header_size) +
            bytes;
 }
 
@@ -49,7 +44,7 @@ std::vector<pod_run> sample_runs(const std::string &card, bool passes)
              {second + 2, "INFO: " + card + (passes ? " passed" : " failed")}}};
 }
 
-std::string nvram_image(size_t cards)
+std::string sample_nvram(size_t cards)
 {
     constexpr uint32_t passed = 0;
     constexpr uint32_t failed = 0x0FFFFFFF;
@@ -112,7 +107,7 @@ pod_logs sample_pod_logs(chassis_model model)
 {
     const bool n20 = model == chassis_model::n20;
     pod_logs logs;
-    logs.nvram = nvram_image(n20 ? 8 : 4);
+    logs.nvram = sample_nvram(n20 ? 8 : 4);
     logs.files.push_back(card_file("rpsw_mate", "RPSW2"));
     add_cards(logs.files, "alsw", "ALSW", 2);
     add_cards(logs.files, "sw", "SW", n20 ? 4 : 0);
@@ -135,16 +130,16 @@ void bring_into_state(std::string &image, const std::string &card, const std::st
         image.assign(image.size(), '\0');
     } else if (state == "full") {
         // The library leaves the room of one entry free.
-        const size_t room = (layout.history_size - header_size) / (16 + message_size) - 1;
+        const size_t room = (layout.history_size - pod_header_size) / (16 + message_size) - 1;
         const pod_run run(room, {1700000020, "INFO: " + card + " passed"});
         const std::string full =
             log_image(layout, last_run, std::vector<pod_run>(layout.histories, run));
         put(image, 0, full.substr(0, layout.is_nvram() ? layout.status_position : full.size()));
     } else if (state == "torn") {
-        put(image, header + header_size / 2, std::string(header_size / 2, '\0'));
+        put(image, header + pod_header_size / 2, std::string(pod_header_size / 2, '\0'));
     } else if (state.starts_with(bad_entry) && state.size() == 11 && state.back() < '3') {
         const auto number = static_cast<size_t>(state.back() - '0');
-        image[header + header_size + number * (16 + message_size) + 8] ^= 1;
+        image[header + pod_header_size + number * (16 + message_size) + 8] ^= 1;
     } else {
         throw failure("a log has no state '" + state + "'");
     }

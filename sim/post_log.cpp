@@ -8,13 +8,8 @@ namespace
 {
 
 constexpr size_t index_size = 12;
-constexpr size_t header_size = 24;
+constexpr size_t post_header_size = 24;
 constexpr size_t entry_head_size = 40;
-
-void put(std::string &image, size_t position, const std::string &bytes)
-{
-    image.replace(position, bytes.size(), bytes);
-}
 
 } // namespace
 
@@ -52,7 +47,7 @@ size_t post_block::header_position(size_t history) const
 
 size_t post_block::entry_position(size_t history, size_t entry) const
 {
-    return header_position(history) + header_size + entry * (entry_head_size + message_size);
+    return header_position(history) + post_header_size + entry * (entry_head_size + message_size);
 }
 
 std::string post_block::image(byte_order order) const

@@ -15,6 +15,11 @@ std::string number(byte_order order, uint64_t value, size_t size)
     return bytes;
 }
 
+void put(std::string &image, size_t position, const std::string &bytes)
+{
+    image.replace(position, bytes.size(), bytes);
+}
+
 uint32_t cksum(std::string_view bytes)
 {
     uint32_t crc = 0;

@@ -14,6 +14,9 @@ enum class byte_order { little, big };
 // The low size bytes of a value.
 std::string number(byte_order order, uint64_t value, size_t size);
 
+// Overwrites what an image has there.
+void put(std::string &image, size_t position, const std::string &bytes);
+
 // The checksum of POSIX cksum, by the polynomial's long division, one bit at a time.
 uint32_t cksum(std::string_view bytes);
 
