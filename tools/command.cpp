@@ -187,9 +187,13 @@ void complete(CLI::App &program, const std::vector<std::string> &words)
     for (size_t i = 0; i + 1 < words.size(); ++i)
         pass(here, words[i]);
     const std::string current = words.empty() ? "" : words.back();
-    for (const auto &[word, description] : choices(here, current))
-        if (word == paths || word.starts_with(current))
-            std::cout << word << (description.empty() ? "" : "\t" + description) << '\n';
+    described words_there = choices(here, current);
+    const bool takes_paths = words_there.erase(paths) > 0;
+    std::erase_if(words_there, [&](const auto &one) { return !one.first.starts_with(current); });
+    if (takes_paths && words_there.empty()) // a shell cannot mix the two
+        words_there[paths];
+    for (const auto &[word, description] : words_there)
+        std::cout << word << (description.empty() ? "" : "\t" + description) << '\n';
 }
 
 void forget_offers()

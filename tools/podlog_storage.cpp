@@ -64,8 +64,9 @@ std::string podlog_command(const podlog_arguments &arguments, const std::string 
 {
     std::string line = "devaccess podlog " + words;
     const auto add = [&](const char *option, const std::string &value) {
+        const char *const quote = value.find(' ') == value.npos ? "" : "\"";
         if (!value.empty())
-            line += fmt::format(" {} {}", option, value);
+            line += fmt::format(" {} {}{}{}", option, quote, value, quote);
     };
     add("--eeprom", arguments.eeprom);
     add("--nvram", arguments.nvram);

@@ -259,6 +259,8 @@ const char *wait_hint(int error)
         return "a longer --timeout waits longer";
     case ECANCELED:
         return "the device has been removed";
+    case EIO:
+        return "it has no interrupt, or has been removed";
     case EBADF:
         return "emulated devices have no interrupts";
     default:
