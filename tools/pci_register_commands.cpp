@@ -184,6 +184,13 @@ void pci_caps(const pci_arguments &arguments)
 namespace
 {
 
+// What it holds now. It is not kept open, as there can be more functions than descriptors.
+config_space held_by(const sysfs_pci_identity_t &device)
+{
+    const config_space config(device);
+    return {config.id(), config.all_bytes()};
+}
+
 std::vector<config_space> configs_of(const pci_arguments &arguments)
 {
     std::vector<config_space> configs;
@@ -193,7 +200,7 @@ std::vector<config_space> configs_of(const pci_arguments &arguments)
         configs = read_dump(arguments.file);
     else
         for (const sysfs_pci_identity_t &device : pci_devices())
-            configs.emplace_back(device);
+            configs.push_back(held_by(device));
     return configs;
 }
 
@@ -230,12 +237,10 @@ using side = std::vector<config_space>; // of a comparison
 side side_of(const std::string &text)
 {
     side functions;
-    if (const auto device = parse_pci_device(text)) {
-        const config_space config(*device);
-        functions.emplace_back(config.id(), config.all_bytes());
-    } else {
+    if (const auto device = parse_pci_device(text))
+        functions.push_back(held_by(*device));
+    else
         functions = read_dump(text);
-    }
     return functions;
 }
 
