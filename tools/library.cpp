@@ -6,34 +6,16 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <sstream>
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace devaccess
 {
 namespace
 {
-
-int memory_file()
-{
-    static const int file = ::memfd_create("library-output", MFD_CLOEXEC);
-    if (file < 0)
-        throw std::runtime_error(std::string("cannot keep output: ") + std::strerror(errno));
-    return file;
-}
-
-void flush()
-{
-    std::cout.flush();
-    std::fflush(nullptr);
-}
 
 std::string without_blanks_around(const std::string &text)
 {
@@ -65,41 +47,25 @@ failure::failure(const std::string &what, const std::string &why, const std::str
 {
 }
 
-kept_output::kept_output()
+kept_output::kept_output() : memory_(::open_memstream(&text_, &size_))
 {
-    const int file = memory_file();
-    flush();
-    for (int number : {STDOUT_FILENO, STDERR_FILENO}) {
-        saved_[number - 1] = ::fcntl(number, F_DUPFD_CLOEXEC, 3);
-        ::dup2(file, number);
-    }
+    if (!memory_)
+        throw std::runtime_error(std::string("cannot keep output: ") + std::strerror(errno));
+    stdout = stderr = memory_;
 }
 
 kept_output::~kept_output()
 {
-    flush();
-    for (int number : {STDOUT_FILENO, STDERR_FILENO}) {
-        const int saved = saved_[number - 1];
-        if (saved < 0) {
-            ::close(number);
-            continue;
-        }
-        ::dup2(saved, number);
-        ::close(saved);
-    }
-    if (::ftruncate(memory_file(), 0) == 0)
-        ::lseek(memory_file(), 0, SEEK_SET);
+    stdout = out_;
+    stderr = err_;
+    std::fclose(memory_);
+    std::free(text_);
 }
 
 std::string kept_output::text()
 {
-    flush();
-    std::string all;
-    char block[4096];
-    for (ssize_t n;
-         (n = ::pread(memory_file(), block, sizeof block, static_cast<off_t>(all.size()))) > 0;)
-        all.append(block, static_cast<size_t>(n));
-    return all;
+    std::fflush(memory_);
+    return {text_, size_};
 }
 
 std::string outcome::why() const

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -30,7 +31,7 @@ struct failure : std::runtime_error {
     int error; // errno of the failing call, 0 when there is none
 };
 
-// While it exists, standard output and standard error go to a file in memory.
+// While it exists, what is printed on C's standard streams goes to memory; they are variables here.
 class kept_output
 {
 public:
@@ -42,7 +43,11 @@ public:
     std::string text();
 
 private:
-    int saved_[2];
+    FILE *const out_ = stdout;
+    FILE *const err_ = stderr;
+    char *text_ = nullptr;
+    size_t size_ = 0;
+    FILE *const memory_;
 };
 
 // The outcome of a call, with errno and what the library printed.

@@ -67,8 +67,12 @@ size_t width_of(const std::string &text)
 
 size_t terminal_width()
 {
-    winsize size = {};
-    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col ? size.ws_col : SIZE_MAX;
+    static const winsize size = [] {
+        winsize asked = {};
+        ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &asked);
+        return asked;
+    }();
+    return size.ws_col ? size.ws_col : SIZE_MAX;
 }
 
 // Breaks a text that begins behind the indent at blanks, so that it stays behind it on a terminal.

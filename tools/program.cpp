@@ -49,10 +49,8 @@ void add_families(CLI::App &program, const std::vector<std::string> &words)
         family.add(program);
 }
 
-void add_everything(CLI::App &program, const std::vector<std::string> &words)
+void add_common_options(CLI::App &program)
 {
-    program.require_subcommand(1);
-    program.fallthrough();
     program.set_version_flag("-V,--version", "devaccess " DEVICE_ACCESS_VERSION);
     program.add_flag("--json", settings.as_json, "print JSON instead of tables");
     program.add_flag("-v,--verbose", settings.verbose,
@@ -61,8 +59,20 @@ void add_everything(CLI::App &program, const std::vector<std::string> &words)
                ->option_text("WHEN"),
            {"auto", "always", "never"});
     program.add_flag("--local", settings.local_time, "show times of this machine's zone, not UTC");
-    program.footer("Also --json and --verbose; see devaccess --help."); // of every command
     add_chassis_options(program);
+}
+
+void add_everything(CLI::App &program, const std::vector<std::string> &words)
+{
+    program.require_subcommand(1);
+    program.fallthrough();
+    // A line without options needs no description of those of all commands, which would be half of
+    // a short command's own time.
+    if (std::any_of(words.begin(), words.end(), [](const auto &w) { return w.starts_with('-'); }))
+        add_common_options(program);
+    else
+        program.set_help_flag();
+    program.footer("Also --json and --verbose; see devaccess --help."); // of every command
     add_families(program, words);
     program.footer("Numbers are decimal or, behind 0x, hexadecimal.\n"
                    "Exit status: 0 done, 1 failed, 2 the command line is wrong.\n"
@@ -184,6 +194,10 @@ int run_program(int argc, char **argv)
 {
     occupy_closed_streams();
     std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    if (!words.empty() && words.front() == "help") {
+        words.erase(words.begin());
+        words.push_back("--help");
+    }
     forget_offers();
     CLI::App program("Reach a modular chassis's hardware through its hardware-access library.",
                      "devaccess");
@@ -191,10 +205,6 @@ int run_program(int argc, char **argv)
     if (!words.empty() && words.front() == "--complete") {
         complete(program, {words.begin() + 1, words.end()});
         return exit_ok;
-    }
-    if (!words.empty() && words.front() == "help") {
-        words.erase(words.begin());
-        words.push_back("--help");
     }
     return run_and_report(program, words);
 }

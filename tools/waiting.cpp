@@ -75,9 +75,8 @@ void waiting::show()
         return;
     std::string left = "until Ctrl-C";
     if (deadline_ != clock::time_point::max())
-        left =
-            fmt::format("{:.0f} s left",
-                        std::ceil(std::chrono::duration<double>(deadline_ - clock::now()).count()));
+        left = fmt::format(
+            "{} s left", std::chrono::ceil<std::chrono::seconds>(deadline_ - clock::now()).count());
     // What a narrow terminal has no room for is cut, not wrapped.
     if (const std::string line = printable(what_) + ", " + left;
         line != std::exchange(shown_, line))
@@ -86,10 +85,11 @@ void waiting::show()
 
 record waiting::now() const
 {
-    const double elapsed = std::chrono::duration<double>(clock::now() - start_).count();
+    const auto microseconds = std::chrono::round<std::chrono::microseconds>(clock::now() - start_);
+    const double elapsed = std::chrono::duration<double>(microseconds).count();
     record times;
     times.add_time("time", std::time(nullptr));
-    return times.add("elapsed", std::round(elapsed * 1e6) / 1e6, fmt::format("{:10.6f}", elapsed));
+    return times.add("elapsed", elapsed, fmt::format("{:10.6f}", elapsed));
 }
 
 void waiting::print(const record &what)
