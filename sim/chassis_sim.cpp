@@ -227,7 +227,9 @@ int run(int argc, char **argv)
             throw failure(option->get_name() + " does not go with --from");
     const chassis_description chassis = described_by(chosen);
     if (chosen.describes) {
-        std::puts(chassis_sim::description_text(chassis).c_str());
+        if (std::puts(chassis_sim::description_text(chassis).c_str()) < 0 ||
+            std::fflush(stdout) != 0)
+            throw failure("cannot write standard output");
         return 0;
     }
     if (chosen.command.empty())

@@ -36,6 +36,7 @@ TEST(devaccess_logs, merges_filters_and_prints_logs_as_people_and_programs_read_
     expect("chassis-sim -- devaccess ", R"(
 podlog show ALSW2 --all -> 0 | 0        2023-11-14T22:13:40Z  INFO: memory test
 podlog show ALSW2 --all --json |jq -c '[.history, (.entries|map(.history))]' -> 0 | [null,[0,0,1,1,1]]\n
+podlog show SW1 --format csv --json -> 2 | | csv is no JSON
 podlog show SW1 --all --follow -> 2 | | --all is neither for one HISTORY nor
 podlog show SW1 --since 2023-11-15T22:13:41 --local -> 0 | 2023-11-15T23:13:40+01:00
 podlog timeline --format csv |sed -n '1p;$p' -> 0 | time,time_raw,log,source,history,message\n2023-11-15T22:13:42Z,1700086422,pod,PM8,1,INFO: PM8 passed\n
@@ -48,6 +49,7 @@ podlog timeline --since '2023-11-15 23:13:42' --local |grep -c +01:00 -> 0 | 18\
 podlog timeline --until 2023-11-14 --format csv -> 0
 podlog timeline --since 3d -> 0 | no entries\n
 podlog timeline --since 2023-11-15 --until yesterday |grep -c Z -> 0 | 54\n
+podlog timeline --until 9999-12-31 |grep -c Z -> 0 | 90\n
 podlog timeline --since 12 -> 2 | | '12' is no time; write 2026-11-24,
 podlog timeline --color always |grep lane.2 -> 0 | [31mERROR: fabric link  FAIL  lane 2: no lock[0m
 podlog status --color=always -> 0 | ALSW2  3      [31mFailed[0m  0x

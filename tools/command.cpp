@@ -168,7 +168,10 @@ void add_entry_format(CLI::App &app)
     one_of(app.add_option("--format", settings.entries_as,
                           "print entries as JSON lines (jsonl) or as CSV (csv)")
                ->option_text("FORMAT"),
-           {"jsonl", "csv"});
+           {"jsonl", "csv"})
+        ->check([](const std::string &format) {
+            return settings.as_json && format == "csv" ? "csv is no JSON" : "";
+        });
 }
 
 std::vector<std::string> command_names(const CLI::App &command)

@@ -30,17 +30,27 @@ std::optional<tm> parts_of(time_t seconds)
     return found ? std::optional(parts) : std::nullopt;
 }
 
-time_t seconds_of(tm parts)
+// Times have 32 bits on some machines.
+time_t within_limits(int64_t seconds)
+{
+    using limit = std::numeric_limits<time_t>;
+    return static_cast<time_t>(std::clamp<int64_t>(seconds, limit::min(), limit::max()));
+}
+
+time_t seconds_of(tm parts, bool is_local)
 {
     parts.tm_isdst = -1;
-    return settings.local_time ? ::mktime(&parts) : ::timegm(&parts);
+    const bool is_late = parts.tm_year > 70;
+    errno = 0;
+    const time_t seconds = is_local ? ::mktime(&parts) : ::timegm(&parts);
+    return errno != EOVERFLOW ? seconds : within_limits(is_late ? INT64_MAX : INT64_MIN);
 }
 
 time_t midnight(time_t seconds)
 {
     tm parts = parts_of(seconds).value_or(tm{});
     parts.tm_hour = parts.tm_min = parts.tm_sec = 0;
-    return seconds_of(parts);
+    return seconds_of(parts, settings.local_time);
 }
 
 std::optional<time_t> parse_date(const std::string &text)
@@ -50,21 +60,14 @@ std::optional<time_t> parse_date(const std::string &text)
         tm parts = {};
         const char *rest = ::strptime(text.c_str(), form, &parts);
         if (rest && *rest == '\0')
-            return seconds_of(parts);
+            return seconds_of(parts, settings.local_time);
         const char *end = rest ? ::strptime(rest, "%z", &parts) : nullptr;
         if (end && *end == '\0') {
             const time_t offset = parts.tm_gmtoff;
-            return ::timegm(&parts) - offset;
+            return within_limits(int64_t{seconds_of(parts, false)} - offset);
         }
     }
     return std::nullopt;
-}
-
-// Times have 32 bits on some machines.
-time_t within_limits(int64_t seconds)
-{
-    using limit = std::numeric_limits<time_t>;
-    return static_cast<time_t>(std::clamp<int64_t>(seconds, limit::min(), limit::max()));
 }
 
 // "2h", or "@1700000000".

@@ -88,13 +88,13 @@ record class_row(const fs::path &directory)
 {
     std::error_code ignored;
     return record()
-        .add("node", "/dev/" + directory.filename().string())
+        .add("node", printable("/dev/" + directory.filename().string()))
         .add("name", first_line(directory / "name"))
         .add("number", first_line(directory / "dev"))
         .add("maps", entries_of(directory / "maps"))
         .add("driver", driver_of(directory / "device"))
         .add("interrupts", interrupts_of(directory))
-        .add("device", fs::canonical(directory / "device", ignored).string());
+        .add("device", printable(fs::canonical(directory / "device", ignored)));
 }
 
 void list(const uio_arguments &)
