@@ -297,7 +297,7 @@ void uio_device::interrupt()
 {
     if (!present)
         throw failure(name + " is not plugged");
-    if (!enabled) {
+    if (irq_control && !enabled) {
         latched = true;
         return;
     }

@@ -552,6 +552,7 @@ TEST(chassis_sim, shows_in_what_the_command_sees)
 --fault link-stuck --fault nvram-truncated -- sh -c '$LINK; eval "$NODE"; node nvlog-pod 0; wc -c </dev/nvlog-pod' -> 0 |  0841\n8192\n
 --fault bridge-empty -- sh -c 'cd /sys/bus/pci/devices; echo 1 >0000:00:1e.0/bridge_enable; sleep 0.3; test -e 0000:06:00.0' -> 1
 --fault nvram-truncated -- devaccess podlog repair RPSW1 --yes --chassis n20 -> 1 | | *
+--version; echo '{"uio": [{"irq_control": false}], "timeline": [{"every_ms": 20, "do": "interrupt uio0"}]}' |chassis-sim --description /dev/stdin -- devaccess uio wait 0 --count 1 --timeout 20 -> 0 | /dev/uio0
 --describe |sed 's/^{/{"faults": [{"device": "nvlog-pod", "call": "write", "error": "EIO"}],/' |chassis-sim --description /dev/stdin -- devaccess podlog reset RPSW1 --yes --chassis n20 -> 1 | | what was written did not arrive
 )");
     fs::remove_all(images);
