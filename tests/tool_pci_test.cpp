@@ -105,7 +105,7 @@ pci watch 0:1c.0 EXP_LNKSTA --until 0x2000/0x2000 --json -> 0 | "DLActive":true
 pci watch 0:1c.0 COMMAND --until 0x10000 -> 2 | | the value 0x10000 is too large
 )");
     // Ctrl-C, and on a terminal what is waited for.
-    expect("timeout --preserve-status -s INT .3 devaccess ", R"(
+    expect("timeout --preserve-status -s INT .3 env --default-signal=INT devaccess ", R"(
 uio watch 0 0 0x10 -> 130 | 0x00000009
 uio wait sysfs_pci:uio_cma.alsw1 -> 1 | | emulated devices have no interrupts
 )");

@@ -25,13 +25,14 @@ void on_signal(int number)
     caught = number;
 }
 
-// Without SA_RESTART, so that sleeps end.
+// Without SA_RESTART, so that sleeps end. What is ignored stays so, as nohup(1) wants it.
 void handle_signals(void (*handler)(int))
 {
-    struct sigaction action = {};
+    struct sigaction action = {}, before;
     action.sa_handler = handler;
     for (const int number : signals)
-        ::sigaction(number, &action, nullptr);
+        if (::sigaction(number, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+            ::sigaction(number, &action, nullptr);
 }
 
 // Also refuses what is no number at all, which compares as in no range.
