@@ -45,6 +45,7 @@ read 0:10.0 CAP_EXP+0x12 -> 0 | fields:    Speed=2.5GT/s, Width=x4, TrErr- Train
 read 0:10.0 CAP_EXP+0x12 --width 8 -> 0 | value:     0x41\n
 read 0:10.0 ECAP_AER+4 --json -> 0 | "offset":260,"register":"ERR_UNCOR_STATUS"
 read 0:10.0 CAP_VPD -> 1 | | find CAP_VPD of 0000:00:10.0: it has no such capability
+read 3:0.0 SUBORDINATE_BUS -> 1 | | find SUBORDINATE_BUS of 0000:03:00.0: its kind of header has no such register
 read 0:10.0 COMAND -> 2 | | 'COMAND' is no register; did you mean 'COMMAND'?
 read 0:10.0 CAP_EXP+4096 -> 2 | | 4096 is too large
 write 0:10.0 COMMAND=2/6 LATENCY_TIMER=0x40 --dry-run -> 0 | 0x04    16     0x0000  0x0002  COMMAND        I/O- Mem+

@@ -229,12 +229,25 @@ const pci_register *find_name(std::span<const pci_register> registers, const std
     return known == registers.end() ? nullptr : &*known;
 }
 
-const pci_register *find_header_register(const std::string &name)
+// Nothing for a name that no header has; fails for one that this header does not have.
+const pci_register *find_header_register(const config_space &config, const std::string &name)
 {
-    for (const auto &part : {pci_header_registers, pci_device_registers, pci_bridge_registers})
-        if (const pci_register *known = find_name(part, name))
-            return known;
-    return nullptr;
+    if (const pci_register *known = find_name(pci_header_registers, name))
+        return known;
+    const pci_register *const of_device = find_name(pci_device_registers, name);
+    const pci_register *const of_bridge = find_name(pci_bridge_registers, name);
+    if (!of_device && !of_bridge)
+        return nullptr;
+    const uint32_t layout = config.read(PCI_HEADER_TYPE, 8) & 0x7f;
+    const pci_register *const known = layout == PCI_HEADER_TYPE_NORMAL   ? of_device
+                                      : layout == PCI_HEADER_TYPE_BRIDGE ? of_bridge
+                                                                         : nullptr;
+    if (!known)
+        throw failure(
+            fmt::format("find {} of {}", name, config.id()),
+            "its kind of header has no such register",
+            "bridges and devices have different ones; 'devaccess pci show' tells its class");
+    return known;
 }
 
 found_capability find_capability(const config_space &config, const pci_capability_kind &kind)
@@ -270,7 +283,7 @@ register_place find_named(const config_space &config, const std::string &text)
         plus == text.npos
             ? 0
             : static_cast<uint32_t>(parse_number("the offset", text.substr(plus + 1), 4095));
-    if (const pci_register *known = find_header_register(name))
+    if (const pci_register *known = find_header_register(config, name))
         return offset ? register_place{{}, known->offset + offset, 32} : place_of(*known);
     for (const pci_capability_kind &kind : pci_capability_kinds) {
         if (name == kind.name)
