@@ -50,6 +50,7 @@ podlog timeline --until 2023-11-14 --format csv -> 0
 podlog timeline --since 3d -> 0 | no entries\n
 podlog timeline --since 2023-11-15 --until yesterday |grep -c Z -> 0 | 54\n
 podlog timeline --until 9999-12-31 |grep -c Z -> 0 | 90\n
+podlog timeline --since 2023-02-29 -> 2 | | '2023-02-29' is no time
 podlog timeline --since 12 -> 2 | | '12' is no time; write 2026-11-24,
 podlog timeline --color always |grep lane.2 -> 0 | [31mERROR: fabric link  FAIL  lane 2: no lock[0m
 podlog status --color=always -> 0 | ALSW2  3      [31mFailed[0m  0x

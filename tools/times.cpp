@@ -53,12 +53,22 @@ time_t midnight(time_t seconds)
     return seconds_of(parts, settings.local_time);
 }
 
+// Not so 31 February, which would be taken for a day in March.
+bool is_in_calendar(tm parts)
+{
+    const int day_of_month = parts.tm_mday;
+    ::timegm(&parts);
+    return parts.tm_mday == day_of_month;
+}
+
 std::optional<time_t> parse_date(const std::string &text)
 {
     for (const char *form : {"%Y-%m-%dT%H:%M:%S", "%Y-%m-%dT%H:%M", "%Y-%m-%d %H:%M:%S",
                              "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
         tm parts = {};
         const char *rest = ::strptime(text.c_str(), form, &parts);
+        if (rest && !is_in_calendar(parts))
+            return std::nullopt;
         if (rest && *rest == '\0')
             return seconds_of(parts, settings.local_time);
         const char *end = rest ? ::strptime(rest, "%z", &parts) : nullptr;
