@@ -2,10 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/fsuid.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -90,6 +93,27 @@ std::string asking_process::path(int directory, uint64_t address) const
     if (name.empty() || name[0] == '/')
         return name;
     return (directory == AT_FDCWD ? link("cwd") : link_of(directory)) + "/" + name;
+}
+
+bool asking_process::may_open(const std::string &path, int flags) const
+{
+    const std::string status = file_text(proc("status"));
+    if (number_behind(status, "\nCapEff:", 16) & 1 << CAP_DAC_OVERRIDE)
+        return true;
+    const auto effective = [&status](const std::string &word) {
+        const size_t place = status.find(word);
+        unsigned int id = 0;
+        if (place != std::string::npos)
+            std::sscanf(status.c_str() + place + word.size(), "%*u %u", &id);
+        return id;
+    };
+    const int group = ::setfsgid(effective("\nGid:"));
+    const int user = ::setfsuid(effective("\nUid:"));
+    constexpr int modes[] = {R_OK, W_OK, R_OK | W_OK, R_OK | W_OK}; // by O_ACCMODE
+    const bool may = ::faccessat(AT_FDCWD, path.c_str(), modes[flags & O_ACCMODE], AT_EACCESS) == 0;
+    ::setfsuid(static_cast<uid_t>(user));
+    ::setfsgid(static_cast<gid_t>(group));
+    return may;
 }
 
 owned_fd asking_process::copy_of(int fd) const

@@ -34,6 +34,9 @@ public:
     std::string link(const std::string &entry) const;
     std::string link_of(int fd) const { return link("fd/" + std::to_string(fd)); }
 
+    // Whether the mode of a file lets it open it so, as far as its user and first group say.
+    bool may_open(const std::string &path, int flags) const;
+
     // A copy of one of its descriptors.
     owned_fd copy_of(int fd) const;
     bool closes_on_exec(int fd) const;

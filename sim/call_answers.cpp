@@ -73,18 +73,23 @@ void call_answers::answer_open(const asked_call &call, int directory, uint64_t p
     if (none || flags & O_PATH)
         return call.pass();
     const auto obey = flags & O_ACCMODE ? written_to(path) : nullptr;
+    const auto is_refused = [&] { return !call.process().may_open(path, flags); };
+    if (obey && is_refused())
+        return call.result(-EACCES);
     if (obey || path == control_path)
         return call.descriptor(open_line_((flags & O_ACCMODE) != O_WRONLY, obey).get(),
                                flags & O_CLOEXEC, std::nullopt);
     for (uio_device &device : devices_.uio)
         if (device.present && (path == device.node || path == device.removal_attr))
-            return open_uio(call, device, path != device.node, flags);
+            return is_refused() ? call.result(-EACCES)
+                                : open_uio(call, device, path != device.node, flags);
     for (const uio_device &device : devices_.uio)
         if (device.present && path == device.event_attr)
             write_file(path.string(), std::to_string(device.count) + "\n");
     for (const storage_device &device : devices_.storage)
         if (path == device.node) {
-            if (const int error = devices_.fault(device.name(), "open"))
+            const int error = is_refused() ? EACCES : devices_.fault(device.name(), "open");
+            if (error != 0)
                 return call.result(-error);
             const owned_fd opening = device.open(flags);
             // Calls on it are asked about where one is to fail.

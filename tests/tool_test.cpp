@@ -157,6 +157,7 @@ inventory store SW1 1 P -> 0)");
     if (is_root)
         expect("$USER1 ", R"(podlog prepare SW1 -> 1 | | ; run it as root\n
 inventory clear SW1 -> 1 | | ; run it as root\n
+uio read 0 0 0 -> 1 | | open /dev/uio0: Permission denied; run it as root\n
 pci write 3:0.0 0 0 -> 1 | | ; run it as root\n)");
 }
 
