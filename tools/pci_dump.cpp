@@ -4,6 +4,7 @@
 #include "pci_device.h"
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include <fmt/format.h>
@@ -54,6 +55,9 @@ std::vector<config_space> read_dump(const std::string &path)
     if (!file)
         throw failure("read " + path, std::strerror(errno), "is it a file, and the name right?",
                       errno);
+    std::error_code none;
+    if (std::filesystem::is_character_file(path, none)) // whose only line may be endless
+        file.close();
     std::vector<config_space> functions;
     std::string id, bytes;
     const auto finish = [&] {

@@ -357,7 +357,8 @@ void pci_diff(const pci_arguments &arguments)
               .add(std::move(differences)));
     if (count != 0)
         throw failure("call them alike",
-                      fmt::format("{} difference{}", count, count == 1 ? "" : "s"), "");
+                      fmt::format("{} difference{}", count, count == 1 ? "" : "s"),
+                      "standard output lists them");
     if (!cut.empty())
         throw failure("call them alike", "one side has fewer bytes of " + cut,
                       "'lspci -xxxx' as root keeps all of it");
