@@ -148,7 +148,7 @@ int log_storage::open(bool writable) const
 std::optional<std::string> log_storage::bytes() const
 {
     if (!is_device()) {
-        const auto found = read_file(path_);
+        std::optional<std::string> found = read_file(path_);
         const std::string &directory = arguments_->pod_directory;
         if (!found &&
             (is_nvram() || (!directory.empty() && ::access(directory.c_str(), F_OK) != 0)))
