@@ -387,6 +387,10 @@ std::string power(uint32_t number)
 {
     const uint32_t watts = number & 0xff;
     constexpr double scales[] = {1, 0.1, 0.01, 0.001};
+    if (number == 0xff)
+        return ">600W";
+    if (number >= 0xf0 && number < 0xff) // in steps of 25 watts
+        return fmt::format("{}W", 250 + 25 * (number - 0xf0));
     return fmt::format("{:g}W", watts * scales[number >> 8 & 3]);
 }
 

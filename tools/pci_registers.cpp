@@ -309,10 +309,95 @@ constexpr fields exp_rtsta = {
     {"PMEStatus", PCI_EXP_RTSTA_PME},
     {"PMEPending", PCI_EXP_RTSTA_PENDING},
 };
+// Bits without a name here have none in the kernel's header.
+constexpr fields exp_devcap2 = {
+    {"Completion Timeout", 0xf,
+     "Not Supported|Range A|Range B|Range AB|Unknown|Unknown|Range BC|Range ABC|Unknown|Unknown|"
+     "Unknown|Unknown|Unknown|Unknown|Range BCD|Range ABCD"},
+    {"TimeoutDis", PCI_EXP_DEVCAP2_COMP_TMOUT_DIS},
+    {"NROPrPrP", 0x400},
+    {"LTR", PCI_EXP_DEVCAP2_LTR},
+    {"10BitTagComp", 0x10000},
+    {"10BitTagReq", 0x20000},
+    {"OBFF", PCI_EXP_DEVCAP2_OBFF_MASK, "Not Supported|Via message|Via WAKE#|Via message/WAKE#"},
+    {"ExtFmt", 0x100000},
+    {"EETLPPrefix", PCI_EXP_DEVCAP2_EE_PREFIX},
+    {"MaxEETLPPrefixes", 0xc00000, "4|1|2|3"},
+    {"EmergencyPowerReduction", 0x3000000,
+     "Not Supported|Dev Specific|Form Factor Dev Specific|Reserved"},
+    {"EmergencyPowerReductionInit", 0x4000000},
+    {"FRS", 0x80000000},
+    {"LN System CLS", 0xc000, "Not Supported|64byte cachelines|128byte cachelines|Reserved"},
+    {"TPHComp", 0x1000},
+    {"ExtTPHComp", 0x2000},
+    {"ARIFwd", PCI_EXP_DEVCAP2_ARI},
+    {"AtomicOpsRouting", PCI_EXP_DEVCAP2_ATOMIC_ROUTE},
+    {"AtomicOps32bit", PCI_EXP_DEVCAP2_ATOMIC_COMP32},
+    {"AtomicOps64bit", PCI_EXP_DEVCAP2_ATOMIC_COMP64},
+    {"AtomicOps128bitCAS", PCI_EXP_DEVCAP2_ATOMIC_COMP128},
+};
+constexpr fields exp_devctl2 = {
+    {"Completion Timeout", PCI_EXP_DEVCTL2_COMP_TIMEOUT,
+     "50us to 50ms|50us to 100us|1ms to 10ms|Unknown|Unknown|16ms to 55ms|65ms to 210ms|Unknown|"
+     "Unknown|260ms to 900ms|1s to 3.5s|Unknown|Unknown|4s to 13s|17s to 64s|Unknown"},
+    {"TimeoutDis", PCI_EXP_DEVCTL2_COMP_TMOUT_DIS},
+    {"LTR", PCI_EXP_DEVCTL2_LTR_EN},
+    {"10BitTagReq", 0x1000},
+    {"OBFF", PCI_EXP_DEVCTL2_OBFF_WAKE_EN, "Disabled|Via message A|Via message B|Via WAKE#"},
+    {"ARIFwd", PCI_EXP_DEVCTL2_ARI},
+    {"AtomicOpsReqEn", PCI_EXP_DEVCTL2_ATOMIC_REQ},
+    {"AtomicOpsEgressBlck", PCI_EXP_DEVCTL2_ATOMIC_EGRESS_BLOCK},
+};
+constexpr fields exp_lnkcap2 = {
+    {"2.5GT/s", PCI_EXP_LNKCAP2_SLS_2_5GB},
+    {"5GT/s", PCI_EXP_LNKCAP2_SLS_5_0GB},
+    {"8GT/s", PCI_EXP_LNKCAP2_SLS_8_0GB},
+    {"16GT/s", PCI_EXP_LNKCAP2_SLS_16_0GB},
+    {"32GT/s", PCI_EXP_LNKCAP2_SLS_32_0GB},
+    {"64GT/s", PCI_EXP_LNKCAP2_SLS_64_0GB},
+    {"Crosslink", PCI_EXP_LNKCAP2_CROSSLINK},
+    {"Retimer", 0x800000},
+    {"2Retimers", 0x1000000},
+    {"DRS", 0x80000000},
+};
+constexpr char de_emphasis[] = "-6dB|-3.5dB";
 constexpr fields exp_lnkctl2 = {
-    {"Target Link Speed", PCI_EXP_LNKCTL2_TLS, speeds},
+    {"Target Link Speed", PCI_EXP_LNKCTL2_TLS,
+     "2.5GT/s|2.5GT/s|5GT/s|8GT/s|16GT/s|32GT/s|64GT/s|"
+     "Unknown|Unknown|Unknown|Unknown|Unknown|Unknown|Unknown|Unknown|Unknown"},
     {"EnterCompliance", PCI_EXP_LNKCTL2_ENTER_COMP},
     {"SpeedDis", PCI_EXP_LNKCTL2_HASD},
+    {"Selectable De-emphasis", 0x40, de_emphasis},
+    {"Transmit Margin", PCI_EXP_LNKCTL2_TX_MARGIN,
+     "Normal Operating Range|800-1200mV(full-swing)/400-700mV(half-swing)|"
+     "200-400mV(full-swing)/100-200mV(half-swing)|"
+     "200-400mV(full-swing)/100-200mV(half-swing)|"
+     "200-400mV(full-swing)/100-200mV(half-swing)|"
+     "200-400mV(full-swing)/100-200mV(half-swing)|Unknown|Unknown"},
+    {"EnterModifiedCompliance", 0x400},
+    {"ComplianceSOS", 0x800},
+    {"Compliance Preset/De-emphasis", 0xf000,
+     "-6dB de-emphasis, 0dB preshoot|-3.5dB de-emphasis, 0dB preshoot|"
+     "-4.4dB de-emphasis, 0dB preshoot|-2.5dB de-emphasis, 0dB preshoot|"
+     "0dB de-emphasis, 0dB preshoot|0dB de-emphasis, 1.9dB preshoot|"
+     "0dB de-emphasis, 2.5dB preshoot|-6.0dB de-emphasis, 3.5dB preshoot|"
+     "-3.5dB de-emphasis, 3.5dB preshoot|0dB de-emphasis, 3.5dB preshoot|"
+     "Unknown|Unknown|Unknown|Unknown|Unknown|Unknown"},
+};
+constexpr fields exp_lnksta2 = {
+    {"Current De-emphasis Level", 0x1, de_emphasis},
+    {"EqualizationComplete", 0x2},
+    {"EqualizationPhase1", 0x4},
+    {"EqualizationPhase2", 0x8},
+    {"EqualizationPhase3", 0x10},
+    {"LinkEqualizationRequest", 0x20},
+    {"Retimer", 0x40},
+    {"2Retimers", 0x80},
+    {"CrosslinkRes", 0x300, "unsupported|Upstream Port|Downstream Port|incomplete"},
+    {"DRS", 0x8000},
+    {"DownstreamComp", 0x7000,
+     "Link Down - Presence Not Determined|Link Down - Not Present|Link Down - Present|Reserved|"
+     "Link Up - Present|Link Up - Present and DRS Received|Reserved|Reserved"},
 };
 constexpr pci_register exp[] = {
     {"EXP_FLAGS", PCI_EXP_FLAGS, 16, exp_flags},
@@ -328,12 +413,12 @@ constexpr pci_register exp[] = {
     {"EXP_RTCTL", PCI_EXP_RTCTL, 16, exp_rtctl, root},
     {"EXP_RTCAP", PCI_EXP_RTCAP, 16, exp_rtcap, root},
     {"EXP_RTSTA", PCI_EXP_RTSTA, 32, exp_rtsta, root},
-    {"EXP_DEVCAP2", PCI_EXP_DEVCAP2, 32, {}, exp_version_2},
-    {"EXP_DEVCTL2", PCI_EXP_DEVCTL2, 16, {}, exp_version_2},
+    {"EXP_DEVCAP2", PCI_EXP_DEVCAP2, 32, exp_devcap2, exp_version_2},
+    {"EXP_DEVCTL2", PCI_EXP_DEVCTL2, 16, exp_devctl2, exp_version_2},
     {"EXP_DEVSTA2", PCI_EXP_DEVSTA2, 16, {}, exp_version_2},
-    {"EXP_LNKCAP2", PCI_EXP_LNKCAP2, 32, {}, exp_version_2},
+    {"EXP_LNKCAP2", PCI_EXP_LNKCAP2, 32, exp_lnkcap2, exp_version_2},
     {"EXP_LNKCTL2", PCI_EXP_LNKCTL2, 16, exp_lnkctl2, exp_version_2},
-    {"EXP_LNKSTA2", PCI_EXP_LNKSTA2, 16, {}, exp_version_2},
+    {"EXP_LNKSTA2", PCI_EXP_LNKSTA2, 16, exp_lnksta2, exp_version_2},
     {"EXP_SLTCAP2", PCI_EXP_SLTCAP2, 32, {}, exp_slot_2},
     {"EXP_SLTCTL2", PCI_EXP_SLTCTL2, 16, {}, exp_slot_2},
     {"EXP_SLTSTA2", PCI_EXP_SLTSTA2, 16, {}, exp_slot_2},
