@@ -7,7 +7,6 @@
 #include <climits>
 #include <csignal>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -76,12 +75,10 @@ struct syslog_socket {
     // What came since the last call, "<PRIORITY>TEXT" each; LOG_ERR of an ordinary program is 11.
     std::string take() const
     {
-        static const std::regex time_and_program(">.*?: ");
         std::string messages;
         char block[4096];
         for (ssize_t size; (size = recv(fd, block, sizeof block, MSG_DONTWAIT)) >= 0;)
-            std::regex_replace(std::back_inserter(messages), block, block + size, time_and_program,
-                               ">", std::regex_constants::format_first_only);
+            messages += replaced({block, static_cast<size_t>(size)}, "^([^>]*>).*?: ", "$1");
         return messages;
     }
 

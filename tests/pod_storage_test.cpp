@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <regex>
 #include <sstream>
 
 #include <fcntl.h>
@@ -401,7 +400,7 @@ TEST_P(storage, each_failing_call_gives_the_documented_result)
                                      : letter == 'w' ? "_mem_wr: cannot write"
                                                      : "";
             EXPECT_EQ(err.find(said) == err.npos, is_eeprom) << one;
-            told += std::regex_replace(err, std::regex("ERROR: pod_\\w+_mem_rd: .*\n"), "");
+            told += replaced(err, "ERROR: pod_\\w+_mem_rd: .*\n", "");
         });
         s.close(0);
         const std::string failed = "ERROR: podlog_" + s.name + "_read_dir: failed to ";
@@ -409,9 +408,7 @@ TEST_P(storage, each_failing_call_gives_the_documented_result)
         EXPECT_TRUE(c.kind != walking || told == no_position + no_position + no_position + failed +
                                                      "read log position!\n")
             << told;
-        EXPECT_EQ(std::regex_replace(seen, std::regex("wwww"), "4"),
-                  s.is_nvram() ? c.of_nvram : c.of_others)
-            << c.name;
+        EXPECT_EQ(replaced(seen, "wwww", "4"), s.is_nvram() ? c.of_nvram : c.of_others) << c.name;
     }
 }
 
@@ -496,7 +493,7 @@ protected:
     // One more add, cut after each of its bytes, has come, has not come, or has damaged the log.
     void cut_once_more(const std::string &image, const std::string &once)
     {
-        const std::string twice = std::regex_replace(once, std::regex("\\+"), "+|+");
+        const std::string twice = replaced(once, "\\+", "+|+");
         bool through = false;
         for (long bytes = 0; !through; ++bytes) {
             through = cut(

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <thread>
 
@@ -292,7 +291,7 @@ cards && ls -A /flash/diags -> 0 | full
     wait_for("four\n");
     ::kill(follower, SIGKILL);
     ::waitpid(follower, nullptr, 0);
-    const string seen = std::regex_replace(read_file("/var/tmp/seen"), std::regex(".*Z  "), "");
+    const string seen = test::replaced(read_file("/var/tmp/seen"), ".*Z  ", "");
     EXPECT_EQ(seen, "E: later\nthree\nfour\n");
     expect("timeout 2 ", R"(devaccess podlog show SW1 --follow --json -> 124 | "message":"four")");
     expect_documented();

@@ -101,16 +101,15 @@ long open_descriptors()
 
 std::string short_lines(const std::string &text)
 {
-    static const std::regex prefix("(?:log\\[([A-Z_]+)\\]: lib/device_access/libuio|"
+    static const std::regex prefix("(^|\n)(?:log\\[([A-Z_]+)\\]: lib/device_access/libuio|"
                                    "\\[([0-9]+)\\], lib/device_access/pci_sysfs)"
                                    ":[0-9]+:(\\w+)\\(\\): ");
-    std::string result;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        result +=
-            std::regex_replace(line, prefix, "$1$2 $3: ", std::regex_constants::match_continuous) +
-            (lines.eof() ? "" : "\n");
-    return result;
+    return std::regex_replace(text, prefix, "$1$2$3 $4: ");
+}
+
+std::string replaced(const std::string &text, const char *pattern, const char *by)
+{
+    return std::regex_replace(text, std::regex(pattern), by);
 }
 
 std::string printed(const char *format, ...)

@@ -64,6 +64,9 @@ std::string short_lines(const std::string &text);
 // What printf would write.
 [[gnu::format(printf, 1, 2)]] std::string printed(const char *format, ...);
 
+// With each match of the regular expression replaced.
+std::string replaced(const std::string &text, const char *pattern, const char *by);
+
 // The words of a text.
 std::vector<std::string> words(const std::string &text);
 

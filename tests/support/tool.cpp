@@ -3,7 +3,6 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
-#include <regex>
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -88,7 +87,7 @@ void expect(const string &words, const string &table)
             end = rest.find(" |");
             const string field =
                 rest.substr(std::min<size_t>(end, 1), std::max<size_t>(end, 1) - 1);
-            wanted.push_back(std::regex_replace(field, std::regex("\\\\n"), "\n"));
+            wanted.push_back(test::replaced(field, "\\\\n", "\n"));
         }
         const result r = run(words + line.substr(0, arrow));
         EXPECT_EQ(std::to_string(r.status), wanted[0]) << line << r.error;
