@@ -31,7 +31,7 @@ struct failure : std::runtime_error {
     int error; // errno of the failing call, 0 when there is none
 };
 
-// While it exists, what is printed on C's standard streams goes to memory; they are variables here.
+// While it exists, C's standard streams, which this C library lets a program set, go to memory.
 class kept_output
 {
 public:
