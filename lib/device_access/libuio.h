@@ -90,6 +90,9 @@ DEVICE_ACCESS_API libuio_dev_t *libuio_open(const char *devnode_name);
  *               tv_sec * 1000 + tv_nsec / 10000000, so the part below a second counts one tenth of
  *               its value: half a second given as nanoseconds waits 50 ms.
  *
+ * The kernel makes the node of a new device a little before its maps, so a handle that waited for
+ * the node can be without maps, though the device has some: close it then and open again.
+ *
  * Returns the handle, owned by the caller until libuio_close(), with no map mapped yet; NULL with
  * errno on failure:
  *   EINVAL  devnode_name is NULL, not a character device, or its bus device directory is not one

@@ -204,12 +204,14 @@ void check_uio()
     libuio_dev_t *uio;
     IS(uio = open_uio("/dev/uio0"), &errno);
     IS(libuio_get_sys_device_dir(uio), fs::canonical(bus + edu.str).string());
+    libuio_close(uio);
+    // The kernel makes the node a little before the maps.
+    IS(comes_true([] { return ::access("/sys/class/uio/uio0/maps/map0/size", F_OK) == 0; }), true);
     struct stat node;
     ::stat("/dev/uio0", &node);
     ::mknod("/dev/renamed", S_IFCHR | 0600, node.st_rdev);
-    libuio_dev_t *renamed = open_uio("/dev/renamed");
-    IS(libuio_get_sys_class_dir(renamed), "/sys/class/uio/uio0");
-    libuio_close(renamed);
+    IS(uio = open_uio("/dev/renamed"), &errno);
+    IS(libuio_get_sys_class_dir(uio), "/sys/class/uio/uio0");
 
     IS(libuio_mmap(uio, 0), 1);
     IS(ioread32(window(uio)), edu_identity);
