@@ -453,6 +453,7 @@ TEST_F(post_device, opening_takes_over_what_sysfs_says_of_the_block)
          "ERROR: twentieth: cannot find nvram block named postlog_nvram_find_blk_properties!\n",
          "WARNING: failed to read NVRAM info. use default value.\n", test::any_error, 1);
     postlog_dev_file_nvram_close(event);
+    EXPECT_EQ(table[event].subblock_size, table[event].mem_size) << "a single history has it all";
 }
 
 TEST_F(post_device, a_block_that_cannot_be_opened_is_reported)
