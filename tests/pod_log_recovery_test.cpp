@@ -1,9 +1,9 @@
 // The branch of opening the NVRAM log that guesses the current history. Today's check of all
 // headers never asks for it, so it is tested inside the library (this program is linked with the
 // static one).
+#include "lib/podlog/ring.h"
 #include "sim/pod_log.h"
 
-#include <device_access/internal/pod_log_ring.h>
 
 #include <gtest/gtest.h>
 

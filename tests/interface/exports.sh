@@ -9,5 +9,5 @@ exported=$(nm -D --defined-only --format=posix "$1" | awk '$2 != "A" { print $1 
 echo "$exported" | diff -u --label listed --label exported /dev/fd/3 - 3<<EOF
 $listed
 EOF
-echo "The interface changed: if that is meant, tests/exported_symbols.txt must say so." >&2
+echo "The interface changed: if that is meant, lib/exports.map must say so." >&2
 exit 1
