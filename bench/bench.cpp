@@ -2,7 +2,7 @@
 //
 //     device_access_bench TABLE.json [options of Google Benchmark]
 #include "bench/bench.h"
-#include "sim/private_root.h"
+#include "sim/program/private_root.h"
 #include "support/sweep.h"
 
 #include <benchmark/benchmark.h>

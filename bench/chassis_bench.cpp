@@ -1,6 +1,6 @@
 // How fast the simulated chassis is: from an interrupt, as a control line raises it, to the client
 // that waits for it, how many there can be, and what a chassis costs at its start.
-#include "sim/chassis.h"
+#include "sim/program/chassis.h"
 
 #include <algorithm>
 #include <atomic>

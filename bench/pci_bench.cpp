@@ -3,7 +3,7 @@
 // "config" is as cheap as any file. On a real one each word of it is an access to the hardware, so
 // what is fastest here may be the slowest there.
 #include "bench/bench.h"
-#include "sim/chassis.h"
+#include "sim/program/chassis.h"
 
 #include <device_access/pci_config.h>
 #include <device_access/pci_sysfs.h>

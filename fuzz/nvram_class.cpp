@@ -3,10 +3,10 @@
 // Input: the texts, separated by the byte 0x1e: "name", "dev", "baseaddr", "size" and "mode" of
 // nvram0, then of nvram1.
 #include "fuzz/post_log.h"
-#include "sim/nvram.h"
-#include "sim/post_log.h"
-#include "sim/private_root.h"
-#include "sim/support.h"
+#include "sim/base/support.h"
+#include "sim/parts/nvram.h"
+#include "sim/parts/post_log.h"
+#include "sim/program/private_root.h"
 
 #include <device_access/pod_log_nvram.h>
 

@@ -1,7 +1,7 @@
 // The configuration space of a PCI function. The input is its "config" file.
 #include "fuzz/support.h"
-#include "sim/private_root.h"
-#include "sim/support.h"
+#include "sim/base/support.h"
+#include "sim/program/private_root.h"
 
 #include <device_access/pci_config.h>
 #include <device_access/pci_sysfs.h>

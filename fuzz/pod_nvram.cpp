@@ -1,6 +1,6 @@
 // The POD log in NVRAM, whose node is a plain file here.
 #include "fuzz/pod_storage.h"
-#include "sim/private_root.h"
+#include "sim/program/private_root.h"
 
 namespace
 {

@@ -1,6 +1,6 @@
 // The POST logs through device files, which are plain files here, without entries in sysfs.
 #include "fuzz/post_log.h"
-#include "sim/private_root.h"
+#include "sim/program/private_root.h"
 
 namespace
 {

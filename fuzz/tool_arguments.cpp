@@ -1,7 +1,7 @@
 // The arguments of devaccess, on a chassis with a few devices. The input is the arguments,
 // separated by the byte 0x1e.
 #include "fuzz/support.h"
-#include "sim/chassis.h"
+#include "sim/program/chassis.h"
 #include "tools/output.h"
 #include "tools/program.h"
 

@@ -1,7 +1,7 @@
 // Pseudo node names. The input is the part behind "sysfs_pci:"; the chassis has FPGAs in two slots,
 // and a plain file for its physical memory.
 #include "fuzz/support.h"
-#include "sim/chassis.h"
+#include "sim/program/chassis.h"
 
 #include <device_access/libuio.h>
 

@@ -1,6 +1,6 @@
 // Slot tables, register accesses, physical memory and the inventory. This program does not define
 // libuio_log, so libuio must print nothing in it.
-#include "sim/register_trap.h"
+#include "support/register_trap.h"
 #include "support/sweep.h"
 #include "support/test.h"
 

@@ -2,8 +2,7 @@
 // headers never asks for it, so it is tested inside the library (this program is linked with the
 // static one).
 #include "lib/podlog/ring.h"
-#include "sim/pod_log.h"
-
+#include "sim/parts/pod_log.h"
 
 #include <gtest/gtest.h>
 

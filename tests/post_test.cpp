@@ -1,6 +1,6 @@
 // The POST logs, through device files and through a PCIe NVRAM controller.
-#include "sim/nvram_controller.h"
 #include "support/log_text.h"
+#include "support/nvram_controller.h"
 #include "support/sweep.h"
 
 #include <device_access/post_log_nvram_pcie_access.h>

@@ -1,7 +1,7 @@
 // The POD log in a test: its storages, the log as one text, and the world around the library.
 #pragma once
 
-#include "sim/pod_log.h"
+#include "sim/parts/pod_log.h"
 
 #include <device_access/pod_log_eeprom.h>
 #include <device_access/pod_log_file.h>

@@ -1,7 +1,7 @@
 // What every test program includes: how to state a call whole, and the files of the chassis.
 #pragma once
 
-#include "sim/chassis.h"
+#include "sim/program/chassis.h"
 
 #include <gtest/gtest.h>
 

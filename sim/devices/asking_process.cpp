@@ -1,0 +1,185 @@
+#include "sim/devices/asking_process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <linux/capability.h>
+#include <sys/fsuid.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+constexpr size_t longest_path = 4096;
+constexpr size_t page = 4096;
+
+// The number behind a word in one of the texts of /proc.
+int number_behind(const std::string &text, const std::string &word, int base)
+{
+    const size_t place = text.find(word);
+    return place == std::string::npos
+               ? 0
+               : static_cast<int>(std::strtol(&text[place + word.size()], nullptr, base));
+}
+
+} // namespace
+
+pid_t asking_process::id() const
+{
+    return number_behind(file_text(proc("status")), "Tgid:", 10);
+}
+
+std::string asking_process::proc(const std::string &entry) const
+{
+    return "/proc/" + std::to_string(thread_) + "/" + entry;
+}
+
+owned_fd asking_process::memory(int mode) const
+{
+    return owned_fd(::open(proc("mem").c_str(), mode | O_CLOEXEC));
+}
+
+bool asking_process::read(uint64_t address, void *data, size_t size) const
+{
+    const ssize_t length = ::pread(memory(O_RDONLY).get(), data, size, static_cast<off_t>(address));
+    return length == static_cast<ssize_t>(size);
+}
+
+bool asking_process::write(uint64_t address, const void *data, size_t size) const
+{
+    const ssize_t length =
+        ::pwrite(memory(O_WRONLY).get(), data, size, static_cast<off_t>(address));
+    return length == static_cast<ssize_t>(size);
+}
+
+std::string asking_process::text(uint64_t address) const
+{
+    const owned_fd from = memory(O_RDONLY);
+    std::string text;
+    while (text.size() < longest_path) {
+        char block[256];
+        // A read stops short at a page that is not there, which may follow the text's end.
+        const size_t length = std::min<size_t>(sizeof block, page - address % page);
+        if (::pread(from.get(), block, length, static_cast<off_t>(address)) !=
+            static_cast<ssize_t>(length))
+            return {};
+        const size_t end = ::strnlen(block, length);
+        text.append(block, end);
+        if (end < length)
+            return text;
+        address += length;
+    }
+    return {};
+}
+
+std::string asking_process::link(const std::string &entry) const
+{
+    char target[longest_path];
+    const ssize_t length = ::readlink(proc(entry).c_str(), target, sizeof target);
+    return {target, static_cast<size_t>(std::max<ssize_t>(length, 0))};
+}
+
+std::string asking_process::path(int directory, uint64_t address) const
+{
+    std::string name = text(address);
+    if (name.empty() || name[0] == '/')
+        return name;
+    return (directory == AT_FDCWD ? link("cwd") : link_of(directory)) + "/" + name;
+}
+
+bool asking_process::may_open(const std::string &path, int flags) const
+{
+    const std::string status = file_text(proc("status"));
+    if (number_behind(status, "\nCapEff:", 16) & 1 << CAP_DAC_OVERRIDE)
+        return true;
+    const auto effective = [&status](const std::string &word) {
+        const size_t place = status.find(word);
+        unsigned int id = 0;
+        if (place != std::string::npos)
+            std::sscanf(status.c_str() + place + word.size(), "%*u %u", &id);
+        return id;
+    };
+    const int group = ::setfsgid(effective("\nGid:"));
+    const int user = ::setfsuid(effective("\nUid:"));
+    constexpr int modes[] = {R_OK, W_OK, R_OK | W_OK, R_OK | W_OK}; // by O_ACCMODE
+    const bool may = ::faccessat(AT_FDCWD, path.c_str(), modes[flags & O_ACCMODE], AT_EACCESS) == 0;
+    ::setfsuid(static_cast<uid_t>(user));
+    ::setfsgid(static_cast<gid_t>(group));
+    return may;
+}
+
+owned_fd asking_process::copy_of(int fd) const
+{
+    const owned_fd process(static_cast<int>(::syscall(SYS_pidfd_open, id(), 0)));
+    return owned_fd(static_cast<int>(::syscall(SYS_pidfd_getfd, process.get(), fd, 0)));
+}
+
+bool asking_process::closes_on_exec(int fd) const
+{
+    const std::string info = file_text(proc("fdinfo/" + std::to_string(fd)));
+    return (number_behind(info, "flags:", 8) & O_CLOEXEC) != 0;
+}
+
+asked_call::asked_call(int listener) : listener_(listener), process_(0)
+{
+    seccomp_notif notification = {};
+    must(::ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &notification), "receive a call");
+    id_ = notification.id;
+    data_ = notification.data;
+    process_ = asking_process(static_cast<pid_t>(notification.pid));
+}
+
+bool asked_call::waits() const
+{
+    return ::ioctl(listener_, SECCOMP_IOCTL_NOTIF_ID_VALID, &id_) == 0;
+}
+
+void asked_call::respond(int error, int64_t value, uint32_t flags) const
+{
+    seccomp_notif_resp response = {id_, value, error, flags};
+    // Fails when the caller was killed or interrupted meanwhile; nobody waits then.
+    ::ioctl(listener_, SECCOMP_IOCTL_NOTIF_SEND, &response);
+}
+
+void asked_call::result(int64_t value) const
+{
+    respond(static_cast<int>(std::min<int64_t>(value, 0)), std::max<int64_t>(value, 0), 0);
+}
+
+void asked_call::pass() const
+{
+    respond(0, 0, SECCOMP_USER_NOTIF_FLAG_CONTINUE);
+}
+
+void asked_call::descriptor(int fd, bool close_on_exec, std::optional<unsigned int> number) const
+{
+    seccomp_notif_addfd add = {};
+    add.id = id_;
+    add.flags = SECCOMP_ADDFD_FLAG_SEND | (number ? SECCOMP_ADDFD_FLAG_SETFD : 0);
+    add.srcfd = static_cast<uint32_t>(fd);
+    add.newfd = number.value_or(0);
+    add.newfd_flags = close_on_exec ? O_CLOEXEC : 0;
+    if (::ioctl(listener_, SECCOMP_IOCTL_NOTIF_ADDFD, &add) < 0)
+        result(-EMFILE);
+}
+
+void asked_call::replace(int fd, int by) const
+{
+    seccomp_notif_addfd add = {};
+    add.id = id_;
+    add.flags = SECCOMP_ADDFD_FLAG_SETFD;
+    add.srcfd = static_cast<uint32_t>(by);
+    add.newfd = static_cast<uint32_t>(fd);
+    add.newfd_flags = process_.closes_on_exec(fd) ? O_CLOEXEC : 0;
+    ::ioctl(listener_, SECCOMP_IOCTL_NOTIF_ADDFD, &add);
+}
+
+} // namespace chassis_sim

@@ -1,0 +1,132 @@
+#include "sim/parts/hotswap.h"
+
+#include "sim/base/support.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <sys/inotify.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+void add_bridge(const std::string &id)
+{
+    pci_function bridge;
+    bridge.id = id;
+    bridge.config = config_builder(1).bytes();
+    bridge.class_code = 0x060400;
+    add_pci(bridge);
+}
+
+} // namespace
+
+void add_hotswap_name(const std::string &slot, const std::string &address)
+{
+    const std::string file = "/dev/dynattr/rpsw/hotswap/byname/" + slot;
+    write_file(file, "");
+    const int result = ::setxattr(file.c_str(), "user.com.velmora.zmt.attr_value", address.data(),
+                                  address.size(), 0);
+    if (result != 0 && errno == EOPNOTSUPP)
+        std::fprintf(stderr,
+                     "chassis-sim: no hot-swap name of slot %s: extended attributes in a "
+                     "tmpfs take Linux 6.6\n",
+                     slot.c_str());
+    else
+        must(result, "set the extended attribute of " + file);
+}
+
+void add_fpga_card(const fpga_card &card)
+{
+    add_bridge(card.port);
+    pci_function fpga;
+    fpga.id = card.id;
+    fpga.parent = card.port;
+    fpga.device = 0x00f0;
+    uint64_t start = 0x90000000;
+    for (const uint64_t size : card.bar_sizes) {
+        fpga.windows.push_back({start, size});
+        start += size;
+    }
+    add_pci(fpga);
+    write_window(card.id, 0, {0x28, uint32_t{card.code} << 16 | 0xab0000cd});
+    add_hotswap_name(card.slot, card.port);
+}
+
+void add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms)
+{
+    add_bridge(id);
+    pci_function child = behind;
+    child.parent = id;
+    add_pci(child);
+    unplug_pci(child.id);
+
+    const std::string attribute = pci_link(id) + "/bridge_enable";
+    write_file(attribute, "0\n");
+    const int changes = must(::inotify_init1(IN_CLOEXEC), "inotify_init1");
+    must(::inotify_add_watch(changes, attribute.c_str(), IN_MODIFY), "watch " + attribute);
+    background([&] {
+        char events[4096];
+        while (::read(changes, events, sizeof events) > 0) {
+            try {
+                if (std::ifstream(attribute).get() != '1') {
+                    unplug_pci(child.id);
+                } else if (appears_ms >= 0) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(appears_ms));
+                    plug_pci(child.id);
+                }
+            } catch (const std::exception &error) { // somebody has changed the tree
+                complain(error.what());
+            }
+        }
+    });
+    ::close(changes);
+}
+
+fpga_card chassis_fpga_card()
+{
+    constexpr uint8_t vostra2 = 18;
+    return {"alsw1",
+            "0000:00:1d.0",
+            "0000:05:00.0",
+            vostra2,
+            {0x40000, 0x80000, 0x80000, 0x200000, 0x8000000}};
+}
+
+function_description chassis_bridge_card()
+{
+    function_description card;
+    card.id = "0000:06:00.0";
+    card.device = 0x0030;
+    card.bars = {{{0xf2000000, 0x4000}, {}}};
+    return card;
+}
+
+void add_chassis_hotswap(int appears_ms)
+{
+    add_fpga_card(chassis_fpga_card());
+    add_hotswap_bridge(hotswap_bridge, made_of(chassis_bridge_card()), appears_ms);
+    replace_modprobe();
+}
+
+void replace_modprobe(const std::string &ending)
+{
+    const std::string program = "/sbin/modprobe";
+    fs::remove(program); // a link to the machine's own
+    write_file(program,
+               "#!/bin/sh\n{ printf '[%s]' \"$0\" \"$@\"; echo; } >>" + std::string(modprobe_log) +
+                   "\n" + ending + "\n",
+               0755);
+}
+
+} // namespace chassis_sim

@@ -1,0 +1,141 @@
+#include "sim/program/chassis.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+
+namespace chassis_sim
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr size_t largest_image = 16 << 20;
+
+std::string read_image(const fs::path &path)
+{
+    std::error_code error;
+    // Of what is no file, the size may be endless.
+    const bool is_image =
+        fs::is_regular_file(path, error) && fs::file_size(path, error) <= largest_image;
+    std::string bytes = is_image ? file_text(path.string()) : "";
+    if (bytes.empty())
+        throw failure("cannot read a log image from " + path.string());
+    return bytes;
+}
+
+pod_logs described_pod_logs(const chassis_description &description)
+{
+    static const std::map<std::string, chassis_model> models = {
+        {"n20", chassis_model::n20}, {"n10", chassis_model::n10}, {"n4", chassis_model::n4}};
+    const auto &logs = description.logs;
+    if (!models.contains(logs.chassis))
+        throw failure("there is no chassis '" + logs.chassis + "'");
+    pod_logs made = logs.pod == "empty" ? pod_logs() : sample_pod_logs(models.at(logs.chassis));
+    if (logs.pod != "empty" && logs.pod != "sample")
+        made.nvram = read_image(logs.pod);
+    for (const auto &[card, state] : logs.states) {
+        const auto file =
+            std::find_if(made.files.begin(), made.files.end(),
+                         [&, &card = card](const file_image &f) { return f.card == card; });
+        if (card != "RPSW1" && file == made.files.end())
+            throw failure("the chassis has no log of a card '" + card + "'");
+        bring_into_state(card == "RPSW1" ? made.nvram : file->contents, card, state);
+    }
+    return made;
+}
+
+std::vector<nvram_image> described_post_logs(const std::string &which)
+{
+    auto made = images(sample_post_logs());
+    for (nvram_image &log : made) {
+        if (which == "empty")
+            log.contents.assign(log.contents.size(), '\0');
+        else if (which != "sample")
+            log.contents = read_image(fs::path(which) / log.name);
+    }
+    return made;
+}
+
+// The NVRAM blocks. They are searched from nvram0 on until a number is missing, so their numbers
+// leave no gap.
+void add_nvram_blocks(device_server &devices, const std::string &pod,
+                      const std::vector<nvram_image> &post, uint32_t unreachable)
+{
+    nvram_description block;
+    block.contents = pod;
+    block.unreachable = std::min<size_t>(unreachable, pod.size());
+    add_nvram(devices, block);
+    add_post_logs(devices, post, 1);
+}
+
+void add_further_pci_devices(unsigned int count)
+{
+    constexpr unsigned int first_bus = 0x20;
+    constexpr unsigned int slots = 32;
+    config_builder config;
+    config.power_management();
+    config.msi();
+    for (unsigned int i = 0; i < count; ++i) {
+        char id[32];
+        std::snprintf(id, sizeof id, "0000:%02x:%02x.0", first_bus + i / slots, i % slots);
+        pci_function device;
+        device.id = id;
+        device.device = 0x0040;
+        device.config = config.bytes();
+        device.windows = {{0xa0000000 + uint64_t{i} * 0x1000, 0x1000}};
+        add_pci(device);
+    }
+}
+
+void build_tree(const chassis_description &description, const pod_logs &pod)
+{
+    make_directory("/var/log");
+    for (const file_image &file : pod.files)
+        write_file(file.path, file.contents, 0666);
+    for (const auto &eeprom : description.eeproms)
+        write_file(eeprom.path, std::string(std::min<size_t>(eeprom.size, largest_image), '\xff'),
+                   0666);
+    for (const function_description &function : description.functions)
+        add_pci(function);
+    for (const auto &slot : description.slots)
+        add_pci_slot(slot.name, slot.address);
+    add_further_pci_devices(description.pci_devices);
+    for (const fpga_card &card : description.fpga_cards)
+        add_fpga_card(card);
+    for (const auto &bridge : description.hotswap_bridges)
+        add_hotswap_bridge(bridge.id, made_of(bridge.behind), bridge.appears_ms);
+    replace_modprobe();
+}
+
+} // namespace
+
+uio_description chassis_register_block()
+{
+    uio_description block;
+    block.maps = {{"map0", "0x0000000000001000\n"},
+                  {"map1", "0x0000000000002000\n"},
+                  {"map3", "0x0000000000001000\n"}};
+    block.irq_delay_ms = 100;
+    return block;
+}
+
+void build_chassis(const chassis_description &description)
+{
+    const pod_logs pod = described_pod_logs(description);
+    const std::vector<nvram_image> post = described_post_logs(description.logs.post);
+    enter_private_root();
+    build_tree(description, pod);
+    device_server devices;
+    for (const uio_description &device : description.uio)
+        add_uio(devices, device);
+    add_nvram_blocks(devices, pod.nvram, post, description.logs.unreachable);
+    for (const call_fault &fault : description.faults)
+        devices.add(fault);
+    for (const timed_line &line : description.timeline)
+        devices.add(line);
+    devices.start();
+}
+
+} // namespace chassis_sim

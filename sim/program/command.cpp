@@ -1,0 +1,193 @@
+#include "sim/program/command.h"
+
+#include "sim/base/support.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <set>
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+using clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds patience(2);
+
+[[noreturn]] void execute(const std::vector<std::string> &command)
+{
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    // The device library that udevadm(8) uses looks whether /sys is the kernel's own.
+    ::setenv("SYSTEMD_DEVICE_VERIFY_SYSFS", "0", 0);
+    ::execvp(arguments[0], arguments.data());
+    const int status = errno == ENOENT ? 127 : 126;
+    std::perror(("chassis-sim: " + command[0]).c_str());
+    ::_exit(status);
+}
+
+// A process's parent; 0 when it has gone.
+pid_t parent_of(const std::string &process)
+{
+    const std::string line = file_text("/proc/" + process + "/stat");
+    const size_t name_end = line.rfind(')'); // a name may contain anything
+    return name_end == std::string::npos ? 0 : std::atoi(line.c_str() + name_end + 4);
+}
+
+std::set<pid_t> descendants()
+{
+    std::multimap<pid_t, pid_t> children;
+    for (const auto &entry : fs::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (const pid_t pid = std::atoi(name.c_str()); pid > 0)
+            children.emplace(parent_of(name), pid);
+    }
+    std::set<pid_t> found;
+    std::vector<pid_t> parents = {::getpid()};
+    while (!parents.empty()) {
+        const auto [first, last] = children.equal_range(parents.back());
+        parents.pop_back();
+        for (auto child = first; child != last; ++child)
+            if (found.insert(child->second).second)
+                parents.push_back(child->second);
+    }
+    return found;
+}
+
+void signal_descendants(int signal_number)
+{
+    for (const pid_t pid : descendants())
+        ::kill(pid, signal_number);
+}
+
+int shell_status(int status)
+{
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// But for what is ignored, as nohup(1) wants it.
+std::vector<int> ending_signals()
+{
+    std::vector<int> signals;
+    for (const int signal_number : {SIGTERM, SIGHUP}) {
+        struct sigaction inherited;
+        ::sigaction(signal_number, nullptr, &inherited);
+        if (inherited.sa_handler != SIG_IGN)
+            signals.push_back(signal_number);
+    }
+    return signals;
+}
+
+// The parent of all that runs in the chassis, whoever started it.
+class warden
+{
+public:
+    warden(const std::vector<std::string> &command, pid_t parent) : parent_(parent)
+    {
+        // The command decides what an interrupt from the terminal does.
+        const auto interrupt_before = ::signal(SIGINT, SIG_IGN);
+        ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        sigset_t before;
+        ::sigaddset(&awaited_, SIGCHLD);
+        for (const int signal_number : ending_signals())
+            ::sigaddset(&awaited_, signal_number);
+        ::sigprocmask(SIG_BLOCK, &awaited_, &before);
+        command_ = must(::fork(), "fork");
+        if (command_ == 0) {
+            ::signal(SIGINT, interrupt_before);
+            ::sigprocmask(SIG_SETMASK, &before, nullptr);
+            execute(command);
+        }
+    }
+
+    // Until the last has ended.
+    int watch()
+    {
+        while (reap()) {
+            const bool orphaned = ::getppid() != parent_;
+            if (orphaned || (end_ && *end_ <= clock::now()))
+                signal_descendants(SIGKILL);
+            constexpr timespec look_again = {0, 20'000'000};
+            const int came = end_ || orphaned ? ::sigtimedwait(&awaited_, nullptr, &look_again)
+                                              : ::sigwaitinfo(&awaited_, nullptr);
+            if (came == SIGTERM || came == SIGHUP) {
+                signal_descendants(came);
+                end_ = clock::now() + patience;
+                status_ = 128 + came;
+            }
+        }
+        return status_;
+    }
+
+private:
+    // False when there are no children left.
+    bool reap()
+    {
+        for (;;) {
+            int status;
+            const pid_t pid = ::waitpid(-1, &status, WNOHANG);
+            if (pid <= 0)
+                return pid == 0;
+            if (pid == command_ && !end_)
+                status_ = shell_status(status);
+        }
+    }
+
+    pid_t parent_;
+    pid_t command_;
+    sigset_t awaited_ = {};
+    int status_ = 0;
+    std::optional<clock::time_point> end_; // of everybody's time
+};
+
+volatile pid_t warden_pid;
+
+void pass_on(int signal_number)
+{
+    ::kill(warden_pid, signal_number);
+}
+
+} // namespace
+
+int run_command(const std::vector<std::string> &command)
+{
+    const std::vector<int> signals = ending_signals();
+    sigset_t passed_on = {};
+    for (const int signal_number : signals)
+        ::sigaddset(&passed_on, signal_number);
+    sigset_t before;
+    ::sigprocmask(SIG_BLOCK, &passed_on, &before);
+    const pid_t parent = ::getpid();
+    warden_pid = must(::fork(), "fork");
+    if (warden_pid == 0) {
+        ::sigprocmask(SIG_SETMASK, &before, nullptr);
+        ::_exit(warden(command, parent).watch());
+    }
+    struct sigaction action = {};
+    action.sa_handler = pass_on;
+    for (const int signal_number : signals)
+        ::sigaction(signal_number, &action, nullptr);
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    ::signal(SIGINT, SIG_IGN);
+    int status = 0;
+    while (::waitpid(warden_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return shell_status(status);
+}
+
+} // namespace chassis_sim

@@ -1,0 +1,196 @@
+// The archive may come from anywhere.
+#include "sim/program/recorded_chassis.h"
+
+#include "sim/program/chassis.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <map>
+#include <memory>
+
+#include <archive.h>
+#include <archive_entry.h>
+#include <dlfcn.h>
+
+namespace chassis_sim
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+constexpr size_t largest_file = 16 << 20;
+constexpr size_t largest_recording = 256 << 20;
+
+template <typename Function>
+Function *find(const char *name)
+{
+    static void *const library = ::dlopen("libarchive.so.13", RTLD_NOW | RTLD_LOCAL);
+    void *const found = library ? ::dlsym(library, name) : nullptr;
+    if (!found)
+        throw failure("a recording is read with libarchive, which is not installed");
+    return reinterpret_cast<Function *>(found);
+}
+
+// A function of the library that is loaded.
+#define LIBARCHIVE(function) find<decltype(function)>(#function)
+
+struct recording {
+    std::map<std::string, std::string> files; // by their absolute paths
+    std::map<std::string, std::string> links;
+};
+
+// Whether it is where a recording has something, and nowhere else.
+bool is_recorded_place(const fs::path &path)
+{
+    const bool leads_astray =
+        std::any_of(path.begin(), path.end(), [](const auto &part) { return part == ".."; });
+    const std::string text = path.string();
+    return !leads_astray && (text.starts_with("/sys/bus/pci/") || text.starts_with("/sys/class/") ||
+                             text.starts_with("/sys/devices/") || text.starts_with("/var/pod/") ||
+                             text.starts_with("/dev/nvlog-"));
+}
+
+std::string bytes_of(archive *tar, const std::string &path)
+{
+    std::string bytes;
+    char block[65536];
+    for (ssize_t length; (length = LIBARCHIVE(archive_read_data)(tar, block, sizeof block)) != 0;) {
+        if (length < 0)
+            throw failure("cannot read " + path + " from the recording");
+        bytes.append(block, static_cast<size_t>(length));
+        if (bytes.size() > largest_file)
+            throw failure(path + " is too large for a recording");
+    }
+    return bytes;
+}
+
+recording read_recording(const std::string &file)
+{
+    const std::unique_ptr<archive, int (*)(archive *)> tar(LIBARCHIVE(archive_read_new)(),
+                                                           LIBARCHIVE(archive_read_free));
+    LIBARCHIVE(archive_read_support_format_tar)(tar.get());
+    LIBARCHIVE(archive_read_support_filter_all)(tar.get());
+    const failure bad("cannot read a recording from " + file);
+    std::error_code error;
+    if (!fs::is_regular_file(file, error) ||
+        LIBARCHIVE(archive_read_open_filename)(tar.get(), file.c_str(), 65536) != ARCHIVE_OK)
+        throw bad;
+    recording made;
+    size_t size = 0;
+    archive_entry *entry;
+    int result;
+    while ((result = LIBARCHIVE(archive_read_next_header)(tar.get(), &entry)) == ARCHIVE_OK) {
+        const char *const name = LIBARCHIVE(archive_entry_pathname)(entry);
+        const fs::path path = fs::path("/") / (name ? name : "");
+        if (!is_recorded_place(path))
+            continue; // the manifest, for one
+        if (const char *const target = LIBARCHIVE(archive_entry_symlink)(entry))
+            made.links[path] = target;
+        else if (LIBARCHIVE(archive_entry_filetype)(entry) == AE_IFREG)
+            size += (made.files[path] = bytes_of(tar.get(), path)).size();
+        if (size > largest_recording || made.links.size() + made.files.size() > 1000000)
+            throw failure(file + " is too large for a recording");
+    }
+    if (result != ARCHIVE_EOF || made.files.empty())
+        throw bad;
+    return made;
+}
+
+// Links, and what is reached through them, are of the chassis: all else in its root is the
+// machine's.
+void require_inside(const fs::path &path)
+{
+    const std::string place = fs::weakly_canonical(path).string();
+    if (!place.starts_with("/sys/") && !place.starts_with("/var/pod/"))
+        throw failure("a link of the recording leads to " + place);
+}
+
+void write_tree(const recording &recorded)
+{
+    for (const auto &[path, bytes] : recorded.files)
+        if (!path.starts_with("/dev/"))
+            write_file(path, bytes, 0666);
+    for (const auto &[path, target] : recorded.links) {
+        require_inside(fs::path(path).parent_path() / "link");
+        make_symlink(path, target);
+    }
+    for (const auto &[path, target] : recorded.links)
+        require_inside(path);
+}
+
+std::vector<fs::path> entries_of(const std::string &directory)
+{
+    std::vector<fs::path> entries;
+    std::error_code none;
+    for (const auto &entry : fs::directory_iterator(directory, none))
+        entries.push_back(entry.path());
+    std::sort(entries.begin(), entries.end());
+    return entries;
+}
+
+// Nodes here have other numbers than on the machine.
+device_number renumber(const fs::path &directory, unsigned int index)
+{
+    const device_number number = simulated_device_number(index);
+    write_file(directory / "dev",
+               std::to_string(number.major) + ":" + std::to_string(number.minor) + "\n");
+    return number;
+}
+
+void add_uio_nodes(device_server &devices)
+{
+    unsigned int index = 0;
+    for (const fs::path &link : entries_of("/sys/class/uio")) {
+        std::error_code wrong;
+        const fs::path directory = fs::canonical(link, wrong);
+        const fs::path device = fs::canonical(link / "device", wrong);
+        if (wrong)
+            continue;
+        uio_node node;
+        node.name = link.filename();
+        node.node = "/dev/" + node.name;
+        node.number = renumber(directory, index++);
+        node.device_dir = device;
+        node.event_attr = directory / "event";
+        node.links = {{link, directory}};
+        if (fs::exists(device / "uio_maps"))
+            node.removal_attr = device / "uio_maps";
+        devices.add(node);
+    }
+}
+
+void add_nvram_nodes(device_server &devices, const recording &recorded)
+{
+    constexpr unsigned int first_index = 64; // behind those of UIO devices
+    unsigned int index = first_index;
+    for (const fs::path &link : entries_of("/sys/class/zmt_nvram")) {
+        std::string name = file_text(link / "name");
+        name.resize(std::min(name.find('\n'), name.size()));
+        const auto contents = recorded.files.find("/dev/" + name);
+        renumber(link, index++);
+        if (contents != recorded.files.end())
+            devices.add(storage_node{contents->first, contents->second});
+    }
+}
+
+} // namespace
+
+void build_recorded_chassis(const std::string &archive)
+{
+    const recording recorded = read_recording(archive);
+    enter_private_root();
+    make_directory("/var/log");
+    write_tree(recorded);
+    for (const fs::path &function : entries_of("/sys/bus/pci/devices"))
+        if (std::error_code wrong; fs::exists(function / "config", wrong))
+            complete_pci(fs::canonical(function));
+    replace_modprobe();
+    device_server devices;
+    add_uio_nodes(devices);
+    add_nvram_nodes(devices, recorded);
+    devices.start();
+}
+
+} // namespace chassis_sim
