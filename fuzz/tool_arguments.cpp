@@ -2,8 +2,8 @@
 // separated by the byte 0x1e.
 #include "fuzz/support.h"
 #include "sim/program/chassis.h"
-#include "tools/output.h"
-#include "tools/program.h"
+#include "tools/base/output.h"
+#include "tools/cli/dispatch.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // The programs devaccess and chassis-sim, as people and scripts run them.
 #include "support/tool.h"
 
-#include "tools/podlog_image.h"
+#include "tools/podlog/image.h"
 
 #include <device_access/pod_log.h>
 
@@ -516,7 +516,7 @@ TEST(devaccess, describes_every_command)
 {
     ::setenv("NOTES", SOURCE "/docs/devaccess.in.md", 1);
     expect("", R"(
-devaccess --page man |diff - ${NOTES%/docs/*}/tools/devaccess.1 -> 0
+devaccess --page man |diff - ${NOTES%/docs/*}/tools/cli/devaccess.1 -> 0
 devaccess --page md <$NOTES |diff - ${NOTES%.in.md}.md -> 0
 sed 's/info/none/' $NOTES |devaccess --page md -> 1 | | the notes have 'uio none' twice, or it is no
 grep -v '### `metrics' $NOTES |devaccess --page md -> 1 | | the notes lack 'metrics'

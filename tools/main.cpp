@@ -1,6 +1,6 @@
 // devaccess: the library's functions as commands.
 
-#include "program.h"
+#include "tools/cli/dispatch.h"
 
 int main(int argc, char **argv)
 {

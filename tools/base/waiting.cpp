@@ -1,0 +1,175 @@
+#include "tools/base/waiting.h"
+
+#include "tools/base/captured_call.h"
+
+#include <cmath>
+#include <csignal>
+#include <iostream>
+#include <thread>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace devaccess
+{
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr int signals[] = {SIGINT, SIGTERM, SIGHUP};
+volatile std::sig_atomic_t caught = 0;
+
+void on_signal(int number)
+{
+    caught = number;
+}
+
+// Without SA_RESTART, so that sleeps end. What is ignored stays so, as nohup(1) wants it.
+void handle_signals(void (*handler)(int))
+{
+    struct sigaction action = {}, before;
+    action.sa_handler = handler;
+    for (const int number : signals)
+        if (::sigaction(number, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
+            ::sigaction(number, &action, nullptr);
+}
+
+// Also refuses what is no number at all, which compares as in no range.
+std::string time_problem(const std::string &text)
+{
+    double seconds = 0;
+    const bool good = CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) &&
+                      seconds >= 0 && seconds <= 1e9;
+    return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
+}
+
+} // namespace
+
+waiting::waiting(std::string what, double seconds)
+    : what_(std::move(what)), deadline_(clock::time_point::max()),
+      on_terminal_(::isatty(STDERR_FILENO) && !settings.as_json)
+{
+    if (seconds >= 0)
+        deadline_ = start_ + std::chrono::duration_cast<clock::duration>(
+                                 std::chrono::duration<double>(seconds));
+    caught = 0;
+    handle_signals(on_signal);
+}
+
+waiting::~waiting()
+{
+    clear();
+    handle_signals(SIG_DFL);
+}
+
+void waiting::clear()
+{
+    if (on_terminal_)
+        std::cerr << "\r\033[K" << std::flush;
+    shown_.clear();
+}
+
+void waiting::show()
+{
+    if (!on_terminal_)
+        return;
+    std::string left = "until Ctrl-C";
+    if (deadline_ != clock::time_point::max())
+        left = fmt::format(
+            "{} s left", std::chrono::ceil<std::chrono::seconds>(deadline_ - clock::now()).count());
+    // What a narrow terminal has no room for is cut, not wrapped.
+    if (const std::string line = printable(what_) + ", " + left;
+        line != std::exchange(shown_, line))
+        std::cerr << "\r\033[K\033[?7l" << line << "\033[?7h" << std::flush;
+}
+
+record waiting::now() const
+{
+    const auto microseconds = std::chrono::round<std::chrono::microseconds>(clock::now() - start_);
+    const double elapsed = std::chrono::duration<double>(microseconds).count();
+    record times;
+    times.add_time("time", std::time(nullptr));
+    return times.add("elapsed", elapsed, fmt::format("{:10.6f}", elapsed));
+}
+
+void waiting::print(const record &what)
+{
+    clear();
+    print_line(now().append(what));
+}
+
+waiting::clock::time_point waiting::next_look(std::optional<clock::time_point> wanted) const
+{
+    auto until = std::min(deadline_, wanted.value_or(clock::time_point::max()));
+    return on_terminal_ ? std::min(until, clock::now() + 500ms) : until;
+}
+
+void waiting::check() const
+{
+    if (caught)
+        throw interrupted{caught};
+}
+
+bool waiting::sleep(std::chrono::milliseconds time)
+{
+    const auto wanted = clock::now() + time;
+    do {
+        check();
+        show();
+        const auto left = next_look(wanted) - clock::now();
+        if (left > 0s) {
+            const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
+            const timespec pause = {static_cast<time_t>(whole.count()),
+                                    static_cast<long>((left - whole) / 1ns)};
+            ::nanosleep(&pause, nullptr); // which a signal ends
+        }
+        check();
+    } while (clock::now() < wanted && !is_over());
+    return !is_over();
+}
+
+void wait_options::add_timeout(CLI::App &command)
+{
+    command.add_option("--timeout", timeout, "for so many seconds; else without limit")
+        ->option_text("SECONDS")
+        ->check(CLI::Validator(time_problem, "SECONDS"));
+}
+
+void wait_options::add_watch(CLI::App &command)
+{
+    command.add_option("--until", until, "ends when it holds this; the mask says which bits count")
+        ->option_text("VALUE[/MASK]");
+    command.add_option("--every", every, "milliseconds from one look to the next")
+        ->option_text("MS")
+        ->check(CLI::Range(0u, 3600000u))
+        ->capture_default_str();
+    add_timeout(command);
+}
+
+void watch_register(const std::string &name, unsigned width, const wait_options &options,
+                    const std::function<uint64_t()> &read,
+                    const std::function<record(uint64_t)> &describe)
+{
+    std::optional<masked_value> wanted;
+    if (!options.until.empty())
+        wanted = parse_masked(options.until, highest(width));
+    waiting wait(wanted ? fmt::format("waiting for {} in {}", options.until, name)
+                        : "watching " + name,
+                 options.timeout);
+    std::optional<uint64_t> last;
+    do {
+        const uint64_t value = read();
+        if (value != last)
+            wait.print(describe(value));
+        last = value;
+        if (wanted && wanted->matches(value))
+            return;
+    } while (wait.sleep(std::chrono::milliseconds(options.every)));
+    if (wanted)
+        throw failure(fmt::format("see {} in {}", options.until, name),
+                      fmt::format("after {:g} s it holds {:#x}", options.timeout, *last),
+                      "a longer --timeout waits longer", ETIMEDOUT);
+}
+
+} // namespace devaccess

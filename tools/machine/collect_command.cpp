@@ -1,0 +1,299 @@
+// Records a machine: its PCI functions, UIO devices and logs, in an archive whose paths are those
+// of the machine.
+#include "tools/base/files.h"
+#include "tools/base/output.h"
+#include "tools/base/tar_archive.h"
+#include "tools/cli/chassis_option.h"
+#include "tools/cli/completion.h"
+#include "tools/podlog/storage.h"
+
+#include <device_access/post_log_nvram.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <map>
+
+#include <fmt/format.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+namespace devaccess
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+struct collect_arguments {
+    std::string file;
+    bool force = false;
+};
+
+// What is read. All else stays behind: windows and option ROMs, which a read can change, product
+// data, which is slow and has serial numbers, and what drivers add, of which nobody knows what it
+// does and tells.
+const std::vector<std::string> function_attributes = {"aer_dev_correctable",
+                                                      "aer_dev_fatal",
+                                                      "aer_dev_nonfatal",
+                                                      "ari_enabled",
+                                                      "bridge_enable",
+                                                      "broken_parity_status",
+                                                      "class",
+                                                      "config",
+                                                      "consistent_dma_mask_bits",
+                                                      "current_link_speed",
+                                                      "current_link_width",
+                                                      "d3cold_allowed",
+                                                      "device",
+                                                      "dma_mask_bits",
+                                                      "driver",
+                                                      "driver_override",
+                                                      "enable",
+                                                      "irq",
+                                                      "local_cpulist",
+                                                      "local_cpus",
+                                                      "max_link_speed",
+                                                      "max_link_width",
+                                                      "modalias",
+                                                      "msi_bus",
+                                                      "numa_node",
+                                                      "physfn",
+                                                      "power_state",
+                                                      "resource",
+                                                      "revision",
+                                                      "secondary_bus_number",
+                                                      "subordinate_bus_number",
+                                                      "subsystem",
+                                                      "subsystem_device",
+                                                      "subsystem_vendor",
+                                                      "uevent",
+                                                      "vendor"};
+const std::vector<std::string> slot_attributes = {
+    "address", "adapter", "attention", "latch", "cur_bus_speed", "max_bus_speed", "power"};
+const std::vector<std::string> node_attributes = {"dev",       "device", "event",  "name",
+                                                  "subsystem", "uevent", "version"};
+const std::vector<std::string> window_attributes = {"addr",     "name", "offset",
+                                                    "porttype", "size", "start"};
+const std::vector<std::string> device_attributes = {"driver", "modalias", "subsystem", "uevent",
+                                                    "uio_maps"};
+const std::vector<std::string> nvram_attributes = {"baseaddr", "dev", "mode", "name", "size"};
+
+// Files and links by their paths, and why others are missing.
+class recorder
+{
+public:
+    void add_file(const std::string &path, const std::string &bytes) { files_[path] = bytes; }
+
+    void leave_out(const std::string &path, const std::string &problem)
+    {
+        left_out_.rows.push_back(
+            record().add("path", printable(path)).add("problem", printable(problem)));
+    }
+
+    // These files and links of a directory, as far as it has them.
+    void add_attributes(const fs::path &directory, const std::vector<std::string> &names)
+    {
+        for (const std::string &name : names)
+            if (!add_link(directory / name))
+                add_attribute(directory / name);
+    }
+
+    // The directories in one, as they are called there, links being recorded and followed.
+    std::vector<fs::path> add_directories(const fs::path &parent)
+    {
+        std::vector<fs::path> found;
+        std::error_code none;
+        for (const auto &entry : fs::directory_iterator(parent, none)) {
+            add_link(entry.path());
+            const fs::path directory = fs::canonical(entry.path(), none);
+            if (fs::is_directory(directory, none))
+                found.push_back(directory);
+        }
+        return found;
+    }
+
+    tar_archive archive(time_t when, const std::string &manifest) const
+    {
+        tar_archive made(when);
+        made.add_file("manifest.json", manifest);
+        for (const auto &[path, bytes] : files_)
+            made.add_file(path.substr(1), bytes);
+        for (const auto &[path, target] : links_)
+            made.add_link(path.substr(1), target);
+        return made;
+    }
+
+    const record_set &left_out() const { return left_out_; }
+
+private:
+    bool add_link(const fs::path &path)
+    {
+        std::error_code wrong;
+        const fs::path target = fs::read_symlink(path, wrong);
+        if (!wrong)
+            links_[path] = target;
+        return !wrong;
+    }
+
+    void add_attribute(const fs::path &path)
+    {
+        std::error_code none;
+        if (!fs::is_regular_file(path, none))
+            return;
+        try {
+            if (const auto bytes = read_file(path))
+                add_file(path, *bytes);
+        } catch (const failure &failed) {
+            leave_out(path, failed.what());
+        }
+    }
+
+    std::map<std::string, std::string> files_;
+    std::map<std::string, std::string> links_;
+    record_set left_out_ = {"left_out", {}};
+};
+
+size_t add_functions(recorder &machine)
+{
+    const auto functions = machine.add_directories("/sys/bus/pci/devices");
+    for (const fs::path &function : functions)
+        machine.add_attributes(function, function_attributes);
+    for (const fs::path &slot : machine.add_directories("/sys/bus/pci/slots"))
+        machine.add_attributes(slot, slot_attributes);
+    return functions.size();
+}
+
+size_t add_nodes(recorder &machine)
+{
+    const auto nodes = machine.add_directories("/sys/class/uio");
+    for (const fs::path &node : nodes) {
+        machine.add_attributes(node, node_attributes);
+        for (const char *kind : {"maps", "portio"})
+            for (const fs::path &window : machine.add_directories(node / kind))
+                machine.add_attributes(window, window_attributes);
+        std::error_code none;
+        if (const fs::path device = fs::canonical(node / "device", none); !device.empty())
+            machine.add_attributes(device, device_attributes);
+    }
+    return nodes.size();
+}
+
+//--- logs -----------------------------------------------------------------------------------------
+
+// Files of the cards, whichever the chassis has.
+size_t add_log_files(recorder &machine)
+{
+    size_t count = 0;
+    std::error_code none;
+    for (const auto &entry : fs::directory_iterator("/var/pod", none)) {
+        const std::string name = entry.path().filename();
+        if (name.rfind("pod_", 0) != 0 || !name.ends_with(".hex"))
+            continue;
+        machine.add_attributes("/var/pod", {name});
+        ++count;
+    }
+    return count;
+}
+
+// A block of NVRAM is read through its device. Behind a controller it would be written to for that.
+template <typename Read>
+size_t add_block(recorder &machine, const std::string &name, Read read)
+{
+    try {
+        machine.add_file("/dev/" + name, read());
+        return 1;
+    } catch (const failure &failed) {
+        machine.leave_out("/dev/" + name, failed.what());
+        return 0;
+    }
+}
+
+constexpr struct {
+    const char *name;
+    log_type_t number;
+} post_blocks[] = {{"nvlog-ofw-event", OFWEVENT_LOG},
+                   {"nvlog-diag-test", OFWDIAG_TEST_LOG},
+                   {"nvlog-diag-error", OFWDIAG_ERROR_LOG}};
+
+std::string post_bytes(const std::string &name, log_type_t block)
+{
+    int descriptor = -1;
+    const auto found = ask([&] { return postlog_nvram_open_dev_file(block, &descriptor); });
+    if (found.result != 1)
+        fail("open " + name, found, "");
+    const opened device([descriptor] { ::close(descriptor); });
+    return read_all(descriptor, name);
+}
+
+size_t add_blocks(recorder &machine)
+{
+    size_t count = 0;
+    postlog_map_def_nvram_access();
+    for (const fs::path &block : machine.add_directories("/sys/class/zmt_nvram")) {
+        machine.add_attributes(block, nvram_attributes);
+        std::string name = read_file(block / "name").value_or("");
+        name = name.substr(0, name.find('\n'));
+        if (name == "nvlog-pod")
+            count += add_block(machine, name, [] {
+                const podlog_arguments own;
+                const pod_card local = {"", 0, {}, PODSTORAGE_NVRAM, 0, {}};
+                return log_storage(own, local).bytes().value_or("");
+            });
+        for (const auto &known : post_blocks)
+            if (name == known.name)
+                count += add_block(machine, name, [&] { return post_bytes(name, known.number); });
+    }
+    return count;
+}
+
+//--- the command ----------------------------------------------------------------------------------
+
+std::string manifest(time_t when, const record_set &left_out)
+{
+    utsname kernel = {};
+    ::uname(&kernel);
+    const std::string chassis = chassis_type();
+    const record content = record()
+                               .add("format", json_format)
+                               .add("program", "devaccess " DEVICE_ACCESS_VERSION)
+                               .add_time("time", when)
+                               .add("chassis", chassis.empty() ? json() : json(chassis))
+                               .add("rp2", settings.is_rp2)
+                               .add("kernel", kernel.release)
+                               .add("machine", kernel.machine)
+                               .add(left_out);
+    return content.as_json().dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+void collect(const collect_arguments &arguments)
+{
+    const time_t when = ::time(nullptr);
+    recorder machine;
+    record done = record().add("file", arguments.file);
+    done.add("functions", add_functions(machine)).add("nodes", add_nodes(machine));
+    done.add("logs", add_log_files(machine) + add_blocks(machine));
+    const record_set &left_out = machine.left_out();
+    tar_archive archive = machine.archive(when, manifest(when, left_out));
+    write_file(arguments.file, archive.finish(), !arguments.force);
+    if (!left_out.rows.empty())
+        note(fmt::format("{} files could not be read; manifest.json in {} names them",
+                         left_out.rows.size(), arguments.file));
+    print(add_records(done, left_out));
+}
+
+} // namespace
+
+void add_collect_command(CLI::App &program)
+{
+    const auto arguments = std::make_shared<collect_arguments>();
+    CLI::App *command = program.add_subcommand(
+        "collect", "Record the PCI functions, UIO devices and logs of this machine in an archive");
+    offer_paths(command->add_option("FILE", arguments->file, "the archive, in tar format"))
+        ->required();
+    command->add_flag("--force", arguments->force, "replace the file");
+    add_chassis_options(*command);
+    command->callback([arguments] { collect(*arguments); });
+}
+
+} // namespace devaccess

@@ -1,0 +1,156 @@
+#include "tools/base/captured_call.h"
+#include "tools/base/output.h"
+#include "tools/cli/chassis_option.h"
+#include "tools/cli/completion.h"
+
+#include <device_access/diag_inventory.h>
+#include <device_access/slot_names.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace devaccess
+{
+namespace
+{
+
+struct inventory_arguments {
+    std::string slot;
+    std::string serial;
+    std::string product;
+};
+
+constexpr char slot_hint[] = "slots are e.g. RP1, SW1, FT1, PM1 (--chassis n20 or n10), or RPSW";
+
+// A slot, and the file that the library keeps its record in. Names that begin so are those of the
+// route processors.
+struct inventory_slot {
+    explicit inventory_slot(const inventory_arguments &arguments) : name(arguments.slot)
+    {
+        if (settings.chassis == "n20" || settings.chassis == "n10")
+            SetChassisType(settings.chassis == "n20" ? ChassisType_1st_Stack
+                                                     : ChassisType_2nd_Stack);
+        const std::string start = name.substr(0, 4);
+        if (start == "rpsw" || start == "RPSW") {
+            file = "/var/log/diags/RPSW.div";
+            return;
+        }
+        const SLOT_INFO *slot = GetSlotByName(name.c_str());
+        if (slot->slotN == -1)
+            throw failure("find the slot " + name, "the chassis has none of that name", slot_hint);
+        file = fmt::format("/flash/diags/{}.div", slot->slot_name);
+    }
+
+    std::string name;
+    std::string file;
+};
+
+template <size_t Size>
+void fill(uint8_t (&field)[Size], const std::string &what, const std::string &text)
+{
+    if (text.size() > Size)
+        throw usage_error(fmt::format("{} '{}' is longer than {} characters", what, text, Size));
+    std::copy(text.begin(), text.end(), field);
+}
+
+template <size_t Size>
+std::string text_of(const uint8_t (&field)[Size])
+{
+    return printable(std::string(reinterpret_cast<const char *>(field), Size));
+}
+
+void print_record(const inventory_slot &slot, const diag_inventory_t &content,
+                  void (*print_it)(const record &))
+{
+    print_it(record()
+                 .add("slot", slot.name)
+                 .add("serial_number", text_of(content.serNo))
+                 .add("product_code", text_of(content.prodCode))
+                 .add("file", slot.file));
+}
+
+void show(const inventory_arguments &arguments)
+{
+    const inventory_slot slot(arguments);
+    diag_inventory_t content = {};
+    const auto found = ask([&] { return diag_inventory_get_all(slot.name.c_str(), &content); });
+    if (found.result != 1)
+        fail("read the inventory of " + slot.name, found, "'devaccess inventory store' records it");
+    print_record(slot, content, print);
+}
+
+std::optional<diag_inventory_t> stored_record(const inventory_slot &slot)
+{
+    diag_inventory_t content = {};
+    const auto found = ask([&] { return diag_inventory_get_all(slot.name.c_str(), &content); });
+    return found.result == 1 ? std::optional(content) : std::nullopt;
+}
+
+// The library does not look whether what it writes arrives: if it does not, the slot has what it
+// had.
+void store(const inventory_arguments &arguments)
+{
+    const inventory_slot slot(arguments);
+    diag_inventory_t content = {};
+    fill(content.serNo, "the serial number", arguments.serial);
+    fill(content.prodCode, "the product code", arguments.product);
+    const std::string what = "store the inventory of " + slot.name;
+    std::optional<diag_inventory_t> before = stored_record(slot);
+    const auto done = ask([&] { return diag_inventory_store(slot.name.c_str(), &content); });
+    if (done.result != 1)
+        fail(what, done, "the directories /flash/diags and /var/log/diags must be there");
+    const auto after = stored_record(slot);
+    if (after && std::memcmp(&*after, &content, sizeof content) == 0) {
+        print_record(slot, content, print_done);
+        return;
+    }
+    ask([&] {
+        return before ? diag_inventory_store(slot.name.c_str(), &*before)
+                      : diag_inventory_clear(slot.name.c_str());
+    });
+    throw failure(what, slot.file + " did not take it", "is the disk full?");
+}
+
+void clear(const inventory_arguments &arguments)
+{
+    const inventory_slot slot(arguments);
+    const auto done = ask([&] { return diag_inventory_clear(slot.name.c_str()); });
+    if (::access(slot.file.c_str(), F_OK) == 0)
+        fail("clear the inventory of " + slot.name, done, "is " + slot.file + " a file?");
+    print_done(record().add("slot", slot.name).add("file", slot.file));
+}
+
+} // namespace
+
+void add_inventory_commands(CLI::App &program)
+{
+    using arguments_of = inventory_arguments;
+    command_family<arguments_of> inventory(program, "inventory", "Inventory records of the cards");
+    const auto add = [&](const char *name, const char *description,
+                         void (*act)(const arguments_of &)) {
+        CLI::App *command = inventory.add(name, description, act);
+        offer(command->add_option("SLOT", inventory.arguments->slot, "name of the slot, e.g. SW1"),
+              [](const given_options &) {
+                  return std::vector<std::string>{"RPSW", "RP1", "RP2", "SW1", "SW2", "FT1",
+                                                  "FT2",  "PM1", "PM2", "PM3", "PM4"};
+              })
+            ->required();
+        add_chassis_options(*command);
+        return command;
+    };
+    add("show", "Show a slot's record", show);
+    CLI::App *stored = add("store", "Write a slot's record", store);
+    stored
+        ->add_option("SERIAL", inventory.arguments->serial, "serial number, at most 14 characters")
+        ->required();
+    stored
+        ->add_option("PRODUCT", inventory.arguments->product, "product code, at most 5 characters")
+        ->required();
+    add("clear", "Delete a slot's record", clear);
+}
+
+} // namespace devaccess

@@ -1,0 +1,277 @@
+// The state of a machine as monitoring systems read it: OpenMetrics text, in which all are gauges,
+// so that it is the older text format of their agents too.
+#include "tools/base/files.h"
+#include "tools/base/output.h"
+#include "tools/cli/chassis_option.h"
+#include "tools/cli/completion.h"
+#include "tools/pci/device.h"
+#include "tools/podlog/podlog_commands.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <map>
+
+#include <fmt/format.h>
+#include <linux/pci_regs.h>
+
+namespace devaccess
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+struct metrics_arguments {
+    std::string file;
+    postlog_place post;
+};
+
+constexpr struct {
+    const char *name;
+    const char *help;
+} metric_families[] = {
+    {"build_info", "Version of devaccess, and the table of cards that it used."},
+    {"pod_status", "Whether this is the result of a card's power-on diagnostics."},
+    {"pod_fault_injected", "Whether the fault-injection flag of a card is set."},
+    {"pod_storage_good",
+     "Whether the storage of a card's POD log can be read and has no bad record."},
+    {"pod_histories", "Histories of a card's POD log that have entries."},
+    {"pod_entries", "Entries of a card's POD log."},
+    {"pod_last_entry_timestamp_seconds", "Time of the last entry of a card's POD log."},
+    {"post_storage_good", "Whether all of a block of the POST log can be read."},
+    {"post_histories", "Histories of a block of the POST log."},
+    {"post_entries", "Entries of a block of the POST log."},
+    {"post_last_entry_timestamp_seconds", "Time of the last entry of a block of the POST log."},
+    {"post_errors", "Entries of the POST log of errors."},
+    {"pcie_link_up", "Whether the link of a PCI Express port is up."},
+    {"pcie_link_speed_transfers_per_second", "Speed of a port's link; 0 when it is down."},
+    {"pcie_link_width_lanes", "Width of a port's link; 0 when it is down."},
+    {"pcie_link_max_speed_transfers_per_second", "Highest speed of a port's link."},
+    {"pcie_link_max_width_lanes", "Greatest width of a port's link."},
+};
+
+class gauges
+{
+public:
+    // Labels need no escapes: they are words of ours, and names of PCI functions.
+    void add(const std::string &family, const json &labels, int64_t value)
+    {
+        samples_[family].push_back({labels, value});
+    }
+
+    std::string text() const
+    {
+        std::string text;
+        for (const auto &family : metric_families) {
+            text += fmt::format("# HELP devaccess_{0} {1}\n# TYPE devaccess_{0} gauge\n",
+                                family.name, family.help);
+            for (const sample &one : samples_of(family.name)) {
+                std::string labels;
+                for (const auto &[name, value] : one.labels.items())
+                    labels += fmt::format("{}{}={}", labels.empty() ? "" : ",", name, value.dump());
+                text += fmt::format("devaccess_{}{} {}\n", family.name,
+                                    labels.empty() ? "" : "{" + labels + "}", one.value);
+            }
+        }
+        return text + "# EOF\n";
+    }
+
+    record as_record() const
+    {
+        record_set set = {"metrics", {}};
+        for (const auto &family : metric_families)
+            for (const sample &one : samples_of(family.name))
+                set.rows.push_back(record()
+                                       .add("metric", fmt::format("devaccess_{}", family.name))
+                                       .add("labels", one.labels)
+                                       .add("value", one.value));
+        return record().add(std::move(set));
+    }
+
+private:
+    struct sample {
+        json labels;
+        int64_t value;
+    };
+
+    std::vector<sample> samples_of(const std::string &family) const
+    {
+        const auto found = samples_.find(family);
+        return found == samples_.end() ? std::vector<sample>() : found->second;
+    }
+
+    std::map<std::string, std::vector<sample>> samples_;
+};
+
+//--- logs -----------------------------------------------------------------------------------------
+
+void add_card(gauges &all, const log_storage &storage)
+{
+    const json labels = {{"card", storage.card().name}};
+    const storage_state state = storage.state();
+    all.add("pod_storage_good", labels, state.problem.empty());
+    if (!state.log)
+        return;
+    const auto histories = state.log->written();
+    size_t entries = 0;
+    for (const log_history *history : histories)
+        entries += state.log->chain(*history).size();
+    all.add("pod_histories", labels, static_cast<int64_t>(histories.size()));
+    all.add("pod_entries", labels, static_cast<int64_t>(entries));
+    if (!histories.empty())
+        all.add("pod_last_entry_timestamp_seconds", labels,
+                state.log->entry(state.log->chain(*histories.front()).back()).time);
+}
+
+// Without a readable NVRAM there are none; that its storage is not good says so.
+void add_statuses(gauges &all, const podlog_arguments &own, const std::vector<pod_card> &cards)
+{
+    std::vector<card_status> statuses;
+    try {
+        statuses = card_statuses(own, cards);
+    } catch (const failure &) {
+        return;
+    }
+    for (const card_status &card : statuses) {
+        for (const char *status : {"Passed", "Failed", "Invalid"})
+            all.add("pod_status", {{"card", card.name}, {"status", status}}, card.status == status);
+        all.add("pod_fault_injected", {{"card", card.name}}, card.fault_injected);
+    }
+}
+
+void add_block(gauges &all, const post_block &block)
+{
+    const json labels = {{"block", block.name()}};
+    int64_t entries = 0;
+    std::optional<time_t> last;
+    bool good = true;
+    try {
+        const auto histories = block.histories();
+        all.add("post_histories", labels, static_cast<int64_t>(histories.size()));
+        for (const post_block::history &history : histories)
+            block.read(history.number, [&](time_t time, const std::string &) {
+                ++entries;
+                last = std::max(last.value_or(time), time);
+            });
+    } catch (const failure &) {
+        good = false;
+    }
+    all.add("post_storage_good", labels, good);
+    if (!good && entries == 0)
+        return;
+    all.add("post_entries", labels, entries);
+    if (last)
+        all.add("post_last_entry_timestamp_seconds", labels, *last);
+    if (block.name() == std::string("error"))
+        all.add("post_errors", json::object(), entries);
+}
+
+//--- links ----------------------------------------------------------------------------------------
+
+uint32_t word_at(const std::string &config, size_t offset)
+{
+    return offset + 2 > config.size()
+               ? 0
+               : static_cast<uint8_t>(config[offset]) |
+                     static_cast<uint32_t>(static_cast<uint8_t>(config[offset + 1])) << 8;
+}
+
+// Where the registers of PCI Express are; 0 when a function has none.
+size_t pcie_registers(const std::string &config)
+{
+    size_t at = word_at(config, PCI_STATUS) & PCI_STATUS_CAP_LIST
+                    ? word_at(config, PCI_CAPABILITY_LIST) & 0xfc
+                    : 0;
+    for (int entries = 0; at != 0 && entries < 48; ++entries) {
+        const uint32_t head = word_at(config, at);
+        if ((head & 0xff) == PCI_CAP_ID_EXP)
+            return at;
+        at = head >> 8 & 0xfc;
+    }
+    return 0;
+}
+
+int64_t transfers_per_second(uint32_t code)
+{
+    constexpr int64_t speeds[] = {0,           2500000000,  5000000000, 8000000000,
+                                  16000000000, 32000000000, 64000000000};
+    return code < std::size(speeds) ? speeds[code] : 0;
+}
+
+void add_port(gauges &all, const std::string &id, const std::string &config)
+{
+    const size_t at = pcie_registers(config);
+    const uint32_t type = (word_at(config, at + PCI_EXP_FLAGS) & PCI_EXP_FLAGS_TYPE) >> 4;
+    if (at == 0 || (type != PCI_EXP_TYPE_ROOT_PORT && type != PCI_EXP_TYPE_DOWNSTREAM))
+        return;
+    const uint32_t able = word_at(config, at + PCI_EXP_LNKCAP);
+    const bool reports_active =
+        word_at(config, at + PCI_EXP_LNKCAP + 2) << 16 & PCI_EXP_LNKCAP_DLLLARC;
+    const uint32_t status = word_at(config, at + PCI_EXP_LNKSTA);
+    const uint32_t width = (status & PCI_EXP_LNKSTA_NLW) >> PCI_EXP_LNKSTA_NLW_SHIFT;
+    const bool up = (status & PCI_EXP_LNKSTA_LT) == 0 && width > 0 &&
+                    (!reports_active || (status & PCI_EXP_LNKSTA_DLLLA) != 0);
+    const json labels = {{"port", id}};
+    all.add("pcie_link_up", labels, up);
+    all.add("pcie_link_speed_transfers_per_second", labels,
+            up ? transfers_per_second(status & PCI_EXP_LNKSTA_CLS) : 0);
+    all.add("pcie_link_width_lanes", labels, up ? width : 0);
+    all.add("pcie_link_max_speed_transfers_per_second", labels,
+            transfers_per_second(able & PCI_EXP_LNKCAP_SLS));
+    all.add("pcie_link_max_width_lanes", labels, (able & PCI_EXP_LNKCAP_MLW) >> 4);
+}
+
+void add_ports(gauges &all)
+{
+    std::vector<std::string> ids;
+    std::error_code none;
+    for (const auto &entry : fs::directory_iterator("/sys/bus/pci/devices", none))
+        ids.push_back(entry.path().filename());
+    std::sort(ids.begin(), ids.end());
+    for (const std::string &id : ids)
+        try {
+            if (const auto config = read_file("/sys/bus/pci/devices/" + id + "/config"))
+                add_port(all, id, *config);
+        } catch (const failure &) { // it is missing
+        }
+}
+
+//--- the command ----------------------------------------------------------------------------------
+
+void metrics(const metrics_arguments &arguments)
+{
+    const std::string file = arguments.file.empty() ? "" : fs::absolute(arguments.file).string();
+    gauges all;
+    all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_name()}}, 1);
+    const podlog_arguments own;
+    const std::vector<pod_card> cards = cards_for_reading();
+    add_statuses(all, own, cards);
+    for (const pod_card &card : cards)
+        add_card(all, log_storage(own, card));
+    for (const post_block &block : open_blocks(arguments.post))
+        add_block(all, block);
+    add_ports(all);
+    if (!file.empty())
+        write_file(file, all.text(), false);
+    if (settings.as_json)
+        print(all.as_record());
+    else if (file.empty())
+        std::cout << all.text();
+}
+
+} // namespace
+
+void add_metrics_command(CLI::App &program)
+{
+    const auto arguments = std::make_shared<metrics_arguments>();
+    CLI::App *command = program.add_subcommand(
+        "metrics", "Print the state of logs and links as OpenMetrics text, for monitoring");
+    offer_paths(command->add_option("--out", arguments->file, "write it, whole, to this file"))
+        ->option_text("FILE");
+    arguments->post.add_options(*command);
+    add_chassis_options(*command);
+    command->callback([arguments] { metrics(*arguments); });
+}
+
+} // namespace devaccess

@@ -1,0 +1,528 @@
+#include "tools/pci/pci_commands.h"
+
+#include "tools/base/captured_call.h"
+#include "tools/base/output.h"
+#include "tools/cli/completion.h"
+#include "tools/pci/config_space.h"
+#include "tools/pci/device.h"
+#include "tools/pci/dump.h"
+
+#include <device_access/pci_sysfs.h>
+#include <device_access/qel_pci_hotswap.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <optional>
+
+#include <fmt/format.h>
+#include <linux/pci_regs.h>
+
+namespace devaccess
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+//--- devices --------------------------------------------------------------------------------------
+
+std::optional<int64_t> number_of(const char *attribute, const sysfs_pci_identity_t &device)
+{
+    int64_t value = 0;
+    if (sysfs_pci_show_nums(&value, 1, attribute, &device) != 1)
+        return std::nullopt;
+    return value;
+}
+
+// Nothing where it is missing, or says "Unknown", "Unknown speed".
+std::optional<std::string> text_of(const char *attribute, const sysfs_pci_identity_t &device)
+{
+    char text[64];
+    if (!sysfs_pci_show(text, sizeof text, nullptr, attribute, &device))
+        return std::nullopt;
+    const std::string line = printable(std::string(text, std::strcspn(text, "\n")));
+    return line.rfind("Unknown", 0) == 0 ? std::nullopt : std::optional(line);
+}
+
+std::optional<std::string> driver_of(const sysfs_pci_identity_t &device)
+{
+    std::error_code none;
+    const fs::path link =
+        fs::read_symlink(std::string(pci_directory) + device.str + "/driver", none);
+    return none ? std::nullopt : std::optional(printable(link.filename()));
+}
+
+// Names of the slots, by the address of what is in them, "0000:03:00".
+std::map<std::string, std::string> physical_slots()
+{
+    std::map<std::string, std::string> slots;
+    std::error_code none;
+    for (const auto &slot : fs::directory_iterator("/sys/bus/pci/slots", none)) {
+        std::string address;
+        std::getline(std::ifstream(slot.path() / "address"), address);
+        slots.emplace(address, printable(slot.path().filename()));
+    }
+    return slots;
+}
+
+// A number with its name; programs get them apart.
+record &add_named(record &row, const std::string &what, std::optional<int64_t> number,
+                  const std::optional<std::string> &name, int digits)
+{
+    const std::string text = number ? hex(static_cast<uint64_t>(*number), digits) : "-";
+    row.add(what, if_any(number), name ? text + ' ' + *name : text);
+    return row.add_hidden(what + "_name", if_any(name));
+}
+
+// What is known of a function without a look at its registers.
+class device_facts
+{
+public:
+    device_facts(const sysfs_pci_identity_t &device, const pci_names &names,
+                 const std::map<std::string, std::string> &slots)
+        : id_(device.str), vendor_(number_of("vendor", device).value_or(0xffff)),
+          device_(number_of("device", device).value_or(0xffff)), class_(number_of("class", device)),
+          driver_(driver_of(device)), speed_(text_of("current_link_speed", device)),
+          width_(number_of("current_link_width", device))
+    {
+        vendor_name_ = names.vendor(static_cast<unsigned>(vendor_));
+        device_name_ = names.device(static_cast<unsigned>(vendor_), static_cast<unsigned>(device_));
+        if (class_)
+            class_name_ = names.device_class(static_cast<unsigned>(*class_));
+        if (const auto slot = slots.find(id_.substr(0, id_.find('.'))); slot != slots.end())
+            slot_ = slot->second;
+        if (speed_)
+            speed_ = speed_->substr(0, speed_->find(" PCIe"));
+        if (!speed_ || width_ == 0)
+            width_.reset();
+    }
+
+    bool is_taken_by(const device_filter &filter) const
+    {
+        return filter.takes(id_, static_cast<unsigned>(vendor_), static_cast<unsigned>(device_),
+                            static_cast<unsigned>(class_.value_or(0)));
+    }
+
+    std::string name() const
+    {
+        return fmt::format("{} {}", vendor_name_.value_or(fmt::format("Vendor {:04x}", vendor_)),
+                           device_name_.value_or(fmt::format("Device {:04x}", device_)));
+    }
+    std::string class_text() const
+    {
+        return class_name_.value_or(class_ ? fmt::format("Class {:04x}", *class_ >> 8) : "-");
+    }
+
+    record as_record() const
+    {
+        record all;
+        all.add("id", id_);
+        add_named(all, "vendor", vendor_, vendor_name_, 4);
+        add_named(all, "device", device_, device_name_, 4);
+        add_named(all, "class", class_, class_name_, 6);
+        all.add("driver", if_any(driver_)).add("slot", if_any(slot_));
+        all.add("link_speed", if_any(speed_)).add("link_width", if_any(width_));
+        return all.add("path", pci_directory + id_);
+    }
+
+    // In a line of a table.
+    record as_row() const
+    {
+        return record()
+            .add("id", id_)
+            .add("ids", fmt::format("{:04x}:{:04x}", vendor_, device_))
+            .add("driver", if_any(driver_))
+            .add("link", width_ ? json(fmt::format("{} x{}", *speed_, *width_)) : json())
+            .add("slot", if_any(slot_))
+            .add("class", class_text())
+            .add("name", name());
+    }
+
+private:
+    std::string id_;
+    int64_t vendor_, device_;
+    std::optional<int64_t> class_;
+    std::optional<std::string> driver_, speed_;
+    std::optional<int64_t> width_;
+    std::optional<std::string> slot_, vendor_name_, device_name_, class_name_;
+};
+
+using fact_list = std::vector<device_facts>;
+
+fact_list facts_of(const std::vector<sysfs_pci_identity_t> &devices, const pci_names &names)
+{
+    const auto slots = physical_slots();
+    fact_list facts;
+    for (const sysfs_pci_identity_t &device : devices)
+        facts.emplace_back(device, names, slots);
+    return facts;
+}
+
+void print_devices(const fact_list &devices)
+{
+    record_set set = {"devices", {}};
+    for (const device_facts &facts : devices)
+        set.rows.push_back(settings.as_json ? facts.as_record() : facts.as_row());
+    print(std::move(set));
+}
+
+void print_devices(const std::vector<sysfs_pci_identity_t> &devices)
+{
+    print_devices(facts_of(devices, pci_names()));
+}
+
+//--- list and tree --------------------------------------------------------------------------------
+
+// Below the function that it sits behind, or below its root bus.
+using children_by_bus = std::map<std::string, std::vector<const sysfs_pci_identity_t *>>;
+
+std::string parent_of(const sysfs_pci_identity_t &device)
+{
+    std::error_code none;
+    const fs::path link = fs::read_symlink(std::string(pci_directory) + device.str, none);
+    return printable(link.parent_path().filename());
+}
+
+class tree_printer
+{
+public:
+    explicit tree_printer(const std::vector<sysfs_pci_identity_t> &devices)
+    {
+        for (const sysfs_pci_identity_t &device : devices)
+            children_[parent_of(device)].push_back(&device);
+    }
+
+    void run()
+    {
+        record_set buses = {"buses", {}};
+        for (const auto &[parent, below] : children_)
+            if (!parse_pci_device(parent)) {
+                text_ += parent + '\n';
+                buses.rows.push_back(record().add("bus", parent).add(functions_below(parent, "")));
+            }
+        if (settings.as_json)
+            print(std::move(buses));
+        else
+            print_text(text_);
+    }
+
+private:
+    record_set functions_below(const std::string &parent, const std::string &indent)
+    {
+        record_set functions = {"functions", {}};
+        const auto below = children_.find(parent);
+        if (below == children_.end())
+            return functions;
+        for (const sysfs_pci_identity_t *device : below->second) {
+            const bool is_last = device == below->second.back();
+            const device_facts facts(*device, names_, slots_);
+            text_ += fmt::format("{}{} {}  {}: {}\n", indent, is_last ? "`--" : "|--", device->str,
+                                 facts.class_text(), facts.name());
+            functions.rows.push_back(facts.as_record().add(
+                functions_below(device->str, indent + (is_last ? "    " : "|   "))));
+        }
+        return functions;
+    }
+
+    const pci_names names_;
+    const std::map<std::string, std::string> slots_ = physical_slots();
+    children_by_bus children_;
+    std::string text_;
+};
+
+//--- show -----------------------------------------------------------------------------------------
+
+constexpr uint32_t shown_registers[] = {PCI_COMMAND, PCI_STATUS};
+constexpr uint32_t shown_bridge_registers[] = {
+    PCI_COMMAND,         PCI_STATUS,     PCI_PRIMARY_BUS,   PCI_SECONDARY_BUS,
+    PCI_SUBORDINATE_BUS, PCI_SEC_STATUS, PCI_BRIDGE_CONTROL};
+
+record_set registers_to_show(const config_space &config)
+{
+    const bool is_bridge = (config.read(PCI_HEADER_TYPE, 8) & 0x7f) == PCI_HEADER_TYPE_BRIDGE;
+    const std::span<const uint32_t> wanted =
+        is_bridge ? std::span<const uint32_t>(shown_bridge_registers) : shown_registers;
+    record_set registers = {"registers", {}};
+    for (const register_place &place : header_registers(config))
+        if (std::find(wanted.begin(), wanted.end(), place.offset) != wanted.end())
+            registers.rows.push_back(register_row(place, config.read(place.offset, place.width)));
+    return registers;
+}
+
+record resource_row(const pci_resource &resource)
+{
+    return record()
+        .add("bar", resource.bar)
+        .add_hex("base", resource.base, 8)
+        .add("size", resource.size ? json(resource.size) : json(),
+             resource.size ? hex(resource.size) : "-")
+        .add_hex("flags", resource.flags, 8)
+        .add("kind", resource.kind());
+}
+
+record_set resources_record(const std::vector<pci_resource> &resources)
+{
+    record_set set = {"resources", {}};
+    for (const pci_resource &resource : resources)
+        set.rows.push_back(resource_row(resource));
+    return set;
+}
+
+void show_device(const config_space &config)
+{
+    const sysfs_pci_identity_t device = pci_device(config.id());
+    const pci_names names;
+    record shown = device_facts(device, names, physical_slots()).as_record();
+    for (const char *name : {"subsystem_vendor", "subsystem_device"}) {
+        const std::optional<int64_t> value = number_of(name, device);
+        shown.add(name, if_any(value), value ? hex(static_cast<uint64_t>(*value), 4) : "-");
+    }
+    const std::optional<int64_t> users = number_of("enable", device);
+    shown.add("enabled", users ? json(*users != 0) : json());
+    print(shown.add(registers_to_show(config)).add(resources_record(pci_resources(device))));
+}
+
+// Of what a file says, which is less.
+void show_config(const config_space &config)
+{
+    const pci_names names;
+    const uint32_t vendor = config.read(PCI_VENDOR_ID, 16);
+    const uint32_t device = config.read(PCI_DEVICE_ID, 16);
+    const uint32_t device_class = config.read(PCI_CLASS_REVISION, 32) >> 8;
+    record shown;
+    shown.add("id", config.id());
+    add_named(shown, "vendor", vendor, names.vendor(vendor), 4);
+    add_named(shown, "device", device, names.device(vendor, device), 4);
+    add_named(shown, "class", device_class, names.device_class(device_class), 6);
+    print(shown.add(registers_to_show(config)).add(resources_record(config_resources(config))));
+}
+
+} // namespace
+
+void pci_list(const pci_arguments &arguments)
+{
+    const pci_names names;
+    const device_filter filter(arguments.slot_filter, arguments.id_filter, names);
+    fact_list devices = facts_of(pci_devices(), names);
+    std::erase_if(devices, [&](const auto &facts) { return !facts.is_taken_by(filter); });
+    print_devices(devices);
+}
+
+void pci_tree(const pci_arguments &)
+{
+    const std::vector<sysfs_pci_identity_t> devices = pci_devices();
+    tree_printer(devices).run();
+}
+
+void pci_children(const pci_arguments &arguments)
+{
+    const sysfs_pci_identity_t device = pci_device(arguments.id);
+    print_devices(pci_devices(&device));
+}
+
+void pci_show(const pci_arguments &arguments)
+{
+    const config_space config = config_of(arguments);
+    (config.is_device() ? show_device : show_config)(config);
+}
+
+//--- link and bridges -----------------------------------------------------------------------------
+
+void pci_link_wait(const pci_arguments &arguments)
+{
+    const sysfs_pci_identity_t device = pci_device(arguments.id);
+    auto waited = ask([&] { return pcie_config_wait_link_up(&device); });
+    const std::string what = "see the link of " + arguments.id + " up";
+    if (waited.result > 0)
+        throw failure(what, pcie_config_link_strerror(waited.result),
+                      "is there a card behind the port, with power?");
+    if (waited.result < 0 && waited.error == ENOENT &&
+        sysfs_pci_access("vendor", R_OK, &device) == 0)
+        throw failure(what, "it has no PCI Express capability",
+                      "ports of PCI Express have one; 'devaccess pci caps' shows what it has",
+                      ENOENT);
+    if (waited.result < 0)
+        fail(what, waited, list_hint);
+    print(record().add("id", device.str).add("link", "up"));
+}
+
+namespace
+{
+
+// Of a bridge that cannot be switched.
+[[noreturn]] void fail_on_bridge(const std::string &what, const sysfs_pci_identity_t &device,
+                                 const outcome &how)
+{
+    if (how.error == ENODEV)
+        throw failure(what, "no device appeared behind it in half a second",
+                      "is a card in that slot, and has it power?", ENODEV);
+    if (how.error == ENOENT && sysfs_pci_access("vendor", R_OK, &device) == 0)
+        throw failure(what, "it has no attribute 'bridge_enable'",
+                      "hot-swap bridges have one once the module qel_pci_hotswap is loaded",
+                      ENOENT);
+    fail(what, how, list_hint);
+}
+
+} // namespace
+
+void pci_bridge_enable(const pci_arguments &arguments)
+{
+    const sysfs_pci_identity_t device = pci_device(arguments.id);
+    const auto appeared = ask([&] { return qel_pci_hotswap_bridge_enable(&device); });
+    if (!appeared.result)
+        fail_on_bridge("enable the bridge " + arguments.id, device, appeared);
+    const std::unique_ptr<sysfs_pci_identity_t, decltype(&std::free)> owned(appeared.result,
+                                                                            std::free);
+    std::vector<sysfs_pci_identity_t> devices;
+    for (const sysfs_pci_identity_t *found = owned.get(); found->str[0] != '\0'; ++found)
+        devices.push_back(*found);
+    print_devices(devices);
+}
+
+void pci_bridge_disable(const pci_arguments &arguments)
+{
+    const sysfs_pci_identity_t device = pci_device(arguments.id);
+    const auto stored = ask([&] { return qel_pci_hotswap_bridge_disable(&device); });
+    if (stored.result != 0)
+        fail_on_bridge("disable the bridge " + arguments.id, device, stored);
+    print_done(record().add("id", device.str));
+}
+
+void pci_bridge_usable(const pci_arguments &arguments)
+{
+    const sysfs_pci_identity_t device = pci_device(arguments.id);
+    const auto usable = ask([&] { return qel_pci_hotswap_bridge_usable(&device); });
+    print(record().add("id", device.str).add("usable", usable.result == 0));
+    if (usable.result != 0)
+        fail_on_bridge("use the bridge " + arguments.id, device, usable);
+}
+
+//--- command line ---------------------------------------------------------------------------------
+
+namespace
+{
+
+std::vector<std::string> device_names(const given_options &)
+{
+    std::vector<std::string> names;
+    std::error_code none;
+    for (const auto &entry : fs::directory_iterator(pci_directory, none))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
+
+void add_nothing(CLI::App &, pci_arguments &) {}
+
+void add_filters(CLI::App &command, pci_arguments &arguments)
+{
+    command
+        .add_option("-s,--slot", arguments.slot_filter,
+                    "only what is at [[DOMAIN:]BUS:][SLOT][.FUNC]")
+        ->option_text("WHERE");
+    command
+        .add_option("-d,--device", arguments.id_filter,
+                    "only [VENDOR]:[DEVICE][:CLASS], hexadecimal")
+        ->option_text("IDS");
+}
+
+CLI::Option *add_id(CLI::App &command, pci_arguments &arguments)
+{
+    return offer(command.add_option("ID", arguments.id, "PCI function, e.g. 0000:03:00.0"),
+                 device_names);
+}
+
+void add_device(CLI::App &command, pci_arguments &arguments)
+{
+    add_id(command, arguments)->required();
+}
+
+void add_file(CLI::App &command, pci_arguments &arguments)
+{
+    add_id(command, arguments);
+    offer_paths(command.add_option("--file", arguments.file,
+                                   "what 'pci dump' or 'lspci -xxx' wrote, not the machine's"))
+        ->option_text("FILE");
+}
+
+void add_out(CLI::App &command, pci_arguments &arguments)
+{
+    add_file(command, arguments);
+    offer_paths(command.add_option("--out", arguments.other, "write it there"))
+        ->option_text("FILE");
+}
+
+void add_sides(CLI::App &command, pci_arguments &arguments)
+{
+    for (const auto &[name, side] : {std::pair("A", &arguments.id), {"B", &arguments.other}})
+        offer(command.add_option(name, *side, "PCI function, or a file as for --file"),
+              [](const given_options &given) {
+                  std::vector<std::string> names = device_names(given);
+                  names.push_back(":paths");
+                  return names;
+              })
+            ->required();
+}
+
+CLI::Option *add_registers(CLI::App &command, pci_arguments &arguments, const char *description)
+{
+    add_device(command, arguments);
+    CLI::Option *option = command.add_option("REGISTER", arguments.registers, description);
+    one_of(command.add_option("--width", arguments.width, "in bits; else that of the name, or 32"),
+           {"8", "16", "32"})
+        ->option_text("BITS");
+    return offer(option, [](const given_options &) { return register_names(); })->required();
+}
+
+void add_read(CLI::App &command, pci_arguments &arguments)
+{
+    add_registers(command, arguments, "offset or name: 0x10, COMMAND, CAP_EXP+0x12");
+}
+
+void add_write(CLI::App &command, pci_arguments &arguments)
+{
+    add_registers(command, arguments, "OFFSET VALUE, or REGISTER=VALUE[/MASK] as often as wanted");
+    command.add_flag("--dry-run", arguments.dry_run, "only show what would be written");
+}
+
+void add_watch(CLI::App &command, pci_arguments &arguments)
+{
+    add_registers(command, arguments, "offset or name, as for 'pci read'")->expected(1);
+    arguments.wait.add_watch(command);
+}
+
+using pci_family = command_family<pci_arguments>;
+
+constexpr pci_family::entry pci_commands[] = {
+    {"list", "List functions", pci_list, add_filters},
+    {"tree", "Show functions below the bridges that they are behind", pci_tree, add_nothing},
+    {"show", "Show a function's ids, state and resources", pci_show, add_file},
+    {"read", "Read configuration registers", pci_read, add_read},
+    {"write", "Write configuration registers", pci_write, add_write},
+    {"watch", "Print a register's changes", pci_watch, add_watch},
+    {"caps", "Show the capability lists and what their registers say", pci_caps, add_file},
+    {"dump", "Print configuration spaces as lspci -xxxx does", pci_dump, add_out},
+    {"diff", "Compare two functions, or files with functions", pci_diff, add_sides},
+    {"link-wait", "Wait half a second for a port's link to be up", pci_link_wait, add_device},
+    {"children", "List the functions behind a bridge", pci_children, add_device},
+};
+
+constexpr pci_family::entry bridge_commands[] = {
+    {"enable", "Enable it, and list the functions that appear behind it", pci_bridge_enable,
+     add_device},
+    {"disable", "Disable it: what is behind it leaves the bus", pci_bridge_disable, add_device},
+    {"usable", "Tell whether it can be enabled and disabled", pci_bridge_usable, add_device},
+};
+
+} // namespace
+
+void add_pci_commands(CLI::App &program)
+{
+    pci_family pci(program, "pci", "PCI functions, through sysfs");
+    if (pci.add(pci_commands))
+        pci_family(pci.app, "bridge", "Hot-swap bridges", pci.arguments).add(bridge_commands);
+}
+
+} // namespace devaccess

@@ -1,0 +1,44 @@
+// The commands on PCI functions.
+#pragma once
+
+#include "tools/base/waiting.h"
+#include "tools/pci/config_space.h"
+
+#include <string>
+#include <vector>
+
+namespace devaccess
+{
+
+struct pci_arguments {
+    std::string id;
+    std::vector<std::string> registers;
+    std::string file;
+    std::string other;
+    std::string slot_filter;
+    std::string id_filter;
+    unsigned width = 0; // that of the register's name
+    bool dry_run = false;
+    wait_options wait;
+};
+
+// The function that they name, of the machine or of the file.
+config_space config_of(const pci_arguments &arguments);
+
+void pci_list(const pci_arguments &arguments);
+void pci_tree(const pci_arguments &arguments);
+void pci_children(const pci_arguments &arguments);
+void pci_show(const pci_arguments &arguments);
+void pci_link_wait(const pci_arguments &arguments);
+void pci_bridge_enable(const pci_arguments &arguments);
+void pci_bridge_disable(const pci_arguments &arguments);
+void pci_bridge_usable(const pci_arguments &arguments);
+
+void pci_read(const pci_arguments &arguments);
+void pci_write(const pci_arguments &arguments);
+void pci_watch(const pci_arguments &arguments);
+void pci_caps(const pci_arguments &arguments);
+void pci_dump(const pci_arguments &arguments);
+void pci_diff(const pci_arguments &arguments);
+
+} // namespace devaccess

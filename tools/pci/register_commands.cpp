@@ -1,0 +1,367 @@
+#include "tools/base/captured_call.h"
+#include "tools/base/files.h"
+#include "tools/base/output.h"
+#include "tools/pci/config_space.h"
+#include "tools/pci/device.h"
+#include "tools/pci/dump.h"
+#include "tools/pci/pci_commands.h"
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include <fmt/format.h>
+#include <linux/pci_regs.h>
+
+namespace devaccess
+{
+config_space config_of(const pci_arguments &arguments)
+{
+    if (arguments.file.empty() && arguments.id.empty())
+        throw usage_error("either ID or --file is required");
+    if (arguments.file.empty())
+        return config_space(pci_device(arguments.id));
+    std::vector<config_space> functions = read_dump(arguments.file);
+    if (arguments.id.empty() && functions.size() > 1)
+        throw usage_error(
+            fmt::format("{} holds {} functions; ID is required", arguments.file, functions.size()));
+    const std::string id = arguments.id.empty() ? functions[0].id() : pci_device(arguments.id).str;
+    for (config_space &function : functions)
+        if (function.id() == id)
+            return std::move(function);
+    throw failure(fmt::format("find {} in {}", id, arguments.file), "it is not there",
+                  "without ID it must hold one function");
+}
+
+namespace
+{
+
+// The function and a row, or a table of several.
+record registers_record(const std::string &id, std::vector<record> rows)
+{
+    record all;
+    all.add("id", id);
+    if (rows.size() == 1)
+        return all.append(rows[0]);
+    return all.add({"registers", std::move(rows)});
+}
+
+} // namespace
+
+//--- read and write -------------------------------------------------------------------------------
+
+void pci_read(const pci_arguments &arguments)
+{
+    const config_space config(pci_device(arguments.id));
+    std::vector<record> rows;
+    for (const std::string &text : arguments.registers) {
+        const register_place place = find_register(config, text, arguments.width);
+        rows.push_back(register_row(place, config.read(place.offset, place.width)));
+    }
+    print(registers_record(config.id(), std::move(rows)));
+}
+
+namespace
+{
+
+struct change {
+    register_place place;
+    masked_value wanted;
+};
+
+// "OFFSET VALUE", or "REGISTER=VALUE" as often as wanted.
+std::vector<change> changes_of(const pci_arguments &arguments, const config_space &config)
+{
+    std::vector<std::pair<std::string, std::string>> pairs;
+    const std::vector<std::string> &words = arguments.registers;
+    if (words.size() == 2 && words[0].find('=') == std::string::npos)
+        pairs.emplace_back(words[0], words[1]);
+    else
+        for (const std::string &word : words) {
+            const size_t equals = word.find('=');
+            if (equals == word.npos)
+                throw usage_error("'" + word + "' has no value; write " + word + "=VALUE");
+            pairs.emplace_back(word.substr(0, equals), word.substr(equals + 1));
+        }
+    std::vector<change> changes;
+    for (const auto &[name, value] : pairs) {
+        const register_place place = find_register(config, name, arguments.width);
+        changes.push_back({place, parse_masked(value, highest(place.width))});
+    }
+    return changes;
+}
+
+} // namespace
+
+void pci_write(const pci_arguments &arguments)
+{
+    const config_space config(pci_device(arguments.id));
+    std::vector<record> rows;
+    for (const change &c : changes_of(arguments, config)) {
+        std::optional<uint32_t> before; // not read unless needed: that may have effects
+        if (arguments.dry_run || !c.wanted.is_whole())
+            before = config.read(c.place.offset, c.place.width);
+        const auto value = static_cast<uint32_t>(c.wanted.applied_to(before.value_or(0)));
+        if (!arguments.dry_run)
+            config.write(c.place.offset, c.place.width, value);
+        rows.push_back(written_row(c.place, before, value));
+    }
+    (arguments.dry_run ? static_cast<void (*)(const record &)>(print)
+                       : print_done)(registers_record(config.id(), std::move(rows)));
+}
+
+void pci_watch(const pci_arguments &arguments)
+{
+    const config_space config(pci_device(arguments.id));
+    const std::string &text = arguments.registers[0];
+    const register_place place = find_register(config, text, arguments.width);
+    watch_register(
+        fmt::format("{} of {}", text, config.id()), place.width, arguments.wait,
+        [&] { return config.read(place.offset, place.width); },
+        [&](uint64_t value) { return register_row(place, static_cast<uint32_t>(value)); });
+}
+
+//--- capabilities ---------------------------------------------------------------------------------
+
+namespace
+{
+
+record capability_record(const config_space &config, const found_capability &capability)
+{
+    record_set registers = {"registers", {}};
+    for (const register_place &place : capability.registers)
+        if (const auto value = config.try_read(place.offset, place.width))
+            registers.rows.push_back(register_row(place, *value));
+    return record()
+        .add("kind", capability.extended ? "extended" : "standard")
+        .add_hex("offset", capability.offset, 2)
+        .add_hex("capability", capability.id, 2)
+        .add("name", capability.kind ? capability.kind->title : "unknown")
+        .add("short_name", capability.name())
+        .add(std::move(registers));
+}
+
+// For people, capabilities and their registers are rows of one table.
+record table_row(uint32_t offset, const std::string &name, const std::string &value,
+                 const std::string &text)
+{
+    return record()
+        .add_hex("offset", offset, 2)
+        .add("register", name)
+        .add("value", value)
+        .add("fields", text);
+}
+
+void add_table_rows(const config_space &config, const found_capability &capability,
+                    std::vector<record> &rows)
+{
+    rows.push_back(table_row(capability.offset, capability.name(), "",
+                             capability.kind ? capability.kind->title : "unknown"));
+    for (const register_place &place : capability.registers)
+        if (const auto value = config.try_read(place.offset, place.width))
+            rows.push_back(table_row(place.offset, "  " + place.name,
+                                     hex(*value, static_cast<int>(place.width / 4)),
+                                     fields_as_text(place, *value)));
+}
+
+} // namespace
+
+void pci_caps(const pci_arguments &arguments)
+{
+    const config_space config = config_of(arguments);
+    const capability_list list = capabilities_of(config);
+    record_set shown = {"capabilities", {}};
+    for (const found_capability &capability : list.found)
+        if (settings.as_json)
+            shown.rows.push_back(capability_record(config, capability));
+        else
+            add_table_rows(config, capability, shown.rows);
+    print(record().add("id", config.id()).add("complete", list.complete).add(std::move(shown)));
+}
+
+//--- dump and diff --------------------------------------------------------------------------------
+
+namespace
+{
+
+// What it holds now. It is not kept open, as there can be more functions than descriptors.
+config_space held_by(const sysfs_pci_identity_t &device)
+{
+    const config_space config(device);
+    return {config.id(), config.all_bytes()};
+}
+
+std::vector<config_space> configs_of(const pci_arguments &arguments)
+{
+    std::vector<config_space> configs;
+    if (!arguments.id.empty())
+        configs.push_back(config_of(arguments));
+    else if (!arguments.file.empty())
+        configs = read_dump(arguments.file);
+    else
+        for (const sysfs_pci_identity_t &device : pci_devices())
+            configs.push_back(held_by(device));
+    return configs;
+}
+
+} // namespace
+
+void pci_dump(const pci_arguments &arguments)
+{
+    const pci_names names;
+    std::string text;
+    record_set functions = {"functions", {}};
+    for (const config_space &config : configs_of(arguments)) {
+        text += dump_of(config, names);
+        std::string digits;
+        for (const char byte : config.all_bytes())
+            digits += fmt::format("{:02x}", static_cast<unsigned char>(byte));
+        functions.rows.push_back(
+            record().add("id", config.id()).add("bytes", digits.size() / 2).add("hex", digits));
+    }
+    if (!arguments.other.empty())
+        write_file(arguments.other, text, false);
+    if (settings.as_json)
+        print(record()
+                  .add("file", arguments.other.empty() ? json() : json(arguments.other))
+                  .add(std::move(functions)));
+    else if (arguments.other.empty())
+        print_text(text);
+}
+
+namespace
+{
+
+using side = std::vector<config_space>; // of a comparison
+
+side side_of(const std::string &text)
+{
+    side functions;
+    if (const auto device = parse_pci_device(text))
+        functions.push_back(held_by(*device));
+    else
+        functions = read_dump(text);
+    return functions;
+}
+
+std::vector<register_place> all_registers(const config_space &config)
+{
+    std::vector<register_place> places = header_registers(config);
+    const std::vector<found_capability> found = capabilities_of(config).found;
+    std::set<uint32_t> starts = {PCI_CFG_SPACE_SIZE, PCI_CFG_SPACE_EXP_SIZE};
+    for (const found_capability &capability : found) {
+        places.insert(places.end(), capability.registers.begin(), capability.registers.end());
+        places.push_back({capability.name(), capability.offset, capability.extended ? 32u : 16u});
+        starts.insert(capability.offset);
+    }
+    for (const found_capability &capability : found) // what the table does not have of them
+        for (uint32_t at = capability.offset; at < *starts.upper_bound(capability.offset); at += 4)
+            places.push_back(
+                {fmt::format("{}+{:#x}", capability.name(), at - capability.offset), at, 32});
+    for (uint32_t offset = 0; offset < 4096; offset += 4)
+        places.push_back({{}, offset, 32});
+    return places;
+}
+
+std::string changed_fields(const register_place &place, uint32_t a, uint32_t b)
+{
+    std::string text;
+    for (const pci_field &field : place.fields) {
+        const register_place one = {{}, 0, place.width, {&field, 1}};
+        if ((a ^ b) & field.mask)
+            text += fmt::format("{}{} -> {}", text.empty() ? "" : ", ", fields_as_text(one, a),
+                                fields_as_text(one, b));
+    }
+    return text;
+}
+
+record difference_row(const std::string &id, const register_place &place, uint32_t a, uint32_t b)
+{
+    const int digits = static_cast<int>(place.width / 4);
+    return record()
+        .add("id", id)
+        .add_hex("offset", place.offset, 2)
+        .add("width", place.width)
+        .add("register", place.name.empty() ? json() : json(place.name))
+        .add_hex("a", a, digits)
+        .add_hex("b", b, digits)
+        .add("changes", changed_fields(place, a, b));
+}
+
+// Registers that the table knows come first, so that bytes that it does not know are left over.
+void compare(const config_space &a, const config_space &b, std::vector<record> &rows)
+{
+    std::vector<bool> shown(4096);
+    std::multimap<uint32_t, record> differences;
+    for (const register_place &place : all_registers(a)) {
+        const auto in_a = a.try_read(place.offset, place.width);
+        const auto in_b = b.try_read(place.offset, place.width);
+        if (!in_a || !in_b || *in_a == *in_b)
+            continue;
+        uint32_t left = 0; // differing bits that no row shows yet
+        for (uint32_t byte = 0; byte < place.width / 8; ++byte)
+            if (!shown[place.offset + byte])
+                left |= (*in_a ^ *in_b) & 0xffu << 8 * byte;
+        if (left == 0)
+            continue;
+        std::fill_n(shown.begin() + place.offset, place.width / 8, true);
+        differences.emplace(place.offset, difference_row(a.id(), place, *in_a, *in_b));
+    }
+    for (auto &[offset, row] : differences)
+        rows.push_back(std::move(row));
+}
+
+json ids_that_lack(const side &functions, const side &others)
+{
+    json ids = json::array();
+    for (const config_space &function : functions)
+        if (std::none_of(others.begin(), others.end(),
+                         [&](const config_space &other) { return other.id() == function.id(); }))
+            ids.push_back(function.id());
+    return ids;
+}
+
+std::string joined(const json &ids)
+{
+    std::string text;
+    for (const json &id : ids)
+        text += (text.empty() ? "" : " ") + id.get<std::string>();
+    return text.empty() ? "-" : text;
+}
+
+} // namespace
+
+// One function on each side is compared whatever its id; several are matched by theirs.
+void pci_diff(const pci_arguments &arguments)
+{
+    const side a = side_of(arguments.id);
+    const side b = side_of(arguments.other);
+    record_set differences = {"differences", {}};
+    const bool is_pair = a.size() == 1 && b.size() == 1;
+    std::string cut; // of which one side has less
+    for (const config_space &in_a : a)
+        for (const config_space &in_b : b)
+            if (is_pair || in_a.id() == in_b.id()) {
+                compare(in_a, in_b, differences.rows);
+                if (in_a.all_bytes().size() != in_b.all_bytes().size())
+                    cut = in_a.id();
+            }
+    const json only_in_a = is_pair ? json::array() : ids_that_lack(a, b);
+    const json only_in_b = is_pair ? json::array() : ids_that_lack(b, a);
+    const size_t count = differences.rows.size() + only_in_a.size() + only_in_b.size();
+    print(record()
+              .add("a", arguments.id)
+              .add("b", arguments.other)
+              .add("only_in_a", only_in_a, joined(only_in_a))
+              .add("only_in_b", only_in_b, joined(only_in_b))
+              .add(std::move(differences)));
+    if (count != 0)
+        throw failure("call them alike",
+                      fmt::format("{} difference{}", count, count == 1 ? "" : "s"),
+                      "standard output lists them");
+    if (!cut.empty())
+        throw failure("call them alike", "one side has fewer bytes of " + cut,
+                      "'lspci -xxxx' as root keeps all of it");
+}
+
+} // namespace devaccess

@@ -1,0 +1,131 @@
+// All logs of a machine, merged by time.
+#include "tools/podlog/podlog_commands.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace devaccess
+{
+namespace
+{
+
+// Entries within the wanted times, and what is wrong with the logs that they come from.
+class timeline
+{
+public:
+    explicit timeline(const podlog_arguments &arguments) : limits_(arguments.span.limits()) {}
+
+    void add(const char *log, const std::string &source, int history, time_t time,
+             const std::string &message)
+    {
+        if (!limits_.hold(time))
+            return;
+        entries_.push_back({time, record()
+                                      .add_time("time", time)
+                                      .add("log", log)
+                                      .add("source", source)
+                                      .add("history", history)
+                                      .add_message(message)});
+    }
+
+    void add_problem(const char *log, const std::string &source, const std::string &problem)
+    {
+        problems_.rows.push_back(
+            record().add("log", log).add("source", source).add("problem", problem));
+    }
+
+    // Entries of one moment stay as the logs have them.
+    record_set entries()
+    {
+        std::stable_sort(
+            entries_.begin(), entries_.end(),
+            [](const entry &one, const entry &other) { return one.time < other.time; });
+        record_set set = {"entries", {}};
+        for (entry &next : entries_)
+            set.rows.push_back(std::move(next.row));
+        return set;
+    }
+
+    const record_set &problems() const { return problems_; }
+
+private:
+    struct entry {
+        time_t time;
+        record row;
+    };
+    time_limits limits_;
+    std::vector<entry> entries_;
+    record_set problems_ = {"problems", {}};
+};
+
+// A card that has never written is no problem: it may not be there.
+void add_card(timeline &merged, const log_storage &storage)
+{
+    const std::string &card = storage.card().name;
+    const storage_state state = storage.state();
+    if (!state.problem.empty() && !state.is_unused)
+        merged.add_problem("pod", card, state.problem);
+    if (!state.log)
+        return;
+    std::vector<const log_history *> histories = state.log->written();
+    std::reverse(histories.begin(), histories.end());
+    for (const log_history *history : histories)
+        for (const log_record &slot : state.log->chain(*history)) {
+            const log_entry entry = state.log->entry(slot);
+            merged.add("pod", card, history->number, entry.time, entry.message);
+        }
+}
+
+void add_block(timeline &merged, const post_block &block)
+{
+    try {
+        std::vector<post_block::history> histories = block.histories();
+        std::reverse(histories.begin(), histories.end());
+        for (const post_block::history &history : histories)
+            block.read(history.number, [&](time_t time, const std::string &message) {
+                merged.add("post", block.name(), history.number, time, message);
+            });
+    } catch (const failure &failed) {
+        merged.add_problem("post", block.name(), failed.what());
+    }
+}
+
+void show_timeline(const podlog_arguments &arguments)
+{
+    timeline merged(arguments);
+    for (const pod_card &card : cards_for_reading())
+        add_card(merged, log_storage(arguments, card));
+    if (arguments.with_post)
+        for (const post_block &block : open_blocks(arguments.post))
+            add_block(merged, block);
+    record shown = record().add_hidden("table", table_name());
+    const record_set &problems = merged.problems();
+    print_entries(add_records(shown, problems), merged.entries());
+    if (problems.rows.empty())
+        return;
+    const bool is_pod = problems.rows.front().as_json()["log"] == "pod";
+    throw failure("read all of the logs",
+                  fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
+                  (is_pod ? podlog_command(arguments, "check") : arguments.post.list_command()) +
+                      " tells more");
+}
+
+} // namespace
+
+void add_podlog_timeline_command(podlog_family &podlog)
+{
+    const auto &arguments = podlog.arguments;
+    CLI::App *command =
+        podlog.add("timeline", "Show the entries of all cards, merged by time", show_timeline);
+    command->add_flag("--post", arguments->with_post, "with those of the POST logs");
+    arguments->post.add_options(*command);
+    arguments->span.add_options(*command);
+    add_entry_format(*command);
+    podlog.add_nvram(command);
+    offer_paths(
+        command->add_option("--pod-dir", arguments->pod_directory, "files of this, not /var/pod"))
+        ->option_text("DIRECTORY");
+}
+
+} // namespace devaccess

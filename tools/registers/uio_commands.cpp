@@ -1,0 +1,403 @@
+#include "tools/base/captured_call.h"
+#include "tools/base/output.h"
+#include "tools/base/waiting.h"
+#include "tools/cli/completion.h"
+#include "tools/registers/register_bank.h"
+
+#include <device_access/device_access.hpp>
+#include <device_access/libuio_emul.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+#include <fmt/format.h>
+
+// Switches the library's diagnostics on, for --verbose.
+extern "C" {
+extern int libuio_log;
+int libuio_log = 0;
+}
+
+namespace devaccess
+{
+namespace
+{
+
+namespace fs = std::filesystem;
+
+struct uio_arguments : bank_arguments {
+    std::string node;
+    std::string map;
+};
+
+constexpr char list_hint[] = "'devaccess uio list' shows the devices";
+
+//--- devices --------------------------------------------------------------------------------------
+
+std::string first_line(const fs::path &file)
+{
+    std::string line;
+    std::getline(std::ifstream(file), line);
+    return printable(line);
+}
+
+size_t entries_of(const fs::path &directory)
+{
+    std::error_code ignored;
+    fs::directory_iterator entries(directory, ignored);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+std::vector<fs::path> class_directories()
+{
+    const fs::path all = "/sys/class/uio";
+    std::vector<fs::path> found;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(all, error))
+        found.push_back(entry.path());
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw failure("list " + all.string(), error.message(), "is /sys mounted?");
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// As the kernel names it in the device's link, or in its uevent.
+json driver_of(const fs::path &device)
+{
+    std::error_code none;
+    const fs::path link = fs::read_symlink(device / "driver", none);
+    if (!none)
+        return printable(link.filename());
+    std::ifstream uevent(device / "uevent");
+    for (std::string line; std::getline(uevent, line);)
+        if (line.starts_with("DRIVER="))
+            return printable(line.substr(7));
+    return nullptr;
+}
+
+json interrupts_of(const fs::path &directory)
+{
+    uint64_t count = 0;
+    return std::ifstream(directory / "event") >> count ? json(count) : json();
+}
+
+record class_row(const fs::path &directory)
+{
+    std::error_code ignored;
+    return record()
+        .add("node", printable("/dev/" + directory.filename().string()))
+        .add("name", first_line(directory / "name"))
+        .add("number", first_line(directory / "dev"))
+        .add("maps", entries_of(directory / "maps"))
+        .add("driver", driver_of(directory / "device"))
+        .add("interrupts", interrupts_of(directory))
+        .add("device", printable(fs::canonical(directory / "device", ignored)));
+}
+
+void list(const uio_arguments &)
+{
+    record_set set = {"devices", {}};
+    for (const fs::path &directory : class_directories())
+        set.rows.push_back(class_row(directory));
+    print(std::move(set));
+}
+
+// "uio0" and "0" stand for /dev/uio0, "name:regs" for the device of that name.
+std::string node_of(const std::string &name)
+{
+    if (name.starts_with("name:")) {
+        std::vector<std::string> nodes;
+        for (const fs::path &directory : class_directories())
+            if (first_line(directory / "name") == name.substr(5))
+                nodes.push_back("/dev/" + directory.filename().string());
+        if (nodes.size() != 1)
+            throw failure("find the UIO device " + name,
+                          nodes.empty() ? "there is none of that name"
+                                        : "several have that name: " +
+                                              fmt::format("{}", fmt::join(nodes, ", ")),
+                          list_hint);
+        return nodes[0];
+    }
+    const bool is_number = name.find_first_not_of("0123456789") == name.npos;
+    const bool is_short = name.starts_with("uio") || (is_number && !name.empty());
+    return is_short ? (is_number ? "/dev/uio" : "/dev/") + name : name;
+}
+
+class uio_device
+{
+public:
+    explicit uio_device(const std::string &name) : node_(node_of(name))
+    {
+        const auto found = ask([&] {
+            auto opened = device_access::uio::open(node_.c_str(), timespec{0, 0});
+            if (opened)
+                device_.emplace(std::move(*opened));
+            return opened.has_value();
+        });
+        if (!found.result)
+            fail_to_open(found.error);
+    }
+    ~uio_device()
+    {
+        ask([&] {
+            device_.reset();
+            return 0;
+        });
+    }
+    uio_device(const uio_device &) = delete;
+    uio_device &operator=(const uio_device &) = delete;
+
+    device_access::uio &operator*() { return *device_; }
+    device_access::uio *operator->() { return &*device_; }
+    const std::string &node() const { return node_; }
+
+    register_bank bank(unsigned map) // valid while this lives
+    {
+        std::optional<device_access::window> window;
+        const auto mapped = ask([&] {
+            const bool done = device_->map(~(uint64_t{1} << map)).has_value();
+            const int error = errno;
+            window = device_->mapped(map);
+            errno = error;
+            return done;
+        });
+        if (!window)
+            throw failure(fmt::format("map window {} of {}", map, node_),
+                          mapped.error ? std::strerror(mapped.error) : "there is none",
+                          "'devaccess uio info " + node_ + "' shows its maps", mapped.error);
+        record identity;
+        identity.add("node", node_).add("map", map);
+        return {fmt::format("map {} of {}", map, node_), identity, "offset", 0, *window};
+    }
+
+private:
+    [[noreturn]] void fail_to_open(int error) const
+    {
+        const std::string what = "open " + node_;
+        if (!libuio_is_emul(node_.c_str()))
+            throw failure(what, std::strerror(error), list_hint, error);
+        throw failure(what,
+                      error == EINVAL ? "no such register block, or no card in that slot"
+                                      : std::strerror(error),
+                      "names are sysfs_pci:REGION.SLOT[.FPGA], e.g. sysfs_pci:uio_cma.alsw1; "
+                      "'devaccess pci list' shows the cards' functions",
+                      error);
+    }
+
+    std::string node_;
+    std::optional<device_access::uio> device_;
+};
+
+record map_row(const libuio_map_t &map)
+{
+    return record()
+        .add("map", map.index)
+        .add_hex("size", map.size, 1)
+        .add("bar", map.bar)
+        .add_hex("offset", map.offset, 1);
+}
+
+void info(const uio_arguments &arguments)
+{
+    uio_device device(arguments.node);
+    const libuio_dev_t *uio = device->get();
+    std::vector<libuio_map_t> windows(uio->map, uio->map + uio->map_count);
+    std::sort(windows.begin(), windows.end(),
+              [](const libuio_map_t &a, const libuio_map_t &b) { return a.index < b.index; });
+    record_set maps = {"maps", {}};
+    for (const libuio_map_t &window : windows)
+        maps.rows.push_back(map_row(window));
+    print(record()
+              .add("node", libuio_get_real_devnode(uio))
+              .add("emulated", libuio_is_emul(device.node().c_str()) == 1)
+              .add("class_directory", libuio_get_sys_class_dir(uio))
+              .add("device_directory", libuio_get_sys_device_dir(uio))
+              .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
+              .add(std::move(maps)));
+}
+
+//--- registers ------------------------------------------------------------------------------------
+
+unsigned map_of(const uio_arguments &arguments)
+{
+    return static_cast<unsigned>(parse_number("the map", arguments.map, LIBUIO_MAX_MAPS - 1));
+}
+
+uint64_t offset_of(const uio_arguments &arguments)
+{
+    return parse_number("the offset", arguments.offset, SIZE_MAX);
+}
+
+template <void (*act)(const register_bank &, uint64_t, const bank_arguments &)>
+void on_register(const uio_arguments &arguments)
+{
+    uio_device device(arguments.node);
+    act(device.bank(map_of(arguments)), offset_of(arguments), arguments);
+}
+
+void dump(const uio_arguments &arguments)
+{
+    uio_device device(arguments.node);
+    const register_bank bank = device.bank(map_of(arguments));
+    const uint64_t offset = offset_of(arguments);
+    uint64_t bytes = bank.window.size() - std::min<uint64_t>(offset, bank.window.size());
+    bytes -= bytes % (arguments.width / 8);
+    if (!arguments.count.empty())
+        bytes = parse_count("the length", arguments.count, SIZE_MAX);
+    dump_bank(bank, offset, bytes, arguments.width);
+}
+
+//--- interrupts -----------------------------------------------------------------------------------
+
+const char *wait_hint(int error)
+{
+    switch (error) {
+    case ETIMEDOUT:
+        return "a longer --timeout waits longer";
+    case ECANCELED:
+        return "the device has been removed";
+    case EIO:
+        return "it has no interrupt, or has been removed";
+    case EBADF:
+        return "emulated devices have no interrupts";
+    default:
+        return "--verbose tells more";
+    }
+}
+
+[[noreturn]] void fail_to_wait(const char *what, const uio_device &device, int error)
+{
+    throw failure(fmt::format("{} of {}", what, device.node()), std::strerror(error),
+                  wait_hint(error), error);
+}
+
+// The driver's count. A driver without interrupt control has its interrupt enabled always.
+uint32_t next_interrupt(uio_device &device, waiting &wait)
+{
+    const auto enabled = ask([&] { return device->enable_interrupt().has_value(); });
+    if (!enabled.result && enabled.error != ENOSYS)
+        fail_to_wait("enable the interrupt", device, enabled.error);
+    while (true) {
+        wait.check();
+        wait.show();
+        uint32_t count = 0;
+        const auto waited = ask([&] {
+            const auto limit = wait.next_look();
+            const auto came = device->wait(
+                limit == waiting::clock::time_point::max() ? std::nullopt : std::optional(limit));
+            count = came.value_or(0);
+            return came.has_value();
+        });
+        if (waited.result)
+            return count;
+        wait.check();
+        if (waited.error != ETIMEDOUT || wait.is_over())
+            fail_to_wait("see an interrupt", device, waited.error);
+    }
+}
+
+void wait(const uio_arguments &arguments)
+{
+    uio_device device(arguments.node);
+    waiting wait("waiting for an interrupt of " + device.node(), arguments.wait.timeout);
+    const auto line = [&] {
+        const uint32_t count = next_interrupt(device, wait);
+        return record().add("node", device.node()).add("event_count", count);
+    };
+    if (arguments.count.empty()) {
+        const record only = line().append(wait.now());
+        wait.clear();
+        print(only);
+        return;
+    }
+    for (uint64_t left = parse_count("the count", arguments.count, UINT32_MAX); left > 0; --left)
+        wait.print(line());
+}
+
+//--- command line ---------------------------------------------------------------------------------
+
+std::vector<std::string> node_names(const given_options &)
+{
+    // Examples of what emulated devices are called.
+    std::vector<std::string> names = {"sysfs_pci:uio_glb.rpsw",     "sysfs_pci:uio_cma.alsw1",
+                                      "sysfs_pci:uio_cma.alsw2",    "sysfs_pci:uio_brd_ctrl.alsw1",
+                                      "sysfs_pci:uio_brd_ctrl.sw1", "sysfs_pci:uio_cmneqp.rpsw"};
+    std::error_code none;
+    for (const auto &entry : fs::directory_iterator("/dev", none))
+        if (entry.path().filename().string().rfind("uio", 0) == 0)
+            names.push_back(entry.path().string());
+    return names;
+}
+
+void add_nothing(CLI::App &, uio_arguments &) {}
+
+void add_node(CLI::App &command, uio_arguments &arguments)
+{
+    offer(command.add_option("NODE", arguments.node,
+                             "/dev/uioN, uioN, N, name:NAME, or sysfs_pci:REGION.SLOT[.FPGA]"),
+          node_names)
+        ->required();
+}
+
+CLI::Option *add_place(CLI::App &command, uio_arguments &arguments)
+{
+    add_node(command, arguments);
+    command.add_option("MAP", arguments.map, "number of the window")->required();
+    return command.add_option("OFFSET", arguments.offset, "of the register, in bytes");
+}
+
+void add_read(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments)->required();
+    arguments.add_count(command);
+}
+
+void add_write(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments)->required();
+    arguments.add_value(command);
+}
+
+void add_watch(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments)->required();
+    arguments.wait.add_watch(command);
+    arguments.add_width(command);
+}
+
+void add_dump(CLI::App &command, uio_arguments &arguments)
+{
+    add_place(command, arguments);
+    command.add_option("LENGTH", arguments.count, "in bytes; else to the window's end");
+    arguments.add_width(command);
+}
+
+void add_wait(CLI::App &command, uio_arguments &arguments)
+{
+    add_node(command, arguments);
+    command.add_option("--count", arguments.count, "a line for each of so many interrupts");
+    arguments.wait.add_timeout(command);
+}
+
+constexpr command_family<uio_arguments>::entry uio_commands[] = {
+    {"list", "List the devices with a UIO driver", list, add_nothing},
+    {"info", "Show a device's directories and windows", info, add_node},
+    {"read", "Read registers", on_register<read_bank>, add_read},
+    {"write", "Write a register", on_register<write_bank>, add_write},
+    {"dump", "Print a window's registers in hexadecimal", dump, add_dump},
+    {"watch", "Print a register's changes", on_register<watch_bank>, add_watch},
+    {"wait", "Enable the interrupt and wait for it", wait, add_wait},
+};
+
+} // namespace
+
+void add_uio_commands(CLI::App &program)
+{
+    command_family<uio_arguments>(program, "uio", "UIO devices, and those emulated over PCI")
+        .add(uio_commands);
+}
+
+} // namespace devaccess
