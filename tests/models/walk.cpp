@@ -1,6 +1,6 @@
 #include "walk.h"
 
-#include "sim/private_root.h"
+#include "sim/program/private_root.h"
 
 #include <algorithm>
 #include <chrono>
