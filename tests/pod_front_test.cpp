@@ -117,6 +117,26 @@ TEST(pod_registry, refuses_an_unknown_chassis_and_keeps_the_rest_of_the_name_fie
     EXPECT_EQ(std::string(name, 14), std::string("RPSW1\0\0\0\0\0kept", 14));
 }
 
+TEST(pod_registry, tells_the_storage_of_cards_that_share_an_id)
+{
+    podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
+    storage_info_t sw3 = {};
+    ASSERT_EQ(podlog_find_pod_storage("SW3", &sw3), 1);
+    EXPECT_EQ(printed("%s=%d:%d/%d/%d", sw3.inst_name, sw3.inst_id, sw3.type, sw3.storage_inst_id,
+                      sw3.secondary_storage_inst_id),
+              "SW3=-1:1/4/4");
+    for (const char *unknown : {"SW5", "sw3", "", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(podlog_find_pod_storage(unknown, &sw3), 0);
+    EXPECT_EQ(podlog_find_pod_storage("SW3", nullptr), 0);
+    EXPECT_STREQ(sw3.inst_name, "SW3") << "outputs are left alone";
+
+    pod_storage_info_t table;
+    podlog_get_pod_storage_table(nullptr);
+    podlog_get_pod_storage_table(&table);
+    EXPECT_EQ(table.num_storage, 18);
+    EXPECT_STREQ(table.dev[17].inst_name, "PM8");
+}
+
 TEST(pod_registry, copes_with_any_table)
 {
     pod_storage_info_t info = {};
@@ -133,6 +153,9 @@ TEST(pod_registry, copes_with_any_table)
     info.num_storage = 1 << 30;
     podlog_config_pod_storage_info(&info);
     podlog_config_pod_storage_info(nullptr);
+    pod_storage_info_t table;
+    podlog_get_pod_storage_table(&table);
+    EXPECT_EQ(table.num_storage, POD_MAX_STORAGE);
     std::memset(&info, 0, sizeof info);
     EXPECT_EQ(registry_row(5), "0 FIRST=5:E1/--1 ") << "copied; the first of equal ids counts";
     int id;

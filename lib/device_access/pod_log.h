@@ -131,6 +131,27 @@ podlog_get_pod_secondary_storage_info(int inst_id, pod_secondary_storage_type_t 
                                       int *storage_inst_id, int *index);
 
 /*
+ * Where the log of the card with this name is kept; names are compared as by
+ * podlog_find_pod_instance(). This is the way to a card that the slot table lacks: several such
+ * cards share the id -1, with which the calls by instance reach the first of them, and the reading
+ * calls refuse their names. Use the calls of the storage with storage_inst_id instead: for
+ * PODSTORAGE_FILE podlog_file_open_dir() and so on to read, podlog_file_init() and so on to write.
+ * Status words of such cards: give the instances ids of their own in a copy of the instance mapping
+ * (podlog_nvram_get_inst_mapping(), podlog_nvram_config_inst_mapping()), and use those.
+ *
+ * storage: receives a copy of the row; left alone when there is none.
+ *
+ * Returns 1; 0 when no row has the name, or one of the two is NULL. Prints nothing.
+ */
+DEVICE_ACCESS_API int podlog_find_pod_storage(const char *inst_name, storage_info_t *storage);
+
+/*
+ * Copy the whole registry to *storage_info, what podlog_config_pod_storage_info() would take; its
+ * num_storage is then between 0 and POD_MAX_STORAGE. NULL does nothing.
+ */
+DEVICE_ACCESS_API void podlog_get_pod_storage_table(pod_storage_info_t *storage_info);
+
+/*
  * Where an instance's status word is: nvram_get_podstatus_inst_info() of pod_log_nvram.h, whose
  * result and message it gives.
  */

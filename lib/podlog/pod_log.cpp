@@ -80,6 +80,15 @@ storage_info_t *find_row(int inst_id)
     return first_row([inst_id](const storage_info_t &row) { return row.inst_id == inst_id; });
 }
 
+// None for NULL, and for what is longer than a name.
+storage_info_t *find_named_row(const char *name)
+{
+    return first_row([name](const storage_info_t &row) {
+        return name && ::strnlen(name, sizeof row.inst_name) < sizeof row.inst_name &&
+               std::strncmp(row.inst_name, name, sizeof row.inst_name) == 0;
+    });
+}
+
 int row_number(const storage_info_t *row)
 {
     return static_cast<int>(row - pod_storage_info.dev);
@@ -362,14 +371,28 @@ int podlog_get_pod_instance_name(int inst_id, char **inst_name)
 
 int podlog_find_pod_instance(char *inst_name, int *inst_id)
 {
-    const storage_info_t *row = first_row([inst_name](const storage_info_t &one) {
-        return inst_name && ::strnlen(inst_name, sizeof one.inst_name) < sizeof one.inst_name &&
-               std::strncmp(one.inst_name, inst_name, sizeof one.inst_name) == 0;
-    });
+    const storage_info_t *row = find_named_row(inst_name);
     if (!row)
         return 0;
     *inst_id = row->inst_id;
     return 1;
+}
+
+int podlog_find_pod_storage(const char *inst_name, storage_info_t *storage)
+{
+    const storage_info_t *row = find_named_row(inst_name);
+    if (!row || !storage)
+        return 0;
+    *storage = *row;
+    return 1;
+}
+
+void podlog_get_pod_storage_table(pod_storage_info_t *storage_info)
+{
+    if (!storage_info)
+        return;
+    *storage_info = pod_storage_info;
+    storage_info->num_storage = num_rows();
 }
 
 int podlog_get_pod_storage_info(int inst_id, pod_storage_type_t *primary_storage_type,

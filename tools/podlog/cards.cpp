@@ -4,73 +4,38 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
+#include <string_view>
 
 namespace devaccess
 {
 namespace
 {
 
-// Names of the registry, with the files and EEPROMs of cards that share their id with others: card
-// N keeps its log in file first_file + N - 1.
-struct card_family {
-    const char *prefix;
-    int first_card;
-    int last_card;
-    int first_file;
-    bool has_eeprom; // of the file's number
-};
-
-constexpr card_family card_families[] = {
-    {"RPSW", 1, 2, 16, false}, // the one that is not local: the mate's file
-    {"ALSW", 1, 2, 0, true},   {"SW", 1, 4, 2, true},   {"FT", 1, 2, 6, false},
-    {"PM", 1, 8, 8, false},    {"PEM", 1, 8, 8, false}, {"FT", 3, 6, 11, false},
-};
-
 constexpr int first_free_id = 1000; // above all slot numbers
 
-pod_card row_of(const std::string &name, int id)
-{
-    pod_card card = {name, id, id, {}, 0, {}};
-    pod_secondary_storage_type_t kind = POD2NDSTORAGE_NONE;
-    int eeprom = -1;
-    int row = 0;
-    podlog_get_pod_storage_info(id, &card.storage, &card.storage_id, &kind, &eeprom, &row);
-    if (kind == POD2NDSTORAGE_EEPROM)
-        card.secondary = eeprom;
-    return card;
-}
-
-bool has_own_id(const std::string &name, int id)
+bool has_own_id(const storage_info_t &row)
 {
     char *holder = nullptr;
-    return id >= 0 && podlog_get_pod_instance_name(id, &holder) == 1 && name == holder;
+    return row.inst_id >= 0 && podlog_get_pod_instance_name(row.inst_id, &holder) == 1 &&
+           std::string_view(holder) == row.inst_name;
 }
 
-pod_card shared_row(const card_family &family, int number, const std::string &name, bool is_rp2)
+std::vector<pod_card> registered_cards()
 {
-    if (family.first_file == 16) {
-        const bool local = number == (is_rp2 ? 2 : 1);
-        return {name, 0, {}, local ? PODSTORAGE_NVRAM : PODSTORAGE_FILE, local ? 0 : 16, {}};
-    }
-    const int file = family.first_file + number - family.first_card;
-    return {
-        name, 0, {}, PODSTORAGE_FILE, file, family.has_eeprom ? std::optional(file) : std::nullopt};
-}
-
-std::vector<pod_card> registered_cards(bool is_rp2)
-{
+    pod_storage_info_t table;
+    podlog_get_pod_storage_table(&table);
     std::vector<pod_card> cards;
-    for (const card_family &family : card_families) {
-        for (int number = family.first_card; number <= family.last_card; ++number) {
-            std::string name = family.prefix + std::to_string(number);
-            int id = 0;
-            if (podlog_find_pod_instance(name.data(), &id) != 1)
-                continue;
-            cards.push_back(has_own_id(name, id) ? row_of(name, id)
-                                                 : shared_row(family, number, name, is_rp2));
-            if (!cards.back().registry_id)
-                cards.back().id = first_free_id + static_cast<int>(cards.size());
+    for (const storage_info_t &row : std::span(table.dev, static_cast<size_t>(table.num_storage))) {
+        pod_card card = {row.inst_name, row.inst_id,         row.inst_id,
+                         row.type,      row.storage_inst_id, {}};
+        if (row.secondary_storage_type == POD2NDSTORAGE_EEPROM)
+            card.secondary = row.secondary_storage_inst_id;
+        if (!has_own_id(row)) {
+            card.registry_id.reset();
+            card.id = first_free_id + static_cast<int>(cards.size()) + 1;
         }
+        cards.push_back(card);
     }
     return cards;
 }
@@ -109,12 +74,12 @@ void map_status_words(const std::vector<pod_card> &cards)
 std::vector<pod_card> configure_cards(const std::string &chassis, bool is_rp2)
 {
     if (chassis.empty())
-        return registered_cards(is_rp2);
+        return registered_cards();
     podlog_config_pod_storage_n20_n10(chassis == "n20"   ? ChassisType_N20
                                       : chassis == "n10" ? ChassisType_N10
                                                          : ChassisType_N4,
                                       is_rp2);
-    std::vector<pod_card> cards = registered_cards(is_rp2);
+    std::vector<pod_card> cards = registered_cards();
     register_cards(cards);
     map_status_words(cards);
     return cards;
