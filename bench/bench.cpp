@@ -110,11 +110,12 @@ void print_row(const row &r, const contender &peer, std::FILE *json, bool &first
     std::fprintf(table, "| %-38s | %10.3f | %7.1f | %-34s | %10.3f | %7.1f | %5.2f |\n",
                  r.name.c_str(), time / 1000, ours.system_calls, peer.name.c_str(),
                  peer_time / 1000, theirs.system_calls, time / peer_time);
-    std::fprintf(json,
-                 "%s\n  {\"operation\": \"%s\", \"ns\": %.1f, \"system_calls\": %.1f, \"beside\": "
-                 "\"%s\", \"beside_ns\": %.1f, \"beside_system_calls\": %.1f, \"ratio\": %.3f}",
-                 first ? "" : ",", r.name.c_str(), time, ours.system_calls, peer.name.c_str(),
-                 peer_time, theirs.system_calls, time / peer_time);
+    std::fprintf(
+        json,
+        "%s\n  {\"operation\": \"%s\", \"ns\": %.1f, \"system_calls\": %.1f, \"compared_with\": "
+        "\"%s\", \"compared_ns\": %.1f, \"compared_system_calls\": %.1f, \"ratio\": %.3f}",
+        first ? "" : ",", r.name.c_str(), time, ours.system_calls, peer.name.c_str(), peer_time,
+        theirs.system_calls, time / peer_time);
     first = false;
 }
 
@@ -123,7 +124,7 @@ void print_table(const char *json_path)
     std::FILE *json = std::fopen(json_path, "w");
     require(json != nullptr, json_path);
     std::fprintf(table, "| %-38s | %10s | %7s | %-34s | %10s | %7s | %5s |\n", "operation", "us",
-                 "calls", "beside", "us", "calls", "ratio");
+                 "calls", "compared with", "us", "calls", "ratio");
     std::fprintf(table, "| --- | ---: | ---: | --- | ---: | ---: | ---: |\n");
     std::fprintf(json, "[");
     bool first = true;

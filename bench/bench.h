@@ -1,4 +1,4 @@
-// Rows of the table: an operation of the library beside others that do the same.
+// Rows of the table: an operation of the library and others that do the same.
 #pragma once
 
 #include <functional>

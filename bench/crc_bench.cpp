@@ -1,4 +1,4 @@
-// The checksum beside the same table loop, written out here.
+// The checksum, compared with the same table loop, written out here.
 #include "bench/bench.h"
 
 #include <device_access/pod_log_crc_tmp.h>

@@ -1,7 +1,7 @@
-// Configuration registers and the scan, beside bare system calls and libpci, on one simulated tree;
-// the scan on the machine's own, too. The simulated tree lies in memory, where reading a function's
-// "config" is as cheap as any file. On a real one each word of it is an access to the hardware, so
-// what is fastest here may be the slowest there.
+// Configuration registers and the scan, compared with bare system calls and libpci, on one
+// simulated tree; the scan on the machine's own, too. The simulated tree lies in memory, where
+// reading a function's "config" is as cheap as any file. On a real one each word of it is an access
+// to the hardware, so what is fastest here may be the slowest there.
 #include "bench/bench.h"
 #include "sim/program/chassis.h"
 

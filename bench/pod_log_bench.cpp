@@ -1,5 +1,5 @@
-// The POD log in a file and in NVRAM, whose node is a plain file of memory here, beside the system
-// calls that each operation needs: every record read or written once.
+// The POD log in a file and in NVRAM, whose node is a plain file of memory here, compared with the
+// system calls that each operation needs: every record read or written once.
 #include "bench/bench.h"
 #include "sim/base/support.h"
 
@@ -69,7 +69,7 @@ void library_add(const storage &s)
     require(podlog_add(s.instance, level, name, "ok", "bank %d", 5) != -1, "podlog_add");
 }
 
-// Leaves the log open, with so many histories full, and so many entries in the one behind them.
+// Leaves the log open, with so many histories full, and so many entries in the one after them.
 void fill(const storage &s, int full, int more)
 {
     require(podlog_init(s.instance, 0) == 1 && s.reset(s.device) == 1, "formatting");
@@ -83,7 +83,7 @@ void fill(const storage &s, int full, int more)
         library_add(s);
 }
 
-// A log that is open while the object lives, and the file beside it for bare calls.
+// A log that is open while the object lives, and the same file for bare calls.
 class open_log
 {
 public:

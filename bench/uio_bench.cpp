@@ -1,5 +1,6 @@
-// Opening, mapping and closing a UIO device, whose node is the machine's /dev/zero here, beside the
-// system calls that this is made of, and beside those of a program that knows the device already.
+// Opening, mapping and closing a UIO device, whose node is the machine's /dev/zero here, compared
+// with the system calls that this is made of, and with those of a program that knows the device
+// already.
 #include "bench/bench.h"
 #include "sim/base/support.h"
 #include "sim/program/private_root.h"

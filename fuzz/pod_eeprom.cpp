@@ -7,7 +7,7 @@
 namespace
 {
 
-// What proper use needs behind the log.
+// What proper use needs after the log.
 constexpr uint32_t beyond_end = 64;
 
 std::string eeprom;

@@ -44,7 +44,7 @@ int write_eeprom(uint32_t offset, uint8_t *buffer, uint32_t size)
     return static_cast<int>(size);
 }
 
-// A card whose log is the file, with an EEPROM besides.
+// A card whose log is the file, with an EEPROM as well.
 constexpr char card[] = "SW1";
 int instance;
 

@@ -1,4 +1,4 @@
-// Pseudo node names. The input is the part behind "sysfs_pci:"; the chassis has FPGAs in two slots,
+// Pseudo node names. The input is the part after "sysfs_pci:"; the chassis has FPGAs in two slots,
 // and a plain file for its physical memory.
 #include "fuzz/support.h"
 #include "sim/program/chassis.h"
@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::string text = "sysfs_pci:" + std::string(reinterpret_cast<const char *>(data), size);
-    // A block of exactly the name's size shows what is read behind it.
+    // A block of exactly the name's size shows what is read past its end.
     const auto name = std::make_unique<char[]>(text.size() + 1);
     std::memcpy(name.get(), text.c_str(), text.size() + 1);
 

@@ -159,7 +159,7 @@ sysfs_pci_children_list(const sysfs_pci_identity_t *pci_ident);
  *
  * path:      buffer of max bytes for the path and its terminator, or NULL for a malloc block.
  * max:       with a NULL path: bytes to allocate beyond those that the path needs.
- * attr_name: NULL for the device's directory itself, without a "/" behind it.
+ * attr_name: NULL for the device's directory itself, without a "/" after it.
  *
  * Returns path, or the block, to be released with free(); NULL with errno on failure: -22 (the
  * negative of EINVAL) for a NULL identity, ENOMEM, ENAMETOOLONG when max bytes are too few.
@@ -201,7 +201,7 @@ DEVICE_ACCESS_API char *sysfs_pci_show(char *attr_value, size_t max, size_t *cou
 
 /*
  * The numbers at the beginning of an attribute, separated by white space: decimal, hexadecimal
- * behind "0x" or octal behind "0", with or without a sign. A word that is not wholly a number ends
+ * after "0x" or octal after "0", with or without a sign. A word that is not wholly a number ends
  * them.
  *
  * value:     array of num_count numbers (a count of 0 means 1).
@@ -230,7 +230,7 @@ DEVICE_ACCESS_API int sysfs_pci_store(const char *attr_value, const char *attr_n
 
 /*
  * Write a number and a newline to an attribute: 0 to 9 as their digit, every other number as
- * hexadecimal behind "0x", negative ones as their 64-bit pattern.
+ * hexadecimal after "0x", negative ones as their 64-bit pattern.
  *
  * Return as sysfs_pci_fstore() and sysfs_pci_store() do.
  */

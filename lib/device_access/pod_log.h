@@ -8,7 +8,7 @@
  * message. Logs are kept in NVRAM (pod_log_nvram.h), in files (pod_log_file.h) and in EEPROMs on
  * the cards (pod_log_eeprom.h); which card's log is where, the registry says. An instance is one
  * card's log; its id is the card's slot number, its name the card's name. A card may have a
- * secondary storage besides, an EEPROM.
+ * secondary storage as well, an EEPROM.
  *
  * Each storage has calls of its own, on one device by its id there: podlog_file_add() does to a
  * file what podlog_add() does to an instance. pod_log_file.h describes these calls; the other two

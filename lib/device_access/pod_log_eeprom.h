@@ -70,7 +70,7 @@ DEVICE_ACCESS_API int podlog_eeprom_set_curr_log_status(int eeprom_id, int clr_o
  *
  * buf: the 16 bytes of its header, as many bytes of message as the EEPROM's message area has, and
  *      one more, which tells whether the text goes on (81 bytes in all unless configured
- *      otherwise); what is behind a NUL in the text is not looked at for that. A longer text gets a
+ *      otherwise); what follows a NUL in the text is not looked at for that. A longer text gets a
  *      NUL as the last byte of its message area, in buf. All but the last byte are written.
  *
  * Returns 1; 0, with a warning on standard output, when the entry was written and the history is

@@ -42,7 +42,7 @@ typedef struct file_log_index {
 
 /* History header, 20 bytes at the start of each history. */
 typedef struct file_log_header {
-    uint32_t header_checksum; /* crc32_cksum of the 16 bytes behind it */
+    uint32_t header_checksum; /* crc32_cksum of the 16 bytes after it */
     uint32_t log_size;        /* history size in bytes */
     uint32_t index;           /* bytes of entries in use; the next goes to start + index */
     uint32_t version;         /* 0x1122 */

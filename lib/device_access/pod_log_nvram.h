@@ -1,5 +1,5 @@
 /*
- * The POD log in battery-backed NVRAM, and the POD status words and fault mask beside it. What a
+ * The POD log in battery-backed NVRAM, and the POD status words and fault mask next to it. What a
  * log is, and what holds for the calls of every storage, is described in pod_log.h; the calls of
  * the log are those of pod_log_file.h, with what is said here of the differences.
  *
@@ -72,7 +72,7 @@ typedef struct {
 
 /* History header, 20 bytes at the start of each history. */
 typedef struct {
-    uint32_t header_checksum; /* crc32_cksum of the 16 bytes behind it */
+    uint32_t header_checksum; /* crc32_cksum of the 16 bytes after it */
     uint32_t log_size;        /* history size in bytes */
     uint32_t index;           /* bytes of entries in use; the next goes to start + index */
     uint32_t version;         /* 0x1122 */

@@ -95,7 +95,7 @@ typedef struct nvram_log_index {
 
 /*
  * Header of a history: 24 bytes, at position 0 in the event log, else at the history's number times
- * the index's log_size, plus 12. Entry k lies 24 + k * (msg_size + 40) bytes behind its start.
+ * the index's log_size, plus 12. Entry k lies 24 + k * (msg_size + 40) bytes after its start.
  */
 typedef struct nvram_log_header {
     uint32_t header_checksum; /* crc32_cksum() of the 20 bytes that follow */
@@ -258,7 +258,7 @@ DEVICE_ACCESS_API int postlog_nvram_close_dir(log_type_t blk);
 DEVICE_ACCESS_API int post_get_curr_log_hdr_pos(log_type_t blk);
 
 /*
- * The position behind the current history's entries as its header states it: the header's position
+ * The position after the current history's entries as its header states it: the header's position
  * plus log_size * index + 24. -1 when the header cannot be found or read or is invalid, or the
  * position is beyond the range of int. The block must be open.
  */
