@@ -97,11 +97,13 @@ TEST(mmap_device, maps_shared_memory_at_physical_addresses_above_4_gib)
     constexpr uint64_t address = 0x1'2345'6000; // beyond what 32 bits hold
     enter_private_root();
     const std::string no_memory = "Cannot open Mmap device file /dev/mem ...\n";
-    DOES(mmap_device_open(0, 4096), nullptr, no_memory, "", ENOENT);
+    EXPECT_OUTCOME(mmap_device_open(0, 4096),
+                   {.value = nullptr, .error = ENOENT, .err = no_memory});
     write_file("/dev/mem", "");
     ASSERT_EQ(truncate("/dev/mem", static_cast<off_t>(address + 8192)), 0);
     char *window = nullptr;
-    DOES(window = static_cast<char *>(mmap_device_open(address, 8192)), a_pointer, "", "", 0);
+    EXPECT_OUTCOME(window = static_cast<char *>(mmap_device_open(address, 8192)),
+                   {.value = a_pointer});
     std::strcpy(window + 4096, "written");
     char text[8] = "";
     EXPECT_EQ(pread(open("/dev/mem", O_RDONLY), text, 8, static_cast<off_t>(address + 4096)), 8);
@@ -109,7 +111,8 @@ TEST(mmap_device, maps_shared_memory_at_physical_addresses_above_4_gib)
     mmap_device_close(nullptr, 4096);
     mmap_device_close(window, 8192);
     EXPECT_EQ(msync(window, 4096, MS_ASYNC), -1) << "still mapped";
-    DOES(mmap_device_open(address + 1, 4096) == MAP_FAILED, 1, "", "", EINVAL);
+    EXPECT_OUTCOME(mmap_device_open(address + 1, 4096) == MAP_FAILED,
+                   {.value = 1, .error = EINVAL});
     const auto open_it = [] {
         const void *const result = mmap_device_open(address, 4096);
         return !result ? errno : result == MAP_FAILED ? -errno : 0;
@@ -147,22 +150,22 @@ protected:
 
 TEST_F(inventory, a_store_writes_29_bytes_twice_and_they_read_back)
 {
-    DOES(diag_inventory_store("sw1", &record_), 1, aaa);
+    EXPECT_OUTCOME(diag_inventory_store("sw1", &record_), {.value = 1, .err = aaa});
     EXPECT_TRUE(read_file(sw1_file) == golden && read_file("/flash/diags/aaa") == golden);
     EXPECT_EQ(std::memcmp(&record_, golden.data(), 29), 0) << "the caller's record is completed";
     diag_inventory_t read = {};
-    DOES(diag_inventory_get_all("SW1", &read), 1);
+    EXPECT_OUTCOME(diag_inventory_get_all("SW1", &read), {.value = 1});
     EXPECT_EQ(std::memcmp(&read, golden.data(), 29), 0);
 
     uint8_t bytes[16] = "...............";
-    DOES(diag_inventory_get_serno("SW1", bytes, 14), 1);
+    EXPECT_OUTCOME(diag_inventory_get_serno("SW1", bytes, 14), {.value = 1});
     EXPECT_STREQ(reinterpret_cast<char *>(bytes), "ABCDEFGHIJKLMN.");
     uint8_t code[7] = "......";
-    DOES(diag_inventory_get_prod_code("SW1", code, 5), 1);
+    EXPECT_OUTCOME(diag_inventory_get_prod_code("SW1", code, 5), {.value = 1});
     EXPECT_STREQ(reinterpret_cast<char *>(code), "ABCDE.") << "the serial number's first bytes";
     const std::string no_room = line("not enough memory for serial number");
-    DOES(diag_inventory_get_serno("SW1", bytes, 13), 0, no_room);
-    DOES(diag_inventory_get_prod_code("SW1", code, 4), 0, no_room);
+    EXPECT_OUTCOME(diag_inventory_get_serno("SW1", bytes, 13), {.err = no_room});
+    EXPECT_OUTCOME(diag_inventory_get_prod_code("SW1", code, 4), {.err = no_room});
 }
 
 TEST_F(inventory, slot_names_lead_to_their_files)
@@ -171,19 +174,22 @@ TEST_F(inventory, slot_names_lead_to_their_files)
         const std::string file = slot == "pm4" ? "/flash/diags/PM4.div"
                                  : slot == "1" ? "/flash/diags/1.div"
                                                : rpsw_file;
-        DOES(diag_inventory_store(slot.c_str(), &record_), 1, aaa);
+        EXPECT_OUTCOME(diag_inventory_store(slot.c_str(), &record_), {.value = 1, .err = aaa});
         EXPECT_EQ(read_file(file), golden) << slot;
-        DOES(diag_inventory_clear(slot.c_str()), 1);
-        DOES(diag_inventory_get_all(slot.c_str(), &record_), 0,
-             line("cannot open inventory " + file));
+        EXPECT_OUTCOME(diag_inventory_clear(slot.c_str()), {.value = 1});
+        EXPECT_OUTCOME(diag_inventory_get_all(slot.c_str(), &record_),
+                       {.error = any_error, .err = line("cannot open inventory " + file)});
     }
     for (const std::string slot : {"Rpsw1", "rps", "r", "", "alsw1", "../aaa"}) {
         const std::string invalid = line("Invalid slot name " + slot);
         const std::string unopened = line("cannot open inventory ");
-        DOES(diag_inventory_store(slot.c_str(), &record_), 0,
-             invalid + aaa + line("cannot open inventory !"));
-        DOES(diag_inventory_get_all(slot.c_str(), &record_), 0, invalid + unopened);
-        DOES(diag_inventory_clear(slot.c_str()), 1, invalid);
+        EXPECT_OUTCOME(
+            diag_inventory_store(slot.c_str(), &record_),
+            {.error = any_error, .err = invalid + aaa + line("cannot open inventory !")});
+        EXPECT_OUTCOME(diag_inventory_get_all(slot.c_str(), &record_),
+                       {.error = any_error, .err = invalid + unopened});
+        EXPECT_OUTCOME(diag_inventory_clear(slot.c_str()),
+                       {.value = 1, .error = any_error, .err = invalid});
     }
 }
 
@@ -193,12 +199,12 @@ TEST_F(inventory, what_is_no_whole_record_is_corrupted)
     for (const std::string &bytes : {golden.substr(0, 28), std::string(), "DiIx" + golden.substr(4),
                                      golden.substr(0, 9) + " " + golden.substr(10)}) {
         write_file(sw1_file, bytes);
-        DOES(diag_inventory_get_all("sw1", &record_), 0, corrupted);
+        EXPECT_OUTCOME(diag_inventory_get_all("sw1", &record_), {.err = corrupted});
         EXPECT_EQ(std::string(reinterpret_cast<char *>(&record_), bytes.size()), bytes);
-        DOES(diag_inventory_get_serno("sw1", nullptr, 0), 0, corrupted);
+        EXPECT_OUTCOME(diag_inventory_get_serno("sw1", nullptr, 0), {.err = corrupted});
     }
     write_file(sw1_file, golden + "more");
-    DOES(diag_inventory_get_all("sw1", &record_), 1);
+    EXPECT_OUTCOME(diag_inventory_get_all("sw1", &record_), {.value = 1});
 }
 
 TEST_F(inventory, each_failing_call_is_reported_by_its_line)
@@ -214,7 +220,8 @@ TEST_F(inventory, each_failing_call_is_reported_by_its_line)
               "open: 0 " + line("cannot open inventory " + sw1_file) + "read: 0 " +
                   line("inventory " + sw1_file + " is corrupted") + "close: 1\n");
     fs::remove_all("/flash/diags"); // which a store does not make
-    DOES(diag_inventory_store("sw1", &record_), 0, no_aaa + no_file, "", ENOENT);
+    EXPECT_OUTCOME(diag_inventory_store("sw1", &record_),
+                   {.error = ENOENT, .err = no_aaa + no_file});
     EXPECT_FALSE(fs::exists("/flash/diags"));
 }
 
@@ -224,7 +231,7 @@ TEST_F(inventory, clearing_all_makes_the_directories_and_deletes_what_the_slots_
         std::string lines;
         for (const std::string &slot : words(unknown))
             lines += line("Invalid slot name " + slot);
-        DOES(diag_inventory_clear_all(), 1, lines);
+        EXPECT_OUTCOME(diag_inventory_clear_all(), {.value = 1, .error = any_error, .err = lines});
     };
     const std::string sw2_file = "/flash/diags/SW2.div";
     for (const std::string &file : {rpsw_file, sw1_file, sw2_file})
@@ -250,10 +257,11 @@ TEST_F(inventory, clearing_all_makes_the_directories_and_deletes_what_the_slots_
 TEST(uio_without_log_symbol, prints_nothing)
 {
     const timespec no_wait = {0, 0};
-    DOES(libuio_open_timed("/etc/passwd", &no_wait), nullptr, "", "", EINVAL);
-    DOES(libuio_adjust_size(nullptr), nullptr);
-    DOES((libuio_pr(3, "LOG_ERR", 1, "f", "text"), libuio_pr(7, "LOG_DEBUG", 1, "f", "text"), 0),
-         0);
+    EXPECT_OUTCOME(libuio_open_timed("/etc/passwd", &no_wait), {.value = nullptr, .error = EINVAL});
+    EXPECT_OUTCOME(libuio_adjust_size(nullptr), {.value = nullptr});
+    EXPECT_OUTCOME(
+        (libuio_pr(3, "LOG_ERR", 1, "f", "text"), libuio_pr(7, "LOG_DEBUG", 1, "f", "text"), 0),
+        {});
 }
 
 } // namespace

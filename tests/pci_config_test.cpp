@@ -35,19 +35,19 @@ TEST_F(pci_config, moves_a_register_of_each_width_in_one_call)
     const opened_function function(
         config_builder().put32(0x40, 0xffffffff).put32(0x44, 0x87654321).put8(0x4d, 7).bytes());
     void *h = function.handle;
-    GIVES(pci_config_read32(0x44, h), 0x87654321, 0);
-    GIVES(pci_config_read16(0x46, h), 0x8765, 0);
-    GIVES(pci_config_read8(0x45, h), 0x43, 0);
-    GIVES(pci_config_read32(0x40, h), failed, 0) << "a value";
-    GIVES(pci_config_write32(0x11223344, 0x48, h), 0, 0);
-    GIVES(pci_config_write16(0x5566, 0x4a, h), 0, 0);
-    GIVES(pci_config_write8(0x77, 0x49, h), 0, 0);
-    GIVES(pci_config_bitclr8(0x04, 0x4d, h), 0, 0);
-    GIVES(pci_config_bitset8(0x90, 0x4d, h), 0, 0);
-    GIVES(pci_config_bitset16(0x8000, 0x44, h), 0, 0);
-    GIVES(pci_config_bitclr16(0x0021, 0x44, h), 0, 0);
-    GIVES(pci_config_bitset32(0x00080000, 0x44, h), 0, 0);
-    GIVES(pci_config_bitclr32(0x80000000, 0x44, h), 0, 0);
+    EXPECT_OUTCOME(pci_config_read32(0x44, h), {.value = 0x87654321, .error = 0});
+    EXPECT_OUTCOME(pci_config_read16(0x46, h), {.value = 0x8765, .error = 0});
+    EXPECT_OUTCOME(pci_config_read8(0x45, h), {.value = 0x43, .error = 0});
+    EXPECT_OUTCOME(pci_config_read32(0x40, h), {.value = failed, .error = 0}) << "a value";
+    EXPECT_OUTCOME(pci_config_write32(0x11223344, 0x48, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_write16(0x5566, 0x4a, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_write8(0x77, 0x49, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_bitclr8(0x04, 0x4d, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_bitset8(0x90, 0x4d, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_bitset16(0x8000, 0x44, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_bitclr16(0x0021, 0x44, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_bitset32(0x00080000, 0x44, h), {.error = 0});
+    EXPECT_OUTCOME(pci_config_bitclr32(0x80000000, 0x44, h), {.error = 0});
     EXPECT_EQ(read_file(dir + "/config").substr(0x44, 12),
               std::string("\x00\xc3\x6d\x07\x44\x77\x66\x55\x00\x93\x00\x00", 12));
     const auto calls = system_calls_of([h] {
@@ -76,25 +76,26 @@ TEST_F(pci_config, refuses_an_access_without_a_system_call_or_fails_beyond_the_e
         [=] { return pci_config_close(minus_one), 0; },
     };
     for (const auto &call : refused) {
-        GIVES(call(), 0, EINVAL) << &call - refused;
+        EXPECT_OUTCOME(call(), {.error = EINVAL}) << &call - refused;
         EXPECT_EQ(system_calls_of(call), call_counts{}) << &call - refused;
     }
-    GIVES(pci_config_read8(0x03, h), 0xee, 0);
+    EXPECT_OUTCOME(pci_config_read8(0x03, h), {.value = 0xee, .error = 0});
     // A short transfer leaves errno alone.
-    GIVES(pci_config_read32(0x40, h), failed, EXDEV);
-    GIVES(pci_config_read32(0xfffffffc, h), failed, EXDEV) << "above 2 GiB";
-    GIVES(pci_config_bitset32(1, 0x40, h), -1, EXDEV);
-    GIVES(pci_config_read8(0x42, h), failed, EXDEV) << "nothing was written";
+    EXPECT_OUTCOME(pci_config_read32(0x40, h), {.value = failed});
+    EXPECT_OUTCOME(pci_config_read32(0xfffffffc, h), {.value = failed}) << "above 2 GiB";
+    EXPECT_OUTCOME(pci_config_bitset32(1, 0x40, h), {.value = -1});
+    EXPECT_OUTCOME(pci_config_read8(0x42, h), {.value = failed}) << "nothing was written";
 }
 
 TEST_F(pci_config, opens_and_closes)
 {
-    GIVES(pci_config_open(&ident), nullptr, ENOENT);
-    GIVES(pci_config_open(nullptr), nullptr, -22);
+    EXPECT_OUTCOME(pci_config_open(&ident), {.value = nullptr, .error = ENOENT});
+    EXPECT_OUTCOME(pci_config_open(nullptr), {.value = nullptr, .error = -22});
     const function_on_bus function;
     void *h;
-    DOES(h = pci_config_open(&ident), a_pointer, "", "", any_error, 1);
-    DOES((errno = EXDEV, pci_config_close(h), 0), 0, "", "", EXDEV, -1);
+    EXPECT_OUTCOME(h = pci_config_open(&ident),
+                   {.value = a_pointer, .error = any_error, .opens = 1});
+    EXPECT_OUTCOME(pci_config_close(h), {.opens = -1});
 
     // A file larger than a function can have, and the descriptor that would be NULL as a handle.
     chassis_sim::write_file(dir + "/config", std::string(0x1800, '!'));
@@ -150,7 +151,7 @@ TEST_F(pci_config, walks_the_capability_list_as_it_stands)
         {"into the header", three(0).put8(0x41, 0x04).put16(0x04, 0x0009).bytes(), 0x09, 0x04, 0},
         {"last place", three(0).put8(0x34, 0xfe).put16(0xfe, 0x0009).bytes(), 0x09, 0xfe, 0},
         {"in front of a circle", three(0).put8(0x49, 0x40).bytes(), 0x05, 0x48, 0},
-        {"no status", cut(0x07), 0x05, -1, EXDEV}, // a short read leaves errno
+        {"no status", cut(0x07), 0x05, -1, untouched}, // a short read leaves errno
         {"no header type", cut(0x0e), 0x05, -1, 0},
         {"no pointer", cut(0x34), 0x05, -1, 0},
         {"what an ordinary user sees", cut(0x40), 0x01, -1, 0},
@@ -158,9 +159,11 @@ TEST_F(pci_config, walks_the_capability_list_as_it_stands)
     };
     for (const auto &c : cases) {
         const opened_function function(c.config);
-        GIVES(pci_config_find_capability(c.id, function.handle), c.position, c.error) << c.what;
+        EXPECT_OUTCOME(pci_config_find_capability(c.id, function.handle),
+                       {.value = c.position, .error = c.error})
+            << c.what;
     }
-    GIVES(pci_config_find_capability(0x10, nullptr), -1, EINVAL);
+    EXPECT_OUTCOME(pci_config_find_capability(0x10, nullptr), {.value = -1, .error = EINVAL});
     for (const uint8_t link : {uint8_t{0x40}, uint8_t{0x48}}) {
         const opened_function function(three(0).put8(0x49, link).bytes());
         const auto walk_for_ever = [&] {
@@ -193,9 +196,11 @@ TEST_F(pci_config, asks_three_conditions_of_a_hot_plug_port)
     };
     for (const auto &c : cases) {
         const opened_function function(c.config.bytes());
-        GIVES(pcie_config_is_hotplug(function.handle), c.answer, c.error) << c.what;
+        EXPECT_OUTCOME(pcie_config_is_hotplug(function.handle),
+                       {.value = c.answer, .error = c.error})
+            << c.what;
     }
-    GIVES(pcie_config_is_hotplug(nullptr), 0, EINVAL);
+    EXPECT_OUTCOME(pcie_config_is_hotplug(nullptr), {.error = EINVAL});
 }
 
 //--- link -----------------------------------------------------------------------------------------
@@ -237,7 +242,8 @@ TEST_F(pci_config, waits_for_a_link_in_the_ports_own_way)
                 std::this_thread::sleep_for(milliseconds(c.after_ms));
                 chassis_sim::write_config16(ident.str, 0x58 + 0x12, c.later);
             });
-        GIVES(pcie_config_wait_link_up(&ident), c.result, c.error) << c.what;
+        EXPECT_OUTCOME(pcie_config_wait_link_up(&ident), {.value = c.result, .error = c.error})
+            << c.what;
         const auto waited = steady_clock::now() - start;
         EXPECT_GE(waited, milliseconds(c.reads == 51 ? 500 : c.after_ms)) << c.what;
         if (c.reads == 0)
@@ -246,8 +252,8 @@ TEST_F(pci_config, waits_for_a_link_in_the_ports_own_way)
         // Six reads find the capability, one is of the link capabilities.
         EXPECT_EQ(calls["pread"], 7 + c.reads) << c.what;
     }
-    GIVES(pcie_config_wait_link_up(&ident), -1, ENOENT);
-    GIVES(pcie_config_wait_link_up(nullptr), -1, -22);
+    EXPECT_OUTCOME(pcie_config_wait_link_up(&ident), {.value = -1, .error = ENOENT});
+    EXPECT_OUTCOME(pcie_config_wait_link_up(nullptr), {.value = -1, .error = -22});
     EXPECT_STREQ(pcie_config_link_strerror(71), "PCIe link-training stuck at asserted");
     EXPECT_STREQ(pcie_config_link_strerror(110), "PCIe link-up waiting timed out");
     EXPECT_STREQ(pcie_config_link_strerror(67), "PCIe link-up not achieved");

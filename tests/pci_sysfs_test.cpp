@@ -129,17 +129,18 @@ TEST_F(pci_sysfs, builds_paths_that_fit_and_opens_them)
     char *block = sysfs_pci_abspath(nullptr, 10, attr.c_str(), &ident);
     EXPECT_EQ(std::strcat(block, "/12345678"), dir + "/" + attr + "/12345678") << "there is room";
     std::free(block);
-    GIVES(sysfs_pci_abspath(nullptr, SIZE_MAX - 50, "config", &ident), nullptr, ENOMEM);
+    EXPECT_OUTCOME(sysfs_pci_abspath(nullptr, SIZE_MAX - 50, "config", &ident),
+                   {.value = nullptr, .error = ENOMEM});
 
     write_file(dir + "/enable", "1\n");
-    GIVES(sysfs_pci_access("enable", W_OK, &ident), 0, EXDEV);
-    GIVES(sysfs_pci_access("absent", F_OK, &ident), -1, ENOENT);
-    GIVES(sysfs_pci_open("enable", O_RDONLY, nobody), -1, -22);
+    EXPECT_OUTCOME(sysfs_pci_access("enable", W_OK, &ident), {});
+    EXPECT_OUTCOME(sysfs_pci_access("absent", F_OK, &ident), {.value = -1, .error = ENOENT});
+    EXPECT_OUTCOME(sysfs_pci_open("enable", O_RDONLY, nobody), {.value = -1, .error = -22});
     const int fd = sysfs_pci_open("enable", O_RDWR, &ident);
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
     for (const char *name : {no_name, ""}) {
-        GIVES(sysfs_pci_access(name, F_OK, &ident), -1, EINVAL);
-        GIVES(sysfs_pci_open(name, O_RDONLY, nobody), -1, EINVAL);
+        EXPECT_OUTCOME(sysfs_pci_access(name, F_OK, &ident), {.value = -1, .error = EINVAL});
+        EXPECT_OUTCOME(sysfs_pci_open(name, O_RDONLY, nobody), {.value = -1, .error = EINVAL});
     }
 }
 
@@ -151,7 +152,8 @@ TEST_F(pci_sysfs, shows_an_attribute_as_text_or_numbers)
     write_file(dir + "/empty", "");
     char text[8] = "#######";
     size_t count = 99;
-    GIVES(sysfs_pci_show(text, sizeof text, &count, "text", &ident) == text, true, EXDEV);
+    EXPECT_OUTCOME(sysfs_pci_show(text, sizeof text, &count, "text", &ident) == text,
+                   {.value = true});
     EXPECT_STREQ(text, "hello\n");
     EXPECT_EQ(count, 6u);
     EXPECT_STREQ(sysfs_pci_show(text, 4, nullptr, "text", &ident), "hel");
@@ -162,12 +164,15 @@ TEST_F(pci_sysfs, shows_an_attribute_as_text_or_numbers)
     const int fd = sysfs_pci_open("text", O_RDONLY, &ident);
     lseek(fd, 3, SEEK_SET); // does not matter
     EXPECT_STREQ(sysfs_pci_fshow(text, 2, nullptr, fd), "h");
-    GIVES(sysfs_pci_fshow(text, 1, nullptr, fd), nullptr, EINVAL);
-    GIVES(sysfs_pci_fshow(nullptr, SIZE_MAX, nullptr, fd), nullptr, ENOMEM);
+    EXPECT_OUTCOME(sysfs_pci_fshow(text, 1, nullptr, fd), {.value = nullptr, .error = EINVAL});
+    EXPECT_OUTCOME(sysfs_pci_fshow(nullptr, SIZE_MAX, nullptr, fd),
+                   {.value = nullptr, .error = ENOMEM});
     for (char *buffer : {text, static_cast<char *>(nullptr)}) {
-        GIVES(sysfs_pci_show(buffer, 8, &count, "empty", &ident), nullptr, EXDEV);
-        GIVES(sysfs_pci_show(buffer, 8, &count, "absent", &ident), nullptr, ENOENT);
-        GIVES(sysfs_pci_show(buffer, 8, &count, "", &ident), nullptr, EINVAL);
+        EXPECT_OUTCOME(sysfs_pci_show(buffer, 8, &count, "empty", &ident), {.value = nullptr});
+        EXPECT_OUTCOME(sysfs_pci_show(buffer, 8, &count, "absent", &ident),
+                       {.value = nullptr, .error = ENOENT});
+        EXPECT_OUTCOME(sysfs_pci_show(buffer, 8, &count, "", &ident),
+                       {.value = nullptr, .error = EINVAL});
     }
     EXPECT_EQ(count, page - 1);
 
@@ -196,27 +201,28 @@ TEST_F(pci_sysfs, shows_an_attribute_as_text_or_numbers)
     EXPECT_EQ(numbers_in(std::string(31, ' ') + "1", 2), numbers{1});
     EXPECT_EQ(numbers_in(std::string(29, ' ') + "12345", 1), numbers{12});
     int64_t value;
-    GIVES(sysfs_pci_show_nums(&value, 1, "empty", &ident), -1, EXDEV);
-    GIVES(sysfs_pci_show_nums(&value, 2, "empty", &ident), -1, EXDEV);
-    GIVES(sysfs_pci_show_nums(nullptr, 1, "numbers", &ident), -1, EINVAL);
-    GIVES(sysfs_pci_fshow_nums(&value, 1, -1), -1, EBADF);
+    EXPECT_OUTCOME(sysfs_pci_show_nums(&value, 1, "empty", &ident), {.value = -1});
+    EXPECT_OUTCOME(sysfs_pci_show_nums(&value, 2, "empty", &ident), {.value = -1});
+    EXPECT_OUTCOME(sysfs_pci_show_nums(nullptr, 1, "numbers", &ident),
+                   {.value = -1, .error = EINVAL});
+    EXPECT_OUTCOME(sysfs_pci_fshow_nums(&value, 1, -1), {.value = -1, .error = EBADF});
 }
 
 TEST_F(pci_sysfs, stores_a_text_or_a_number)
 {
     const auto stored = [](int64_t value) {
         write_file(dir + "/number", "");
-        GIVES(sysfs_pci_store_num(value, "number", &ident), 0, EXDEV);
+        EXPECT_OUTCOME(sysfs_pci_store_num(value, "number", &ident), {});
         return read_file(dir + "/number");
     };
     EXPECT_EQ(stored(0) + stored(9) + stored(10), "0\n9\n0xa\n");
     EXPECT_EQ(stored(-1) + stored(INT64_MAX), "0xffffffffffffffff\n0x7fffffffffffffff\n");
     write_file(dir + "/text", "12345");
-    GIVES(sysfs_pci_store("abc", "text", &ident), 0, EXDEV);
+    EXPECT_OUTCOME(sysfs_pci_store("abc", "text", &ident), {});
     EXPECT_EQ(read_file(dir + "/text"), "abc45") << "at position 0, no terminator";
-    GIVES(sysfs_pci_store(nullptr, "text", &ident), -1, EINVAL);
-    GIVES(sysfs_pci_store("", "text", &ident), -1, EINVAL);
-    GIVES(sysfs_pci_store("1", "absent", &ident), -1, ENOENT);
+    EXPECT_OUTCOME(sysfs_pci_store(nullptr, "text", &ident), {.value = -1, .error = EINVAL});
+    EXPECT_OUTCOME(sysfs_pci_store("", "text", &ident), {.value = -1, .error = EINVAL});
+    EXPECT_OUTCOME(sysfs_pci_store("1", "absent", &ident), {.value = -1, .error = ENOENT});
     EXPECT_FALSE(fs::exists(dir + "/absent"));
 
     // A file that may grow to eight bytes takes a part of a text.
@@ -231,7 +237,7 @@ TEST_F(pci_sysfs, stores_a_text_or_a_number)
         _exit(result == -1 && errno == EXDEV ? 0 : 1);
     };
     EXPECT_EXIT(store_a_part(), testing::ExitedWithCode(0), "");
-    GIVES(sysfs_pci_fstore_num(7, fd), 0, EXDEV);
+    EXPECT_OUTCOME(sysfs_pci_fstore_num(7, fd), {});
     EXPECT_EQ(read_file(dir + "/text"), "7\n345678");
 }
 
@@ -264,7 +270,7 @@ TEST_F(pci_sysfs, maps_memory_by_size_and_kind)
             const function_on_bus function(all);
             std::array<void *, 7> bars, expected = {};
             bars.fill(&bars);
-            DOES(sysfs_pci_mmap(bars.data(), 0, &ident), 0);
+            EXPECT_OUTCOME(sysfs_pci_mmap(bars.data(), 0, &ident), {.error = any_error});
             void *const window = expected[n] = bars[n];
             expected[6] = &bars;
             EXPECT_EQ(bars, expected);
@@ -283,23 +289,23 @@ TEST_F(pci_sysfs, leaves_out_what_is_masked_and_unmaps_all_when_one_fails)
 {
     const function_on_bus function(windows{{0, 0x1000}, {0, 0x2000}, {}, {0, 0x1000}});
     void *bars[6];
-    DOES(sysfs_pci_mmap(bars, 0x3e, &ident), 0);
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0x3e, &ident), {});
     EXPECT_TRUE(is_mapped(bars[0]) && !bars[1]);
     sysfs_pci_munmap(bars, &ident);
-    GIVES(sysfs_pci_mmap(bars, 0, nobody), -1, -22);
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, nobody), {.value = -1, .error = -22});
 
     fs::remove(dir + "/resource3");
     fs::create_directory(dir + "/resource3");
-    GIVES(sysfs_pci_mmap(bars, 0, &ident), -1, EISDIR);
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.value = -1, .error = EISDIR});
     EXPECT_TRUE(bars[0] && bars[1]) << "not reset";
     EXPECT_FALSE(is_mapped(bars[0]) || is_mapped(bars[1]));
-    DOES(sysfs_pci_mmap(bars, 0x08, &ident), 0);
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0x08, &ident), {.error = any_error});
     sysfs_pci_munmap(bars, &ident);
 
     // More than any address space.
     const off_t size = sizeof(void *) == 8 ? off_t{1} << 48 : off_t{0x1'0000'1000};
     ASSERT_EQ(truncate((dir + "/resource1").c_str(), size), 0);
-    GIVES(sysfs_pci_mmap(bars, 0, &ident), -1, ENOMEM);
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.value = -1, .error = ENOMEM});
     EXPECT_EQ(bars[1], MAP_FAILED);
     EXPECT_FALSE(is_mapped(bars[0]));
 }
@@ -310,16 +316,16 @@ TEST_F(pci_sysfs, takes_what_cannot_be_asked_for_memory_and_leaves_it_mapped)
     {
         const function_on_bus function(windows{{0x2000, 0x100, io}});
         fs::remove(dir + "/config");
-        DOES(sysfs_pci_mmap(bars, 0, &ident), 0);
+        EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.error = any_error});
         void *const window = bars[0];
         sysfs_pci_munmap(bars, &ident);
         EXPECT_TRUE(is_mapped(window) && !bars[0]);
-        DOES(sysfs_pci_mmap(bars, 0, &ident), 0);
+        EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.error = any_error});
     }
     void *const window_of_a_vanished_device = bars[0];
     sysfs_pci_munmap(bars, &ident);
     EXPECT_TRUE(is_mapped(window_of_a_vanished_device) && !bars[0]);
-    DOES(sysfs_pci_mmap(bars, 0, &ident), 0);
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.error = any_error});
     EXPECT_EQ(bars[0], nullptr);
 }
 
@@ -385,7 +391,7 @@ TEST_F(pci_sysfs, finds_devices_between_holes_in_sorted_order)
     // Names that no kernel gives are cut: of more than 99 and 255 characters with the directory.
     add(std::string(90, 'a'));
     make_directory(bus + "/" + std::string(250, 'b'));
-    DOES(sysfs_pci_info_init(), 0, "", log_of(8));
+    EXPECT_OUTCOME(sysfs_pci_info_init(), {.error = any_error, .out = log_of(8)});
     sysfs_pci_get_next_element_t handle;
     sysfs_pci_info_fetch_init(&handle);
     std::string found;
@@ -402,22 +408,22 @@ TEST_F(pci_sysfs, iterates_and_reports_unusable_iterators_to_syslog)
 {
     syslog_socket syslog;
     sysfs_pci_get_next_element_t handle = {7, &handle};
-    DOES((sysfs_pci_info_fetch_init(&handle), handle.key), 0, "", empty_set);
-    DOES((errno = EXDEV, sysfs_pci_info_fetch_next(&handle)), nullptr, "", "", EXDEV, 1);
-    DOES((sysfs_pci_info_fetch_init(nullptr), 0), 0);
-    DOES(sysfs_pci_info_fetch_next(nullptr), nullptr);
+    EXPECT_OUTCOME((sysfs_pci_info_fetch_init(&handle), handle.key), {.out = empty_set});
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(&handle), {.value = nullptr, .opens = 1});
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_init(nullptr), {});
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(nullptr), {.value = nullptr});
     EXPECT_EQ(syslog.take(), "<11>The Received handle is corrupted \n<11>Pci Info Init failed \n"
                              "<11>Received Null Handle for next element fetch \n");
     add("0000:00:01.0");
     write_file(bus + "/zz", "a hole behind the last device");
-    DOES(sysfs_pci_info_init(), 0, "", log_of(4));
+    EXPECT_OUTCOME(sysfs_pci_info_init(), {.error = any_error, .out = log_of(4)});
     sysfs_pci_info_fetch_init(&handle);
-    DOES(sysfs_pci_info_fetch_next(&handle), a_pointer);
-    DOES(sysfs_pci_info_fetch_next(&handle), nullptr);
-    DOES(sysfs_pci_info_fetch_next(&handle), nullptr);
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(&handle), {.value = a_pointer});
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(&handle), {.value = nullptr});
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(&handle), {.value = nullptr});
     EXPECT_EQ(handle.key++, 4u);
     EXPECT_EQ(syslog.take(), "");
-    DOES(sysfs_pci_info_fetch_next(&handle), nullptr);
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(&handle), {.value = nullptr});
     EXPECT_EQ(syslog.take(), "<11>The Received handle key count is invalid\n");
 }
 
@@ -460,7 +466,7 @@ TEST_F(pci_sysfs, goes_on_behind_bad_attributes)
             write_file(file, c.contents);
         if (c.log.ends_with('%'))
             c.log.replace(c.log.size() - 1, 1, file + "\n\n");
-        DOES(sysfs_pci_info_init(), 0, "", log_of(3, c.log));
+        EXPECT_OUTCOME(sysfs_pci_info_init(), {.error = any_error, .out = log_of(3, c.log)});
         const sysfs_pci_info_t &info = last_scan()->element[2];
         EXPECT_EQ(text_of(info.id) + text_of(info.resource_bar, 2), c.ids + " 0 " + dir + c.bars);
     }
@@ -504,7 +510,7 @@ TEST_F(pci_sysfs, scans_in_part_or_not_at_all_when_a_call_fails)
     EXPECT_EQ(by_call + (heap_can_fail ? by_allocation : ""), failures_of(EXDEV, scan_and_count));
     fs::rename(bus, "/sys/elsewhere");
     make_symlink(bus, "/sys/elsewhere"); // a link is no directory here
-    DOES(scan_and_count(), -1, "", no_path + empty_set);
+    EXPECT_OUTCOME(scan_and_count(), {.value = -1, .out = no_path + empty_set});
 }
 
 // The n-th of the functions that a full bus 0, bus 1, ... have.
@@ -545,7 +551,7 @@ TEST_F(pci_sysfs, copes_with_4096_devices_in_20_system_calls_each)
 
 TEST_F(pci_sysfs, lists_what_is_named_like_an_identity_and_a_bridges_own_children)
 {
-    GIVES(sysfs_pci_list(), nullptr, ENOENT);
+    EXPECT_OUTCOME(sysfs_pci_list(), {.value = nullptr, .error = ENOENT});
     for (const char *name :
          {"0000:00:1f.3", "fFfF:aB:Cd.7", "000a:00:00.0", "0000:00:1f.8", "0000:00:1f.a",
           "0000:00:1f", "0000:00:1f.3x", "00000:00:1f.3", "0000-00:1f.3", "0000:00-1f.3",
@@ -562,9 +568,9 @@ TEST_F(pci_sysfs, lists_what_is_named_like_an_identity_and_a_bridges_own_childre
         return sysfs_pci_children_list(&bridge);
     };
     EXPECT_EQ(taken(children_of("0000:05:00.0")), "");
-    GIVES(children_of("0000:06:00.0"), nullptr, ENOENT);
-    GIVES(children_of("0000:04:00.0x"), nullptr, ENAMETOOLONG);
-    GIVES(sysfs_pci_children_list(nobody), nullptr, -22);
+    EXPECT_OUTCOME(children_of("0000:06:00.0"), {.value = nullptr, .error = ENOENT});
+    EXPECT_OUTCOME(children_of("0000:04:00.0x"), {.value = nullptr, .error = ENAMETOOLONG});
+    EXPECT_OUTCOME(sysfs_pci_children_list(nobody), {.value = nullptr, .error = -22});
 }
 
 TEST_F(pci_sysfs, fills_what_it_can_of_a_record)
@@ -579,7 +585,7 @@ TEST_F(pci_sysfs, fills_what_it_can_of_a_record)
     const sysfs_pci_identity_t id = identity("0000:00:1f.3");
     const std::string path = bus + "/" + id.str;
     add(id.str);
-    DOES(fill(&id), 0);
+    EXPECT_OUTCOME(fill(&id), {});
     EXPECT_EQ(text_of(dev), "f0ca 1 f0ca 1 5b " + path);
     const auto fill_it = [&] { return fill(&id); };
     fail_each_call(EXDEV, fill_it, [](const run &run) {
@@ -593,8 +599,8 @@ TEST_F(pci_sysfs, fills_what_it_can_of_a_record)
     EXPECT_EQ(text_of(dev), "f0ca ffff f0ca fffe 5b " + path);
     write_file(path + "/vendor", "0x10000\n");
     write_file(path + "/device", "12abc\n");
-    DOES(fill(&id), 2);
-    DOES(fill(nobody), 4);
+    EXPECT_OUTCOME(fill(&id), {.value = 2});
+    EXPECT_OUTCOME(fill(nobody), {.value = 4, .error = any_error});
     EXPECT_EQ(text_of(dev), "ffff ffff ffff ffff 0 ");
     EXPECT_EQ(sysfs_pci_dev_fill(&dev, nobody), 0);
 }
@@ -628,7 +634,9 @@ TEST_F(qel_pci_hotswap, installs_its_module_and_logs_what_fails)
         fs::remove(chassis_sim::modprobe_log);
         chassis_sim::replace_modprobe(c.ending);
         // The first opens the log.
-        DOES(install(c.opts), c.failure.empty() ? 0 : -1, "", "", any_error, &c == cases);
+        EXPECT_OUTCOME(
+            install(c.opts),
+            {.value = c.failure.empty() ? 0 : -1, .error = any_error, .opens = &c == cases});
         EXPECT_EQ(read_file(chassis_sim::modprobe_log),
                   "[/sbin/modprobe][-s][qel_pci_hotswap" + c.option + "]\n");
         const std::string option = c.option.empty() ? "" : c.option.replace(0, 2, " ");
@@ -662,20 +670,20 @@ TEST_F(qel_pci_hotswap, enables_a_bridge_waits_for_what_is_behind_and_disables)
     chassis_sim::pci_function card;
     card.id = "0000:04:00.0";
     chassis_sim::add_hotswap_bridge(ident.str, card, 60);
-    DOES(qel_pci_hotswap_bridge_usable(&ident), 0);
+    EXPECT_OUTCOME(qel_pci_hotswap_bridge_usable(&ident), {});
     const auto start = steady_clock::now();
     EXPECT_EQ(taken(qel_pci_hotswap_bridge_enable(&ident)), "0000:04:00.0 ");
     EXPECT_GE(steady_clock::now() - start, milliseconds(60));
-    DOES(qel_pci_hotswap_bridge_disable(&ident), 0);
+    EXPECT_OUTCOME(qel_pci_hotswap_bridge_disable(&ident), {});
     EXPECT_EQ(read_file(dir + "/bridge_enable"), "0\n");
 }
 
 TEST_F(qel_pci_hotswap, looks_101_times_and_passes_on_what_fails)
 {
     const auto all_fail = [](const sysfs_pci_identity_t *id, int error) {
-        GIVES(qel_pci_hotswap_bridge_usable(id), -1, error);
-        GIVES(qel_pci_hotswap_bridge_enable(id), nullptr, error);
-        GIVES(qel_pci_hotswap_bridge_disable(id), -1, error);
+        EXPECT_OUTCOME(qel_pci_hotswap_bridge_usable(id), {.value = -1, .error = error});
+        EXPECT_OUTCOME(qel_pci_hotswap_bridge_enable(id), {.value = nullptr, .error = error});
+        EXPECT_OUTCOME(qel_pci_hotswap_bridge_disable(id), {.value = -1, .error = error});
     };
     const auto enable = [] { return qel_pci_hotswap_bridge_enable(&ident); };
     all_fail(nobody, -22);
@@ -686,7 +694,7 @@ TEST_F(qel_pci_hotswap, looks_101_times_and_passes_on_what_fails)
     const std::string attribute = dir + "/bridge_enable";
     write_file(attribute, "0\n");
     const auto start = steady_clock::now();
-    GIVES(enable(), nullptr, ENODEV);
+    EXPECT_OUTCOME(enable(), {.value = nullptr, .error = ENODEV});
     EXPECT_GE(steady_clock::now() - start, milliseconds(500));
     auto calls = system_calls_of(enable);
     EXPECT_EQ(calls["open"], 1 + 101);
@@ -701,7 +709,7 @@ TEST_F(qel_pci_hotswap, looks_101_times_and_passes_on_what_fails)
         std::this_thread::sleep_for(milliseconds(40));
         fs::rename(dir, "/sys/gone");
     });
-    GIVES(enable(), nullptr, ENOENT);
+    EXPECT_OUTCOME(enable(), {.value = nullptr, .error = ENOENT});
 }
 
 //--- failing system calls -------------------------------------------------------------------------

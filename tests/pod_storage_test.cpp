@@ -385,7 +385,7 @@ TEST_P(storage, each_failing_call_gives_the_documented_result)
         std::string told;
         fail_each_call(EIO, c.call, [&](const run &one) {
             write_file(s.path, c.before);
-            const auto &[value, err, out, error, opens] = one.seen;
+            const auto &[value, error, err, out, opens] = one.seen;
             const char letter = one.failed[1]; // of pread, pwrite, open, mkdir, close
             const bool fails = value.number < 0;
             if (letter == 'r' || letter == 'w')

@@ -41,9 +41,6 @@ struct function_on_bus {
     function_on_bus &operator=(const function_on_bus &) = delete;
 };
 
-// States a silent call whole: its result, and what becomes of an errno of EXDEV.
-#define GIVES(call, value, error) DOES((errno = EXDEV, call), value, "", "", error)
-
 // An operation that tells of each call that fails by this result and the call's errno, leaves
 // nothing behind and prints nothing. A close that fails changes nothing, nor does a call that
 // begins like one of `ignored`.
@@ -61,7 +58,7 @@ inline void hold(const promise &promised)
     const int runs = fail_each_call(EXDEV, promised.operation, [&](const run &run) {
         const auto fails = [&run](const std::string &call) { return run.failed.starts_with(call); };
         const auto &ignored = promised.ignored;
-        outcome expected = {promised.failure, "", "", fails("allocation") ? ENOMEM : EXDEV};
+        outcome expected = {promised.failure, fails("allocation") ? ENOMEM : EXDEV};
         if (fails("close") || std::any_of(ignored.begin(), ignored.end(), fails))
             expected = whole;
         EXPECT_EQ(expected, run.seen) << run;

@@ -114,7 +114,7 @@ void copy(char (&to)[8192], const std::string &text)
     const outcome seen = outcome_of([&] {
         ::syscall(marker, 0);
         blocks = 0;
-        errno = 0;
+        errno = untouched;
         allocations_left = allocation;
         const result value = operation();
         const int error = errno;
@@ -232,7 +232,7 @@ public:
     run what() const
     {
         return {failed_,
-                {told_->value, told_->err, told_->out, told_->error, told_->opens},
+                {told_->value, told_->error, told_->err, told_->out, told_->opens},
                 told_->blocks};
     }
 

@@ -14,7 +14,7 @@ namespace test
 // files stays.
 struct run {
     std::string failed; // the call that failed, with its path if it has one: "open /dev/uio0"
-    outcome seen = {0, "", ""};
+    outcome seen;
     long blocks = 0; // on the heap after it and not before; always 0 under the address sanitizer
 };
 std::ostream &operator<<(std::ostream &stream, const run &what);

@@ -59,7 +59,9 @@ bool outcome::operator==(const outcome &seen) const
 std::ostream &operator<<(std::ostream &stream, const outcome &what)
 {
     stream << what.value.number;
-    if (what.error != any_error)
+    if (what.error == untouched)
+        stream << ", errno untouched";
+    else if (what.error != any_error)
         stream << ", errno " << what.error << " (" << std::strerror(what.error) << ")";
     if (what.opens != 0)
         stream << ", " << what.opens << " descriptors more";
@@ -69,12 +71,12 @@ std::ostream &operator<<(std::ostream &stream, const outcome &what)
 
 outcome outcome_of(const std::function<result()> &call)
 {
-    outcome seen = {0, "", ""};
+    outcome seen;
     std::fflush(nullptr);
     const long before = open_descriptors();
     capture out(STDOUT_FILENO);
     capture err(STDERR_FILENO);
-    errno = 0;
+    errno = untouched;
     seen.value = call();
     seen.error = errno;
     seen.err = short_lines(err.end());
@@ -90,6 +92,29 @@ streams output_of(const std::function<void()> &code)
         return 0;
     });
     return {seen.out, seen.err};
+}
+
+testing::AssertionResult is_expected(const std::string &name, const std::string &text)
+{
+    const std::string path = EXPECTED_TEXTS "/" + name;
+    if (std::getenv("RENEW_EXPECTED")) {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream(path, std::ios::binary) << text;
+    }
+    const auto lines = [](const std::string &all) {
+        std::istringstream stream(all);
+        std::vector<std::string> each;
+        for (std::string line; std::getline(stream, line);)
+            each.push_back(line);
+        return each;
+    };
+    const std::string expected = read_file(path);
+    if (expected == text)
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << "--- " << path << "\n+++ seen\n"
+           << testing::internal::edit_distance::CreateUnifiedDiff(lines(expected), lines(text))
+           << "RENEW_EXPECTED=1 in the environment renews the file.";
 }
 
 long open_descriptors()

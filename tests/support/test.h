@@ -18,6 +18,7 @@ namespace test
 {
 
 constexpr int any_error = -1;
+constexpr int untouched = 0x4711; // what errno is before a call
 
 // A call's result: a number, or a pointer of which only NULL or not NULL counts.
 struct result {
@@ -30,10 +31,10 @@ inline const void *const a_pointer = &errno;
 
 // All that a call does to its process. What an expectation does not name must not happen.
 struct outcome {
-    result value;
+    result value = 0;
+    int error = untouched; // errno after the call
     std::string err = {};  // on standard error
     std::string out = {};  // on standard output
-    int error = any_error; // errno after the call, which finds 0 there
     long opens = 0;        // descriptors that are open after it and were not before
     bool operator==(const outcome &seen) const;
 };
@@ -43,9 +44,33 @@ std::ostream &operator<<(std::ostream &stream, const outcome &what);
 // asserted of the outcome is seen.
 outcome outcome_of(const std::function<result()> &call);
 
-// States a call whole: DOES(call, result, standard error, standard output, errno, descriptors).
+// States what a call does: EXPECT_OUTCOME(call, {.value = -1, .error = EINVAL}).
+#define EXPECT_OUTCOME(call, ...)                                                                  \
+    EXPECT_EQ((test::outcome __VA_ARGS__),                                                         \
+              test::outcome_of([&] { return test::value_of([&] { return call; }); }))
+
+// What a call returns; 0 if that is nothing.
+result value_of(const auto &call)
+{
+    if constexpr (std::is_void_v<decltype(call())>)
+        return call(), 0;
+    else
+        return call();
+}
+
+// The same by position: result, standard error, standard output, errno which was 0, descriptors.
+inline outcome positional(result value, const std::string &err = "", const std::string &out = "",
+                          int error = any_error, long opens = 0)
+{
+    return {value, error, err, out, opens};
+}
 #define DOES(call, ...)                                                                            \
-    EXPECT_EQ((test::outcome{__VA_ARGS__}), test::outcome_of([&] { return call; }))
+    EXPECT_EQ(test::positional(__VA_ARGS__), test::outcome_of([&] { return errno = 0, call; }))
+
+// Whether a text is that of tests/expected/NAME; shows what differs. With RENEW_EXPECTED in the
+// environment, the file becomes that text.
+testing::AssertionResult is_expected(const std::string &name, const std::string &text);
+#define EXPECT_TEXT(name, text) EXPECT_TRUE(test::is_expected(name, text))
 
 // What a piece of code writes to standard output and to standard error.
 struct streams {
