@@ -90,14 +90,17 @@ TEST(chassis, answers_what_is_wrong_with_one_line_and_goes_on)
         script += "chassis-sim ctl " + words + "; echo $?; ";
     script += "head -c 9999 /dev/zero >/dev/chassis; ls /dev/uio0; "
               "chassis-sim ctl remove uio0; ls /dev/uio0; chassis-sim ctl interrupt uio0";
-    const string seen = shell("chassis-sim -- sh -c '" + script + "'");
+    string seen = shell("chassis-sim -- sh -c '" + script + "'");
+    // Nobody waits for the answers to what head writes: they may come late.
+    const string late = "chassis-sim: unknown control line '\n";
+    for (size_t at; (at = seen.find(late)) != string::npos;)
+        seen.erase(at, late.size());
     string expected;
     for (const auto &[words, line] : controls)
         expected += "chassis-sim: " + line + "\n1\n";
-    EXPECT_TRUE(seen.starts_with(expected)) << seen;
-    EXPECT_TRUE(seen.ends_with("\n/dev/uio0\nls: cannot access '/dev/uio0': No such file or "
-                               "directory\nchassis-sim: uio0 is not plugged\n1"))
-        << seen;
+    expected += "/dev/uio0\nls: cannot access '/dev/uio0': No such file or directory\n"
+                "chassis-sim: uio0 is not plugged\n1";
+    EXPECT_EQ(seen, expected);
 }
 
 TEST(chassis, lives_as_long_as_what_runs_in_it_and_no_longer)
