@@ -40,12 +40,16 @@ const shared_library &libpci()
 
 void ignore(char *, ...) {}
 
+// udev's database says what the list of PCI identities says, and where a machine has none the
+// library loses memory with each look-up in it.
+constexpr int list_alone = PCI_LOOKUP_NO_HWDB;
+
 template <typename... Ids>
 std::optional<std::string> look_up(pci_access *access, int what, Ids... ids)
 {
     char buffer[256];
     const char *name = LIBPCI(pci_lookup_name)(access, buffer, sizeof buffer,
-                                               what | PCI_LOOKUP_NO_NUMBERS, ids...);
+                                               what | PCI_LOOKUP_NO_NUMBERS | list_alone, ids...);
     return name ? std::optional(printable(name)) : std::nullopt;
 }
 
@@ -87,9 +91,10 @@ std::string pci_names::heading(unsigned vendor, unsigned device, unsigned device
     const auto look_up_number = LIBPCI(pci_lookup_name);
     const std::string text = fmt::format(
         "{}: {}",
-        look_up_number(access_.get(), what, sizeof what, PCI_LOOKUP_CLASS, device_class >> 8),
-        look_up_number(access_.get(), name, sizeof name, PCI_LOOKUP_VENDOR | PCI_LOOKUP_DEVICE,
-                       vendor, device));
+        look_up_number(access_.get(), what, sizeof what, PCI_LOOKUP_CLASS | list_alone,
+                       device_class >> 8),
+        look_up_number(access_.get(), name, sizeof name,
+                       PCI_LOOKUP_VENDOR | PCI_LOOKUP_DEVICE | list_alone, vendor, device));
     return printable(revision ? fmt::format("{} (rev {:02x})", text, revision) : text);
 }
 
