@@ -55,6 +55,11 @@ need_compiler_and_tests() {
         pciutils python3-jsonschema python3-prometheus-client "$@"
 }
 
+debian_release() (
+    # shellcheck disable=SC1091 # every Debian has it
+    . /etc/os-release && echo "$VERSION_CODENAME"
+)
+
 # list_archives FILE: the Debian archives that the machine itself uses, as lines of apt's sources.
 list_archives() {
     # shellcheck disable=SC2016 # apt's own variables
