@@ -51,47 +51,7 @@ TEST(devaccess, does_what_it_is_told_and_prints_the_documented_json)
     start_chassis("n10");
     for (const auto &log : chassis_sim::sample_post_logs())
         write_file("/var/tmp/saved/" + log.name, log.image(chassis_sim::byte_order::little));
-    expect("devaccess ", R"(
---json pci write 3:0.0 0x3c 0x5a --width 8 -> 0 | "value":90,"width":8
-pci read 03:00.0 2 --width 16 -> 0 | id:        0000:03:00.0\noffset:    0x02\nwidth:     16\n
-pci children 00:1c.0 -> 0 | ID            IDS        DRIVER  LINK         SLOT  CLASS              NAME\n0000:03:00.0  f0ca:0020  
-pci show 00:19.0 --json -> 0 | "resources":[{"bar":0,"base":4043309056,"flags":262656,"kind":"32-bit memory","size":131072}]
-pci caps 00:19.0 --json -> 0 | {"capability":5,"kind":"standard","name":"MSI","offset":72,
-pci link-wait 00:1c.0 --json -> 0 | "link":"up"
-pci bridge usable 00:1e.0 --json -> 0 | "usable":true
-pci bridge usable 00:1c.0 --json -> 1 | "usable":false | "errno":2,"format":1
-pci bridge enable 00:1e.0 --json -> 0 | "id":"0000:06:00.0"
-pci bridge disable 00:1e.0 --json -> 0 | "id":"0000:00:1e.0"
-pci children 00:1e.0 --json -> 0 | "devices":[]
-uio list --json -> 0 | {"device":"/sys/devices/platform/regblock.0","driver":"regblock"
-uio info uio0 --json -> 0 | "maps":[{"bar":0,"map":0,"offset":0,"size":4096},{"bar"
-uio info sysfs_pci:uio_cma.alsw1 --json -> 0 | "emulated":true
-uio write 0 1 0x18 18446744073709551615 --width 64 --json -> 0 | 0xffffffffffffffff
-uio read /dev/uio0 1 0x1a --width 16 --json -> 0 | "value":65535,"value_hex":"0xffff"
-uio wait /dev/uio0 --timeout 20 --json -> 0 | "event_count":1
-postlog list error --json -> 0 | "histories":[{"block":"error","history":1}]
-postlog show test --json -> 0 | {"block":"test","history":2,"message":"PCIe link: pass"}],"format":1,"history":2}
-postlog show test --post-dir /var/tmp/saved -> 0 | PCIe link: pass
-inventory store PM4 S1 PC --json -> 0 | "file":"/flash/diags/PM4.div"
-inventory show PM4 --json -> 0 | "serial_number":"S1"
-inventory clear RPSWfoo --json -> 0 | "file":"/var/log/diags/RPSW.div"
-help pci read -> 0 | Read configuration registers
-podlog cards --help -> 0 | --chassis TYPE
---version -> 0 | devaccess 0.
-pci raed --json -> 2 | | "command":"devaccess pci","errno":null,"format":1,"hint":"did you mean 'read'? See
-uio read uio0 5 0 -v -> 1 | | *
-uio read uio0 5 0 -v 2>&1 |grep -c 'devaccess: library: .*mapinfo(): map.5. not found' -> 0 | 1\n
---complete '' |cut -f1 |xargs -> 0 | collect inventory mem metrics pci podlog postlog uio\n
---complete p -> 0 | podlog	POD logs of the cards\n
---complete pci read --w -> 0 | --width	in bits
---complete pci read 03:00.0 0 --width '' -> 0 | 16\n32\n8\n
---complete podlog --chassis=n10 show PM -> 0 | PM1\nPM2\nPM3\nPM4\nPM5\nPM6\n
---complete podlog --chassis=n -> 0 | --chassis=n10\n--chassis=n20\n--chassis=n4\n
---complete podlog status SW1 '' -> 0 | failed\ninvalid\npassed\n
---complete podlog copy SW1 --eeprom '' -> 0 | :paths\n
---complete pci show 0000:03 -> 0 | 0000:03:00.0\n
---complete pci read 0000:03:00.0 EXP_LNKS -> 0 | EXP_LNKSTA\nEXP_LNKSTA2\n
-)");
+    follow("devaccess/commands.txt");
     expect_documented();
 }
 
@@ -102,62 +62,12 @@ TEST(devaccess, says_in_one_line_what_is_wrong)
     std::fstream window(chassis_sim::pci_link("0000:03:00.0") + "/resource0",
                         std::ios::in | std::ios::out | std::ios::binary);
     window.seekp(0xF008).write("\x10\x6f\x11\xe5", 4).flush(); // each word that it gives
-    expect("devaccess ", R"(
- -> 2 | | devaccess: A subcommand is required; see devaccess --help
-pci raed 03:00.0 0 -> 2 | | 'raed' is no command; did you mean 'read'? See devaccess pci --help
-podlgo list SW1 -> 2 | | 'podlgo' is no command; did you mean 'podlog'? See devaccess --help
-podlog list SW1 --pod-dri x -> 2 | | '--pod-dri' is no option; did you mean '--pod-dir'? See devaccess podlog list
-podlog list RPWS1 -> 1 | | of that name; did you mean 'RPSW1'? 'devaccess podlog cards' shows
-podlog list SW9 -> 1 | | of that name; 'devaccess podlog cards' shows
-pci read 03:00.0 -> 2 | | REGISTER is required; see devaccess pci read --help
-pci read 3:0 0 -> 2 | | '3:0' names no PCI function; write 0000:03:00.0
-pci read 03:00.0 12h -> 2 | | the offset '12h' is no number; write 26 or 0x1a
-pci read 03:00.0 0x100000000 -> 2 | | 0x100000000 is too large; at most 0xffffffff
-uio read /dev/uio0 0 0 --width '' -> 2 | | --width
-uio wait /dev/uio0 --timeout nan -> 2 | | 'nan' is no number of seconds
-uio read /dev/uio0 0 2 -> 2 | | must be a multiple of 4 bytes
-uio write 0 0 '' 1 -> 2 | | the offset '' is no number
-uio dump 0 0 0 6 -> 2 | | the length must be a multiple of 4 bytes
-uio dump 0 0 0x1000 -> 1 | | the window has 0x1000 bytes
-uio wait 0 --count 0 -> 2 | | the count must be at least 1
-podlog status '' failed -> 2 | | CARD: it is empty
-podlog show RPSW1 --chassis n30 -> 2 | | --chassis
-inventory store SW1 123456789012345 P -> 2 | | is longer than 14 characters
-podlog salvage -> 2 | | either CARD or --file
-pci read 03:00.0 2 -> 1 | | register 0x2 of 0000:03:00.0: Invalid argument; offsets
-pci read 03:00.0 0x1000 -> 1 | | beyond the end of the configuration space
-pci show 99:00.0 -> 1 | | 0000:99:00.0: No such file or directory; 'devaccess pci list' shows
-pci link-wait 00:19.0 -> 1 | | it has no PCI Express capability; ports of
-pci bridge enable 00:1c.0 -> 1 | | it has no attribute 'bridge_enable'; hot-swap
-uio info /dev/uio7 -> 1 | | open /dev/uio7: No such file or directory; 'devaccess uio list'
-uio info sysfs_pci:uio_cma.sw9 -> 1 | | no such register block, or no card in that slot
-uio read /dev/uio0 1 0xfffffffc -> 1 | | the window has 0x2000 bytes
-uio read /dev/uio0 63 0 -> 1 | | map window 63 of /dev/uio0: there is none
-uio wait sysfs_pci:uio_cma.alsw1 -> 1 | | Bad file descriptor; emulated devices
-podlog show EXT1 -> 1 | | find the card EXT1: this chassis has none of that name
-podlog copy FT1 --eeprom /tmp/e -> 1 | | the card has no secondary storage
-podlog list SW1 --eeprom / -> 1 | | read /: Is a directory; is it a file
-podlog salvage --file /none -> 1 | | there is no such file; 'devaccess podlog save'
-podlog save RPSW1 /none/f -> 1 | | No such file or directory; is the directory there
-podlog save RPSW1 --force /dev/null -> 1 | | it is no regular file
-postlog show event 3 -> 1 | | history 3 of the POST event log:
-postlog show test --pcie 03:00.0:0 -> 1 | | invalid subblock # 275714533
-inventory show SW2 -> 1 | | open inventory /flash/diags/SW2.div: No such file or directory; 'dev
-inventory clear SW9 -> 1 | | find the slot SW9
-pci list >/dev/full -> 1 | | devaccess: cannot write standard output
-pci list >&- -> 1 | | devaccess: cannot write standard output
---help >/dev/full -> 1 | | devaccess: cannot write standard output
-)");
+    follow("devaccess/errors.txt");
     // On a terminal, in colour; an ordinary user is told what is missing, whichever the command.
-    expect("script -qec ", R"('devaccess pci children 0:1c.0' /dev/null -> 0 | [1mID  
-'devaccess uio info 7' /dev/null -> 1 | [31mdevaccess:)");
-    expect("DEVACCESS_CHASSIS=n3 devaccess ", R"(--complete podlog show '' -> 0
-inventory store SW1 1 P -> 0)");
+    follow("devaccess/terminal.txt");
+    follow("devaccess/errors_of_the_environment.txt");
     if (is_root)
-        expect("$USER1 ", R"(podlog prepare SW1 -> 1 | | ; run it as root\n
-inventory clear SW1 -> 1 | | ; run it as root\n
-uio read 0 0 0 -> 1 | | open /dev/uio0: Permission denied; run it as root\n
-pci write 3:0.0 0 0 -> 1 | | ; run it as root\n)");
+        follow("devaccess/errors_of_an_ordinary_user.txt");
 }
 
 TEST(devaccess, walks_capability_lists_that_are_extended_broken_or_circular)
@@ -168,26 +78,25 @@ TEST(devaccess, walks_capability_lists_that_are_extended_broken_or_circular)
         function.id = "0000:00:10.0";
         function.config = config.bytes();
         chassis_sim::add_pci(function);
-        expect("devaccess ", R"(pci caps 0:10.0 --json |tr -dc a-z0-9:, |)"
-                             R"(grep -o 'capability:[0-9]*\|complete:[a-z]*' |cut -d: -f2 |xargs)"
-                             " -> 0 | " +
-                                 ids + "\\n");
+        const result seen = run("devaccess pci caps 0:10.0 --json | "
+                                "jq -c '[.complete, (.capabilities | map(.capability))]'");
+        EXPECT_EQ(seen.out, ids + "\n");
         chassis_sim::remove_pci(function.id);
     };
     chassis_sim::config_builder extended(0, 4096);
     extended.msi();
     extended.put32(0x100, 0x14010001).put32(0x140, 0x00010003);
-    expect_ids(extended, "true 5 1 3");
+    expect_ids(extended, "[true,[5,1,3]]");
     extended.put32(0x140, 0x10010003); // back to 0x100
-    expect_ids(extended, "false 5 1 3");
+    expect_ids(extended, "[false,[5,1,3]]");
     extended.put32(0x100, 0xffffffff);
-    expect_ids(extended, "true 5");
+    expect_ids(extended, "[true,[5]]");
     chassis_sim::config_builder circular(0x80); // of a device with several functions
     const uint8_t first = circular.power_management();
     const uint8_t second = circular.msi();
     for (const uint8_t next : {first, uint8_t{0x10}}) { // the second leads into the header
         circular.put8(second + 1u, next);
-        expect_ids(circular, "false 1 5");
+        expect_ids(circular, "[false,[1,5]]");
     }
 }
 
@@ -196,24 +105,7 @@ TEST(devaccess, walks_capability_lists_that_are_extended_broken_or_circular)
 TEST(devaccess, writes_to_no_card_of_an_unknown_chassis)
 {
     start_chassis("");
-    expect("devaccess podlog ", R"(
-cards -> 0 | RPSW1 | cards are those of the library's built-in table\n
-cards --json -> 0 | "table":"built-in"
-cards --json |grep -c '"card"' -> 0 | 22\n
-cards --json --chassis n20 |grep -c '"card"' -> 0 | 18\n
-cards --json --chassis n10 |grep -c '"card"' -> 0 | 12\n
-cards --json --chassis n4 |grep -c '"card"' -> 0 | 13\n
-cards --chassis n20 -> 0 | ALSW2  -   file     1           1\n
-cards --chassis n20 --rp2 -> 0 | RPSW2  -   nvram    0 
-cards 2>&- && devaccess --chassis n20 podlog cards -> 0 | PM8
-add SW1 x -> 2 | | to write, the chassis type is needed: --chassis n20, n10 or n4, or the
-copy SW1 --eeprom /tmp/e -> 2 | | to write, the chassis type is needed
-prepare -> 2 | | to write, the chassis type is needed
-status SW2 passed -> 2 | | to write, the chassis type is needed
-faults clear-all -> 2 | | to write, the chassis type is needed
-repair RPSW1 --yes -> 2 | | to write, the chassis type is needed
-reset RPSW1 --yes -> 2 | | to write, the chassis type is needed
-)");
+    follow("devaccess/podlog_of_an_unknown_chassis.txt");
     EXPECT_FALSE(fs::exists("/var/pod/pod_sw1.hex"));
 }
 
@@ -225,58 +117,14 @@ TEST(devaccess, keeps_shows_copies_and_follows_logs)
         fs::create_directory(directory);
         ASSERT_EQ(::mount("small", directory, "tmpfs", 0, "size=4k"), 0);
     }
-    expect("devaccess podlog ", R"(
-status -> 1 | | /dev/nvlog-pod is blank; 'devaccess podlog prepare RPSW1' makes a log
-prepare -> 0
-prepare RPSW1 --json -> 0 | "done":"kept"
-check --json -> 0 | "good":true,"histories":0,"path":"/var/pod/pod_pem8.hex"
-)");
+    follow("devaccess/podlog_prepare.txt");
     for (const char *card : {"RPSW1", "RPSW2", "ALSW1", "SW1", "PM8"}) {
         ::setenv("CARD", card, 1);
-        expect("devaccess podlog ", R"rows(
-add $(echo $CARD |tr A-Z a-z) "of $CARD" --level I --diag mem --result OK -> 0
-add $CARD -- "$(printf '\033[31mred \134x1b \303\251')" -> 0
-next --json $CARD -> 0 | "history":1
-add $CARD later --json --level 'E: ' -> 0 | "message":"E: later","replaced":false
-list --json $CARD -> 0 | "entries":1,"history":1
-    },{"card":
-show $CARD 0 |sed s/$CARD/it/g -> 0 | Z  I: mem  OK  of it\n
-show --json $CARD 0 -> 0 | "history":0,"message":"\\x1b[31mred \\\\x1b é"}]
-)rows");
+        follow("devaccess/podlog_of_each_storage.txt");
     }
-    expect("devaccess podlog ", R"(
-add --strict SW2 $LONG -> 1 | | 64 characters and is cut to 63
-list SW2 -> 0 | no histories
-add SW2 $LONG -> 0 | | 64 characters and is cut to 63; write less
-list SW2 && for i in $(seq 19); do devaccess podlog add SW2 $i; done -> 0 | *
-add SW2 last --json -> 0 | "replaced":true
-add SW2 x -> 0 | | its last entry is replaced; 'devaccess podlog next SW2' starts
-add SW2 y --strict -> 1 | | its last entry is replaced
-check SW2 -> 0 | yes   1          20       -
-copy ALSW1 --eeprom /var/tmp/e -> 0 | copied:   1
-copy ALSW1 --eeprom /var/tmp/e --json -> 0 | "copied":1
-list ALSW1 --eeprom /var/tmp/e -> 0 | 1        1 
-copy ALSW1 --eeprom /var/tmp/notes -> 1 | | neither empty nor an EEPROM's log
-check && cat /var/tmp/notes -> 0 | my precious notes
-copy ALSW1 --eeprom /var/tmp/notes --force -> 0 | copied:   1
-status alsw1 PASSED -> 0
-status RPSW2 0x12 -> 0
-status RPSW2 -> 0 | RPSW2  1      Failed  0x00000012\n
-status SW4 0xffffffff --json -> 0 | "status":"Invalid","value":4294967295
-faults set ALSW2 -> 0
-faults set SW4 --json -> 0 | "mask":136
-faults -> 0 | ALSW2  3      yes\nSW1    4      no\n
-faults clear SW4 --json -> 0 | "mask":8
-faults clear-all --json -> 0 | "mask":0
-status && od -An -tx4 -j 16312 -N 12 /dev/nvlog-pod -> 0 | 80000000 00000012 00000000
-copy ALSW1 --eeprom /var/tmp/small/e -> 1 | | No space left on device; make room
-save RPSW1 /var/tmp/small/s -> 1 | | No space left on device; make room
-cards >&- 2>&-; ls -A /var/tmp/small -> 0
-cards && yes >/flash/diags/full; devaccess inventory store SW1 1 P -> 1 | * | *
-cards && ls -A /flash/diags -> 0 | full
-)");
+    follow("devaccess/podlog_limits_and_status.txt");
     ASSERT_EQ(::mount("small", "/var/pod", "tmpfs", 0, "size=8k"), 0);
-    expect("devaccess podlog ", "prepare SW3 -> 1 | | cannot prepare the log of SW3");
+    follow("devaccess/podlog_full_disk.txt");
     EXPECT_TRUE(fs::is_empty("/var/pod"));
     ASSERT_EQ(::umount("/var/pod"), 0);
     const pid_t follower =
@@ -287,13 +135,13 @@ cards && ls -A /flash/diags -> 0 | full
     };
     wait_for("later\n");
     // And on, before it looks again.
-    expect("devaccess podlog ", "add SW1 three -> 0\nnext SW1 -> 0\nadd SW1 four -> 0");
+    run("devaccess podlog add SW1 three && devaccess podlog next SW1 && devaccess podlog add SW1 four");
     wait_for("four\n");
     ::kill(follower, SIGKILL);
     ::waitpid(follower, nullptr, 0);
     const string seen = test::replaced(read_file("/var/tmp/seen"), ".*Z  ", "");
     EXPECT_EQ(seen, "E: later\nthree\nfour\n");
-    expect("timeout 2 ", R"(devaccess podlog show SW1 --follow --json -> 124 | "message":"four")");
+    follow("devaccess/podlog_follow.txt");
     expect_documented();
 }
 
@@ -434,7 +282,7 @@ void expect_led_out(const string &first, const string &what)
 TEST(devaccess, leads_by_its_hints_out_of_every_damage)
 {
     start_chassis();
-    expect("devaccess podlog ", "prepare SW2 -> 0\nadd SW2 x -> 0"); // for its EEPROM
+    run("devaccess podlog prepare SW2 && devaccess podlog add SW2 x"); // for its EEPROM
     for (const storage &where : storages) {
         const string good = make_log(where);
         const auto with = [&](size_t position, const string &bytes) {
@@ -466,47 +314,18 @@ TEST(devaccess, leads_by_its_hints_out_of_every_damage)
 TEST(devaccess, says_where_a_log_is_damaged_and_keeps_what_is_good)
 {
     start_chassis();
-    expect("devaccess podlog ", "prepare -> 0");
+    run("devaccess podlog prepare");
     make_log(storages[0]);
-    expect("devaccess podlog ", "status ALSW1 failed -> 0\nfaults set SW1 -> 0");
+    run("devaccess podlog status ALSW1 failed && devaccess podlog faults set SW1");
     string damaged = read_file("/dev/nvlog-pod");
     const string words = damaged.substr(16384 - 72);
     damaged[48 + 1600 + 9] ^= 1;           // header of history 1
     damaged[48 + 3200 + 20 + 80 + 1] ^= 1; // entry 1 of history 2
     put_bytes("/dev/nvlog-pod", damaged);
     fs::resize_file("/var/pod/pod_sw2.hex", 100);
-    expect("devaccess podlog ", R"(
-add RPSW1 x -> 1 | | podlog_init: failed to initialize primary storage for instance id 1001!: header of
-list RPSW1 -> 1 | unreadable:  1\n | 1 of 10 histories could not be read (header of history 1: bad check
-show RPSW1 -> 1 | first 2 | history 2 of RPSW1: entry 1 of history 2: bad checksum
-show RPSW1 0 -> 0 | second 0
-check RPSW1 -> 1 | RPSW1  header  1        -      1648 | 1 of 1 storages are not
-check --json -> 1 | 16284 bytes of 16384 are missing | "hint":"of RPSW1: 
-check RPSW1 --all -> 1 | index   -        -      32  | *
-status ALSW1 -> 0 | Failed
-status ALSW1 passed -> 1 | | header of history 1: bad checksum; 'devaccess podlog check RPSW1' tells
-prepare RPSW1 --yes -> 1 | | it holds a log, which is damaged
-save RPSW1 /var/tmp/saved -> 0
-save RPSW1 /var/tmp/saved -> 1 | | there is such a file
-repair RPSW1 -> 1 | | 2 of its records are bad; 5 entries would be kept
-repair RPSW1 --yes --save /var/tmp/saved -> 1 | | there is such a file
-repair RPSW1 --yes --save /var/tmp/before -> 0 | entries:  5 | is saved in /var/tmp/before
-show RPSW1 1 && cmp /var/tmp/saved /var/tmp/before -> 0 | second 1
-repair RPSW1 --json -> 0 | "saved":null
-list RPSW1 --nvram /var/tmp/saved -> 1 | * | 'devaccess podlog salvage RPSW1 --nvram /var/tmp/saved'
-status --nvram /var/tmp/saved --json -> 0 | {"card":"ALSW1","index":2,"status":"Failed","value":
-faults --nvram /var/tmp/saved -> 0 | mask:  0x00000010
-salvage --file /var/tmp/saved --json -> 0 | "history":1,"message":"second 1"
-show SW3 --pod-dir /var/pod -> 0 | no entries
-)");
+    follow("devaccess/podlog_damage.txt");
     EXPECT_EQ(read_file("/dev/nvlog-pod").substr(16384 - 72), words);
-    expect("devaccess podlog ", R"(
-reset RPSW1 -> 1 | | 5 entries in 3 histories, the status words and the fault flags would
-reset RPSW1 --yes -> 0 | | lost: 5 entries in 3 histories
-reset SW2 --yes --json -> 0 | "lost_entries":0
-check -> 0 | *
-status ALSW1 -> 0 | Invalid
-)");
+    follow("devaccess/podlog_reset.txt");
     expect_documented();
 }
 
@@ -515,14 +334,8 @@ status ALSW1 -> 0 | Invalid
 TEST(devaccess, describes_every_command)
 {
     ::setenv("NOTES", SOURCE "/docs/devaccess.in.md", 1);
-    expect("", R"(
-devaccess --page man |diff - ${NOTES%/docs/*}/tools/cli/devaccess.1 -> 0
-devaccess --page md <$NOTES |diff - ${NOTES%.in.md}.md -> 0
-sed 's/info/none/' $NOTES |devaccess --page md -> 1 | | the notes have 'uio none' twice, or it is no
-grep -v '### `metrics' $NOTES |devaccess --page md -> 1 | | the notes lack 'metrics'
-sed -n 's/^### `\(.*\)`/"\1": {/p' $NOTES |while read -r i; do grep -qF "$i" )" SCHEMA
-               R"( || echo $i; done -> 0
-)");
+    ::setenv("SCHEMA", SCHEMA, 1);
+    follow("devaccess/pages.txt");
 }
 
 //--- chassis-sim ----------------------------------------------------------------------------------
@@ -538,23 +351,7 @@ TEST(chassis_sim, shows_in_what_the_command_sees)
     ::setenv("NODE", "node() { mknod /dev/$1 c $(tr : ' ' </sys/class/zmt_nvram/nvram$2/dev); }",
              1);
     ::setenv("LINK", "od -An -tx2 -j 90 -N 2 /sys/bus/pci/devices/0000:00:1c.0/config", 1);
-    expect("chassis-sim ", R"(
---version -> 0 | chassis-sim 0.
--- sh -c 'ls /var/pod |wc -l; ls /sys/bus/pci/devices |wc -l; pwd' -> 0 | 17\n9\n/
---chassis n10 -- sh -c 'ls /var/pod |wc -l; ls /var/pod/pod_sw1.hex /var/pod/pod_pem7.hex' -> 2 | 11\n | *
---chassis n4 -- sh -c 'ls /var/pod |wc -l; grep -c "FT3 passed" /var/pod/pod_pem4.hex' -> 0 | 12\n2\n
---pod-log empty -- sh -c 'ls /var/pod 2>&-; eval "$NODE"; node nvlog-pod 0; tr -d \\0 </dev/nvlog-pod' -> 0
---post-log empty -- sh -c 'eval "$NODE"; node nvlog-ofw-event 1; tr -d \\0 </dev/nvlog-ofw-event' -> 0
---pod-log $IMAGES/pod -- sh -c 'eval "$NODE"; node nvlog-pod 0; cat /dev/nv* /sys/class/zmt_nvram/nvram0/size' -> 0 | contents of pod0xf\n
---post-log $IMAGES -- sh -c 'eval "$NODE"; node nvlog-diag-error 3; cat /dev/nvlog-*' -> 0 | contents of nvlog-diag-error
---pci-devices 100 -- sh -c 'ls /sys/bus/pci/devices |wc -l; cat /sys/bus/pci/devices/0000:21:00.0/device' -> 0 | 109\n0x0040\n
---uio-appears 1000 -- sh -c 'ls /dev/uio* 2>&-; until test -e /dev/uio0; do :; done' -> 0
---fault link-stuck --fault nvram-truncated -- sh -c '$LINK; eval "$NODE"; node nvlog-pod 0; wc -c </dev/nvlog-pod' -> 0 |  0841\n8192\n
---fault bridge-empty -- sh -c 'cd /sys/bus/pci/devices; echo 1 >0000:00:1e.0/bridge_enable; sleep 0.3; test -e 0000:06:00.0' -> 1
---fault nvram-truncated -- devaccess podlog repair RPSW1 --yes --chassis n20 -> 1 | | *
---version; echo '{"uio": [{"irq_control": false}], "timeline": [{"every_ms": 20, "do": "interrupt uio0"}]}' |chassis-sim --description /dev/stdin -- devaccess uio wait 0 --count 1 --timeout 20 -> 0 | /dev/uio0
---describe |sed 's/^{/{"faults": [{"device": "nvlog-pod", "call": "write", "error": "EIO"}],/' |chassis-sim --description /dev/stdin -- devaccess podlog reset RPSW1 --yes --chassis n20 -> 1 | | what was written did not arrive
-)");
+    follow("chassis_sim/options.txt");
     fs::remove_all(images);
 }
 

@@ -13,16 +13,17 @@ using test::read_file;
 // A line of the shell, for which both programs are commands.
 pid_t start(const std::string &line, const char *out, const char *error);
 
-// It has run; what it printed as JSON is one line without times, and kept.
+// It has run; what it printed as JSON is kept. What changes from run to run is "<now>" and the
+// like.
 struct result {
     int status;
     std::string out, error;
 };
 result run(const std::string &line);
 
-// Lines "COMMAND -> STATUS | OUTPUT | ERROR", of which parts of the texts are enough; without a
-// text there must be none, "*" is any, "\n" the end of a line. Commands begin with the words given.
-void expect(const std::string &words, const std::string &table);
+// Runs the commands of tests/expected/NAME, which begin with "$ ", one after another, and compares
+// what they print with what stands after them: "! " is standard error, "= STATUS" a status but 0.
+void follow(const std::string &name);
 
 // Every document that was printed is what the schema says of the command that printed it.
 void expect_documented();
