@@ -1,7 +1,7 @@
 // The POD log in a file and in NVRAM, whose node is a plain file of memory here, compared with the
 // system calls that each operation needs: every record read or written once.
 #include "bench/bench.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <device_access/pod_log.h>
 #include <device_access/pod_log_file.h>

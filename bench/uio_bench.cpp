@@ -2,7 +2,7 @@
 // with the system calls that this is made of, and with those of a program that knows the device
 // already.
 #include "bench/bench.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 #include "sim/program/private_root.h"
 
 #include <device_access/libuio.h>

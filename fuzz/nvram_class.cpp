@@ -3,7 +3,7 @@
 // Input: the texts, separated by the byte 0x1e: "name", "dev", "baseaddr", "size" and "mode" of
 // nvram0, then of nvram1.
 #include "fuzz/post_log.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 #include "sim/parts/nvram.h"
 #include "sim/parts/post_log.h"
 #include "sim/program/private_root.h"

@@ -2,7 +2,7 @@
 //
 // Input: the contents of the files below, separated by the byte 0x1e, then an identity.
 #include "fuzz/support.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 #include "sim/program/private_root.h"
 
 #include <device_access/pci_sysfs.h>

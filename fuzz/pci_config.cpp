@@ -1,6 +1,6 @@
 // The configuration space of a PCI function. The input is its "config" file.
 #include "fuzz/support.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 #include "sim/program/private_root.h"
 
 #include <device_access/pci_config.h>

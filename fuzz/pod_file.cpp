@@ -1,6 +1,6 @@
 // The POD log in a file, and its copy into an EEPROM by the front end.
 #include "fuzz/pod_storage.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 #include "sim/program/private_root.h"
 
 #include <device_access/pod_log.h>

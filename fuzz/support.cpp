@@ -1,6 +1,6 @@
 #include "fuzz/support.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -3,7 +3,7 @@
 // Input: the texts, separated by the byte 0x1e: the "dev" files of the device's and of another
 // class directory, then the sizes of two maps and the name of a third one.
 #include "fuzz/support.h"
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 #include "sim/program/private_root.h"
 
 #include <device_access/libuio.h>

@@ -1,3 +1,4 @@
+// Numbers as bytes, and their checksum.
 #include "sim/base/bytes.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Reaches into the memory and the descriptors of the process that asks.
 #include "sim/devices/asking_process.h"
 
 #include <algorithm>
@@ -7,9 +8,11 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <linux/audit.h>
 #include <linux/capability.h>
 #include <sys/fsuid.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -21,8 +24,8 @@ namespace
 constexpr size_t longest_path = 4096;
 constexpr size_t page = 4096;
 
-// The number behind a word in one of the texts of /proc.
-int number_behind(const std::string &text, const std::string &word, int base)
+// The number after a word in one of the texts of /proc.
+int number_after(const std::string &text, const std::string &word, int base)
 {
     const size_t place = text.find(word);
     return place == std::string::npos
@@ -34,7 +37,7 @@ int number_behind(const std::string &text, const std::string &word, int base)
 
 pid_t asking_process::id() const
 {
-    return number_behind(file_text(proc("status")), "Tgid:", 10);
+    return number_after(file_text(proc("status")), "Tgid:", 10);
 }
 
 std::string asking_process::proc(const std::string &entry) const
@@ -98,7 +101,7 @@ std::string asking_process::path(int directory, uint64_t address) const
 bool asking_process::may_open(const std::string &path, int flags) const
 {
     const std::string status = file_text(proc("status"));
-    if (number_behind(status, "\nCapEff:", 16) & 1 << CAP_DAC_OVERRIDE)
+    if (number_after(status, "\nCapEff:", 16) & 1 << CAP_DAC_OVERRIDE)
         return true;
     const auto effective = [&status](const std::string &word) {
         const size_t place = status.find(word);
@@ -125,7 +128,14 @@ owned_fd asking_process::copy_of(int fd) const
 bool asking_process::closes_on_exec(int fd) const
 {
     const std::string info = file_text(proc("fdinfo/" + std::to_string(fd)));
-    return (number_behind(info, "flags:", 8) & O_CLOEXEC) != 0;
+    return (number_after(info, "flags:", 8) & O_CLOEXEC) != 0;
+}
+
+unsigned int asking_process::descriptor_limit() const
+{
+    rlimit limit = {};
+    ::prlimit(thread_, RLIMIT_NOFILE, nullptr, &limit);
+    return static_cast<unsigned int>(std::min<rlim_t>(limit.rlim_cur, 1 << 20));
 }
 
 asked_call::asked_call(int listener) : listener_(listener), process_(0)
@@ -152,6 +162,17 @@ void asked_call::respond(int error, int64_t value, uint32_t flags) const
 void asked_call::result(int64_t value) const
 {
     respond(static_cast<int>(std::min<int64_t>(value, 0)), std::max<int64_t>(value, 0), 0);
+}
+
+void asked_call::result_with(uint64_t address, const void *data, size_t size) const
+{
+    result(process_.write(address, data, size) ? static_cast<int64_t>(size) : -EFAULT);
+}
+
+uint64_t asked_call::file_offset() const
+{
+    constexpr uint64_t unit = 4096; // of mmap2, whatever the page size
+    return data_.arch == AUDIT_ARCH_I386 ? argument(5) * unit : argument(5);
 }
 
 void asked_call::pass() const

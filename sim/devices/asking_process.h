@@ -1,6 +1,7 @@
+// The process whose system call is being answered, and the call.
 #pragma once
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -41,6 +42,9 @@ public:
     owned_fd copy_of(int fd) const;
     bool closes_on_exec(int fd) const;
 
+    // How many descriptors it may have.
+    unsigned int descriptor_limit() const;
+
 private:
     std::string proc(const std::string &entry) const;
     owned_fd memory(int mode) const;
@@ -61,12 +65,16 @@ public:
     uint64_t argument(size_t i) const { return data_.args[i]; }
     int int_argument(size_t i) const { return static_cast<int>(data_.args[i]); }
 
+    // Of mmap: where in the file, in bytes.
+    uint64_t file_offset() const;
+
     // Whether the caller waits still: a signal may have come.
     bool waits() const;
 
     // The answers: a result, or an errno below 0; what the kernel would do; a new descriptor, under
     // that number if one is given.
     void result(int64_t value) const;
+    void result_with(uint64_t address, const void *data, size_t size) const; // written there
     void pass() const;
     void descriptor(int fd, bool close_on_exec, std::optional<unsigned int> number) const;
 

@@ -1,8 +1,10 @@
+// The server's end of control lines.
 #include "sim/devices/control_line.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <memory>
 
 #include <sys/socket.h>
 
@@ -13,21 +15,30 @@ namespace
 
 constexpr size_t longest_line = 4096;
 
-}
-
-control_line::control_line(bool client_reads, obey_line obey)
-    : client_reads_(client_reads), obey_(std::move(obey))
+class control_line
 {
-    int ends[2];
-    must(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
-    client_end_.reset(ends[0]);
-    own_end_.reset(ends[1]);
-}
+public:
+    control_line(owned_fd own_end, bool client_reads, obey_line obey)
+        : own_end_(std::move(own_end)), client_reads_(client_reads), obey_(std::move(obey))
+    {
+    }
+
+    // Obeys the lines that are there; false when the client has closed its end.
+    bool read();
+
+private:
+    void handle(const std::string &line);
+
+    owned_fd own_end_;
+    bool client_reads_;
+    obey_line obey_;
+    std::string text_; // of a line without its end
+};
 
 bool control_line::read()
 {
     char block[512];
-    const ssize_t length = ::recv(fd(), block, sizeof block, MSG_DONTWAIT);
+    const ssize_t length = ::recv(own_end_.get(), block, sizeof block, MSG_DONTWAIT);
     if (length < 0)
         return errno == EAGAIN || errno == EINTR;
     text_.append(block, static_cast<size_t>(length));
@@ -53,10 +64,26 @@ void control_line::handle(const std::string &line)
     }
     if (client_reads_) {
         answer += '\n';
-        ::send(fd(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        ::send(own_end_.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     } else if (answer != "ok") {
         complain(answer);
     }
+}
+
+} // namespace
+
+owned_fd open_control_line(event_loop &loop, bool client_reads, obey_line obey)
+{
+    int ends[2];
+    must(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), "socketpair");
+    const int own_end = ends[1];
+    const auto line =
+        std::make_shared<control_line>(owned_fd(own_end), client_reads, std::move(obey));
+    loop.watch(own_end, [&loop, line, own_end] {
+        if (!line->read())
+            loop.forget(own_end);
+    });
+    return owned_fd(ends[0]);
 }
 
 } // namespace chassis_sim

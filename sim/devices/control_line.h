@@ -1,6 +1,7 @@
+// Lines that a client writes to a file of the chassis, such as /dev/chassis, and each is obeyed.
 #pragma once
 
-#include "sim/base/support.h"
+#include "sim/devices/event_loop.h"
 
 #include <functional>
 #include <string>
@@ -8,29 +9,11 @@
 namespace chassis_sim
 {
 
-// The server's end of a client's opening of /dev/chassis: takes its lines and tells what became of
-// them.
-class control_line
-{
-public:
-    // Does what a line says; throws a failure when that cannot be done.
-    using obey_line = std::function<void(const std::string &)>;
-    control_line(bool client_reads, obey_line obey);
+// Does what a line says; throws a failure when that cannot be done.
+using obey_line = std::function<void(const std::string &)>;
 
-    int fd() const { return own_end_.get(); }
-    owned_fd take_client_end() { return std::move(client_end_); }
-
-    // Obeys the lines that are there; false when the client has closed its end.
-    bool read();
-
-private:
-    void handle(const std::string &line);
-
-    bool client_reads_;
-    obey_line obey_;
-    owned_fd client_end_;
-    owned_fd own_end_;
-    std::string text_; // of a line without its end
-};
+// A client's end of a new line. Who reads it too is told what became of each; for others that is
+// said on standard error.
+owned_fd open_control_line(event_loop &loop, bool client_reads, obey_line obey);
 
 } // namespace chassis_sim

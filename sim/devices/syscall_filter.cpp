@@ -1,6 +1,7 @@
+// Builds the seccomp filter, and tells its calls apart.
 #include "sim/devices/syscall_filter.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <cerrno>
 #include <map>

@@ -1,3 +1,4 @@
+// Which system calls are asked about, and on which arguments.
 #pragma once
 
 #include <optional>

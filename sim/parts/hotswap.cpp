@@ -1,6 +1,8 @@
+// Writes what the hot-swap drivers show, and does what their attributes ask for.
 #include "sim/parts/hotswap.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
+#include "sim/base/process.h"
 
 #include <cerrno>
 #include <chrono>
@@ -103,19 +105,19 @@ fpga_card chassis_fpga_card()
             {0x40000, 0x80000, 0x80000, 0x200000, 0x8000000}};
 }
 
-function_description chassis_bridge_card()
+pci_function chassis_bridge_card()
 {
-    function_description card;
+    pci_function card;
     card.id = "0000:06:00.0";
     card.device = 0x0030;
-    card.bars = {{{0xf2000000, 0x4000}, {}}};
+    card.windows = {{0xf2000000, 0x4000}};
     return card;
 }
 
 void add_chassis_hotswap(int appears_ms)
 {
     add_fpga_card(chassis_fpga_card());
-    add_hotswap_bridge(hotswap_bridge, made_of(chassis_bridge_card()), appears_ms);
+    add_hotswap_bridge(hotswap_bridge, chassis_bridge_card(), appears_ms);
     replace_modprobe();
 }
 

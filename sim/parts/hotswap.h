@@ -1,6 +1,7 @@
+// The hot-swap name service, cards with FPGAs, and bridges that are enabled by an attribute.
 #pragma once
 
-#include "sim/parts/pci.h"
+#include "sim/parts/pci_tree.h"
 
 #include <cstdint>
 #include <string>
@@ -32,7 +33,7 @@ void add_hotswap_bridge(const std::string &id, const pci_function &behind, int a
 // add_hotswap_bridge says.
 inline constexpr char hotswap_bridge[] = "0000:00:1e.0";
 fpga_card chassis_fpga_card();
-function_description chassis_bridge_card();
+pci_function chassis_bridge_card();
 void add_chassis_hotswap(int appears_ms = 20);
 
 // Replaces /sbin/modprobe by a program that adds its words, "[/sbin/modprobe][-s]...", as a line to

@@ -1,6 +1,7 @@
+// Writes the sysfs directories of NVRAM blocks.
 #include "sim/parts/nvram.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <cstdio>
 
@@ -26,7 +27,7 @@ std::string nvram_class_dir(unsigned int number)
     return "/sys/class/zmt_nvram/nvram" + std::to_string(number);
 }
 
-void add_nvram(device_server &server, const nvram_description &description)
+void add_nvram(chassis_nodes &nodes, const nvram_description &description)
 {
     const std::string link = nvram_class_dir(description.number);
     const std::string dir =
@@ -42,8 +43,8 @@ void add_nvram(device_server &server, const nvram_description &description)
     make_relative_symlink(dir + "subsystem", "/sys/class/zmt_nvram");
     make_relative_symlink(link, dir.substr(0, dir.size() - 1));
     const size_t reachable = description.contents.size() - description.unreachable;
-    server.add(storage_node{"/dev/" + description.name, description.contents.substr(0, reachable),
-                            description.unreachable == 0});
+    nodes.add(storage_node{"/dev/" + description.name, description.contents.substr(0, reachable),
+                           description.unreachable == 0});
 }
 
 } // namespace chassis_sim

@@ -1,6 +1,7 @@
+// NVRAM blocks, as sysfs shows them.
 #pragma once
 
-#include "sim/devices/device_server.h"
+#include "sim/parts/nodes.h"
 
 #include <cstdint>
 #include <string>
@@ -20,8 +21,8 @@ struct nvram_description {
 
 std::string nvram_class_dir(unsigned int number);
 
-// Builds the block's sysfs directory and gives its node, "/dev/NAME", to the server, which must not
-// be started yet. Who wants the node makes it with mknod, as on the chassis.
-void add_nvram(device_server &server, const nvram_description &description);
+// Builds the block's sysfs directory and adds its node, "/dev/NAME", to those of the chassis. Who
+// wants the node makes it with mknod, as on the chassis.
+void add_nvram(chassis_nodes &nodes, const nvram_description &description);
 
 } // namespace chassis_sim

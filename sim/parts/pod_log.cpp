@@ -1,6 +1,7 @@
+// Puts POD logs together.
 #include "sim/parts/pod_log.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 namespace chassis_sim
 {

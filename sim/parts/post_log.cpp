@@ -1,3 +1,4 @@
+// Puts POST logs together.
 #include "sim/parts/post_log.h"
 
 #include "sim/parts/nvram.h"
@@ -102,7 +103,7 @@ std::vector<nvram_image> images(const std::vector<post_block> &blocks)
     return made;
 }
 
-void add_post_logs(device_server &server, const std::vector<nvram_image> &blocks,
+void add_post_logs(chassis_nodes &nodes, const std::vector<nvram_image> &blocks,
                    unsigned int first_number)
 {
     uint32_t base_address = 0xF0004000;
@@ -112,15 +113,15 @@ void add_post_logs(device_server &server, const std::vector<nvram_image> &blocks
         nvram.name = block.name;
         nvram.contents = block.contents;
         nvram.base_address = base_address;
-        add_nvram(server, nvram);
+        add_nvram(nodes, nvram);
         base_address += static_cast<uint32_t>(block.contents.size());
     }
 }
 
-void add_post_logs(device_server &server, const std::vector<post_block> &blocks,
+void add_post_logs(chassis_nodes &nodes, const std::vector<post_block> &blocks,
                    unsigned int first_number)
 {
-    add_post_logs(server, images(blocks), first_number);
+    add_post_logs(nodes, images(blocks), first_number);
 }
 
 } // namespace chassis_sim

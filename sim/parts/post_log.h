@@ -3,7 +3,7 @@
 #pragma once
 
 #include "sim/base/bytes.h"
-#include "sim/devices/device_server.h"
+#include "sim/parts/nodes.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -54,9 +54,9 @@ struct nvram_image {
 std::vector<nvram_image> images(const std::vector<post_block> &blocks);
 
 // Gives the chassis the logs as NVRAM blocks numbered from first_number on.
-void add_post_logs(device_server &server, const std::vector<nvram_image> &blocks,
+void add_post_logs(chassis_nodes &nodes, const std::vector<nvram_image> &blocks,
                    unsigned int first_number);
-void add_post_logs(device_server &server, const std::vector<post_block> &blocks,
+void add_post_logs(chassis_nodes &nodes, const std::vector<post_block> &blocks,
                    unsigned int first_number);
 
 } // namespace chassis_sim

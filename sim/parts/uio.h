@@ -1,7 +1,9 @@
+// UIO devices, as sysfs shows them.
 #pragma once
 
-#include "sim/devices/device_server.h"
+#include "sim/parts/nodes.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,12 +32,15 @@ struct uio_description {
     std::vector<register_answer> answers;
 };
 
+// The window that sysfs shows in a directory of this name and with this "size"; none, when it is no
+// window's.
+std::optional<uio_map_range> map_range(const std::string &name, const std::string &size);
+
 // Where the sysfs directory of uioN, and that of the device on its bus, are.
 std::string uio_class_dir(unsigned int number);
 std::string uio_device_dir(unsigned int number);
 
-// Builds the sysfs directories of a UIO device and gives its node to the server, which must not be
-// started yet.
-void add_uio(device_server &server, const uio_description &description);
+// Builds the sysfs directories of a UIO device and adds its node to those of the chassis.
+void add_uio(chassis_nodes &nodes, const uio_description &description);
 
 } // namespace chassis_sim

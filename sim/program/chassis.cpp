@@ -1,3 +1,4 @@
+// Builds a chassis of its parts.
 #include "sim/program/chassis.h"
 
 #include <algorithm>
@@ -97,7 +98,7 @@ void build_tree(const chassis_description &description, const pod_logs &pod)
     for (const auto &eeprom : description.eeproms)
         write_file(eeprom.path, std::string(std::min<size_t>(eeprom.size, largest_image), '\xff'),
                    0666);
-    for (const function_description &function : description.functions)
+    for (const pci_function &function : description.functions)
         add_pci(function);
     for (const auto &slot : description.slots)
         add_pci_slot(slot.name, slot.address);
@@ -105,7 +106,7 @@ void build_tree(const chassis_description &description, const pod_logs &pod)
     for (const fpga_card &card : description.fpga_cards)
         add_fpga_card(card);
     for (const auto &bridge : description.hotswap_bridges)
-        add_hotswap_bridge(bridge.id, made_of(bridge.behind), bridge.appears_ms);
+        add_hotswap_bridge(bridge.id, bridge.behind, bridge.appears_ms);
     replace_modprobe();
 }
 

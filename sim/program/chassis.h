@@ -3,11 +3,13 @@
 // chassis-sim builds a whole one and runs a command inside.
 #pragma once
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
+#include "sim/base/process.h"
+#include "sim/devices/control_client.h"
 #include "sim/devices/device_server.h"
 #include "sim/parts/hotswap.h"
 #include "sim/parts/nvram.h"
-#include "sim/parts/pci.h"
+#include "sim/parts/pci_tree.h"
 #include "sim/parts/pod_log.h"
 #include "sim/parts/post_log.h"
 #include "sim/parts/uio.h"
@@ -24,7 +26,7 @@ uio_description chassis_register_block();
 
 // A whole chassis; at first, the built-in one. Times are in milliseconds.
 struct chassis_description {
-    std::vector<function_description> functions = chassis_functions();
+    std::vector<pci_function> functions = chassis_functions();
     struct slot {
         std::string name;
         std::string address;
@@ -33,7 +35,7 @@ struct chassis_description {
     std::vector<fpga_card> fpga_cards = {chassis_fpga_card()};
     struct bridge {
         std::string id;
-        function_description behind;
+        pci_function behind;
         int appears_ms = 20; // from its enabling to the device behind it; -1: never
     };
     std::vector<bridge> hotswap_bridges = {{hotswap_bridge, chassis_bridge_card()}};

@@ -37,9 +37,9 @@ struct settings {
     std::vector<std::string> command;
 };
 
-chassis_sim::function_description &port_of(chassis_description &chassis)
+chassis_sim::pci_function &port_of(chassis_description &chassis)
 {
-    for (chassis_sim::function_description &function : chassis.functions)
+    for (chassis_sim::pci_function &function : chassis.functions)
         if (function.id == chassis_sim::pci_root_port)
             return function;
     throw failure(std::string("there is no port ") + chassis_sim::pci_root_port);

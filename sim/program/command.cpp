@@ -1,6 +1,7 @@
+// Waits for the command and for all that it has started, and passes signals on.
 #include "sim/program/command.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <cerrno>
 #include <chrono>

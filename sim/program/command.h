@@ -1,3 +1,4 @@
+// Runs the command of a chassis.
 #pragma once
 
 #include <string>

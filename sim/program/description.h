@@ -1,3 +1,4 @@
+// A chassis as JSON text.
 #pragma once
 
 #include "sim/program/chassis.h"

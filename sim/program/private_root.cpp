@@ -1,6 +1,7 @@
+// Builds the root that a chassis shows, and moves into it.
 #include "sim/program/private_root.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <cerrno>
 #include <cstring>

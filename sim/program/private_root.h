@@ -1,3 +1,4 @@
+// The mount namespace that a chassis lives in.
 #pragma once
 
 namespace chassis_sim

@@ -1,4 +1,4 @@
-// The archive may come from anywhere.
+// Reads a recording with libarchive, and builds what was recorded. It may come from anywhere.
 #include "sim/program/recorded_chassis.h"
 
 #include "sim/program/chassis.h"
@@ -155,6 +155,9 @@ void add_uio_nodes(device_server &devices)
         node.device_dir = device;
         node.event_attr = directory / "event";
         node.links = {{link, directory}};
+        for (const fs::path &map : entries_of((directory / "maps").string()))
+            if (const auto range = map_range(map.filename(), file_text(map / "size")))
+                node.maps.push_back(*range);
         if (fs::exists(device / "uio_maps"))
             node.removal_attr = device / "uio_maps";
         devices.add(node);
@@ -163,7 +166,7 @@ void add_uio_nodes(device_server &devices)
 
 void add_nvram_nodes(device_server &devices, const recording &recorded)
 {
-    constexpr unsigned int first_index = 64; // behind those of UIO devices
+    constexpr unsigned int first_index = 64; // after those of UIO devices
     unsigned int index = first_index;
     for (const fs::path &link : entries_of("/sys/class/zmt_nvram")) {
         std::string name = file_text(link / "name");

@@ -1,3 +1,4 @@
+// Chassis that were recorded on a machine.
 #pragma once
 
 #include <string>

@@ -1,6 +1,6 @@
 #include "support/register_trap.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <csignal>
 #include <cstdlib>

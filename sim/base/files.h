@@ -1,7 +1,8 @@
+// Descriptors, and files as the chassis makes them.
 #pragma once
 
-#include <functional>
-#include <stdexcept>
+#include "sim/base/failure.h"
+
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,20 +11,6 @@
 
 namespace chassis_sim
 {
-
-// What keeps a chassis from being built, or a device from coming or going. The text is one line.
-struct failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// Throws the failure "WHAT: strerror(errno)".
-[[noreturn]] void fail(const std::string &what);
-
-// Writes a line "chassis-sim: TEXT" to standard error.
-void complain(const std::string &text);
-
-// The result of a system call that cannot fail here unless something is wrong with the machine.
-int must(int result, const std::string &what);
 
 // A descriptor that is closed with its owner.
 class owned_fd
@@ -58,11 +45,5 @@ void bind_mount(const std::string &from, const std::string &to);
 
 // The whole of a file; empty when it cannot be read.
 std::string file_text(const std::string &path);
-
-// Runs the work in a child process, which says why it fails.
-pid_t separately(const std::function<void()> &work);
-
-// The same, and it ends with this process at the latest.
-pid_t background(const std::function<void()> &work);
 
 } // namespace chassis_sim

@@ -1,16 +1,13 @@
-#include "sim/base/support.h"
+// Files made and read by absolute paths.
+#include "sim/base/files.h"
 
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,28 +25,11 @@ void make_parents(const std::string &path)
 
 } // namespace
 
-void fail(const std::string &what)
-{
-    throw failure(what + ": " + std::strerror(errno));
-}
-
-void complain(const std::string &text)
-{
-    std::fprintf(stderr, "chassis-sim: %s\n", text.c_str());
-}
-
 void owned_fd::reset(int fd)
 {
     if (fd_ >= 0)
         ::close(fd_);
     fd_ = fd;
-}
-
-int must(int result, const std::string &what)
-{
-    if (result < 0)
-        fail(what);
-    return result;
 }
 
 void make_directory(const std::string &path)
@@ -102,31 +82,6 @@ std::string file_text(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-pid_t separately(const std::function<void()> &work)
-{
-    const pid_t pid = must(::fork(), "fork");
-    if (pid > 0)
-        return pid;
-    try {
-        work();
-    } catch (const std::exception &error) {
-        complain(error.what());
-        ::_exit(125);
-    }
-    ::_exit(0);
-}
-
-pid_t background(const std::function<void()> &work)
-{
-    const pid_t parent = ::getpid();
-    return separately([&] {
-        ::setsid(); // signals from the terminal are for the command
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() == parent)
-            work();
-    });
 }
 
 } // namespace chassis_sim

@@ -1,6 +1,7 @@
-#include "sim/parts/pci.h"
+// Writes the directories of PCI functions, buses and slots into /sys, and moves them.
+#include "sim/parts/pci_tree.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -19,13 +20,6 @@ namespace
 
 namespace fs = std::filesystem;
 
-std::string hex_line(uint16_t number)
-{
-    char text[8];
-    std::snprintf(text, sizeof text, "0x%04x\n", number);
-    return text;
-}
-
 std::string resource_line(const pci_window &window)
 {
     const bool used = window.size != 0;
@@ -35,68 +29,6 @@ std::string resource_line(const pci_window &window)
                   static_cast<unsigned long long>(used ? window.start + window.size - 1 : 0),
                   static_cast<unsigned long long>(used ? window.flags : 0));
     return text;
-}
-
-constexpr size_t status_register = 0x06;
-constexpr size_t header_type_register = 0x0e;
-constexpr size_t first_bar_register = 0x10;
-constexpr size_t bus_registers = 0x18; // primary, secondary and subordinate
-constexpr size_t capability_pointer = 0x34;
-constexpr size_t link_capability_register = 0x0c; // of the PCI Express capability
-constexpr size_t link_status_register = 0x12;
-
-// The kernel's resource flags.
-constexpr uint64_t resource_io = 0x100;
-constexpr uint64_t resource_prefetch = 0x2000;
-constexpr uint64_t resource_64_bits = 0x100000;
-
-uint32_t bar_register(const pci_window &window)
-{
-    const auto start = static_cast<uint32_t>(window.start);
-    if (window.flags & resource_io)
-        return start | 0x1;
-    return start | (window.flags & resource_64_bits ? 0x4u : 0) |
-           (window.flags & resource_prefetch ? 0x8u : 0);
-}
-
-bool is_bridge(const config_space &config)
-{
-    return config.size() > header_type_register && (config[header_type_register] & 0x7f) == 1;
-}
-
-config_space finished_config(const pci_function &function)
-{
-    config_space config = function.config;
-    const auto fill = [&config](size_t offset, uint32_t value, size_t width) {
-        if (config.size() < offset + width ||
-            std::any_of(&config[offset], &config[offset] + width, [](int byte) { return byte; }))
-            return;
-        for (size_t i = 0; i < width; ++i)
-            config[offset + i] = static_cast<uint8_t>(value >> 8 * i);
-    };
-    fill(0x00, function.vendor, 2);
-    fill(0x02, function.device, 2);
-    fill(0x09, function.class_code, 3);
-    for (size_t bar = 0; bar < std::min<size_t>(function.windows.size(), 6); ++bar)
-        if (function.windows[bar].size != 0)
-            fill(first_bar_register + 4 * bar, bar_register(function.windows[bar]), 4);
-    if (!is_bridge(config)) {
-        fill(0x2c, function.subsystem_vendor, 2);
-        fill(0x2e, function.subsystem_device, 2);
-    }
-    return config;
-}
-
-// Where the PCI Express capability is; 0: there is none.
-size_t pcie_position(const config_space &config)
-{
-    size_t position = config.size() < 256 ? 0 : config[capability_pointer];
-    for (int i = 0; i < 48 && position >= 0x40 && position + link_status_register < 256; ++i) {
-        if (config[position] == 0x10)
-            return position;
-        position = config[position + 1];
-    }
-    return 0;
 }
 
 std::string speed_text(unsigned int code)
@@ -138,19 +70,15 @@ void write_power_directory(const std::string &dir)
     write_file(dir + "/power/runtime_status", "active\n", 0444);
 }
 
-// The attributes that the kernel gives every function.
-void write_attributes(const std::string &dir, const pci_function &f, const config_space &config)
+void write_fixed_attributes(const std::string &dir, const pci_function &f, unsigned int revision)
 {
-    const size_t pcie = pcie_position(config);
-    const std::string driver =
-        pcie != 0 && is_bridge(config) ? "pcieport" : ""; // others are free for the chassis's own
     const std::string texts[][2] = {
-        {"vendor", hex_line(f.vendor)},
-        {"device", hex_line(f.device)},
-        {"subsystem_vendor", hex_line(f.subsystem_vendor)},
-        {"subsystem_device", hex_line(f.subsystem_device)},
+        {"vendor", line("0x%04x", f.vendor)},
+        {"device", line("0x%04x", f.device)},
+        {"subsystem_vendor", line("0x%04x", f.subsystem_vendor)},
+        {"subsystem_device", line("0x%04x", f.subsystem_device)},
         {"class", line("0x%06x", f.class_code)},
-        {"revision", line("0x%02x", config.size() > 8 ? config[8] : 0)},
+        {"revision", line("0x%02x", revision)},
         {"irq", "0\n"},
         {"modalias", modalias(f)},
         {"numa_node", "-1\n"},
@@ -163,7 +91,12 @@ void write_attributes(const std::string &dir, const pci_function &f, const confi
     };
     for (const auto &[name, text] : texts)
         write_file(dir + "/" + name, text, 0444);
-    const std::string changeable[][2] = {
+}
+
+void write_changeable_attributes(const std::string &dir, const pci_function &f,
+                                 const std::string &driver)
+{
+    const std::string texts[][2] = {
         {"enable", "0\n"},
         {"broken_parity_status", "0\n"},
         {"d3cold_allowed", "1\n"},
@@ -175,10 +108,20 @@ void write_attributes(const std::string &dir, const pci_function &f, const confi
                        line("PCI_SUBSYS_ID=%04X:%04X", f.subsystem_vendor, f.subsystem_device) +
                        "PCI_SLOT_NAME=" + f.id + "\nMODALIAS=" + modalias(f)},
     };
-    for (const auto &[name, text] : changeable)
+    for (const auto &[name, text] : texts)
         write_file(dir + "/" + name, text);
     for (const char *name : {"remove", "rescan"})
         write_file(dir + "/" + name, "", 0200);
+}
+
+// The attributes that the kernel gives every function.
+void write_attributes(const std::string &dir, const pci_function &f, const config_space &config)
+{
+    const size_t pcie = pcie_position(config);
+    const std::string driver =
+        pcie != 0 && is_bridge(config) ? "pcieport" : ""; // others are free for the chassis's own
+    write_fixed_attributes(dir, f, config.size() > 8 ? config[8] : 0);
+    write_changeable_attributes(dir, f, driver);
     write_power_directory(dir);
     make_relative_symlink(dir + "/subsystem", "/sys/bus/pci");
     if (!driver.empty()) {
@@ -186,13 +129,13 @@ void write_attributes(const std::string &dir, const pci_function &f, const confi
         make_directory(place);
         make_relative_symlink(dir + "/driver", place);
     }
-    if (pcie != 0) {
-        const auto word = [&config](size_t at) {
-            return static_cast<unsigned int>(config[at] | config[at + 1] << 8);
-        };
-        write_link_attributes(dir, "max", word(pcie + link_capability_register));
-        write_link_attributes(dir, "current", word(pcie + link_status_register));
-    }
+    if (pcie == 0)
+        return;
+    const auto word = [&config](size_t at) {
+        return static_cast<unsigned int>(config[at] | config[at + 1] << 8);
+    };
+    write_link_attributes(dir, "max", word(pcie + link_capability_register));
+    write_link_attributes(dir, "current", word(pcie + link_status_register));
 }
 
 // Numbers a bridge's buses so that this one is behind it, and the bridges' above.
@@ -292,66 +235,6 @@ std::vector<std::pair<std::string, std::string>> links_to(const fs::path &dir)
 
 } // namespace
 
-config_builder::config_builder(uint8_t header_type, size_t size)
-    : bytes_(size), link_((header_type & 0x7f) == 2 ? 0x14 : 0x34)
-{
-    put8(header_type_register, header_type);
-}
-
-config_builder &config_builder::put8(size_t offset, uint8_t value)
-{
-    bytes_.at(offset) = value;
-    return *this;
-}
-
-config_builder &config_builder::put16(size_t offset, uint16_t value)
-{
-    return put8(offset, static_cast<uint8_t>(value))
-        .put8(offset + 1, static_cast<uint8_t>(value >> 8));
-}
-
-config_builder &config_builder::put32(size_t offset, uint32_t value)
-{
-    return put16(offset, static_cast<uint16_t>(value))
-        .put16(offset + 2, static_cast<uint16_t>(value >> 16));
-}
-
-uint8_t config_builder::capability(uint8_t id, size_t size)
-{
-    const auto offset = static_cast<uint8_t>(next_);
-    put8(status_register, 0x10); // there is a list
-    put8(link_, offset);
-    put8(offset, id);
-    link_ = next_ + 1;
-    next_ += (size + 3) / 4 * 4;
-    return offset;
-}
-
-uint8_t config_builder::power_management()
-{
-    const uint8_t offset = capability(0x01, 8);
-    put16(offset + 2u, 0x0003); // version 1.2
-    return offset;
-}
-
-uint8_t config_builder::msi()
-{
-    const uint8_t offset = capability(0x05, 14);
-    put16(offset + 2u, 0x0080); // 64-bit addresses
-    return offset;
-}
-
-uint8_t config_builder::pcie(const pcie_capability &description)
-{
-    const uint8_t offset = capability(0x10, 0x3c);
-    put16(offset + 0x02u,
-          static_cast<uint16_t>(0x0002 | description.type << 4 | (description.slot ? 0x100 : 0)));
-    put32(offset + 0x0cu, 0x41u | (description.reports_active ? 0x100000u : 0));
-    put16(offset + link_status_register, description.link_status);
-    put32(offset + 0x14u, description.hotplug ? 0x40 : 0);
-    return offset;
-}
-
 std::string pci_link(const std::string &id)
 {
     return "/sys/bus/pci/devices/" + id;
@@ -370,7 +253,7 @@ void add_pci(const pci_function &function)
     write_pci_bus_type();
     write_bus(above, bus);
     const std::string dir = above + "/" + function.id;
-    const config_space config = finished_config(function);
+    const config_space config = configuration_of(function);
     write_attributes(dir, function, config);
     write_file(dir + "/config",
                std::string_view(reinterpret_cast<const char *>(config.data()), config.size()));
@@ -384,6 +267,9 @@ void add_pci(const pci_function &function)
     }
     write_file(dir + "/resource", lines, 0444);
     make_relative_symlink(pci_link(function.id), dir);
+    for (size_t bar = 0; bar < function.windows.size(); ++bar)
+        for (const register_value &preset : function.windows[bar].registers)
+            write_window(function.id, bar, preset);
 }
 
 void complete_pci(const std::string &dir)
@@ -447,89 +333,9 @@ bool plug_pci(const std::string &id)
     return true;
 }
 
-pci_function made_of(const function_description &described)
-{
-    config_builder config(static_cast<uint8_t>(described.header_type), described.config_size);
-    for (const std::string &capability : described.capabilities) {
-        if (capability == "pm")
-            config.power_management();
-        else if (capability == "msi")
-            config.msi();
-        else if (capability == "pcie")
-            config.pcie(described.pcie);
-        else
-            throw failure("there is no capability '" + capability + "'");
-    }
-    for (const register_value &change : described.config)
-        for (uint32_t i = 0; i < std::min(change.width, 4u); ++i)
-            config.put8(size_t{change.offset} + i, static_cast<uint8_t>(change.value >> 8 * i));
-    pci_function function;
-    function.id = described.id;
-    function.parent = described.parent;
-    function.vendor = static_cast<uint16_t>(described.vendor);
-    function.device = static_cast<uint16_t>(described.device);
-    function.subsystem_vendor = static_cast<uint16_t>(described.subsystem_vendor);
-    function.subsystem_device = static_cast<uint16_t>(described.subsystem_device);
-    function.class_code = described.class_code;
-    function.config = config.bytes();
-    for (const auto &bar : described.bars)
-        function.windows.push_back(bar.window);
-    return function;
-}
-
-void add_pci(const function_description &described)
-{
-    add_pci(made_of(described));
-    for (size_t bar = 0; bar < described.bars.size(); ++bar)
-        for (const register_value &change : described.bars[bar].registers)
-            write_window(described.id, bar, change);
-}
-
-std::vector<function_description> chassis_functions()
-{
-    function_description host, endpoint, first, second, port, card;
-    host.id = "0000:00:00.0";
-    host.class_code = 0x060000;
-
-    endpoint.id = "0000:00:19.0";
-    endpoint.device = 0x0002;
-    endpoint.class_code = 0x020000;
-    endpoint.capabilities = {"pm", "msi"};
-    endpoint.bars = {{{0xf1000000, 0x20000}, {}}};
-
-    first.id = "0000:00:1f.0";
-    first.device = 0x0003;
-    first.class_code = 0x060100;
-    first.header_type = 0x80;
-    first.capabilities = {"pm"};
-    second = first;
-    second.id = "0000:00:1f.3";
-    second.device = 0x0004;
-    second.class_code = 0x0c0500;
-
-    port.id = pci_root_port;
-    port.device = 0x0010;
-    port.class_code = 0x060400;
-    port.header_type = 1;
-    port.config_size = 4096;
-    port.capabilities = {"pm", "pcie"};
-    port.pcie.type = pcie_capability::root_port;
-    port.pcie.slot = port.pcie.hotplug = true;
-
-    card.id = pci_slot_device;
-    card.parent = pci_root_port;
-    card.device = 0x0020;
-    card.config_size = 4096;
-    card.capabilities = {"pm", "msi", "pcie"};
-    card.bars = {{{0xf0000000, 0x10000}, {}},
-                 {{0x2000, 0x100, 0x40101}, {}},
-                 {{0x4'0000'0000, 0x100000, 0x14220c}, {}}};
-    return {host, endpoint, first, second, port, card};
-}
-
 void add_chassis_pci()
 {
-    for (const function_description &function : chassis_functions())
+    for (const pci_function &function : chassis_functions())
         add_pci(function);
     add_pci_slot("3", "0000:03:00");
 }

@@ -1,0 +1,33 @@
+// All devices that the server answers for, by their names.
+#pragma once
+
+#include "sim/devices/storage_device.h"
+#include "sim/devices/uio_device.h"
+
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace chassis_sim
+{
+
+class devices
+{
+public:
+    devices(const chassis_nodes &described, event_loop &loop);
+
+    // The device of that name; throws a failure when there is none.
+    uio_device &named(const std::string &name);
+
+    // The errno with which this call on a device fails; 0: it does not.
+    int fault(const std::string &name, const std::string &call);
+    bool have_faults() const { return !faults_.empty(); }
+
+    std::deque<uio_device> uio; // openings point to them
+    std::deque<storage_device> storage;
+
+private:
+    std::vector<call_fault> faults_;
+};
+
+} // namespace chassis_sim

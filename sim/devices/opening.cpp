@@ -1,0 +1,43 @@
+// Finds the opening of a descriptor, and numbers for descriptors.
+#include "sim/devices/opening.h"
+
+#include <algorithm>
+
+namespace chassis_sim
+{
+
+void opening_table::forget(const opening *gone)
+{
+    std::erase_if(openings_, [gone](const auto &open) { return open.get() == gone; });
+}
+
+void opening_table::forget_closed()
+{
+    std::erase_if(openings_, [](const auto &open) { return !open->is_open(); });
+}
+
+opening *opening_table::find(const asking_process &client, int fd) const
+{
+    const std::string link = client.link_of(fd);
+    const auto found = std::find_if(openings_.begin(), openings_.end(), [&](const auto &open) {
+        return open->is_behind(link, client, fd);
+    });
+    return found == openings_.end() ? nullptr : found->get();
+}
+
+void opening_table::before_wait(const asked_call &call) const
+{
+    for (const auto &open : openings_)
+        open->before_wait(call);
+}
+
+std::optional<unsigned int> opening_table::free_number(const asking_process &client) const
+{
+    const unsigned int end = client.descriptor_limit();
+    for (unsigned int number = first_number_; number < end; ++number)
+        if (client.link_of(static_cast<int>(number)).empty())
+            return number;
+    return std::nullopt;
+}
+
+} // namespace chassis_sim
