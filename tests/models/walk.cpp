@@ -116,12 +116,13 @@ std::optional<kept_stream> errors;
 
 int open_descriptors()
 {
-    pollfd all[64];
-    for (int fd = 0; fd < 64; ++fd)
-        all[fd] = {fd, 0, 0};
-    ::poll(all, 64, 0);
-    return static_cast<int>(
-        std::count_if(all, all + 64, [](const pollfd &one) { return !(one.revents & POLLNVAL); }));
+    static std::vector<pollfd> all(1024);
+    for (size_t fd = 0; fd < all.size(); ++fd)
+        all[fd] = {static_cast<int>(fd), 0, 0};
+    ::poll(all.data(), all.size(), 0);
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [](const pollfd &one) {
+        return (one.revents & POLLNVAL) == 0;
+    }));
 }
 
 //--- what a walk tells its parent -----------------------------------------------------------------
