@@ -1,6 +1,8 @@
 // Configuration space, capability lists and links, beside registers that are a map of bytes.
 #include "walk.h"
 
+#include "sim/base/files.h"
+
 #include <device_access/pci_config.h>
 
 #include <cstring>
@@ -9,8 +11,6 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-
-#include "sim/base/support.h"
 
 namespace
 {

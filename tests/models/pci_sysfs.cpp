@@ -2,7 +2,7 @@
 // tree in the simplest way.
 #include "walk.h"
 
-#include "sim/base/support.h"
+#include "sim/base/files.h"
 
 #include <device_access/pci_sysfs.h>
 
