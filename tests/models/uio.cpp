@@ -523,9 +523,9 @@ private:
         const bool counts = choose.one_in(2);
         const int timer = open_.uio->tmr_fd;
         const bool is_corrupt = choose.one_in(20);
-        open_.uio->tmr_fd = is_corrupt ? -7 : timer;
+        open_.uio->tmr_fd = is_corrupt ? choose.of({-7, open_.has_notice ? -1 : 0}) : timer;
         uint32_t count = 77;
-        const uint32_t expected = expect_wait(deadline, counts, is_corrupt);
+        const uint32_t expected = expect_wait(deadline, counts);
         expect(deadline ? printed("libuio_irqwait({%jd, %ld})", intmax_t{deadline->tv_sec},
                                   deadline->tv_nsec)
                         : "libuio_irqwait(NULL)",
@@ -534,6 +534,11 @@ private:
         expect_same("the count", expected, count);
         if (is_corrupt)
             open_.uio->tmr_fd = timer;
+        if (!open_.is_shut)
+            expect_same(
+                "whether the timer fires once", true,
+                contents(printed("/proc/self/fdinfo/%d", timer)).find("it_interval: (0, 0)") !=
+                    string::npos);
         const libuio_dev_t &now = *open_.uio;
         if (open_.is_shut)
             expect_same("the descriptors' sum", -3, now.uio_fd + now.gone_fd + now.tmr_fd);
@@ -541,16 +546,17 @@ private:
     }
 
     // What a wait does; returns the count that the caller then has.
-    uint32_t expect_wait(const timespec *deadline, bool counts, bool is_corrupt)
+    uint32_t expect_wait(const timespec *deadline, bool counts)
     {
         uint32_t count = 77;
         lines_.value = -1;
         if (open_.is_shut) {
             error_ = EBADF;
-        } else if (is_corrupt) {
-            fails(EINVAL, "libuio_irqwait", "Corrupted tmr_fd: -7\n", false);
-        } else if (deadline && (deadline->tv_sec < 0 || deadline->tv_nsec < 0 ||
-                                deadline->tv_nsec > 999999999)) {
+        } else if (open_.uio->tmr_fd < 0) {
+            fails(EINVAL, "libuio_irqwait", printed("Corrupted tmr_fd: %d\n", open_.uio->tmr_fd),
+                  false);
+        } else if (deadline && (open_.uio->tmr_fd == 0 || deadline->tv_sec < 0 ||
+                                deadline->tv_nsec < 0 || deadline->tv_nsec > 999999999)) {
             fails(EINVAL, "libuio_irqwait",
                   printed("timerfd_settime %llu,%llu failed",
                           static_cast<unsigned long long>(deadline->tv_sec),
@@ -583,6 +589,9 @@ private:
         const int flags = choose.of({O_RDONLY, O_RDWR, O_RDONLY | O_CLOEXEC});
         const char *const dir = open_.uio->sys_device_dir;
         open_.uio->sys_device_dir = choose.one_in(6) ? nullptr : dir;
+        const bool is_gone = !has_interrupts() && choose.one_in(4);
+        if (is_gone)
+            fs::rename(open_.device_dir, "/sys/gone");
         struct stat status = {};
         if (!name)
             error_ = EINVAL;
@@ -591,6 +600,9 @@ private:
                   false);
         else if (!open_.uio->sys_device_dir)
             fails(ENOENT, "libuio_open_device_attr", "sys_device_dir is NULL\n", false);
+        else if (!fs::exists(open_.device_dir))
+            fails(ENOENT, "libuio_open_device_attr",
+                  "open(" + open_.device_dir + ",O_DIRECTORY) failed");
         else if (::stat((open_.device_dir + "/" + name).c_str(), &status) == 0)
             lines_.value = lines_.opens = 1;
         else if (errno == ENOENT)
@@ -604,6 +616,8 @@ private:
                    printed(", %#x)", flags),
                lines_, [&] { return (fd = libuio_open_device_attr(open_.uio, name, flags)) >= 0; });
         ::close(fd);
+        if (is_gone)
+            fs::rename("/sys/gone", open_.device_dir);
         open_.uio->sys_device_dir = dir;
     }
 

@@ -21,7 +21,6 @@
 namespace models
 {
 
-bool in_call = false;
 std::function<void(std::string &)> normalise = [](std::string &) {};
 
 //--- choices --------------------------------------------------------------------------------------
@@ -121,9 +120,8 @@ int open_descriptors()
     for (size_t fd = 0; fd < all.size(); ++fd)
         all[fd] = {static_cast<int>(fd), 0, 0};
     ::poll(all.data(), all.size(), 0);
-    return static_cast<int>(std::count_if(all.begin(), all.end(), [](const pollfd &one) {
-        return (one.revents & POLLNVAL) == 0;
-    }));
+    return static_cast<int>(std::count_if(
+        all.begin(), all.end(), [](const pollfd &one) { return (one.revents & POLLNVAL) == 0; }));
 }
 
 //--- what a walk tells its parent -----------------------------------------------------------------
@@ -181,11 +179,9 @@ outcome expect(const std::string &description, const outcome &expected,
 {
     const int before = open_descriptors();
     outcome seen;
-    in_call = true;
     errno = untouched;
     seen.value = call();
     seen.error = errno;
-    in_call = false;
     bool buffered = false;
     seen.err = errors->take(buffered);
     seen.out = output->take(buffered);
