@@ -106,7 +106,8 @@ def wrapped(statement: str) -> str:
 def constants(header: Path) -> list[str]:
     text = re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.DOTALL)
     found = re.findall(r"^#define (\w+) (\d\w*)[ \t]*$", text, re.MULTILINE)
-    return [f"#define {name} {value}" for name, value in found]
+    return [f"static const {'unsigned int' if value.endswith('u') else 'int'} {name} = {value};"
+            for name, value in found]
 
 
 def declarations(compiler: str, headers: list[Path]) -> Declarations:

@@ -509,8 +509,10 @@ TEST(chassis, recorded_machine_looks_inside_as_the_machine_does)
         "devaccess pci show $f; done; devaccess uio list; "
         "for c in RPSW1 ALSW2 SW1; do devaccess podlog --chassis n20 show $c; done; "
         "for b in event test error; do devaccess postlog show $b; done' 2>&1";
-    // This machine; and a chassis, as it has more to look at.
-    for (const char *machine : {"", "chassis-sim -- "}) {
+    // A chassis, as it has more to look at; and this machine, if all of it may be looked at.
+    for (const char *machine : {"chassis-sim -- ", ""}) {
+        if (!*machine && ::geteuid() != 0)
+            continue;
         const string outside =
             shell(machine + ("sh -c 'devaccess collect " + base + " >/dev/null; ") + look);
         EXPECT_EQ(shell("chassis-sim --from " + base + " -- sh -c '" + look), outside);

@@ -10,7 +10,7 @@ shift 2
 rm -rf "$work"
 mkdir -p "$work"
 for component in library dev; do
-    cmake --install "$build" --component "$component" --prefix "$work/prefix" >>"$work/log"
+    cmake --install "$build" --component "common_device_access_$component" --prefix "$work/prefix" >>"$work/log"
 done
 
 # shellcheck disable=SC2153 # not a slip: CTest sets it

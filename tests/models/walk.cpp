@@ -21,6 +21,7 @@
 namespace models
 {
 
+bool in_call = false;
 std::function<void(std::string &)> normalise = [](std::string &) {};
 
 //--- choices --------------------------------------------------------------------------------------
@@ -179,9 +180,11 @@ outcome expect(const std::string &description, const outcome &expected,
 {
     const int before = open_descriptors();
     outcome seen;
+    in_call = true;
     errno = untouched;
     seen.value = call();
     seen.error = errno;
+    in_call = false;
     bool buffered = false;
     seen.err = errors->take(buffered);
     seen.out = output->take(buffered);

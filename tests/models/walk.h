@@ -67,6 +67,8 @@ struct disagreement : std::runtime_error {
 outcome expect(const std::string &description, const outcome &expected,
                const std::function<intmax_t()> &call);
 
+extern bool in_call; // of expect()
+
 // Says for the reader what a step does besides calls.
 void note(const std::string &what);
 
