@@ -58,7 +58,7 @@ bool read_nvram_device_number(int n, dev_t &number)
     if (!read_nvram_attr({n, "dev"}, text, sizeof text) ||
         std::sscanf(text, "%d:%d", &major, &minor) != 2)
         return false;
-    number = ::makedev(static_cast<unsigned int>(major), static_cast<unsigned int>(minor));
+    number = makedev(static_cast<unsigned int>(major), static_cast<unsigned int>(minor));
     return true;
 }
 

@@ -39,4 +39,11 @@
 #define DEVICE_ACCESS_END_DECLS
 #endif
 
+/* It is made when the library is, and says whether this program's time_t is the library's. */
+#if defined(__has_include)
+#if __has_include(<device_access/device_access_version.h>)
+#include <device_access/device_access_version.h>
+#endif
+#endif
+
 #endif

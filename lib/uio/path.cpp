@@ -145,7 +145,7 @@ unique_malloc<char> libuio_locate_real_name(const char *given_name)
     struct stat status;
     if (::stat(given_name, &status) != 0)
         return LIBUIO_REFUSE(nullptr, "stat(%s) failed: %s", given_name, error_text());
-    const unique_malloc<char> canonical(::canonicalize_file_name(given_name));
+    const unique_malloc<char> canonical(::realpath(given_name, nullptr));
     if (!canonical)
         return LIBUIO_REFUSE(nullptr, "canonicalize_file_name(%s) failed: %s", given_name,
                              error_text());
