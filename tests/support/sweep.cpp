@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <fstream>
 #include <initializer_list>
+#include <set>
 #include <sstream>
 #include <string_view>
 
@@ -355,6 +356,28 @@ std::string failures_of(int error, const std::function<result()> &operation)
             all += text;
     });
     return all;
+}
+
+void expect_failures(const std::string &name, int error, const std::function<result()> &operation)
+{
+    std::set<std::string> of_calls, of_allocations;
+    std::istringstream lines(failures_of(error, operation));
+    for (std::string line; std::getline(lines, line);) {
+        const std::string what = line.substr(line.find(": ") + 2);
+        (line.starts_with("allocation") ? of_allocations : of_calls).insert(what);
+    }
+    const auto text = [](const std::set<std::string> &all) {
+        std::string joined;
+        for (const std::string &line : all)
+            joined.append(line).append(1, '\n');
+        joined = replaced(joined, "pwrite\\([0-9]+", "pwrite(FD");
+        joined = replaced(joined, "munmap\\(0x[0-9a-f]+", "munmap(ADDRESS");
+        return replaced(joined, "(realloc \\(|handle: calloc\\()[0-9]+", "$1SIZE");
+    };
+    EXPECT_TEXT(name + "/failing_calls.txt", text(of_calls));
+    if (heap_can_fail) {
+        EXPECT_TEXT(name + "/failing_allocations.txt", text(of_allocations));
+    }
 }
 
 call_counts system_calls_of(const std::function<void()> &operation)
