@@ -339,19 +339,30 @@ int fail_each_call(int error, const std::function<result()> &operation,
     return runs;
 }
 
+// What came of a run, in short: the operation's result, and what it printed but for debug lines.
+static std::string text_of(const run &seen)
+{
+    std::string said = seen.seen.out;
+    std::istringstream lines(seen.seen.err);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty() && !line.starts_with("LOG_DEBUG "))
+            said.append(line).append(1, '\n');
+    return std::to_string(seen.seen.value.number) + (said.empty() ? "\n" : " " + said);
+}
+
+static void expect_nothing_left(const run &seen)
+{
+    EXPECT_EQ(seen.seen.opens, 0) << seen;
+    EXPECT_EQ(seen.blocks, 0) << seen;
+}
+
 std::string failures_of(int error, const std::function<result()> &operation)
 {
     std::string all;
     fail_each_call(error, operation, [&all](const run &seen) {
-        EXPECT_TRUE(seen.seen.opens == 0 && seen.blocks == 0) << seen;
-        std::string said = seen.seen.out;
-        std::istringstream lines(seen.seen.err);
-        for (std::string line; std::getline(lines, line);)
-            if (!line.empty() && !line.starts_with("LOG_DEBUG "))
-                said.append(line).append(1, '\n');
-        const std::string text = seen.failed.substr(0, seen.failed.find(' ')) + ": " +
-                                 std::to_string(seen.seen.value.number) +
-                                 (said.empty() ? "\n" : " " + said);
+        expect_nothing_left(seen);
+        const std::string text =
+            seen.failed.substr(0, seen.failed.find(' ')) + ": " + text_of(seen);
         if (("\n" + all).find("\n" + text) == std::string::npos)
             all += text;
     });
@@ -361,22 +372,21 @@ std::string failures_of(int error, const std::function<result()> &operation)
 void expect_failures(const std::string &name, int error, const std::function<result()> &operation)
 {
     std::set<std::string> of_calls, of_allocations;
-    std::istringstream lines(failures_of(error, operation));
-    for (std::string line; std::getline(lines, line);) {
-        const std::string what = line.substr(line.find(": ") + 2);
-        (line.starts_with("allocation") ? of_allocations : of_calls).insert(what);
-    }
-    const auto text = [](const std::set<std::string> &all) {
-        std::string joined;
-        for (const std::string &line : all)
-            joined.append(line).append(1, '\n');
-        joined = replaced(joined, "pwrite\\([0-9]+", "pwrite(FD");
-        joined = replaced(joined, "munmap\\(0x[0-9a-f]+", "munmap(ADDRESS");
-        return replaced(joined, "(realloc \\(|handle: calloc\\()[0-9]+", "$1SIZE");
+    fail_each_call(error, operation, [&](const run &seen) {
+        expect_nothing_left(seen);
+        (seen.failed.starts_with("allocation") ? of_allocations : of_calls).insert(text_of(seen));
+    });
+    const auto joined = [](const std::set<std::string> &all) {
+        std::string text;
+        for (const std::string &one : all)
+            text += one;
+        text = replaced(text, "pwrite\\([0-9]+", "pwrite(FD");
+        text = replaced(text, "munmap\\(0x[0-9a-f]+", "munmap(ADDRESS");
+        return replaced(text, "(realloc \\(|handle: calloc\\()[0-9]+", "$1SIZE");
     };
-    EXPECT_TEXT(name + "/failing_calls.txt", text(of_calls));
+    EXPECT_TEXT(name + "/failing_calls.txt", joined(of_calls));
     if (heap_can_fail) {
-        EXPECT_TEXT(name + "/failing_allocations.txt", text(of_allocations));
+        EXPECT_TEXT(name + "/failing_allocations.txt", joined(of_allocations));
     }
 }
 
