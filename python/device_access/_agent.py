@@ -39,10 +39,10 @@ def _signal(pid: int, number: int) -> None:
     _processes[pid].send_signal(number)
 
 
-def _outcome(function: Callable[..., Any], arguments: Any, options: Any) -> tuple[bool, Any]:
+def _outcome(function: Callable[..., Any], *arguments: Any) -> tuple[bool, Any]:
     """Whether it has succeeded, and its result or its exception, with where that came from."""
     try:
-        result = function(*arguments, **options)
+        result = function(*arguments)
         pickle.dumps(result)
         return True, result
     except Exception as error:
@@ -55,13 +55,17 @@ def _outcome(function: Callable[..., Any], arguments: Any, options: Any) -> tupl
             return False, RuntimeError(where)
 
 
+def _unpack_and_call(request: bytes) -> Any:
+    function, arguments, options = pickle.loads(request)
+    return function(*arguments, **options)
+
+
 def _call(request: bytes) -> tuple[bool, Any]:
     receiver, sender = Pipe(duplex=False)
     child = os.fork()
     if child == 0:
         try:
-            function, arguments, options = pickle.loads(request)
-            sender.send(_outcome(function, arguments, options))
+            sender.send(_outcome(_unpack_and_call, request))
             sys.stdout.flush()
         finally:
             os._exit(0)
@@ -90,7 +94,7 @@ def main() -> None:
         except EOFError:
             return
         answers.send(_call(*arguments) if what == "call"
-                     else _outcome(_ACTIONS[what], arguments, {}))
+                     else _outcome(_ACTIONS[what], *arguments))
 
 
 if __name__ == "__main__":

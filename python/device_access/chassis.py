@@ -17,8 +17,9 @@ import time
 from collections.abc import Callable, Mapping, Sequence
 from multiprocessing.connection import Connection
 from pathlib import Path
-from types import TracebackType
 from typing import Any, ParamSpec, TypeVar, cast
+
+from .owner import Owner
 
 P = ParamSpec("P")
 T = TypeVar("T")
@@ -72,7 +73,7 @@ class Process:
         self._chassis.request("signal", self.pid, number)
 
 
-class Chassis:
+class Chassis(Owner):
     """A simulated chassis.
 
     type:        "n20", "n10" or "n4": which cards there are. Of the chassis built in, "n20".
@@ -85,6 +86,8 @@ class Chassis:
                  it.
     """
 
+    _process: subprocess.Popen[bytes] | None = None
+
     def __init__(self, *options: str, type: str | None = None, faults: Sequence[Fault] = (),
                  description: Description | None = None,
                  recording: str | os.PathLike[str] | None = None) -> None:
@@ -96,33 +99,39 @@ class Chassis:
             arguments += ["--from", os.fspath(recording)]
         if type is not None:
             arguments += ["--chassis", type]
-        if isinstance(description, (str, os.PathLike)):
-            arguments += ["--description", os.fspath(description)]
-            description = None
         for fault in faults:
             if isinstance(fault, str):
                 arguments += ["--fault", fault]
-        calls = [dict(fault) for fault in faults if not isinstance(fault, str)]
-        if description is None and calls:
+        calls = [fault for fault in faults if not isinstance(fault, str)]
+        self._start(self._described(arguments, description, calls))
+
+    def _described(self, arguments: list[str], description: Description | None,
+                   calls: list[Mapping[str, Any]]) -> list[str]:
+        """The options, with a description of what options cannot say."""
+        if isinstance(description, (str, os.PathLike)):
+            arguments = [*arguments, "--description", os.fspath(description)]
+            description = None
+        if description is None and not calls:
+            return arguments
+        if description is None:
             description, arguments = describe(*arguments), []
-        if description is not None:
-            changed = {**description, "faults": [*description.get("faults", ()), *calls]}
-            file = Path(self._directory.name) / "description.json"
-            file.write_text(json.dumps(changed))
-            arguments += ["--description", str(file)]
-        self._start(arguments)
+        file = Path(self._directory.name) / "description.json"
+        faults = [*description.get("faults", ()), *(dict(call) for call in calls)]
+        file.write_text(json.dumps({**description, "faults": faults}))
+        return [*arguments, "--description", str(file)]
 
     def _start(self, arguments: list[str]) -> None:
         package = Path(__file__).absolute().parent.parent
         path = os.pathsep.join(filter(None, (str(package), os.environ.get("PYTHONPATH"))))
-        self._errors = open(Path(self._directory.name) / "errors", "w+", errors="backslashreplace")
         command = (_SIMULATOR, *arguments, "--", sys.executable, "-m", "device_access._agent")
+        self._errors = Path(self._directory.name) / "errors"
         try:
-            self._process = subprocess.Popen(
-                command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._errors,
-                env={**os.environ, "PYTHONPATH": path})
-        except FileNotFoundError as error:
-            raise ChassisError(f"{_SIMULATOR} is not on the PATH") from error
+            with open(self._errors, "wb") as errors:
+                self._process = subprocess.Popen(
+                    command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors,
+                    env={**os.environ, "PYTHONPATH": path})
+        except FileNotFoundError:
+            raise ChassisError(f"{_SIMULATOR} is not on the PATH") from None
         assert self._process.stdin and self._process.stdout
         self._to = Connection(os.dup(self._process.stdin.fileno()), readable=False)
         self._from = Connection(os.dup(self._process.stdout.fileno()), writable=False)
@@ -143,27 +152,21 @@ class Chassis:
 
     def _end(self) -> str:
         """Ends the chassis and all that runs in it: what they have said on standard error."""
+        process, self._process = self._process, None
+        if process is None:
+            return ""
         self._to.close()
         self._from.close()
-        self._process.terminate()
-        self._process.wait()
-        self._errors.seek(0)
-        said = self._errors.read().strip()
-        self._errors.close()
+        process.terminate()
+        process.wait()
+        said = self._errors.read_text(errors="backslashreplace").strip()
         self._directory.cleanup()
         return said
 
     def close(self) -> None:
         """Ends the chassis and all that runs in it, and prints what they said on standard error."""
-        if not self._errors.closed and (said := self._end()):
+        if said := self._end():
             print(said, file=sys.stderr)
-
-    def __enter__(self) -> Chassis:
-        return self
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
-                 trace: TracebackType | None) -> None:
-        self.close()
 
     # --- commands and functions
 
@@ -271,6 +274,6 @@ class Devaccess:
     @staticmethod
     def _report(errors: str) -> Record:
         try:
-            return _objects(errors)[-1]
-        except (ValueError, IndexError):
+            return _objects(errors[errors.index("{"):])[-1]  # remarks come first
+        except ValueError:
             return Record(message=errors.strip())

@@ -7,10 +7,10 @@ from collections.abc import Iterator
 from enum import IntEnum
 from errno import ENODEV, EIO
 from pathlib import Path
-from types import TracebackType
 from typing import Any, NamedTuple
 
 from . import _c
+from .owner import Owner
 from .raw import Answer, ask, ffi, lib, text_of
 from .registers import Window
 
@@ -173,11 +173,13 @@ class Capability(NamedTuple):
     offset: int
 
 
-class Config:
+class Config(Owner):
     """A function's configuration space. Offsets are bytes, multiples of the width.
 
     Without special rights the kernel shows the first 64 bytes.
     """
+
+    _handle: Any = ffi.NULL
 
     def __init__(self, function: Function) -> None:
         self.function = function
@@ -190,17 +192,6 @@ class Config:
         handle, self._handle = self._handle, ffi.NULL
         if handle:
             _c.lib.pci_config_close(handle)
-
-    def __enter__(self) -> Config:
-        return self
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
-                 trace: TracebackType | None) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        if hasattr(self, "_handle"):
-            self.close()
 
     @property
     def handle(self) -> Any:
@@ -270,13 +261,14 @@ class Config:
         return int(ask(_c.lib.pcie_config_is_hotplug, self.handle).result) == 1
 
 
-class Memory:
+class Memory(Owner):
     """The memory of a function's base address registers, mapped while this is open."""
+
+    _is_open = False
 
     def __init__(self, function: Function, bars: tuple[int, ...] = ()) -> None:
         self.function = function
         self._bases: Any = ffi.new("void *[]", BARS)
-        self._is_open = False
         lines = function.numbers("resource", 3 * BARS)  # start, end, flags
         starts, ends = lines[0::3], lines[1::3]
         self._sizes = [end - start + 1 for start, end in zip(starts, ends)]
@@ -290,17 +282,6 @@ class Memory:
         if self._is_open:
             ask(_c.lib.sysfs_pci_munmap, self._bases, self.function.identity)
         self._is_open = False
-
-    def __enter__(self) -> Memory:
-        return self
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
-                 trace: TracebackType | None) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        if hasattr(self, "_is_open"):
-            self.close()
 
     def bars(self) -> Iterator[tuple[int, Window]]:
         """Those that are mapped, with their windows."""

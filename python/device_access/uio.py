@@ -6,10 +6,10 @@ import time
 from collections.abc import Iterator
 from errno import EBADF, ECANCELED, EINTR, EINVAL, EIO, ENOENT, ETIMEDOUT
 from pathlib import Path
-from types import TracebackType
 from typing import Any
 
 from . import _c
+from .owner import Owner
 from .raw import ask, ffi, text_of
 from .registers import Window
 
@@ -22,7 +22,7 @@ class DeviceRemoved(OSError):
     """The device has left; what is left to do is to close it."""
 
 
-class Uio:
+class Uio(Owner):
     """An open UIO device, or a register block "sysfs_pci:..." of a PCI device that has no driver.
 
     node:    its path, such as "/dev/uio0", or the pseudo node name.
@@ -32,6 +32,8 @@ class Uio:
 
     One object must not be used from two threads at once.
     """
+
+    _handle: Any = ffi.NULL
 
     def __init__(self, node: str | os.PathLike[str], timeout: float | None = 0) -> None:
         self.node = os.fspath(node)
@@ -43,17 +45,6 @@ class Uio:
         handle, self._handle = self._handle, ffi.NULL
         if handle:
             ask(_c.lib.libuio_close, handle)
-
-    def __enter__(self) -> Uio:
-        return self
-
-    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
-                 trace: TracebackType | None) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        if hasattr(self, "_handle"):
-            self.close()
 
     def __repr__(self) -> str:
         return f"<Uio {self.node}{'' if self._handle else ', closed'}>"
