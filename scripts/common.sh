@@ -102,7 +102,8 @@ need_virtual_machine() {
 
 # Those that 32-bit programs are built with.
 fetch_libraries() {
-    scripts/fetch-libraries libfmt-dev libarchive-dev libpci-dev libseccomp-dev libevent-dev
+    scripts/fetch-libraries libfmt-dev libarchive-dev libpci-dev libseccomp-dev libevent-dev \
+        libpython3-dev
 }
 
 # configure PRESET [OPTION...]

@@ -39,6 +39,12 @@ cc $flags "$examples/fpga_block.c" $(pkg-config --cflags --libs common_device_ac
     -o "$root/examples/client"
 chroot "$root" chassis-sim -- /examples/client | grep '0x10 reads 0xf00d0000$'
 
+# Scripts, and their tests with the plugin.
+scripts=/usr/share/doc/python3-common-device-access/examples
+chroot "$root" chassis-sim -- "$scripts/log_reader.py" SW2 | grep 'SW2 passed$'
+chroot "$root" apt-get install -y -qq -o Dpkg::Use-Pty=0 --no-install-recommends python3-pytest
+chroot "$root" python3 -B -m pytest -q -p no:cacheprovider "$scripts"
+
 # A package of it depends on the library's, as its symbols say.
 dpkg-deb -R "$TRIED"/libcommon-device-access0.0_*.deb "$WORK/library"
 mkdir -p "$WORK/client/debian"
@@ -47,5 +53,6 @@ printf 'Source: client\n\nPackage: client\nArchitecture: any\n' >"$WORK/client/d
     grep 'libcommon-device-access0.0 (>= 0.0'
 
 # Nothing stays behind.
-chroot "$root" apt-get purge -y -qq -o Dpkg::Use-Pty=0 --auto-remove libcommon-device-access0.0 common-device-access-tools
+chroot "$root" apt-get purge -y -qq -o Dpkg::Use-Pty=0 --auto-remove libcommon-device-access0.0 common-device-access-tools \
+    python3-common-device-access
 ! find "$root/usr" "$root/etc" "$root/var/lib" -name '*device[_-]access*' | grep .
