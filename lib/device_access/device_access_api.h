@@ -1,11 +1,12 @@
 /*
  * What every public header of the library shares: the mark of an exported name, and C linkage.
  *
- * Names reserved for the library in a program that links it, in addition to the macros
- * DEVICE_ACCESS_*: those that begin check_nvc_, crc32_, device_access_, diag_inventory_, ioread,
- * iowrite, lc2_pod_log_, libuio_, mmap_device_, nvram_, _nvram_, pci_config_, pcie_config_,
- * pcie_nvram_, pod_nvram_, podlog_, post_, postlog_, qel_pci_hotswap_, set_nvc_, sysfs_pci_;
- *   SetChassisType, GetChassisType, GetSlotByName, GetSlotById.
+ * Names reserved for the library in a program that links it:
+ *   - the macros DEVICE_ACCESS_*;
+ *   - those that begin check_nvc_, crc32_, device_access_, diag_inventory_, ioread, iowrite,
+ *     lc2_pod_log_, libuio_, mmap_device_, nvram_, _nvram_, pci_config_, pcie_config_, pcie_nvram_,
+ *     pod_nvram_, podlog_, post_, postlog_, qel_pci_hotswap_, set_nvc_, sysfs_pci_;
+ *   - SetChassisType, GetChassisType, GetSlotByName, GetSlotById.
  * A program that defines one of them for itself hides the library's. The one exception is there for
  * programs to define: libuio_log (libuio.h).
  */
