@@ -4,9 +4,11 @@
  *
  * Files have ids 0 to 16:
  *
- *   0, 1   pod_alsw1.hex, pod_alsw2.hex     6, 7   pod_ft1.hex, pod_ft2.hex
- *   2 - 5  pod_sw1.hex - pod_sw4.hex        8 - 15 pod_pem1.hex - pod_pem8.hex
- *                                           16     pod_rpsw_mate.hex
+ *   0, 1    pod_alsw1.hex, pod_alsw2.hex
+ *   2 - 5   pod_sw1.hex - pod_sw4.hex
+ *   6, 7    pod_ft1.hex, pod_ft2.hex
+ *   8 - 15  pod_pem1.hex - pod_pem8.hex
+ *   16      pod_rpsw_mate.hex
  *
  * each of 16384 bytes, 10 histories and 64-byte messages until podlog_file_set_pod_info() says
  * otherwise. Other ids name no file: operations on them fail, or do nothing where there is no

@@ -13,12 +13,12 @@
  *   postlog_map_nvram_access()        the caller's own functions and block table
  *
  * Walking a log:
- *   h = postlog_nvram_open_dir(blk);                     the newest history
+ *   h = postlog_nvram_open_dir(blk);              the newest history
  *   while (h >= 0)
- *       h = postlog_nvram_read_dir(blk, h, &ts);         its time; the next older history
+ *       h = postlog_nvram_read_dir(blk, h, &ts);  its time; next older one
  *   postlog_nvram_close_dir(blk);
  * Reading a history:
- *   p = postlog_nvram_open_log(blk, h);                  its first entry
+ *   p = postlog_nvram_open_log(blk, h);           its first entry
  *   while (p > 0)
  *       p = postlog_nvram_read_log(blk, p, &ts, msg, sizeof msg);
  *   postlog_nvram_close_log(blk, h);
