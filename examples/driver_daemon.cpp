@@ -2,16 +2,17 @@
 // is removed.
 //
 // driver_daemon_cxx [NODE]    NODE: "/dev/uio0" unless given
-#include <device_access/device_access.hpp>
+#include <device_access/uio.hpp>
 
 #include <cstdio>
 
 namespace
 {
 
+using namespace std::chrono_literals;
 using device_access::uio;
 constexpr size_t control_register = 0x10;
-constexpr std::chrono::seconds quiet(2);
+constexpr std::chrono::seconds quiet = 2s;
 
 int fail(const device_access::failure &failed)
 {
@@ -24,7 +25,7 @@ int serve(uio &device)
 {
     for (;;) {
         (void)device.enable_interrupt(); // perhaps removed: then the wait says so
-        const auto count = device.wait(uio::clock::now() + quiet);
+        const auto count = device.wait_for(quiet);
         if (count)
             std::printf("interrupt %u\n", *count);
         else if (count.error().error == ETIMEDOUT)
@@ -42,12 +43,14 @@ int main(int argc, char **argv)
 {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     const char *node = argc > 1 ? argv[1] : "/dev/uio0";
-    auto device = uio::open(node, timespec{5, 0});
+    auto device = uio::open(node, 5s);
     if (!device)
         return fail(device.error());
-    if (const auto windows = device->map(); !windows || *windows < 1)
-        return fail(windows ? device_access::failure{"libuio_mmap", 0} : windows.error());
+    if (const auto mapped = device->map(); !mapped)
+        return fail(mapped.error());
     const auto registers = device->mapped(0);
+    if (!registers)
+        return fail({"libuio_get_mapinfo", ENXIO});
     registers->write<uint32_t>(control_register, 1);
     std::printf("%s runs, control register 0x%x\n", node,
                 registers->read<uint32_t>(control_register));

@@ -2,6 +2,8 @@
  * A log reader: prints a card's POD log, or one of the firmware's POST logs, newest history first.
  *
  * log_reader_c CARD | event | test | error     CARD: of the slot table, such as SW1
+ *
+ * card_reader.c reads those that the slot table lacks, too.
  */
 #include <device_access/pod_log.h>
 #include <device_access/post_log_nvram.h>
@@ -24,11 +26,13 @@ static int read_card(const char *card)
     int count = 0, histories[most_histories];
     time_t time;
     int history = podlog_open_dir(card);
+    const int is_open = history >= 0;
     while (history >= 0 && count < most_histories) {
         histories[count++] = history;
         history = podlog_read_dir(history, &time);
     }
-    podlog_close_dir(card);
+    if (is_open)
+        podlog_close_dir(card);
     for (int i = 0; i < count; ++i) {
         int position = podlog_open_log(card, histories[i]);
         while (position > 0) {

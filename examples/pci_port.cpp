@@ -1,6 +1,6 @@
 // Brings up what is behind a hot-plug port: finds the port, waits for its link, and maps and uses
 // the memory of the devices behind it.
-#include <device_access/device_access.hpp>
+#include <device_access/pci_config.hpp>
 
 #include <algorithm>
 #include <cstdio>
@@ -9,6 +9,13 @@ namespace
 {
 
 using namespace device_access;
+using namespace std::chrono_literals;
+
+int fail(const failure &failed)
+{
+    std::fprintf(stderr, "%s: %s\n", failed.call, failed.reason());
+    return 1;
+}
 
 bool has_slot(const pci_id &function)
 {
@@ -19,11 +26,13 @@ bool has_slot(const pci_id &function)
 void use(const pci_id &device)
 {
     std::printf("behind it: %s\n", device.str);
-    if (sysfs_pci_store_num(1, "enable", &device) != 0)
-        std::perror("  cannot be enabled");
-    const auto memory = pci_memory::map(device);
-    if (!memory)
-        return std::perror("  cannot be mapped");
+    const auto memory = pci_attributes(device).write_number("enable", 1).and_then([&] {
+        return pci_memory::map(device);
+    });
+    if (!memory) {
+        fail(memory.error());
+        return;
+    }
     for (unsigned number = 0; number < pci_memory::bars; ++number) {
         const auto registers = memory->bar(number);
         if (!registers)
@@ -39,22 +48,20 @@ void use(const pci_id &device)
 int main()
 {
     const auto functions = pci_functions::all();
-    if (!functions) {
-        std::perror("no functions");
-        return 1;
-    }
-    const pci_id *const port = std::find_if(functions->begin(), functions->end(), has_slot);
+    if (!functions)
+        return fail(functions.error());
+    const auto port = std::ranges::find_if(*functions, has_slot);
     if (port == functions->end()) {
         std::fprintf(stderr, "no port with a hot-plug slot\n");
         return 1;
     }
-    if (const int link = pcie_config_wait_link_up(port); link != 0) {
+    if (const auto link = wait_link_up_for(*port, 500ms); !link) {
         std::fprintf(stderr, "the link of %s is not up: %s\n", port->str,
-                     pcie_config_link_strerror(link < 0 ? errno : link));
+                     link_reason(link.error()));
         return 1;
     }
     const auto children = pci_functions::below(*port);
-    if (children)
-        for (const pci_id &device : *children)
-            use(device);
+    if (!children)
+        return fail(children.error());
+    std::ranges::for_each(*children, use);
 }

@@ -1,7 +1,7 @@
 /*
  * A POD runner: logs one run of a card's power-on diagnostics, and sets the card's status.
  *
- * pod_runner_c CARD STEP=RESULT...     CARD: such as SW1; RESULT: PASS, else it is a failure
+ * pod_runner_c CARD STEP=RESULT...     CARD: such as SW3; RESULT: PASS, else it is a failure
  */
 #include <device_access/pod_log.h>
 #include <device_access/pod_log_nvram.h>
@@ -25,6 +25,30 @@ static int log_step(int card, const char *step_and_result)
     return passed;
 }
 
+/*
+ * Cards that the slot table lacks, such as SW3, all have the id -1, with which the calls reach the
+ * first of them. Here each gets an id of its own.
+ */
+static void give_every_card_an_id(void)
+{
+    enum { first_id = 1000 }; /* above all slot numbers */
+    pod_storage_info_t table;
+    pod_nvram_inst_map_t words;
+    podlog_get_pod_storage_table(&table);
+    podlog_nvram_get_inst_mapping(0, &words);
+    for (int row = 0; row < table.num_storage; ++row) {
+        storage_info_t *card = &table.dev[row];
+        if (card->inst_id != -1)
+            continue;
+        card->inst_id = first_id + row;
+        for (int i = 0; i < words.num_inst; ++i)
+            if (strcmp(words.name0[i], card->inst_name) == 0)
+                words.index0[i] = card->inst_id;
+    }
+    podlog_config_pod_storage_info(&table);
+    podlog_nvram_config_inst_mapping(0, &words);
+}
+
 /* The status words are in the route processor's NVRAM. */
 static void set_status(int card, int passed)
 {
@@ -43,6 +67,7 @@ int main(int argc, char **argv)
     int card;
 
     podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
+    give_every_card_an_id();
     if (podlog_find_pod_instance(name, &card) != 1 || podlog_set_curr_active_inst(card, 0) != 0 ||
         podlog_init(card, 0) != 1) {
         fprintf(stderr, "cannot run the diagnostics of %s\n", name);

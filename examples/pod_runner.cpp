@@ -1,43 +1,37 @@
 // A POD runner: logs one run of a card's power-on diagnostics, and sets the card's status.
-// pod_runner_cxx CARD STEP=RESULT...     CARD: such as SW1; RESULT: PASS, else it is a failure
-#include <device_access/device_access.hpp>
-#include <device_access/pod_log_nvram.h>
+// pod_runner_cxx CARD STEP=RESULT...     CARD: such as SW3; RESULT: PASS, else it is a failure
+#include <device_access/pod_log.hpp>
 
 #include <cstdio>
-#include <string>
 
 namespace
 {
 
-int fail(const char *what, const char *card)
+using namespace device_access;
+
+int fail(const char *what, const char *card, const failure &failed)
 {
-    std::fprintf(stderr, "cannot %s of %s\n", what, card);
+    std::fprintf(stderr, "cannot %s of %s: %s\n", what, card, failed.reason());
     return 1;
 }
 
-// Returns whether the step has passed; false, too, when it cannot be logged.
-bool log(device_access::pod_run &run, const std::string &step)
+// Returns whether the step has passed.
+result<bool> log(pod_run &run, std::string_view step)
 {
     const size_t equals = step.find('=');
-    const std::string outcome = equals == step.npos ? "" : step.substr(equals + 1);
+    const std::string_view outcome = equals == step.npos ? "" : step.substr(equals + 1);
     const bool passed = outcome == "PASS";
-    return run.add(passed ? "INFO: " : "ERROR: ", step.substr(0, equals).c_str(), outcome.c_str(),
-                   "by the C++ runner") &&
-           passed;
+    return run
+        .add(passed ? "INFO: " : "ERROR: ", step.substr(0, equals), outcome, "by the C++ runner")
+        .transform([passed](log_room) { return passed; });
 }
 
 // The status words are in the route processor's NVRAM, which no run may have open.
-bool set_status(int instance, bool passed)
+result<pod_status> set_status(const char *card, pod_status status)
 {
-    constexpr int nvram = 0;
-    if (podlog_nvram_init(nvram, 0) != 1)
-        return false;
-    podlog_set_pod_status(instance,
-                          static_cast<int>(passed ? POD_STATUS_PASSED : POD_STATUS_FAILED));
-    std::printf("status: %s\n",
-                podlog_nvram_convert_pod_status_str(podlog_get_pod_status(instance)));
-    podlog_nvram_close(nvram);
-    return true;
+    return pod_status_words::open().and_then([&](pod_status_words words) {
+        return words.set_status(card, status).and_then([&] { return words.status(card); });
+    });
 }
 
 } // namespace
@@ -45,18 +39,23 @@ bool set_status(int instance, bool passed)
 int main(int argc, char **argv)
 {
     const char *card = argc > 1 ? argv[1] : "SW1";
-    int instance;
-    bool passed = true;
-    podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
-    {
-        auto run = device_access::pod_run::begin(card);
-        if (!run)
-            return fail("run the diagnostics", card);
-        instance = run->instance();
-        for (int i = 2; i < argc; ++i)
-            passed &= log(*run, argv[i]);
+    configure_pod_logs(pod_chassis::n20);
+    auto run = pod_run::begin(card);
+    if (!run)
+        return fail("run the diagnostics", card, run.error());
+    pod_status status = pod_status::passed;
+    for (int i = 2; i < argc; ++i) {
+        const auto passed = log(*run, argv[i]);
+        if (!passed)
+            return fail("log a step", card, passed.error());
+        if (!*passed)
+            status = pod_status::failed;
     }
-    if (!set_status(instance, passed))
-        return fail("set the status", card);
-    return passed ? 0 : 1;
+    if (const auto ended = run->end(status); !ended)
+        return fail("end the run", card, ended.error());
+    const auto stored = set_status(card, status);
+    if (!stored)
+        return fail("set the status", card, stored.error());
+    std::printf("status: %s\n", text_of(*stored));
+    return *stored == pod_status::passed ? 0 : 1;
 }

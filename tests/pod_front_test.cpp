@@ -217,9 +217,24 @@ int add(int id, const char *text)
     return podlog_add(id, nullptr, nullptr, nullptr, "%s", text);
 }
 
+// A card's log, as the front end reads it.
+struct front_end_log {
+    const char *card;
+
+    int open_dir() const { return podlog_open_dir(card); }
+    int read_dir(int history, time_t *time) const { return podlog_read_dir(history, time); }
+    void close_dir() const { podlog_close_dir(card); }
+    int open_log(int history) const { return podlog_open_log(card, history); }
+    int read_log(int position, time_t *time, char *text, uint32_t size) const
+    {
+        return podlog_read_log(position, time, text, size);
+    }
+    void close_log(int history) const { podlog_close_log(card, history); }
+};
+
 std::string read_card(const char *card)
 {
-    return log_text(device_access::pod_log(card));
+    return log_text(front_end_log{card});
 }
 
 TEST(pod_front_end, reports_unknown_instances_by_the_name_of_the_call)

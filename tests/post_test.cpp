@@ -3,6 +3,7 @@
 #include "support/nvram_controller.h"
 #include "support/sweep.h"
 
+#include <device_access/post_log.hpp>
 #include <device_access/post_log_nvram_pcie_access.h>
 
 #include <chrono>
@@ -52,7 +53,7 @@ int kept(int value)
 // A log as a client reads it.
 string log_of(log_type_t blk)
 {
-    return test::log_text(device_access::post_log(blk));
+    return test::log_text(device_access::post_log(device_access::post_block(blk)));
 }
 
 // A chassis with the sample logs, which the library opens and a client's function closes.

@@ -134,10 +134,11 @@ podlog_get_pod_secondary_storage_info(int inst_id, pod_secondary_storage_type_t 
  * Where the log of the card with this name is kept; names are compared as by
  * podlog_find_pod_instance(). This is the way to a card that the slot table lacks: several such
  * cards share the id -1, with which the calls by instance reach the first of them, and the reading
- * calls refuse their names. Use the calls of the storage with storage_inst_id instead: for
- * PODSTORAGE_FILE podlog_file_open_dir() and so on to read, podlog_file_init() and so on to write.
- * Status words of such cards: give the instances ids of their own in a copy of the instance mapping
- * (podlog_nvram_get_inst_mapping(), podlog_nvram_config_inst_mapping()), and use those.
+ * calls refuse their names. Read and write them with the calls of the storage and storage_inst_id:
+ * for PODSTORAGE_FILE podlog_file_open_dir(), podlog_file_init() and so on. Or give them ids of
+ * their own, in copies of the registry (podlog_get_pod_storage_table()) and of the mapping of the
+ * status words (podlog_nvram_get_inst_mapping()) that replace these; then all calls by instance
+ * reach them. examples/card_reader.c does the one, examples/pod_runner.c the other.
  *
  * storage: receives a copy of the row; left alone when there is none.
  *

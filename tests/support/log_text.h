@@ -1,9 +1,9 @@
-// A log as one text, read through the library's C++ face.
+// A log as one text, read through the library's C++ wrapper.
 #pragma once
 
 #include "support/test.h"
 
-#include <device_access/device_access.hpp>
+#include <device_access/log_reading.hpp>
 
 namespace test
 {
@@ -15,19 +15,17 @@ std::string log_text(const Log &log)
 {
     std::string text;
     output_of([&] {
-        std::vector<int> numbers; // a log is open for one purpose at a time
-        {
-            device_access::histories walk(log);
-            for (int number : walk)
-                numbers.push_back(number);
-            text = walk.failed() ? "!" : "";
-        }
-        for (int number : numbers) {
-            device_access::entries walk(log, number);
+        const auto histories = device_access::log_histories::of(log);
+        text = !histories || histories->failed() ? "!" : "";
+        if (!histories)
+            return;
+        for (const auto &[number, time] : *histories) {
             text += std::to_string(number) + ":";
-            for (const device_access::log_entry &entry : walk)
-                text.append(text.back() == ':' ? " " : "|").append(entry.text);
-            text += walk.failed() ? "!, " : ", ";
+            auto entries = device_access::log_entries<Log>::of(log, number);
+            if (entries)
+                for (const device_access::log_entry &entry : *entries)
+                    text.append(text.back() == ':' ? " " : "|").append(entry.text);
+            text += !entries || entries->failed() ? "!, " : ", ";
         }
     });
     return text;

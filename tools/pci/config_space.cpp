@@ -87,7 +87,7 @@ std::string config_space::all_bytes() const
 {
     if (!is_device())
         return bytes_;
-    const sysfs_pci_identity_t device = device_access::pci_function(id_);
+    const auto device = device_access::pci_id::parse(id_).value_or(device_access::pci_id());
     const auto file = ask([&] { return sysfs_pci_open("config", O_RDONLY | O_CLOEXEC, &device); });
     if (file.result < 0)
         fail("open the configuration space of " + id_, file, list_hint);

@@ -132,7 +132,7 @@ public:
     explicit uio_device(const std::string &name) : node_(node_of(name))
     {
         const auto found = ask([&] {
-            auto opened = device_access::uio::open(node_.c_str(), timespec{0, 0});
+            auto opened = device_access::uio::open(node_, std::chrono::seconds(0));
             if (opened)
                 device_.emplace(std::move(*opened));
             return opened.has_value();
@@ -158,11 +158,10 @@ public:
     {
         std::optional<device_access::window> window;
         const auto mapped = ask([&] {
-            const bool done = device_->map(~(uint64_t{1} << map)).has_value();
-            const int error = errno;
+            const auto done = device_->map(~(uint64_t{1} << map));
             window = device_->mapped(map);
-            errno = error;
-            return done;
+            errno = done ? 0 : done.error().error;
+            return done.has_value();
         });
         if (!window)
             throw failure(fmt::format("map window {} of {}", map, node_),
@@ -285,9 +284,7 @@ uint32_t next_interrupt(uio_device &device, waiting &wait)
         wait.show();
         uint32_t count = 0;
         const auto waited = ask([&] {
-            const auto limit = wait.next_look();
-            const auto came = device->wait(
-                limit == waiting::clock::time_point::max() ? std::nullopt : std::optional(limit));
+            const auto came = device->wait_until(wait.next_look());
             count = came.value_or(0);
             return came.has_value();
         });
