@@ -37,5 +37,5 @@ def test_the_file_serves_readers_that_have_no_preprocessor() -> None:
 
 def test_the_file_is_c() -> None:
     includes = "".join(f"#include <{name}.h>\n" for name in ("stdint", "sys/types", "time"))
-    subprocess.run(["cc", "-fsyntax-only", "-Wall", "-Werror", "-Wno-unused", "-x", "c", "-"], check=True,
-                   input=includes + DECLARATIONS.read_text(), text=True)
+    command = ["cc", "-fsyntax-only", "-Wall", "-Werror", "-Wno-unused", "-x", "c", "-"]
+    subprocess.run(command, input=includes + DECLARATIONS.read_text(), text=True, check=True)
