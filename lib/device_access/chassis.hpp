@@ -46,7 +46,7 @@ enum class slot_kind {
     other = SLOT_INFO_OTHER,        ///< A fan tray or a power module.
 };
 
-/// A slot of the chassis.
+/// A slot of the chassis. It is compared, hashed, written to streams and formatted.
 class slot
 {
 public:
@@ -181,14 +181,14 @@ inline uint32_t cksum(std::span<const std::byte> bytes) noexcept
 } // namespace wrapper
 } // namespace device_access
 
-/// Hashes the number.
+/// @cond
 template <>
 struct std::hash<device_access::slot> {
-    /// The hash of the number.
     size_t operator()(const device_access::slot &slot) const noexcept
     {
         return std::hash<int>()(slot.number());
     }
 };
+/// @endcond
 
 #endif

@@ -41,7 +41,7 @@ private:
 };
 
 /// Where a function is, in numbers: domain, bus, slot (device) and function, as the hexadecimal
-/// numbers in its name say.
+/// numbers in its name say. It is compared, hashed, written to streams and formatted.
 struct pci_address {
     uint16_t domain;  ///< 0 on most machines.
     uint8_t bus;      ///< 0x00 to 0xff.
@@ -72,7 +72,7 @@ struct pci_system_numbers {
 };
 
 /// The name of a function, "dddd:bb:ss.f". It is the C interface's identity, too: its address can
-/// be handed to every call.
+/// be handed to every call. It is compared, hashed, written to streams and formatted.
 struct pci_id : sysfs_pci_identity_t {
     /// No function.
     pci_id() noexcept : sysfs_pci_identity_t{} {}
@@ -486,24 +486,21 @@ private:
 } // namespace wrapper
 } // namespace device_access
 
-/// A walk's places stay good without the scan.
+/// @cond
+// A walk's places stay good without the scan.
 template <>
 inline constexpr bool std::ranges::enable_borrowed_range<device_access::pci_scan> = true;
 
-/// Hashes the name.
 template <>
 struct std::hash<device_access::pci_id> {
-    /// The hash of the name.
     size_t operator()(const device_access::pci_id &function) const noexcept
     {
         return std::hash<std::string_view>()(function.text());
     }
 };
 
-/// Hashes the numbers.
 template <>
 struct std::hash<device_access::pci_address> {
-    /// The hash of the numbers, put together as the kernel does.
     size_t operator()(const device_access::pci_address &address) const noexcept
     {
         const uint32_t number = uint32_t{address.domain} << 16 | uint32_t{address.bus} << 8 |
@@ -511,5 +508,6 @@ struct std::hash<device_access::pci_address> {
         return std::hash<uint32_t>()(number);
     }
 };
+/// @endcond
 
 #endif

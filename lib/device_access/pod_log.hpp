@@ -59,6 +59,18 @@ inline result<void> configure_pod_logs(std::span<const storage_info_t> rows) noe
     return {};
 }
 
+/// Replaces the mapping that says which instances have a status word in an NVRAM.
+inline void map_pod_status_words(pod_nvram_inst_map_t mapping, int nvram_id = 0) noexcept
+{
+    podlog_nvram_config_inst_mapping(nvram_id, &mapping);
+}
+
+/// Sets the magic number of all later checks and formats of NVRAMs; 0x1FE2C365 at first.
+inline void set_pod_nvram_magic(uint32_t number) noexcept
+{
+    podlog_nvram_set_magic_number(number);
+}
+
 //--- a log ----------------------------------------------------------------------------------------
 
 namespace detail
@@ -84,6 +96,7 @@ struct pod_storage_calls {
     void (*set_pod_info)(int, char *, int, int, int, uint32_t);
 };
 
+/// @cond
 #define DEVICE_ACCESS_POD_CALL(storage, name)                                                      \
     {                                                                                              \
         podlog_##storage##_##name, "podlog_" #storage "_" #name                                    \
@@ -105,6 +118,7 @@ inline constexpr pod_storage_calls pod_calls[] = {
     DEVICE_ACCESS_POD_CALLS(nvram), DEVICE_ACCESS_POD_CALLS(file), DEVICE_ACCESS_POD_CALLS(eeprom)};
 #undef DEVICE_ACCESS_POD_CALLS
 #undef DEVICE_ACCESS_POD_CALL
+/// @endcond
 
 // The result of a call of a storage. Making the directory of the files leaves EEXIST, which is no
 // reason for anything.

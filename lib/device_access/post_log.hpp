@@ -62,6 +62,14 @@ public:
                             "postlog_nvram_dump_all_log_msgs");
     }
 
+    /// Takes the base address, size and mode of the block from sysfs, by its name there.
+    result<void> find_properties() const noexcept
+    {
+        errno = 0;
+        return detail::done(postlog_nvram_find_blk_properties(type()) == 1,
+                            "postlog_nvram_find_blk_properties");
+    }
+
     /// As postlog_nvram_open_dir() and so on: what log_source asks for.
     int open_dir() const noexcept { return postlog_nvram_open_dir(type()); }
     /// As above.

@@ -98,7 +98,6 @@ private:
 template <typename T>
 class result;
 
-/// Private to the wrapper.
 namespace detail
 {
 
