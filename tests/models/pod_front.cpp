@@ -58,6 +58,13 @@ public:
             files_.emplace(std::to_string(i), region(8300, false));
         }
         place_nvram("/dev/nvlog-pod");
+        for (const int id : {0, 2}) { // small ones, which get full
+            string path = string("/var/pod/pod_") + file_names[id] + ".hex";
+            podlog_file_set_pod_info(id, path.data(), 32 + 2 * 276, 2, 64, ~0u);
+            device(kind::file, id).set_pod_info(path, 32 + 2 * 276, 2, 64, ~0u);
+            podlog_eeprom_set_pod_info(id, path.data(), 32 + 2 * 276, 2, 64, ~0u);
+            device(kind::eeprom, id).set_pod_info(path, 32 + 2 * 276, 2, 64, ~0u);
+        }
         configure(choose);
     }
 

@@ -240,7 +240,7 @@ void take(uint64_t seed, const steps &wanted, const maker &make)
     choices start(seed, 0);
     const std::unique_ptr<model> walker = make(start);
     for (const unsigned int step : wanted) {
-        ::alarm(20); // a call that does not return
+        ::alarm(5); // a call that does not return
         shared->step = step;
         choices choose(seed, step);
         walker->step(choose);
@@ -283,9 +283,10 @@ steps shrunk(uint64_t seed, steps wanted, const maker &make)
             std::upper_bound(wanted.begin(), wanted.end(), shared->step) - wanted.begin()));
     };
     cut();
-    int attempts = 600;
-    for (size_t size = (wanted.size() + 1) / 2; size > 0 && attempts > 0; size /= 2)
-        for (size_t at = 0; at < wanted.size() && attempts > 0; --attempts) {
+    using clock = std::chrono::steady_clock;
+    const clock::time_point end = clock::now() + std::chrono::seconds(30);
+    for (size_t size = (wanted.size() + 1) / 2; size > 0; size /= 2)
+        for (size_t at = 0; at < wanted.size() && clock::now() < end;) {
             steps fewer = wanted;
             fewer.erase(fewer.begin() + static_cast<ptrdiff_t>(at),
                         fewer.begin() + static_cast<ptrdiff_t>(std::min(at + size, fewer.size())));

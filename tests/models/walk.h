@@ -69,6 +69,13 @@ outcome expect(const std::string &description, const outcome &expected,
 
 extern bool in_call; // of expect()
 
+// Compares a call with what the model says of it, which is asked first.
+#define COMPARE(predicted, ...)                                                                    \
+    do {                                                                                           \
+        const models::outcome predicted_outcome = predicted;                                       \
+        models::expect(#__VA_ARGS__, predicted_outcome, [&] { return __VA_ARGS__; });              \
+    } while (false)
+
 // Says for the reader what a step does besides calls.
 void note(const std::string &what);
 
