@@ -445,7 +445,7 @@ TEST(chassis, is_what_its_description_says_and_prints_it_in_the_same_format)
     const string known = string(whole).replace(whole.find("\"SW1\": \"blank\", "), 16, "");
     EXPECT_EQ(described(known, "--describe" + validate), "0");
     EXPECT_EQ(described(whole, "-- true"),
-              "chassis-sim: the chassis has no log of a card 'SW1'\n125");
+              "chassis-sim: /logs/states/SW1 is of a card that this chassis has no log of\n125");
     const string cases[][2] = {
         {"ls /sys/bus/pci/devices; setpci -s 07:00.0 0x60.b; od -An -tx4 -j8 -N4 "
          "/sys/bus/pci/devices/0000:07:00.0/resource0; cat /sys/bus/pci/slots/7/address",
@@ -466,16 +466,16 @@ TEST(chassis, is_what_its_description_says_and_prints_it_in_the_same_format)
         {"{", file + " is no JSON text"},
         {"[]", "the description is no object"},
         {R"({"hotswap_bridges": [{"id": "0000:00:1.0"}]})",
-         "the description's function id '0000:00:1.0' is no PCI address"},
+         "/hotswap_bridges/0/id '0000:00:1.0' is no PCI address"},
         {R"({"uoi": []})", "unknown member /uoi"},
         {R"({"uio": {}})", "/uio is no array"},
         {R"({"uio": [{"number": -1}]})", "/uio/0/number is no number that is possible here"},
         {R"({"uio": [{"plugged": 1}]})", "/uio/0/plugged is of a wrong kind"},
-        {R"({"functions": [{"id": "1"}]})", "the description's function id '1' is no PCI address"},
+        {R"({"functions": [{"id": "1"}]})", "/functions/0/id '1' is no PCI address"},
         {R"({"functions": [{"id": "0000:00:00.0", "vendor": "x"}]})",
          "/functions/0/vendor is no number"},
         {R"({"faults": [{"error": "EVIL"}]})", "/faults/0/error cannot be 'EVIL'"},
-        {R"({"logs": {"states": {"FT1": "odd"}}})", "a log has no state 'odd'"},
+        {R"({"logs": {"states": {"FT1": "odd"}}})", "/logs/states/FT1 cannot be 'odd'"},
     };
     for (const auto &[text, line] : wrong)
         EXPECT_EQ(described(text, "-- true"), "chassis-sim: " + line + "\n125");

@@ -7,8 +7,10 @@
 #include <iterator>
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace chassis_sim
@@ -16,11 +18,45 @@ namespace chassis_sim
 namespace
 {
 
-void make_parents(const std::string &path)
+owned_fd root; // when nothing may be made outside its file system
+
+// Opens a path, for a directory's entries or for writing.
+int open_inside(const std::string &path, uint64_t flags, mode_t mode = 0)
+{
+    open_how how = {};
+    how.flags = flags | O_CLOEXEC;
+    how.mode = mode;
+    if (root)
+        how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_XDEV | RESOLVE_NO_MAGICLINKS;
+    const int start = root ? root.get() : AT_FDCWD;
+    return static_cast<int>(::syscall(SYS_openat2, start, path.c_str(), &how, sizeof how));
+}
+
+void fail_to_make(const std::string &what, const std::string &path)
+{
+    if (errno == EXDEV || errno == ELOOP)
+        throw failure(path + " leads out of the chassis");
+    fail(what + " " + path);
+}
+
+// Where an entry is made: its directory, and its name there.
+struct entry_place {
+    owned_fd directory;
+    std::string name;
+};
+
+entry_place place_of(const std::string &path)
 {
     const size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0)
-        make_directory(path.substr(0, slash));
+    const std::string above = slash == 0 ? "/" : path.substr(0, slash);
+    owned_fd directory(open_inside(above, O_PATH | O_DIRECTORY));
+    if (!directory && errno == ENOENT) {
+        make_directory(above);
+        directory.reset(open_inside(above, O_PATH | O_DIRECTORY));
+    }
+    if (!directory)
+        fail_to_make("open", above);
+    return {std::move(directory), path.substr(slash + 1)};
 }
 
 } // namespace
@@ -32,27 +68,32 @@ void owned_fd::reset(int fd)
     fd_ = fd;
 }
 
+void stay_in_root_file_system()
+{
+    root.reset(must(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC), "open /"));
+}
+
 void make_directory(const std::string &path)
 {
-    if (::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST)
+    if (path.empty() || owned_fd(open_inside(path, O_PATH | O_DIRECTORY)))
         return;
     if (errno != ENOENT)
+        fail_to_make("mkdir", path);
+    const entry_place at = place_of(path);
+    if (::mkdirat(at.directory.get(), at.name.c_str(), 0755) != 0 && errno != EEXIST)
         fail("mkdir " + path);
-    make_parents(path);
-    must(::mkdir(path.c_str(), 0755), "mkdir " + path);
 }
 
 void write_file(const std::string &path, std::string_view contents, mode_t mode)
 {
-    const auto create = [&] {
-        return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    };
+    const auto create = [&] { return open_inside(path, O_WRONLY | O_CREAT | O_TRUNC, mode); };
     owned_fd fd(create());
     if (!fd && errno == ENOENT) {
-        make_parents(path);
+        place_of(path);
         fd.reset(create());
     }
-    must(fd.get(), "create " + path);
+    if (!fd)
+        fail_to_make("create", path);
     for (size_t done = 0; done < contents.size();) {
         const ssize_t n = ::write(fd.get(), contents.data() + done, contents.size() - done);
         must(static_cast<int>(n), "write " + path);
@@ -62,8 +103,8 @@ void write_file(const std::string &path, std::string_view contents, mode_t mode)
 
 void make_symlink(const std::string &path, const std::string &target)
 {
-    make_parents(path);
-    must(::symlink(target.c_str(), path.c_str()), "symlink " + path);
+    const entry_place at = place_of(path);
+    must(::symlinkat(target.c_str(), at.directory.get(), at.name.c_str()), "symlink " + path);
 }
 
 void make_relative_symlink(const std::string &path, const std::string &target)

@@ -35,6 +35,11 @@ private:
     int fd_;
 };
 
+// From here on, the functions below make what they make in the file system that the root directory
+// is in, and nowhere else: a path that leads to another one, by a symbolic link or a mount, is
+// refused.
+void stay_in_root_file_system();
+
 // All below work on absolute paths, make missing parent directories, and throw a failure when the
 // file system refuses.
 void make_directory(const std::string &path);

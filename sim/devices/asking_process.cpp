@@ -6,13 +6,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <linux/audit.h>
 #include <linux/capability.h>
+#include <linux/openat2.h>
 #include <sys/fsuid.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -98,6 +103,69 @@ std::string asking_process::path(int directory, uint64_t address) const
     return (directory == AT_FDCWD ? link("cwd") : link_of(directory)) + "/" + name;
 }
 
+asking_process::file asking_process::resolve(int directory, uint64_t address, int flags) const
+{
+    std::string name = path(directory, address);
+    if (name.empty())
+        return {};
+    // What is its own in /proc is not this process's own.
+    const std::string own = "/proc/" + std::to_string(thread_);
+    for (const auto &[from, to] : {std::pair<std::string, std::string>{"/proc/self/", own + "/"},
+                                   {"/proc/thread-self/", own + "/"},
+                                   {"/dev/fd/", own + "/fd/"},
+                                   {"/dev/stdin", own + "/fd/0"},
+                                   {"/dev/stdout", own + "/fd/1"},
+                                   {"/dev/stderr", own + "/fd/2"}})
+        if (name.starts_with(from))
+            name = to + name.substr(from.size());
+    const std::string changed_root = link("root");
+    open_how how = {};
+    how.flags = O_PATH | O_CLOEXEC | static_cast<uint64_t>(flags & O_NOFOLLOW);
+    owned_fd root;
+    if (changed_root != "/" && !changed_root.empty()) {
+        root.reset(::open(proc("root").c_str(), O_PATH | O_CLOEXEC));
+        how.resolve = RESOLVE_IN_ROOT;
+        if (name.starts_with(changed_root + "/"))
+            name.erase(0, changed_root.size());
+    }
+    const owned_fd found(static_cast<int>(
+        ::syscall(SYS_openat2, root ? root.get() : AT_FDCWD, name.c_str(), &how, sizeof how)));
+    struct stat status;
+    char target[longest_path];
+    const std::string entry = "/proc/self/fd/" + std::to_string(found.get());
+    const ssize_t length = ::readlink(entry.c_str(), target, sizeof target);
+    if (!found || length <= 0 || ::fstat(found.get(), &status) != 0)
+        return {};
+    return {{target, static_cast<size_t>(length)}, status.st_mode, status.st_rdev};
+}
+
+// With the groups of another process; only for the calling thread, unlike setgroups(3).
+class borrowed_groups
+{
+public:
+    explicit borrowed_groups(const std::vector<gid_t> &groups)
+    {
+        own_.resize(static_cast<size_t>(std::max(::getgroups(0, nullptr), 0)));
+        own_.resize(static_cast<size_t>(
+            std::max(::getgroups(static_cast<int>(own_.size()), own_.data()), 0)));
+        set(groups);
+    }
+    ~borrowed_groups() { set(own_); }
+    borrowed_groups(const borrowed_groups &) = delete;
+    borrowed_groups &operator=(const borrowed_groups &) = delete;
+
+private:
+    static void set(const std::vector<gid_t> &groups)
+    {
+#ifdef SYS_setgroups32
+        ::syscall(SYS_setgroups32, groups.size(), groups.data());
+#else
+        ::syscall(SYS_setgroups, groups.size(), groups.data());
+#endif
+    }
+    std::vector<gid_t> own_;
+};
+
 bool asking_process::may_open(const std::string &path, int flags) const
 {
     const std::string status = file_text(proc("status"));
@@ -110,6 +178,15 @@ bool asking_process::may_open(const std::string &path, int flags) const
             std::sscanf(status.c_str() + place + word.size(), "%*u %u", &id);
         return id;
     };
+    std::vector<gid_t> groups;
+    const size_t place = status.find("\nGroups:");
+    std::istringstream ids(
+        place == std::string::npos
+            ? ""
+            : status.substr(place + 8, status.find('\n', place + 1) - place - 8));
+    for (gid_t id; ids >> id;)
+        groups.push_back(id);
+    const borrowed_groups borrowed(groups);
     const int group = ::setfsgid(effective("\nGid:"));
     const int user = ::setfsuid(effective("\nUid:"));
     constexpr int modes[] = {R_OK, W_OK, R_OK | W_OK, R_OK | W_OK}; // by O_ACCMODE
@@ -173,6 +250,13 @@ uint64_t asked_call::file_offset() const
 {
     constexpr uint64_t unit = 4096; // of mmap2, whatever the page size
     return data_.arch == AUDIT_ARCH_I386 ? argument(5) * unit : argument(5);
+}
+
+uint64_t asked_call::position() const
+{
+    // A 32-bit caller gives it in two halves.
+    return data_.arch == AUDIT_ARCH_I386 ? (argument(3) & 0xffffffff) | argument(4) << 32
+                                         : argument(3);
 }
 
 void asked_call::pass() const

@@ -31,6 +31,14 @@ public:
     // The path at an address, of less than 4096 bytes, made absolute.
     std::string path(int directory, uint64_t address) const;
 
+    // What a path leads to, as this process sees it; a path that leads nowhere has no name.
+    struct file {
+        std::string name; // its own, without links
+        mode_t mode = 0;
+        dev_t device = 0; // its number, if it is a device
+    };
+    file resolve(int directory, uint64_t address, int flags) const;
+
     // What an entry of its directory in /proc, such as "fd/3", links to.
     std::string link(const std::string &entry) const;
     std::string link_of(int fd) const { return link("fd/" + std::to_string(fd)); }
@@ -65,8 +73,9 @@ public:
     uint64_t argument(size_t i) const { return data_.args[i]; }
     int int_argument(size_t i) const { return static_cast<int>(data_.args[i]); }
 
-    // Of mmap: where in the file, in bytes.
+    // Where in the file, in bytes: of mmap; of pread and pwrite.
     uint64_t file_offset() const;
+    uint64_t position() const;
 
     // Whether the caller waits still: a signal may have come.
     bool waits() const;

@@ -2,6 +2,9 @@
 #include "sim/devices/call_answers.h"
 
 #include "sim/devices/control_node.h"
+#include "sim/devices/pci_files.h"
+#include "sim/devices/physical_memory.h"
+#include "sim/devices/status_reply.h"
 #include "sim/devices/storage_node.h"
 #include "sim/devices/uio_opening.h"
 
@@ -10,18 +13,24 @@
 #include <filesystem>
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace chassis_sim
 {
 
 namespace fs = std::filesystem;
 
-call_answers::call_answers(devices &all, event_loop &loop, unsigned int first_number)
-    : devices_(all), openings_(first_number)
+call_answers::call_answers(const chassis_nodes &described, devices &all, window_table &windows,
+                           register_bus &bus, event_loop &loop, unsigned int first_number)
+    : devices_(all), bus_(bus), trap_(windows, bus, loop), openings_(first_number)
 {
-    add_control_nodes(nodes_, all, loop);
-    add_uio_nodes(nodes_, all, openings_, loop);
+    const opening_services with = {openings_, loop, trap_};
+    add_control_nodes(nodes_, {all, windows, bus}, loop);
+    add_uio_nodes(nodes_, all, with);
     add_storage_nodes(nodes_, all, openings_);
+    add_physical_memory(nodes_, described.memory(), windows, with);
+    add_pci_files(nodes_, described.bars(), windows, with);
 }
 
 void call_answers::answer(const asked_call &call)
@@ -44,26 +53,48 @@ void call_answers::answer(const asked_call &call)
     case intercepted::wait:
         openings_.before_wait(call);
         return call.pass();
+    case intercepted::status:
+    case intercepted::status_at:
+    case intercepted::status_extended:
+        return answer_status(call, what);
+    case intercepted::trace:
+        return answer_trace(call);
     default:
         return answer_on_descriptor(call, what);
     }
 }
 
-void call_answers::answer_open(const asked_call &call, int directory, uint64_t path_address,
-                               int flags)
+node *call_answers::node_at(const std::string &path, int flags) const
 {
-    std::error_code none;
-    const std::string path = fs::canonical(call.process().path(directory, path_address), none);
-    if (none || flags & O_PATH)
-        return call.pass();
     const auto found = std::find_if(nodes_.begin(), nodes_.end(), [&](const auto &candidate) {
         return candidate->is_at(path, flags);
     });
-    if (found == nodes_.end())
+    return found == nodes_.end() ? nullptr : found->get();
+}
+
+void call_answers::answer_open(const asked_call &call, int directory, uint64_t path_address,
+                               int flags)
+{
+    const asking_process::file file = call.process().resolve(directory, path_address, flags);
+    if (file.name.empty() || flags & O_PATH)
         return call.pass();
-    if (!call.process().may_open(path, flags))
+    // A device is known by its number, wherever its node is; what is open, by itself.
+    std::string path = file.name;
+    if (S_ISCHR(file.mode) && may_make_nodes()) {
+        const std::string by_number =
+            devices_.node_of({::major(file.device), ::minor(file.device)});
+        if (!by_number.empty())
+            path = by_number;
+    } else if (path[0] != '/' || path.starts_with("/memfd:")) {
+        if (const opening *const open = openings_.find(path))
+            path = open->node_path();
+    }
+    node *const found = node_at(path, flags);
+    if (!found)
+        return call.pass();
+    if (file.name[0] == '/' && !call.process().may_open(file.name, flags))
         return call.result(-EACCES);
-    (*found)->open(call, path, flags);
+    found->open(call, path, flags);
 }
 
 // An ordinary user's mknod fails; a plain file then stands for the node.
@@ -78,6 +109,30 @@ void call_answers::answer_mknod(const asked_call &call, int directory, uint64_t 
     call.result(0);
 }
 
+void call_answers::answer_status(const asked_call &call, intercepted what)
+{
+    const bool of_path = what != intercepted::status;
+    char first = 0; // of the path: a descriptor's own status has none
+    const int fd = call.int_argument(0);
+    opening *const open = openings_.find(call.process(), fd);
+    if (!open)
+        return call.pass();
+    if (open->node_path().empty() ||
+        (of_path && (!call.process().read(call.argument(1), &first, sizeof first) || first != 0)))
+        return open->use(call, fd);
+    if (what == intercepted::status_extended)
+        return reply_extended_status(call, call.argument(4), open->node_path());
+    reply_status(call, call.argument(of_path ? 2 : 1), open->node_path());
+}
+
+void call_answers::answer_trace(const asked_call &call) const
+{
+    if (!trap_.follows(call.int_argument(1)))
+        return call.pass();
+    complain("no debugger or strace can be attached to a program whose registers are followed");
+    call.result(-EPERM);
+}
+
 void call_answers::answer_on_descriptor(const asked_call &call, intercepted what)
 {
     constexpr size_t of_mmap = 4, of_epoll_ctl = 2;
@@ -89,9 +144,13 @@ void call_answers::answer_on_descriptor(const asked_call &call, intercepted what
         return call.pass();
     switch (what) {
     case intercepted::read:
-        return open->read(call, fd);
+        return open->read(call, fd, std::nullopt);
     case intercepted::write:
-        return open->write(call, fd);
+        return open->write(call, fd, std::nullopt);
+    case intercepted::read_at:
+        return open->read(call, fd, call.position());
+    case intercepted::write_at:
+        return open->write(call, fd, call.position());
     case intercepted::seek:
         return open->seek(call, fd);
     case intercepted::mmap:

@@ -12,7 +12,7 @@
 namespace chassis_sim
 {
 
-void control(const std::string &line)
+std::string answer_to(const std::string &line)
 {
     const owned_fd fd(must(::open(control_path, O_RDWR | O_CLOEXEC), control_path));
     const std::string text = line + "\n";
@@ -20,8 +20,14 @@ void control(const std::string &line)
     char answer[4096];
     const ssize_t length = ::read(fd.get(), answer, sizeof answer);
     const std::string said(answer, static_cast<size_t>(std::max<ssize_t>(length, 1)) - 1);
-    if (said != "ok")
+    if (said != "ok" && !said.starts_with("ok "))
         throw failure(said);
+    return said.substr(std::min<size_t>(said.size(), 3));
+}
+
+void control(const std::string &line)
+{
+    answer_to(line);
 }
 
 } // namespace chassis_sim

@@ -6,7 +6,9 @@
 namespace chassis_sim
 {
 
-// Has one control line obeyed; throws a failure when that cannot be done.
+// Have one control line obeyed; the first returns what it tells. Both throw a failure when that
+// cannot be done.
+std::string answer_to(const std::string &line);
 void control(const std::string &line);
 
 } // namespace chassis_sim

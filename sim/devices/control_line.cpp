@@ -55,9 +55,12 @@ bool control_line::read()
 void control_line::handle(const std::string &line)
 {
     std::string answer = "ok";
+    bool done = true;
     try {
-        obey_(line);
+        const std::string told = obey_(line);
+        answer += (told.empty() ? "" : " ") + told;
     } catch (const std::exception &error) {
+        done = false;
         answer = error.what();
         std::replace_if(
             answer.begin(), answer.end(), [](int byte) { return byte < ' '; }, '?');
@@ -65,7 +68,7 @@ void control_line::handle(const std::string &line)
     if (client_reads_) {
         answer += '\n';
         ::send(own_end_.get(), answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-    } else if (answer != "ok") {
+    } else if (!done) {
         complain(answer);
     }
 }

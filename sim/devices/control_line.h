@@ -9,8 +9,9 @@
 namespace chassis_sim
 {
 
-// Does what a line says; throws a failure when that cannot be done.
-using obey_line = std::function<void(const std::string &)>;
+// Does what a line says, and returns what there is to tell of it; throws a failure when that cannot
+// be done.
+using obey_line = std::function<std::string(const std::string &)>;
 
 // A client's end of a new line. Who reads it too is told what became of each; for others that is
 // said on standard error.

@@ -2,7 +2,6 @@
 #include "sim/devices/control_node.h"
 
 #include "sim/devices/control_line.h"
-#include "sim/devices/control_verbs.h"
 #include "sim/parts/pci_tree.h"
 
 #include <cstdlib>
@@ -26,13 +25,14 @@ public:
     void open(const asked_call &call, const std::string &path, int flags) override
     {
         const bool client_reads = (flags & O_ACCMODE) != O_WRONLY;
-        const owned_fd line = open_control_line(
-            loop_, client_reads, [this, path](const std::string &text) { obey(path, text); });
+        const owned_fd line =
+            open_control_line(loop_, client_reads,
+                              [this, path](const std::string &text) { return obey(path, text); });
         call.descriptor(line.get(), flags & O_CLOEXEC, std::nullopt);
     }
 
 private:
-    virtual void obey(const std::string &path, const std::string &line) = 0;
+    virtual std::string obey(const std::string &path, const std::string &line) = 0;
 
     event_loop &loop_;
 };
@@ -40,17 +40,17 @@ private:
 class chassis_node : public control_node
 {
 public:
-    chassis_node(devices &all, event_loop &loop) : control_node(loop), devices_(all) {}
+    chassis_node(const controlled &what, event_loop &loop) : control_node(loop), what_(what) {}
 
     bool is_at(const std::string &path, int) const override { return path == control_path; }
 
 private:
-    void obey(const std::string &, const std::string &line) override
+    std::string obey(const std::string &, const std::string &line) override
     {
-        chassis_sim::obey(devices_, line);
+        return chassis_sim::obey(what_, line);
     }
 
-    devices &devices_;
+    controlled what_;
 };
 
 // The attributes "remove" of functions and "rescan" of all: who reads them finds plain files.
@@ -68,18 +68,19 @@ public:
     }
 
 private:
-    void obey(const std::string &path, const std::string &line) override
+    std::string obey(const std::string &path, const std::string &line) override
     {
         if (path.ends_with("/rescan")) {
             for (const std::string &id : std::exchange(removed_, {}))
                 plug_pci(id);
-            return;
+            return "";
         }
         const std::string id = fs::path(path).parent_path().filename();
         if (std::atoi(line.c_str()) == 0)
             throw failure("1 removes " + id);
         unplug_pci(id);
         removed_.insert(id);
+        return "";
     }
 
     std::set<std::string> removed_; // from the bus, until it is scanned again
@@ -87,9 +88,9 @@ private:
 
 } // namespace
 
-void add_control_nodes(node_list &nodes, devices &all, event_loop &loop)
+void add_control_nodes(node_list &nodes, const controlled &what, event_loop &loop)
 {
-    nodes.push_back(std::make_unique<chassis_node>(all, loop));
+    nodes.push_back(std::make_unique<chassis_node>(what, loop));
     nodes.push_back(std::make_unique<bus_node>(loop));
 }
 

@@ -1,13 +1,13 @@
 // The files of the chassis that take lines: /dev/chassis, and those of the PCI bus.
 #pragma once
 
-#include "sim/devices/devices.h"
+#include "sim/devices/control_verbs.h"
 #include "sim/devices/event_loop.h"
 #include "sim/devices/node.h"
 
 namespace chassis_sim
 {
 
-void add_control_nodes(node_list &nodes, devices &all, event_loop &loop);
+void add_control_nodes(node_list &nodes, const controlled &what, event_loop &loop);
 
 } // namespace chassis_sim

@@ -35,7 +35,8 @@ class server
 {
 public:
     server(const chassis_nodes &described, unsigned int first_number)
-        : devices_(described, loop_), answers_(devices_, loop_, first_number)
+        : devices_(described, loop_, windows_), bus_(devices_, loop_),
+          answers_(described, devices_, windows_, bus_, loop_, first_number)
     {
         for (const timed_line &line : described.lines())
             obey_at(steady::now() + milliseconds(line.at_ms), line);
@@ -76,7 +77,7 @@ private:
             if (line.every_ms > 0)
                 obey_at(time + milliseconds(line.every_ms), line);
             try {
-                obey(devices_, line.line);
+                obey({devices_, windows_, bus_}, line.line);
             } catch (const std::exception &error) {
                 if (line.every_ms == 0) // else it would be said again and again
                     complain(error.what());
@@ -85,7 +86,9 @@ private:
     }
 
     event_loop loop_;
+    window_table windows_;
     devices devices_;
+    register_bus bus_;
     call_answers answers_;
 };
 

@@ -6,10 +6,11 @@
 namespace chassis_sim
 {
 
-devices::devices(const chassis_nodes &described, event_loop &loop) : faults_(described.faults())
+devices::devices(const chassis_nodes &described, event_loop &loop, window_table &windows)
+    : faults_(described.faults())
 {
     for (const uio_node &device : described.uio())
-        uio.emplace_back(device, loop);
+        uio.emplace_back(device, loop, windows);
     for (const storage_node &device : described.storage())
         storage.emplace_back(device);
 }
@@ -21,6 +22,17 @@ uio_device &devices::named(const std::string &name)
     if (found == uio.end())
         throw failure("there is no device '" + name + "'");
     return *found;
+}
+
+std::string devices::node_of(const device_number &number) const
+{
+    const auto has_it = [&](const auto &device) {
+        return device.number.major == number.major && device.number.minor == number.minor;
+    };
+    if (const auto found = std::find_if(uio.begin(), uio.end(), has_it); found != uio.end())
+        return found->node;
+    const auto found = std::find_if(storage.begin(), storage.end(), has_it);
+    return found == storage.end() ? "" : found->node;
 }
 
 int devices::fault(const std::string &name, const std::string &call)

@@ -14,10 +14,13 @@ namespace chassis_sim
 class devices
 {
 public:
-    devices(const chassis_nodes &described, event_loop &loop);
+    devices(const chassis_nodes &described, event_loop &loop, window_table &windows);
 
     // The device of that name; throws a failure when there is none.
     uio_device &named(const std::string &name);
+
+    // The node's path of the device with this number; empty: there is none.
+    std::string node_of(const device_number &number) const;
 
     // The errno with which this call on a device fails; 0: it does not.
     int fault(const std::string &name, const std::string &call);

@@ -25,6 +25,15 @@ opening *opening_table::find(const asking_process &client, int fd) const
     return found == openings_.end() ? nullptr : found->get();
 }
 
+opening *opening_table::find(const std::string &link) const
+{
+    const asking_process nobody(0);
+    const auto found = std::find_if(openings_.begin(), openings_.end(), [&](const auto &open) {
+        return open->is_behind(link, nobody, -1);
+    });
+    return found == openings_.end() ? nullptr : found->get();
+}
+
 void opening_table::before_wait(const asked_call &call) const
 {
     for (const auto &open : openings_)

@@ -27,13 +27,18 @@ public:
 
     // Answers to the calls on a descriptor. Unless a kind of opening says otherwise, the kernel
     // does what is asked.
-    virtual void read(const asked_call &call, int) { call.pass(); }
-    virtual void write(const asked_call &call, int) { call.pass(); }
+    // at: where in the file, of pread and pwrite.
+    using position = std::optional<uint64_t>;
+    virtual void read(const asked_call &call, int, position /* at */) { call.pass(); }
+    virtual void write(const asked_call &call, int, position /* at */) { call.pass(); }
     virtual void seek(const asked_call &call, int) { call.pass(); }
     virtual void map(const asked_call &call, int) { call.pass(); }
     virtual void duplicate(const asked_call &call, int, bool /* close_on_exec */) { call.pass(); }
     virtual void close(const asked_call &call, int) { call.pass(); }
     virtual void use(const asked_call &call, int) { call.pass(); } // in another way
+
+    // The character device that it is an opening of; empty: it is none.
+    virtual std::string node_path() const { return ""; }
 
     // The client is about to wait for some of its descriptors.
     virtual void before_wait(const asked_call &) {}
@@ -50,6 +55,7 @@ public:
     void forget(const opening *gone);
     void forget_closed();
     opening *find(const asking_process &client, int fd) const;
+    opening *find(const std::string &link) const;
     void before_wait(const asked_call &call) const;
 
     // A number that the client has not given to a descriptor; none: it has no more.

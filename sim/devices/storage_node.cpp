@@ -19,8 +19,10 @@ public:
     {
         return device_.is_behind(link);
     }
-    void read(const asked_call &call, int) override { fail_or_pass(call, "read"); }
-    void write(const asked_call &call, int) override { fail_or_pass(call, "write"); }
+    void read(const asked_call &call, int, position) override { fail_or_pass(call, "read"); }
+    void write(const asked_call &call, int, position) override { fail_or_pass(call, "write"); }
+
+    std::string node_path() const override { return device_.node; }
 
 private:
     void fail_or_pass(const asked_call &call, const char *name)

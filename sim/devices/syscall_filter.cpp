@@ -10,6 +10,7 @@
 
 #include <seccomp.h>
 #include <sys/mman.h>
+#include <sys/ptrace.h>
 
 namespace chassis_sim
 {
@@ -17,7 +18,7 @@ namespace
 {
 
 // On which argument's value it depends whether a call is asked about.
-enum class condition { none, descriptor_first, descriptor_third, shared_mapping };
+enum class condition { none, descriptor_first, descriptor_third, shared_mapping, attaching };
 
 constexpr struct {
     const char *name;
@@ -39,9 +40,14 @@ constexpr struct {
     {"mmap", intercepted::mmap, condition::shared_mapping},
     {"mmap2", intercepted::mmap, condition::shared_mapping},
     {"read", intercepted::read, condition::descriptor_first},
-    {"pread64", intercepted::read, condition::descriptor_first},
+    {"pread64", intercepted::read_at, condition::descriptor_first},
     {"write", intercepted::write, condition::descriptor_first},
-    {"pwrite64", intercepted::write, condition::descriptor_first},
+    {"pwrite64", intercepted::write_at, condition::descriptor_first},
+    {"fstat", intercepted::status, condition::descriptor_first},
+    {"fstat64", intercepted::status, condition::descriptor_first},
+    {"newfstatat", intercepted::status_at, condition::descriptor_first},
+    {"fstatat64", intercepted::status_at, condition::descriptor_first},
+    {"statx", intercepted::status_extended, condition::descriptor_first},
     {"lseek", intercepted::seek, condition::descriptor_first},
     {"_llseek", intercepted::seek, condition::descriptor_first},
     {"dup", intercepted::duplicate, condition::descriptor_first},
@@ -54,6 +60,7 @@ constexpr struct {
     {"ioctl", intercepted::any, condition::descriptor_first},
     {"readv", intercepted::any, condition::descriptor_first},
     {"writev", intercepted::any, condition::descriptor_first},
+    {"ptrace", intercepted::trace, condition::attaching},
 };
 
 // A 64-bit server also serves 32-bit programs.
@@ -76,6 +83,9 @@ void add_rule(scmp_filter_ctx filter, int number, condition when, unsigned int f
         return add(SCMP_A0_32(SCMP_CMP_GE, first_fd, 0));
     case condition::descriptor_third:
         return add(SCMP_A2_32(SCMP_CMP_GE, first_fd, 0));
+    case condition::attaching:
+        add(SCMP_A0_32(SCMP_CMP_EQ, PTRACE_ATTACH, 0));
+        return add(SCMP_A0_32(SCMP_CMP_EQ, PTRACE_SEIZE, 0));
     case condition::shared_mapping:
         return add(SCMP_A3_32(SCMP_CMP_MASKED_EQ, MAP_SHARED, MAP_SHARED),
                    SCMP_A4_32(SCMP_CMP_LE, most, 0));
@@ -93,6 +103,10 @@ int install_syscall_filter(unsigned int first_fd)
         ::seccomp_arch_add(filter.get(), architecture);
     for (const auto &[name, call, when] : calls)
         add_rule(filter.get(), ::seccomp_syscall_resolve_name(name), when, first_fd);
+    // Its opens, reads and writes would not be seen; programs that use it do without where it is
+    // missing.
+    ::seccomp_rule_add(filter.get(), SCMP_ACT_ERRNO(ENOSYS),
+                       ::seccomp_syscall_resolve_name("io_uring_setup"), 0);
     errno = -::seccomp_load(filter.get());
     if (errno != 0)
         fail("needs seccomp user notification (Linux 5.14 or newer)");

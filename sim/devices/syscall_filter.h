@@ -21,12 +21,18 @@ enum class intercepted {
     // The following only on descriptors of the chassis's devices, which have high numbers.
     read, // of one buffer
     write,
+    read_at,
+    write_at,
+    status,          // fstat
+    status_at,       // of a path from a descriptor on
+    status_extended, // statx
     seek,
     duplicate,
     control, // fcntl
     close,
     epoll, // epoll_ctl
     any,   // others that work on it
+    trace, // ptrace
 };
 
 // Has the kernel ask about the calls of this process and its children from now on; those on a

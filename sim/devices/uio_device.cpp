@@ -29,11 +29,19 @@ void store(int memory, off_t offset, uint32_t value)
     must(static_cast<int>(::pwrite(memory, &value, sizeof value, offset)), "set a register");
 }
 
+owned_fd memory_of(const std::string &name, const uio_map_range &map)
+{
+    return make_memory("chassis-uio:" + name, static_cast<size_t>(map.offset() + map.length()));
+}
+
 } // namespace
 
-uio_device::uio_device(const uio_node &described, event_loop &loop)
+uio_device::uio_device(const uio_node &described, event_loop &loop, window_table &windows)
     : uio_node(described), loop_(loop)
 {
+    for (const uio_map_range &map : maps)
+        windows_.push_back(&windows.add(name + ".map" + std::to_string(map.number), map.registers,
+                                        map.offset(), map.length(), memory_of(name, map)));
     reset_memory();
     make_directory("/.chassis/absent");
     if (plugged)
@@ -67,21 +75,21 @@ uio_device::place uio_device::place_of(uint32_t address) const
     // Maps may reach into the numbers after theirs; the nearest one counts.
     place found = {-1, 0};
     off_t nearest = -1;
-    for (const auto &[map, memory] : memories_) {
-        const auto start = static_cast<off_t>(map.offset());
+    for (const register_window *const window : windows_) {
+        const auto start = static_cast<off_t>(window->base());
         if (start > nearest && start <= address &&
-            address < start + static_cast<off_t>(map.length()))
-            found = {memory.get(), address}, nearest = start;
+            address < start + static_cast<off_t>(window->size())) {
+            found = {window->memory(), address};
+            nearest = start;
+        }
     }
     return found;
 }
 
 void uio_device::reset_memory()
 {
-    memories_.clear();
-    for (const uio_map_range &map : maps)
-        memories_.emplace_back(map,
-                               make_memory("chassis-uio:" + name, map.offset() + map.length()));
+    for (size_t i = 0; i < maps.size(); ++i)
+        windows_[i]->renew(memory_of(name, maps[i]));
     for (const preset_register &preset : registers)
         if (const place at = place_of(preset.address); at.memory >= 0)
             store(at.memory, at.offset, preset.value);
@@ -107,12 +115,12 @@ void uio_device::answer_registers(uint32_t session)
     loop_.at(steady::now() + milliseconds(1), [this, session] { answer_registers(session); });
 }
 
-int uio_device::memory_at(uint64_t offset, uint64_t length) const
+register_window *uio_device::window_at(uint64_t offset, uint64_t length) const
 {
-    for (const auto &[map, memory] : memories_)
-        if (map.offset() == offset)
-            return length <= map.length() ? memory.get() : -EINVAL;
-    return -EINVAL;
+    for (register_window *const window : windows_)
+        if (window->base() == offset)
+            return length <= window->size() ? window : nullptr;
+    return nullptr;
 }
 
 void uio_device::leave_sysfs()

@@ -3,6 +3,7 @@
 
 #include "sim/base/files.h"
 #include "sim/devices/event_loop.h"
+#include "sim/devices/register_window.h"
 #include "sim/parts/nodes.h"
 
 #include <cstdint>
@@ -18,7 +19,7 @@ class uio_listener;
 class uio_device : public uio_node
 {
 public:
-    uio_device(const uio_node &described, event_loop &loop);
+    uio_device(const uio_node &described, event_loop &loop, window_table &windows);
 
     void plug();
     void remove(); // what the kernel does when a device leaves its driver
@@ -28,8 +29,8 @@ public:
     bool present() const { return present_; }
     uint32_t count() const { return count_; }
 
-    // The memory that a client gets for mapping so many bytes at an offset; an errno below 0.
-    int memory_at(uint64_t offset, uint64_t length) const;
+    // The window that a client maps so many bytes of at an offset; NULL: there is none.
+    register_window *window_at(uint64_t offset, uint64_t length) const;
 
     // Who is told of interrupts and of the removal.
     void add(uio_listener &open) { listeners_.push_back(&open); }
@@ -57,7 +58,7 @@ private:
     bool enabled_ = false;
     bool latched_ = false; // an interrupt that occurred while disabled
     uint32_t count_ = 0;
-    std::vector<std::pair<uio_map_range, owned_fd>> memories_;
+    std::vector<register_window *> windows_;
     std::vector<bool> answered_;
     std::vector<uio_listener *> listeners_;
 };

@@ -17,14 +17,17 @@ namespace
 class uio_opening : public two_faced_opening
 {
 public:
-    uio_opening(uio_device &of, devices &all, opening_table &table, event_loop &loop, int flags)
-        : two_faced_opening(of, table, loop, flags), devices_(all)
+    uio_opening(uio_device &of, devices &all, const opening_services &with, int flags)
+        : two_faced_opening(of, with.table, with.loop, flags), devices_(all), trap_(with.trap),
+          node_(of.node)
     {
     }
 
+    std::string node_path() const override { return node_; }
+
     void map(const asked_call &call, int fd) override;
-    void read(const asked_call &call, int fd) override;
-    void write(const asked_call &call, int fd) override;
+    void read(const asked_call &call, int fd, position) override;
+    void write(const asked_call &call, int fd, position) override;
     void seek(const asked_call &call, int fd) override;
 
 private:
@@ -34,6 +37,8 @@ private:
     void written(int32_t flag) override;
 
     devices &devices_;
+    access_trap &trap_;
+    std::string node_;
     std::vector<asked_call> waiting_; // reads, for the next interrupt
 };
 
@@ -51,14 +56,17 @@ void uio_opening::map(const asked_call &call, int fd)
         return call.result(-EINVAL);
     if (is_to_fail(call, "mmap"))
         return;
-    const int memory = device()->memory_at(call.file_offset(), call.argument(1));
-    if (memory < 0)
-        return call.result(memory);
-    show(call, fd, memory);
+    const register_window *const window = device()->window_at(call.file_offset(), call.argument(1));
+    if (!window)
+        return call.result(-EINVAL);
+    if (window->behaves())
+        if (const int error = trap_.follow(call.process()))
+            return call.result(-error);
+    show(call, fd, window->mapped());
     call.pass();
 }
 
-void uio_opening::read(const asked_call &call, int fd)
+void uio_opening::read(const asked_call &call, int fd, position)
 {
     if (is_to_fail(call, "read"))
         return;
@@ -77,7 +85,7 @@ void uio_opening::read(const asked_call &call, int fd)
         waiting_.push_back(call);
 }
 
-void uio_opening::write(const asked_call &call, int fd)
+void uio_opening::write(const asked_call &call, int fd, position)
 {
     if (is_to_fail(call, "write"))
         return;
@@ -135,15 +143,15 @@ public:
     {
     }
 
-    void read(const asked_call &call, int fd) override
+    void read(const asked_call &call, int fd, position) override
     {
         if (!device())
             return call.result(-ENODEV);
         show(call, fd, text_.get());
         call.pass();
     }
-    void seek(const asked_call &call, int fd) override { read(call, fd); }
-    void write(const asked_call &call, int fd) override { use(call, fd); }
+    void seek(const asked_call &call, int fd) override { read(call, fd, std::nullopt); }
+    void write(const asked_call &call, int fd, position) override { use(call, fd); }
 
 private:
     void tell(uint32_t) override {}
@@ -154,8 +162,8 @@ private:
 class uio_node_of : public node
 {
 public:
-    uio_node_of(uio_device &of, devices &all, opening_table &table, event_loop &loop)
-        : device_(of), devices_(all), table_(table), loop_(loop)
+    uio_node_of(uio_device &of, devices &all, const opening_services &with)
+        : device_(of), devices_(all), with_(with)
     {
     }
 
@@ -167,17 +175,16 @@ public:
     {
         if (const int error = devices_.fault(device_.name, "open"))
             return call.result(-error);
-        const auto made = std::make_shared<uio_opening>(device_, devices_, table_, loop_, flags);
-        table_.forget_closed();
+        const auto made = std::make_shared<uio_opening>(device_, devices_, with_, flags);
+        with_.table.forget_closed();
         if (made->hand_out(call, flags & O_CLOEXEC))
-            table_.add(made);
+            with_.table.add(made);
     }
 
 private:
     uio_device &device_;
     devices &devices_;
-    opening_table &table_;
-    event_loop &loop_;
+    opening_services with_;
 };
 
 class notice_node : public node
@@ -227,11 +234,11 @@ private:
 
 } // namespace
 
-void add_uio_nodes(node_list &nodes, devices &all, opening_table &openings, event_loop &loop)
+void add_uio_nodes(node_list &nodes, devices &all, const opening_services &with)
 {
     for (uio_device &device : all.uio) {
-        nodes.push_back(std::make_unique<uio_node_of>(device, all, openings, loop));
-        nodes.push_back(std::make_unique<notice_node>(device, openings, loop));
+        nodes.push_back(std::make_unique<uio_node_of>(device, all, with));
+        nodes.push_back(std::make_unique<notice_node>(device, with.table, with.loop));
         nodes.push_back(std::make_unique<event_count_node>(device));
     }
 }

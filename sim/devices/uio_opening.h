@@ -1,6 +1,7 @@
 // The nodes of a UIO device, /dev/uioN and its removal notice, and what their openings answer.
 #pragma once
 
+#include "sim/devices/access_trap.h"
 #include "sim/devices/devices.h"
 #include "sim/devices/node.h"
 #include "sim/devices/opening.h"
@@ -8,6 +9,6 @@
 namespace chassis_sim
 {
 
-void add_uio_nodes(node_list &nodes, devices &all, opening_table &openings, event_loop &loop);
+void add_uio_nodes(node_list &nodes, devices &all, const opening_services &with);
 
 } // namespace chassis_sim

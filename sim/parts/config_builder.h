@@ -24,6 +24,7 @@ struct pcie_capability {
     enum : uint16_t {
         endpoint = 0x0,
         root_port = 0x4,
+        downstream_port = 0x6,
         // Link status: width and speed are those of a link of four lanes at 2.5 GT/s.
         link_up = 0x2041,       // active
         link_training = 0x0841, // not active yet

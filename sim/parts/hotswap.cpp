@@ -6,12 +6,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
-#include <sys/inotify.h>
+#include <fcntl.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -65,34 +66,53 @@ void add_fpga_card(const fpga_card &card)
     add_hotswap_name(card.slot, card.port);
 }
 
-void add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms)
+void write_hotswap_bridge(const std::string &id, const pci_function &behind)
 {
     add_bridge(id);
     pci_function child = behind;
     child.parent = id;
     add_pci(child);
     unplug_pci(child.id);
+    write_file(pci_link(id) + "/bridge_enable", "0\n");
+}
 
+pid_t run_hotswap_bridge(const std::string &id, const std::string &behind, int appears_ms)
+{
     const std::string attribute = pci_link(id) + "/bridge_enable";
-    write_file(attribute, "0\n");
-    const int changes = must(::inotify_init1(IN_CLOEXEC), "inotify_init1");
-    must(::inotify_add_watch(changes, attribute.c_str(), IN_MODIFY), "watch " + attribute);
-    background([&] {
-        char events[4096];
-        while (::read(changes, events, sizeof events) > 0) {
+    // Of the ways to see that a file was written, the one of which a user may have any number.
+    const owned_fd directory(
+        must(::open(pci_link(id).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC), "open " + id));
+    sigset_t changes;
+    ::sigemptyset(&changes);
+    ::sigaddset(&changes, SIGIO);
+    sigset_t before;
+    ::sigprocmask(SIG_BLOCK, &changes, &before);
+    const pid_t pid = background([&] {
+        must(::fcntl(directory.get(), F_NOTIFY, DN_MODIFY | DN_MULTISHOT), "watch " + attribute);
+        for (bool enabled = false;; ::sigwaitinfo(&changes, nullptr)) {
+            if (enabled == (std::ifstream(attribute).get() == '1'))
+                continue;
+            enabled = !enabled;
             try {
-                if (std::ifstream(attribute).get() != '1') {
-                    unplug_pci(child.id);
+                if (!enabled) {
+                    unplug_pci(behind);
                 } else if (appears_ms >= 0) {
                     std::this_thread::sleep_for(std::chrono::milliseconds(appears_ms));
-                    plug_pci(child.id);
+                    plug_pci(behind);
                 }
             } catch (const std::exception &error) { // somebody has changed the tree
                 complain(error.what());
             }
         }
     });
-    ::close(changes);
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    return pid;
+}
+
+pid_t add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms)
+{
+    write_hotswap_bridge(id, behind);
+    return run_hotswap_bridge(id, behind.id, appears_ms);
 }
 
 fpga_card chassis_fpga_card()

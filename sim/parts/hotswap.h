@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 namespace chassis_sim
 {
 
@@ -26,8 +28,12 @@ void add_fpga_card(const fpga_card &card);
 
 // A bridge whose "bridge_enable" attribute turns what is behind it on and off, as the kernel module
 // for hot-swap bridges provides it. The device appears, complete, appears_ms after "1" is written
-// (-1: never) and leaves when "0" is.
-void add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms);
+// (-1: never) and leaves when "0" is. Returns the process that sees to it, a child of this one.
+pid_t add_hotswap_bridge(const std::string &id, const pci_function &behind, int appears_ms);
+
+// The same in two steps: what sysfs shows, and the process.
+void write_hotswap_bridge(const std::string &id, const pci_function &behind);
+pid_t run_hotswap_bridge(const std::string &id, const std::string &behind, int appears_ms);
 
 // What every chassis has: an FPGA of slot alsw1, and a bridge behind which a device appears, as
 // add_hotswap_bridge says.

@@ -1,6 +1,8 @@
 // The devices whose nodes the device server answers for, as the parts of a chassis describe them.
 #pragma once
 
+#include "register_map/register_map.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,8 +16,8 @@ namespace chassis_sim
 inline constexpr char control_path[] = "/dev/chassis";
 
 struct device_number {
-    unsigned int major;
-    unsigned int minor;
+    unsigned int major = 0;
+    unsigned int minor = 0;
 };
 
 // Whether device nodes can be made here: root may, an ordinary user may not.
@@ -49,6 +51,7 @@ struct register_answer {
 struct uio_map_range {
     unsigned int number = 0;
     uint64_t size = 0;
+    std::vector<register_map::reg> registers = {};
 
     static constexpr uint64_t page = 4096;
     uint64_t offset() const { return number * page; }
@@ -78,6 +81,24 @@ struct storage_node {
     std::string node;     // "/dev/nvlog-pod"; made by whoever calls mknod
     std::string contents; // the bytes of the device
     bool may_grow = true; // when it is written past its end, it gets longer
+    device_number number = {};
+};
+
+// A BAR of a PCI function that has registers with names.
+struct bar_node {
+    std::string id; // of the function
+    size_t bar = 0;
+    uint64_t size = 0;
+    std::vector<register_map::reg> registers;
+};
+
+// A range of physical memory that /dev/mem shows.
+struct memory_range {
+    uint64_t address = 0;
+    uint64_t size = 0;
+    std::string contents; // of its first bytes; the others are 0
+    std::vector<register_map::reg> registers;
+    std::string register_map; // the file of more, until it is read
 };
 
 // The n-th call of its kind on a device fails; n of 0: each does.
@@ -102,17 +123,23 @@ class chassis_nodes
 public:
     void add(const uio_node &device) { uio_.push_back(device); }
     void add(const storage_node &device) { storage_.push_back(device); }
+    void add(const bar_node &bar) { bars_.push_back(bar); }
+    void add(const memory_range &range) { memory_.push_back(range); }
     void add(const call_fault &fault) { faults_.push_back(fault); }
     void add(const timed_line &line) { lines_.push_back(line); }
 
     const std::vector<uio_node> &uio() const { return uio_; }
     const std::vector<storage_node> &storage() const { return storage_; }
+    const std::vector<bar_node> &bars() const { return bars_; }
+    const std::vector<memory_range> &memory() const { return memory_; }
     const std::vector<call_fault> &faults() const { return faults_; }
     const std::vector<timed_line> &lines() const { return lines_; }
 
 private:
     std::vector<uio_node> uio_;
     std::vector<storage_node> storage_;
+    std::vector<bar_node> bars_;
+    std::vector<memory_range> memory_;
     std::vector<call_fault> faults_;
     std::vector<timed_line> lines_;
 };

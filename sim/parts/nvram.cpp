@@ -44,7 +44,7 @@ void add_nvram(chassis_nodes &nodes, const nvram_description &description)
     make_relative_symlink(link, dir.substr(0, dir.size() - 1));
     const size_t reachable = description.contents.size() - description.unreachable;
     nodes.add(storage_node{"/dev/" + description.name, description.contents.substr(0, reachable),
-                           description.unreachable == 0});
+                           description.unreachable == 0, number});
 }
 
 } // namespace chassis_sim

@@ -1,6 +1,7 @@
 // A PCI function by its parts, and the functions that every chassis has.
 #pragma once
 
+#include "register_map/register_map.h"
 #include "sim/parts/config_builder.h"
 
 #include <cstdint>
@@ -15,7 +16,7 @@ inline constexpr uint64_t resource_io = 0x100;
 inline constexpr uint64_t resource_prefetch = 0x2000;
 inline constexpr uint64_t resource_64_bits = 0x100000;
 
-// A number in a configuration space or a window of registers.
+// A number in a configuration space or a window.
 struct register_value {
     uint32_t offset = 0;
     uint32_t value = 0;
@@ -29,7 +30,8 @@ struct pci_window {
     uint64_t size = 0;
     uint64_t flags =
         0x40200; // memory, 32 bits (the kernel's IORESOURCE_MEM and its size alignment)
-    std::vector<register_value> registers = {};
+    std::vector<register_map::reg> registers = {};
+    std::string register_map = {}; // the file of more, until it is read
 };
 
 struct pci_function {

@@ -240,6 +240,24 @@ std::string pci_link(const std::string &id)
     return "/sys/bus/pci/devices/" + id;
 }
 
+bool is_pci_id(const std::string &text)
+{
+    constexpr char shape[] = "xxxx:xx:1x.7"; // the last digits of a device and a function are less
+    return text.size() == sizeof shape - 1 &&
+           std::equal(text.begin(), text.end(), shape, [](char is, char may_be) {
+               const bool hex = (is >= '0' && is <= '9') || (is >= 'a' && is <= 'f');
+               return may_be == 'x'                    ? hex
+                      : may_be == ':' || may_be == '.' ? is == may_be
+                                                       : is >= '0' && is <= may_be;
+           });
+}
+
+std::string window_path(const std::string &id, size_t bar)
+{
+    const std::string dir = fs::exists(pci_link(id)) ? pci_link(id) : aside(id);
+    return dir + "/resource" + std::to_string(bar);
+}
+
 void add_pci(const pci_function &function)
 {
     const std::string bus = function.id.substr(0, 7);
@@ -268,8 +286,9 @@ void add_pci(const pci_function &function)
     write_file(dir + "/resource", lines, 0444);
     make_relative_symlink(pci_link(function.id), dir);
     for (size_t bar = 0; bar < function.windows.size(); ++bar)
-        for (const register_value &preset : function.windows[bar].registers)
-            write_window(function.id, bar, preset);
+        for (const register_map::reg &one : function.windows[bar].registers)
+            write_window(function.id, bar,
+                         {one.offset, static_cast<uint32_t>(one.reset), one.width()});
 }
 
 void complete_pci(const std::string &dir)
@@ -323,6 +342,10 @@ bool plug_pci(const std::string &id)
     if (!fs::exists(aside(id)))
         return false;
     const fs::path dir = fs::read_symlink(place_of(id));
+    // Who has its configuration space open has that of the function that went.
+    const std::string config = file_text(aside(id) + "/config");
+    fs::remove(aside(id) + "/config");
+    write_file(aside(id) + "/config", config);
     // Whoever sees the directory finds the link too.
     make_relative_symlink(pci_link(id), dir.string());
     must(::rename(aside(id).c_str(), dir.c_str()), "plug " + id);
@@ -364,10 +387,15 @@ void write_window(const std::string &id, size_t bar, const register_value &chang
 
 void set_link(const std::string &id, uint16_t link_status)
 {
+    if (!is_pci_id(id) || !fs::exists(pci_link(id)))
+        throw failure("there is no function '" + id + "'");
     const std::string config = file_text(pci_link(id) + "/config");
     const size_t pcie = pcie_position(config_space(config.begin(), config.end()));
     if (pcie == 0)
         throw failure(id + " has no PCI Express capability");
+    const int type = config[pcie + 2] >> 4 & 0xf;
+    if (type != pcie_capability::root_port && type != pcie_capability::downstream_port)
+        throw failure(id + " is no port");
     write_config16(id, pcie + link_status_register, link_status);
     write_link_attributes(fs::canonical(pci_link(id)), "current", link_status);
 }

@@ -14,8 +14,14 @@ namespace chassis_sim
 // directory lies inside its parent's.
 std::string pci_link(const std::string &id);
 
+// Whether a text is the address of a function, such as "0000:03:00.0".
+bool is_pci_id(const std::string &text);
+
 // Builds the sysfs directory of a function as the kernel shows it, with what is in its windows.
 void add_pci(const pci_function &function);
+
+// The file of a window, also of a function that is not on the bus.
+std::string window_path(const std::string &id, size_t bar);
 
 // Adds to a function's directory, which another machine's kernel has made, what was not recorded of
 // it: the windows that its "resource" file tells of, and the files that are only written to.
@@ -40,7 +46,7 @@ void add_pci_slot(const std::string &name, const std::string &address);
 // Changes a register of a window.
 void write_window(const std::string &id, size_t bar, const register_value &change);
 
-// A new link status for a port.
+// A new link status for a port; throws a failure when it is none.
 void set_link(const std::string &id, uint16_t link_status);
 
 } // namespace chassis_sim

@@ -32,7 +32,7 @@ std::optional<uio_map_range> map_range(const std::string &name, const std::strin
     const uint64_t bytes = std::strtoull(size.c_str(), nullptr, 0);
     if (*end != '\0' || number > UINT16_MAX || bytes == 0 || bytes > longest_uio_map)
         return std::nullopt;
-    return uio_map_range{static_cast<unsigned int>(number), bytes};
+    return uio_map_range{static_cast<unsigned int>(number), bytes, {}};
 }
 
 namespace
@@ -49,7 +49,7 @@ struct uio_paths {
     std::string name, device_dir, class_dir, bus_name, driver;
 };
 
-void write_attributes(const uio_paths &at, const std::string &numbers)
+void write_attributes(const uio_paths &at, const std::string &label, const std::string &numbers)
 {
     const size_t colon = numbers.find(':');
     const std::string files[][2] = {
@@ -59,7 +59,7 @@ void write_attributes(const uio_paths &at, const std::string &numbers)
         {at.device_dir + "/power/control", "auto\n"},
         {at.class_dir + "/power/control", "auto\n"},
         {at.class_dir + "/dev", numbers + "\n"},
-        {at.class_dir + "/name", "regblock\n"},
+        {at.class_dir + "/name", label + "\n"},
         {at.class_dir + "/version", "1.0\n"},
         {at.class_dir + "/event", "0\n"},
         {at.class_dir + "/uevent", "MAJOR=" + numbers.substr(0, colon) + "\nMINOR=" +
@@ -98,8 +98,10 @@ uio_node node_of(const uio_description &description, const uio_paths &at)
     node.event_attr = at.class_dir + "/event";
     node.node = description.node.empty() ? "/dev/" + at.name : description.node;
     for (const uio_map &map : description.maps)
-        if (const auto range = map_range(map.name, map.size))
+        if (auto range = map_range(map.name, map.size)) {
+            range->registers = map.registers;
             node.maps.push_back(*range);
+        }
     if (description.removal_notice)
         node.removal_attr = at.device_dir + "/uio_maps";
     node.plugged = description.plugged;
@@ -119,7 +121,7 @@ void add_uio(chassis_nodes &nodes, const uio_description &description)
     node.number = simulated_device_number(description.number);
     const std::string numbers =
         std::to_string(node.number.major) + ":" + std::to_string(node.number.minor);
-    write_attributes(at, numbers);
+    write_attributes(at, description.label, numbers);
     write_maps(at, description.maps);
     make_links(at);
     if (!node.removal_attr.empty())

@@ -16,10 +16,13 @@ struct uio_map {
     std::string addr = "0x00000000f8000000\n";
     std::string offset = "0x0\n";
     std::string label = "registers\n"; // its "name"
+    std::vector<register_map::reg> registers = {};
+    std::string register_map = {}; // the file of more, until it is read
 };
 
 struct uio_description {
-    unsigned int number = 0; // N of uioN
+    unsigned int number = 0;        // N of uioN
+    std::string label = "regblock"; // its "name"
     std::vector<uio_map> maps = {{"map0", "0x0000000000001000\n"}};
     std::string node; // empty: "/dev/uioN"
     // The bus device has a "uio_maps" attribute. Poll reports nothing on it until the removal,

@@ -41,7 +41,7 @@ pod_logs described_pod_logs(const chassis_description &description)
             std::find_if(made.files.begin(), made.files.end(),
                          [&, &card = card](const file_image &f) { return f.card == card; });
         if (card != "RPSW1" && file == made.files.end())
-            throw failure("the chassis has no log of a card '" + card + "'");
+            throw failure("/logs/states/" + card + " is of a card that this chassis has no log of");
         bring_into_state(card == "RPSW1" ? made.nvram : file->contents, card, state);
     }
     return made;
@@ -90,14 +90,13 @@ void add_further_pci_devices(unsigned int count)
     }
 }
 
-void build_tree(const chassis_description &description, const pod_logs &pod)
+} // namespace
+
+void write_tree(const chassis_description &description)
 {
     make_directory("/var/log");
-    for (const file_image &file : pod.files)
-        write_file(file.path, file.contents, 0666);
     for (const auto &eeprom : description.eeproms)
-        write_file(eeprom.path, std::string(std::min<size_t>(eeprom.size, largest_image), '\xff'),
-                   0666);
+        write_file(eeprom.path, std::string(eeprom.size, '\xff'), 0666);
     for (const pci_function &function : description.functions)
         add_pci(function);
     for (const auto &slot : description.slots)
@@ -106,8 +105,36 @@ void build_tree(const chassis_description &description, const pod_logs &pod)
     for (const fpga_card &card : description.fpga_cards)
         add_fpga_card(card);
     for (const auto &bridge : description.hotswap_bridges)
-        add_hotswap_bridge(bridge.id, bridge.behind, bridge.appears_ms);
+        write_hotswap_bridge(bridge.id, bridge.behind);
     replace_modprobe();
+}
+
+namespace
+{
+
+void add_bars(device_server &devices, const pci_function &function)
+{
+    for (size_t bar = 0; bar < function.windows.size(); ++bar) {
+        const pci_window &window = function.windows[bar];
+        if (!window.registers.empty())
+            devices.add(bar_node{function.id, bar, window.size, window.registers});
+    }
+}
+
+void add_devices(device_server &devices, const chassis_description &description)
+{
+    for (const uio_description &device : description.uio)
+        add_uio(devices, device);
+    for (const pci_function &function : description.functions)
+        add_bars(devices, function);
+    for (const auto &bridge : description.hotswap_bridges)
+        add_bars(devices, bridge.behind);
+    for (const memory_range &range : description.memory)
+        devices.add(range);
+    for (const call_fault &fault : description.faults)
+        devices.add(fault);
+    for (const timed_line &line : description.timeline)
+        devices.add(line);
 }
 
 } // namespace
@@ -122,21 +149,23 @@ uio_description chassis_register_block()
     return block;
 }
 
-void build_chassis(const chassis_description &description)
+std::vector<pid_t> build_chassis(const chassis_description &description)
 {
     const pod_logs pod = described_pod_logs(description);
     const std::vector<nvram_image> post = described_post_logs(description.logs.post);
     enter_private_root();
-    build_tree(description, pod);
+    stay_in_root_file_system();
+    write_tree(description);
+    for (const file_image &file : pod.files)
+        write_file(file.path, file.contents, 0666);
+    std::vector<pid_t> helpers;
+    for (const auto &bridge : description.hotswap_bridges)
+        helpers.push_back(run_hotswap_bridge(bridge.id, bridge.behind.id, bridge.appears_ms));
     device_server devices;
-    for (const uio_description &device : description.uio)
-        add_uio(devices, device);
+    add_devices(devices, description);
     add_nvram_blocks(devices, pod.nvram, post, description.logs.unreachable);
-    for (const call_fault &fault : description.faults)
-        devices.add(fault);
-    for (const timed_line &line : description.timeline)
-        devices.add(line);
-    devices.start();
+    helpers.push_back(devices.start());
+    return helpers;
 }
 
 } // namespace chassis_sim

@@ -51,7 +51,8 @@ struct chassis_description {
         std::string path;
         uint32_t size = 8192;
     };
-    std::vector<eeprom> eeproms; // blank ones
+    std::vector<eeprom> eeproms;      // blank ones
+    std::vector<memory_range> memory; // that /dev/mem shows, by their addresses
     std::vector<call_fault> faults;
     std::vector<timed_line> timeline;
     unsigned int pci_devices = 0; // PCI devices beside those described
@@ -59,7 +60,11 @@ struct chassis_description {
 
 inline constexpr unsigned int most_pci_devices = 7168;
 
-// Builds the chassis around the calling process, which must have one thread.
-void build_chassis(const chassis_description &description);
+// Builds the chassis around the calling process, which must have one thread. Returns the processes
+// that serve it, which are children of this one.
+std::vector<pid_t> build_chassis(const chassis_description &description);
+
+// Writes the files of a chassis into the private root that the process is in.
+void write_tree(const chassis_description &description);
 
 } // namespace chassis_sim

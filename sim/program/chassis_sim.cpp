@@ -2,6 +2,7 @@
 
 #include "sim/program/chassis.h"
 #include "sim/program/command.h"
+#include "sim/program/ctl.h"
 #include "sim/program/description.h"
 #include "sim/program/recorded_chassis.h"
 
@@ -159,23 +160,53 @@ void add_fault_option(CLI::App &app, settings &chosen)
         ->check(CLI::IsMember({"nvram-truncated", "link-stuck", "bridge-empty"}));
 }
 
-// chassis-sim ctl WORD...
-int control(int count, char **words)
+void add_all_options(CLI::App &app, settings &chosen)
 {
-    std::string line;
-    for (int i = 0; i < count; ++i)
-        line += (i == 0 ? "" : " ") + std::string(words[i]);
-    if (!fs::exists(chassis_sim::control_path)) {
-        chassis_sim::complain("'ctl' works in a chassis only");
-        return cannot_build;
-    }
+    app.set_version_flag("-V,--version", "chassis-sim " DEVICE_ACCESS_VERSION, "Print the version");
+    add_log_options(app, chosen);
+    add_device_options(app, chosen);
+    add_fault_option(app, chosen);
+    app.add_option("--description", chosen.description,
+                   "Build the chassis that this JSON file describes instead of\n"
+                   "the built-in one; the other options change it")
+        ->option_text("FILE");
+    app.add_option("--from", chosen.recording,
+                   "Build the machine that 'devaccess collect FILE' has\n"
+                   "recorded; no other option goes with it")
+        ->option_text("FILE");
+    app.add_flag("--describe", chosen.describes,
+                 "Print the description of the chassis and run nothing");
+    app.add_option("command", chosen.command, "The command and its arguments, after --")
+        ->option_text("COMMAND");
+    app.footer("Examples: chassis-sim -- ls -l /dev /sys/class/uio/uio0/maps\n"
+               "          chassis-sim --chassis n4 --fault link-stuck -- sh\n"
+               "Exit status: that of the command; 125 when an option is wrong or the chassis\n"
+               "cannot be built.");
+}
+
+// False: what was asked for is printed.
+bool parse(CLI::App &app, int argc, char **argv)
+{
     try {
-        chassis_sim::control(line);
-    } catch (const chassis_sim::failure &error) {
-        chassis_sim::complain(error.what());
-        return 1;
+        app.parse(argc, argv);
+    } catch (const CLI::ExtrasError &) {
+        const std::vector<std::string> words = app.remaining();
+        const auto word = std::find_if(words.begin(), words.end(),
+                                       [](const std::string &w) { return w != "--"; });
+        throw failure("there is no option " + *word);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() != 0)
+            throw;
+        app.exit(error);
+        return false;
     }
-    return 0;
+    return true;
+}
+
+void print(const chassis_description &chassis)
+{
+    if (std::puts(chassis_sim::description_text(chassis).c_str()) < 0 || std::fflush(stdout) != 0)
+        throw failure("cannot write standard output");
 }
 
 int run(int argc, char **argv)
@@ -186,40 +217,13 @@ int run(int argc, char **argv)
                  "0000:00:1e.0 and the FPGA of slot alsw1 among them), and NVRAM blocks with POD\n"
                  "and POST logs. Calls of /sbin/modprobe are only recorded, in /var/log/modprobe.\n"
                  "Inside, 'chassis-sim ctl LINE' controls a device and tells whether that was\n"
-                 "done; LINE is 'interrupt uio0', 'remove uio0' or 'plug uio0'.",
+                 "done; LINE is 'interrupt uio0', 'remove uio0', 'plug uio0', or 'get', 'set' or\n"
+                 "'wait' with a register.",
                  "chassis-sim");
     app.get_formatter()->column_width(22);
-    app.set_version_flag("-V,--version", "chassis-sim " DEVICE_ACCESS_VERSION, "Print the version");
-    add_log_options(app, chosen);
-    add_device_options(app, chosen);
-    add_fault_option(app, chosen);
-    app.add_option("--description", chosen.description,
-                   "The chassis is described in this JSON file, not built in;\n"
-                   "the other options change it")
-        ->option_text("FILE");
-    app.add_option("--from", chosen.recording,
-                   "The chassis is the machine that 'devaccess collect FILE' has\n"
-                   "recorded; no other option goes with it")
-        ->option_text("FILE");
-    app.add_flag("--describe", chosen.describes, "Print the description of the chassis instead");
-    app.add_option("command", chosen.command, "The command and its arguments, behind --")
-        ->option_text("COMMAND");
-    app.footer("Examples: chassis-sim -- ls -l /dev /sys/class/uio/uio0/maps\n"
-               "          chassis-sim --chassis n4 --fault link-stuck -- sh\n"
-               "Exit status: that of the command; 125 when an option is wrong or the chassis\n"
-               "cannot be built.");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ExtrasError &) {
-        const std::vector<std::string> words = app.remaining();
-        const auto word = std::find_if(words.begin(), words.end(),
-                                       [](const std::string &w) { return w != "--"; });
-        throw failure("there is no option " + *word);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error);
-        throw;
-    }
+    add_all_options(app, chosen);
+    if (!parse(app, argc, argv))
+        return 0;
     const bool recorded = chosen.recording.has_value();
     for (const CLI::Option *option : app.get_options())
         if (recorded && option->count() > 0 && option->get_name() != "--from" &&
@@ -227,17 +231,16 @@ int run(int argc, char **argv)
             throw failure(option->get_name() + " does not go with --from");
     const chassis_description chassis = described_by(chosen);
     if (chosen.describes) {
-        if (std::puts(chassis_sim::description_text(chassis).c_str()) < 0 ||
-            std::fflush(stdout) != 0)
-            throw failure("cannot write standard output");
+        print(chassis);
         return 0;
     }
     if (chosen.command.empty())
         throw failure("command is required");
     if (fs::exists(chassis_sim::control_path))
         throw failure("this is a simulated chassis already; there is none in it");
-    recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
-    return chassis_sim::run_command(chosen.command);
+    const std::vector<pid_t> helpers =
+        recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
+    return chassis_sim::run_command(chosen.command, helpers);
 }
 
 } // namespace
@@ -245,7 +248,7 @@ int run(int argc, char **argv)
 int main(int argc, char **argv)
 {
     if (argc > 1 && std::string_view(argv[1]) == "ctl")
-        return control(argc - 2, argv + 2);
+        return chassis_sim::control_chassis({argv + 2, argv + argc});
     try {
         return run(argc, argv);
     } catch (const std::exception &error) {

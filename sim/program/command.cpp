@@ -80,10 +80,11 @@ int shell_status(int status)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// But for what is ignored, as nohup(1) wants it.
+// SIGTERM and SIGHUP but where they are ignored, as nohup(1) wants it; SIGINT also where a shell
+// has its background jobs ignore it, since what comes from the terminal does not count.
 std::vector<int> ending_signals()
 {
-    std::vector<int> signals;
+    std::vector<int> signals = {SIGINT};
     for (const int signal_number : {SIGTERM, SIGHUP}) {
         struct sigaction inherited;
         ::sigaction(signal_number, nullptr, &inherited);
@@ -93,14 +94,18 @@ std::vector<int> ending_signals()
     return signals;
 }
 
+// The terminal interrupts the command, too, which decides what that does.
+bool is_from_terminal(const siginfo_t &signal)
+{
+    return signal.si_signo == SIGINT && signal.si_code == SI_KERNEL;
+}
+
 // The parent of all that runs in the chassis, whoever started it.
 class warden
 {
 public:
     warden(const std::vector<std::string> &command, pid_t parent) : parent_(parent)
     {
-        // The command decides what an interrupt from the terminal does.
-        const auto interrupt_before = ::signal(SIGINT, SIG_IGN);
         ::prctl(PR_SET_CHILD_SUBREAPER, 1);
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         sigset_t before;
@@ -110,7 +115,6 @@ public:
         ::sigprocmask(SIG_BLOCK, &awaited_, &before);
         command_ = must(::fork(), "fork");
         if (command_ == 0) {
-            ::signal(SIGINT, interrupt_before);
             ::sigprocmask(SIG_SETMASK, &before, nullptr);
             execute(command);
         }
@@ -124,9 +128,10 @@ public:
             if (orphaned || (end_ && *end_ <= clock::now()))
                 signal_descendants(SIGKILL);
             constexpr timespec look_again = {0, 20'000'000};
-            const int came = end_ || orphaned ? ::sigtimedwait(&awaited_, nullptr, &look_again)
-                                              : ::sigwaitinfo(&awaited_, nullptr);
-            if (came == SIGTERM || came == SIGHUP) {
+            siginfo_t how = {};
+            const int came = end_ || orphaned ? ::sigtimedwait(&awaited_, &how, &look_again)
+                                              : ::sigwaitinfo(&awaited_, &how);
+            if (came > 0 && came != SIGCHLD && !is_from_terminal(how)) {
                 signal_descendants(came);
                 end_ = clock::now() + patience;
                 status_ = 128 + came;
@@ -158,14 +163,23 @@ private:
 
 volatile pid_t warden_pid;
 
-void pass_on(int signal_number)
+void pass_on(int signal_number, siginfo_t *how, void *)
 {
-    ::kill(warden_pid, signal_number);
+    if (!is_from_terminal(*how))
+        ::kill(warden_pid, signal_number);
+}
+
+void end(const std::vector<pid_t> &helpers)
+{
+    for (const pid_t helper : helpers) {
+        ::kill(helper, SIGKILL);
+        ::waitpid(helper, nullptr, 0);
+    }
 }
 
 } // namespace
 
-int run_command(const std::vector<std::string> &command)
+int run_command(const std::vector<std::string> &command, const std::vector<pid_t> &helpers)
 {
     const std::vector<int> signals = ending_signals();
     sigset_t passed_on = {};
@@ -180,14 +194,15 @@ int run_command(const std::vector<std::string> &command)
         ::_exit(warden(command, parent).watch());
     }
     struct sigaction action = {};
-    action.sa_handler = pass_on;
+    action.sa_sigaction = pass_on;
+    action.sa_flags = SA_SIGINFO;
     for (const int signal_number : signals)
         ::sigaction(signal_number, &action, nullptr);
     ::sigprocmask(SIG_SETMASK, &before, nullptr);
-    ::signal(SIGINT, SIG_IGN);
     int status = 0;
     while (::waitpid(warden_pid, &status, 0) < 0 && errno == EINTR) {
     }
+    end(helpers);
     return shell_status(status);
 }
 

@@ -1,22 +1,24 @@
-// Reads and writes descriptions, and says what is wrong with one.
+// Reads and writes descriptions.
 #include "sim/program/description.h"
 
-#include <nlohmann/json.hpp>
+#include "register_map/register_map_json.h"
+#include "sim/program/description_check.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
-#include <limits>
-#include <set>
-#include <type_traits>
+#include <fstream>
 
 namespace chassis_sim
 {
+
+using json_members::invalid;
+using json_members::json;
+using json_members::reader;
+using json_members::writer;
+
 namespace
 {
-
-using json = nlohmann::ordered_json;
 
 constexpr struct {
     int number;
@@ -31,181 +33,42 @@ constexpr struct {
              {pcie_capability::link_training, "training"},
              {pcie_capability::link_down, "down"}};
 
-// Writes the members that it visits into an object.
-class writer
+// A file of sysfs: without its line's end.
+void visit_line(writer &members, const char *name, std::string &text)
 {
-public:
-    static constexpr bool reads = false;
-
-    json take() { return std::move(object_); }
-
-    template <typename T>
-    void operator()(const char *name, T &value)
-    {
-        object_[name] = value;
-    }
-    template <typename T>
-    void hex(const char *name, T &value)
-    {
-        char text[32];
-        std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
-        object_[name] = text;
-    }
-    // A file of sysfs: without its line's end.
-    void line(const char *name, std::string &value)
-    {
-        object_[name] = value.substr(0, value.find('\n'));
-    }
-    template <size_t Count, typename Names, typename T>
-    void named(const char *name, T &value, const Names (&names)[Count])
-    {
-        for (const auto &known : names)
-            if (known.number == value)
-                object_[name] = known.name;
-    }
-    template <typename T>
-    void list(const char *name, std::vector<T> &values)
-    {
-        if (values.empty())
-            return;
-        json array = json::array();
-        for (T &value : values) {
-            writer inner;
-            visit(inner, value);
-            array.push_back(inner.take());
-        }
-        object_[name] = array;
-    }
-    template <typename T>
-    void object(const char *name, T &value)
-    {
-        writer inner;
-        visit(inner, value);
-        object_[name] = inner.take();
-    }
-
-private:
-    json object_ = json::object();
-};
-
-// Takes the members that it visits from an object, and knows which are left over.
-class reader
+    members.raw(name) = text.substr(0, text.find('\n'));
+}
+void visit_line(reader &members, const char *name, std::string &text)
 {
-public:
-    static constexpr bool reads = true;
+    members(name, text);
+    if (members.find(name))
+        text += '\n';
+}
 
-    reader(const json &object, std::string where) : object_(object), where_(std::move(where))
-    {
-        if (!object_.is_object())
-            throw failure((where_.empty() ? "the description" : where_) + " is no object");
+// Two digits a byte; spaces between them do not count.
+void visit_bytes(writer &members, const char *name, std::string &bytes)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes) {
+        text += digits[byte >> 4 & 0xf];
+        text += digits[byte & 0xf];
     }
+    members.unless_empty(name, text);
+}
+void visit_bytes(reader &members, const char *name, std::string &bytes)
+{
+    std::string text;
+    members(name, text);
+    std::erase(text, ' ');
+    if (text.size() % 2 != 0 || text.find_first_not_of("0123456789abcdefABCDEF") != text.npos)
+        throw invalid(members.at(name) + " is no text of bytes, two digits each");
+    bytes.clear();
+    for (size_t i = 0; i < text.size(); i += 2)
+        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+}
 
-    template <typename T>
-    void operator()(const char *name, T &value)
-    {
-        if (const json *member = find(name))
-            take(name, *member, value);
-    }
-    template <typename T>
-    void hex(const char *name, T &value)
-    {
-        const json *member = find(name);
-        if (!member)
-            return;
-        if (!member->is_string())
-            return take(name, *member, value);
-        const auto text = member->get<std::string>();
-        char *end = nullptr;
-        errno = 0;
-        const unsigned long long number = std::strtoull(text.c_str(), &end, 16);
-        if (!text.starts_with("0x") || *end != '\0' || errno != 0 ||
-            number > std::numeric_limits<T>::max())
-            throw failure(at(name) + " is no number");
-        value = static_cast<T>(number);
-    }
-    void line(const char *name, std::string &value)
-    {
-        (*this)(name, value);
-        if (find(name))
-            value += '\n';
-    }
-    template <size_t Count, typename Names, typename T>
-    void named(const char *name, T &value, const Names (&names)[Count])
-    {
-        std::string text;
-        (*this)(name, text);
-        if (text.empty())
-            return;
-        for (const auto &known : names)
-            if (text == known.name) {
-                value = static_cast<T>(known.number);
-                return;
-            }
-        throw failure(at(name) + " cannot be '" + text + "'");
-    }
-    template <typename T>
-    void list(const char *name, std::vector<T> &values)
-    {
-        values.clear();
-        const json *member = find(name);
-        if (!member)
-            return;
-        if (!member->is_array())
-            throw failure(at(name) + " is no array");
-        for (const json &element : *member) {
-            reader inner(element, at(name) + "/" + std::to_string(values.size()));
-            visit(inner, values.emplace_back());
-            inner.finish();
-        }
-    }
-    template <typename T>
-    void object(const char *name, T &value)
-    {
-        if (const json *member = find(name)) {
-            reader inner(*member, at(name));
-            visit(inner, value);
-            inner.finish();
-        }
-    }
-
-    void finish() const
-    {
-        for (const auto &[name, value] : object_.items())
-            if (!known_.contains(name))
-                throw failure("unknown member " + at(name.c_str()));
-    }
-
-private:
-    std::string at(const char *name) const { return where_ + "/" + name; }
-
-    const json *find(const char *name)
-    {
-        known_.insert(name);
-        const auto found = object_.find(name);
-        return found == object_.end() ? nullptr : &*found;
-    }
-
-    template <typename T>
-    void take(const char *name, const json &member, T &value) const
-    {
-        if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool>) {
-            if (!member.is_number_integer() ||
-                (member.is_number_unsigned()
-                     ? member.get<uint64_t>() > uint64_t{std::numeric_limits<T>::max()}
-                     : member.get<int64_t>() < int64_t{std::numeric_limits<T>::min()}))
-                throw failure(at(name) + " is no number that is possible here");
-        }
-        try {
-            value = member.get<T>();
-        } catch (const nlohmann::json::exception &) {
-            throw failure(at(name) + " is of a wrong kind");
-        }
-    }
-
-    const json &object_;
-    std::string where_;
-    std::set<std::string> known_;
-};
+} // namespace
 
 //--- what a description's parts consist of --------------------------------------------------------
 
@@ -223,6 +86,7 @@ void visit(V &v, pci_window &window)
     v.hex("start", window.start);
     v.hex("size", window.size);
     v.hex("flags", window.flags);
+    v.unless_empty("register_map", window.register_map);
     v.list("registers", window.registers);
 }
 
@@ -284,10 +148,12 @@ template <typename V>
 void visit(V &v, uio_map &map)
 {
     v("map", map.name);
-    v.line("name", map.label);
-    v.line("addr", map.addr);
-    v.line("offset", map.offset);
-    v.line("size", map.size);
+    visit_line(v, "name", map.label);
+    visit_line(v, "addr", map.addr);
+    visit_line(v, "offset", map.offset);
+    visit_line(v, "size", map.size);
+    v.unless_empty("register_map", map.register_map);
+    v.list("registers", map.registers);
 }
 
 template <typename V>
@@ -311,6 +177,7 @@ template <typename V>
 void visit(V &v, uio_description &uio)
 {
     v("number", uio.number);
+    v("name", uio.label);
     v("plugged", uio.plugged);
     v("removal_notice", uio.removal_notice);
     v("irq_control", uio.irq_control);
@@ -355,6 +222,16 @@ void visit(V &v, timed_line &line)
 }
 
 template <typename V>
+void visit(V &v, memory_range &range)
+{
+    v.hex("address", range.address);
+    v.hex("size", range.size);
+    visit_bytes(v, "bytes", range.contents);
+    v.unless_empty("register_map", range.register_map);
+    v.list("registers", range.registers);
+}
+
+template <typename V>
 void visit(V &v, chassis_description &chassis)
 {
     v.list("functions", chassis.functions);
@@ -363,62 +240,50 @@ void visit(V &v, chassis_description &chassis)
     v.list("hotswap_bridges", chassis.hotswap_bridges);
     v.list("uio", chassis.uio);
     v.object("logs", chassis.logs);
+    v.list("memory", chassis.memory);
     v.list("eeproms", chassis.eeproms);
     v.list("faults", chassis.faults);
     v.list("timeline", chassis.timeline);
     v("pci_devices", chassis.pci_devices);
 }
 
-void require(bool good, const std::string &what)
+namespace
 {
-    if (!good)
-        throw failure("the description's " + what);
+
+// Adds the registers of a map's file to those that stand in the description.
+void load(std::string &file, std::vector<register_map::reg> &registers, const std::string &where,
+          const std::filesystem::path &directory)
+{
+    if (file.empty())
+        return;
+    try {
+        const register_map::map map = register_map::read(directory / file);
+        registers.insert(registers.end(), map.registers.begin(), map.registers.end());
+    } catch (const std::runtime_error &error) {
+        throw invalid(where + "/register_map: " + error.what());
+    }
+    file.clear();
 }
 
-void check_id(const std::string &id)
+void load_register_maps(chassis_description &chassis, const std::filesystem::path &directory)
 {
-    unsigned int domain, bus, slot, function;
-    require(std::sscanf(id.c_str(), "%4x:%2x:%2x.%1x", &domain, &bus, &slot, &function) == 4 &&
-                id.size() == sizeof "0000:00:00.0" - 1,
-            "function id '" + id + "' is no PCI address");
-}
-
-void check(const pci_function &f)
-{
-    check_id(f.id);
-    require(f.config_size == 256 || f.config_size == 4096,
-            "config_size of " + f.id + " is not 256 or 4096");
-    for (const register_value &r : f.config_registers)
-        require(uint64_t{r.offset} + r.width <= f.config_size,
-                "config of " + f.id + " is too long");
-    for (const pci_window &window : f.windows)
-        for (const register_value &r : window.registers)
-            require(uint64_t{r.offset} + r.width <= window.size,
-                    "registers of " + f.id + " lie outside its BAR");
-}
-
-// What would break the tree, or the server, if it were taken at its word.
-void check(const chassis_description &chassis)
-{
-    for (const pci_function &f : chassis.functions)
-        check(f);
-    for (const fpga_card &card : chassis.fpga_cards) {
-        check_id(card.port);
-        check_id(card.id);
-    }
-    for (const auto &bridge : chassis.hotswap_bridges) {
-        check_id(bridge.id);
-        check(bridge.behind);
-    }
-    for (const uio_description &uio : chassis.uio) {
-        for (const uio_map &map : uio.maps)
-            require(map.name.find('/') == std::string::npos, "map name has a slash");
-        for (const preset_register &r : uio.registers)
-            require(r.address % 4 == 0, "register address is no multiple of 4");
-        for (const register_answer &a : uio.answers)
-            require(a.address % 4 + a.then_address % 4 == 0, "answer has an impossible address");
-    }
-    require(chassis.pci_devices <= most_pci_devices, "pci_devices are too many");
+    const auto at = [](const char *list, size_t i) { return list + std::to_string(i); };
+    for (size_t i = 0; i < chassis.uio.size(); ++i)
+        for (size_t k = 0; k < chassis.uio[i].maps.size(); ++k)
+            load(chassis.uio[i].maps[k].register_map, chassis.uio[i].maps[k].registers,
+                 at("/uio/", i) + at("/maps/", k), directory);
+    const auto load_of = [&](pci_function &function, const std::string &where) {
+        for (size_t k = 0; k < function.windows.size(); ++k)
+            load(function.windows[k].register_map, function.windows[k].registers,
+                 where + at("/bars/", k), directory);
+    };
+    for (size_t i = 0; i < chassis.functions.size(); ++i)
+        load_of(chassis.functions[i], at("/functions/", i));
+    for (size_t i = 0; i < chassis.hotswap_bridges.size(); ++i)
+        load_of(chassis.hotswap_bridges[i].behind, at("/hotswap_bridges/", i) + "/behind");
+    for (size_t i = 0; i < chassis.memory.size(); ++i)
+        load(chassis.memory[i].register_map, chassis.memory[i].registers, at("/memory/", i),
+             directory);
 }
 
 } // namespace
@@ -431,21 +296,29 @@ std::string description_text(const chassis_description &description)
     return members.take().dump(2, ' ', false, json::error_handler_t::replace);
 }
 
-chassis_description read_description(const std::string &path)
+chassis_description parse_description(const std::string &text, const std::string &name)
 {
-    std::error_code none;
-    const std::string text = std::filesystem::is_directory(path, none) ? "" : file_text(path);
-    if (text.empty())
-        throw failure("cannot read a description from " + path);
     const json document = json::parse(text, nullptr, false, true);
     if (document.is_discarded())
-        throw failure(path + " is no JSON text");
+        throw failure(name + " is no JSON text");
     chassis_description chassis;
     reader members(document, "");
     visit(members, chassis);
     members.finish();
+    load_register_maps(chassis, std::filesystem::path(name).parent_path());
     check(chassis);
     return chassis;
+}
+
+chassis_description read_description(const std::string &path)
+{
+    constexpr std::streamsize largest = 16 << 20; // a pipe may go on for ever
+    std::string text(largest, '\0');
+    std::ifstream file(path, std::ios::binary);
+    text.resize(static_cast<size_t>(file.read(text.data(), largest).gcount()));
+    if (text.empty())
+        throw failure("cannot read a description from " + path);
+    return parse_description(text, path);
 }
 
 } // namespace chassis_sim

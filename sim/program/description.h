@@ -14,4 +14,7 @@ namespace chassis_sim
 std::string description_text(const chassis_description &description);
 chassis_description read_description(const std::string &path);
 
+// Of the text in a file of that name, whose directory files of register maps are relative to.
+chassis_description parse_description(const std::string &text, const std::string &name);
+
 } // namespace chassis_sim

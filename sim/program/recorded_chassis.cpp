@@ -1,6 +1,7 @@
 // Reads a recording with libarchive, and builds what was recorded. It may come from anywhere.
 #include "sim/program/recorded_chassis.h"
 
+#include "sim/base/loaded_library.h"
 #include "sim/program/chassis.h"
 
 #include <algorithm>
@@ -11,7 +12,6 @@
 
 #include <archive.h>
 #include <archive_entry.h>
-#include <dlfcn.h>
 
 namespace chassis_sim
 {
@@ -23,18 +23,9 @@ namespace fs = std::filesystem;
 constexpr size_t largest_file = 16 << 20;
 constexpr size_t largest_recording = 256 << 20;
 
-template <typename Function>
-Function *find(const char *name)
-{
-    static void *const library = ::dlopen("libarchive.so.13", RTLD_NOW | RTLD_LOCAL);
-    void *const found = library ? ::dlsym(library, name) : nullptr;
-    if (!found)
-        throw failure("a recording is read with libarchive, which is not installed");
-    return reinterpret_cast<Function *>(found);
-}
-
-// A function of the library that is loaded.
-#define LIBARCHIVE(function) find<decltype(function)>(#function)
+// A function of the library.
+#define LIBARCHIVE(function)                                                                       \
+    (*loaded<decltype(function)>("libarchive.so.13", #function, "a recording"))
 
 struct recording {
     std::map<std::string, std::string> files; // by their absolute paths
@@ -66,22 +57,23 @@ std::string bytes_of(archive *tar, const std::string &path)
     return bytes;
 }
 
-recording read_recording(const std::string &file)
+using archive_reader = std::unique_ptr<archive, int (*)(archive *)>;
+
+archive_reader new_reader()
 {
-    const std::unique_ptr<archive, int (*)(archive *)> tar(LIBARCHIVE(archive_read_new)(),
-                                                           LIBARCHIVE(archive_read_free));
+    archive_reader tar(LIBARCHIVE(archive_read_new)(), &LIBARCHIVE(archive_read_free));
     LIBARCHIVE(archive_read_support_format_tar)(tar.get());
     LIBARCHIVE(archive_read_support_filter_all)(tar.get());
-    const failure bad("cannot read a recording from " + file);
-    std::error_code error;
-    if (!fs::is_regular_file(file, error) ||
-        LIBARCHIVE(archive_read_open_filename)(tar.get(), file.c_str(), 65536) != ARCHIVE_OK)
-        throw bad;
+    return tar;
+}
+
+recording entries_of(archive *tar, const std::string &file)
+{
     recording made;
     size_t size = 0;
     archive_entry *entry;
     int result;
-    while ((result = LIBARCHIVE(archive_read_next_header)(tar.get(), &entry)) == ARCHIVE_OK) {
+    while ((result = LIBARCHIVE(archive_read_next_header)(tar, &entry)) == ARCHIVE_OK) {
         const char *const name = LIBARCHIVE(archive_entry_pathname)(entry);
         const fs::path path = fs::path("/") / (name ? name : "");
         if (!is_recorded_place(path))
@@ -89,13 +81,23 @@ recording read_recording(const std::string &file)
         if (const char *const target = LIBARCHIVE(archive_entry_symlink)(entry))
             made.links[path] = target;
         else if (LIBARCHIVE(archive_entry_filetype)(entry) == AE_IFREG)
-            size += (made.files[path] = bytes_of(tar.get(), path)).size();
+            size += (made.files[path] = bytes_of(tar, path)).size();
         if (size > largest_recording || made.links.size() + made.files.size() > 1000000)
             throw failure(file + " is too large for a recording");
     }
     if (result != ARCHIVE_EOF || made.files.empty())
-        throw bad;
+        throw failure("cannot read a recording from " + file);
     return made;
+}
+
+recording read_recording(const std::string &file)
+{
+    const archive_reader tar = new_reader();
+    std::error_code error;
+    if (!fs::is_regular_file(file, error) ||
+        LIBARCHIVE(archive_read_open_filename)(tar.get(), file.c_str(), 65536) != ARCHIVE_OK)
+        throw failure("cannot read a recording from " + file);
+    return entries_of(tar.get(), file);
 }
 
 // Links, and what is reached through them, are of the chassis: all else in its root is the
@@ -172,18 +174,28 @@ void add_nvram_nodes(device_server &devices, const recording &recorded)
         std::string name = file_text(link / "name");
         name.resize(std::min(name.find('\n'), name.size()));
         const auto contents = recorded.files.find("/dev/" + name);
-        renumber(link, index++);
+        const device_number number = renumber(link, index++);
         if (contents != recorded.files.end())
-            devices.add(storage_node{contents->first, contents->second});
+            devices.add(storage_node{contents->first, contents->second, true, number});
     }
 }
 
 } // namespace
 
-void build_recorded_chassis(const std::string &archive)
+void write_recorded_tree(std::string_view archive)
+{
+    const archive_reader tar = new_reader();
+    if (LIBARCHIVE(archive_read_open_memory)(tar.get(), archive.data(), archive.size()) !=
+        ARCHIVE_OK)
+        throw failure("cannot read a recording");
+    write_tree(entries_of(tar.get(), "the archive"));
+}
+
+std::vector<pid_t> build_recorded_chassis(const std::string &archive)
 {
     const recording recorded = read_recording(archive);
     enter_private_root();
+    stay_in_root_file_system();
     make_directory("/var/log");
     write_tree(recorded);
     for (const fs::path &function : entries_of("/sys/bus/pci/devices"))
@@ -193,7 +205,7 @@ void build_recorded_chassis(const std::string &archive)
     device_server devices;
     add_uio_nodes(devices);
     add_nvram_nodes(devices, recorded);
-    devices.start();
+    return {devices.start()};
 }
 
 } // namespace chassis_sim

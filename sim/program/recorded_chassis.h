@@ -2,6 +2,10 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
 
 namespace chassis_sim
 {
@@ -9,6 +13,10 @@ namespace chassis_sim
 // Builds, as build_chassis does, the machine that "devaccess collect" has recorded: a tar archive
 // with the attribute files of its PCI functions, UIO devices and NVRAM blocks, and the bytes of its
 // logs.
-void build_recorded_chassis(const std::string &archive);
+std::vector<pid_t> build_recorded_chassis(const std::string &archive);
+
+// Writes the files of a recording, given by its bytes, into the private root that the process is
+// in.
+void write_recorded_tree(std::string_view archive);
 
 } // namespace chassis_sim

@@ -1,0 +1,17 @@
+// Register maps as parts of other JSON documents.
+#pragma once
+
+#include "register_map/json_members.h"
+#include "register_map/register_map.h"
+
+namespace register_map
+{
+
+void visit(json_members::reader &members, reg &one);
+void visit(json_members::writer &members, reg &one);
+
+// What a list of registers must be: names once, each in the window, and known where one names
+// another. size: of the window in bytes; 0: not known.
+void check(const std::vector<reg> &registers, const std::string &where, uint64_t size);
+
+} // namespace register_map

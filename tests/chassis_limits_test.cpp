@@ -1,0 +1,256 @@
+// The limits of a chassis: nothing gets out of it, what is wrong is told, and where a kernel says
+// no it does too.
+#include "support/test.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using namespace chassis_sim;
+using std::string;
+
+// What a line of the shell prints on both streams, followed by its status.
+string shell(const string &line)
+{
+    const string whole = "PATH=" PROGRAMS ":$PATH; { " + line + "\n} 2>&1";
+    FILE *const pipe = ::popen(whole.c_str(), "r");
+    string text;
+    for (int byte; (byte = std::fgetc(pipe)) != EOF;)
+        text += static_cast<char>(byte);
+    return text + std::to_string(WEXITSTATUS(::pclose(pipe)));
+}
+
+// Descriptions, in a directory of their own.
+struct chassis_description_file : testing::Test {
+    ~chassis_description_file() override { fs::remove_all(dir); }
+
+    string run(const string &text, const string &words)
+    {
+        write_file(dir + "/description", text);
+        return shell("chassis-sim --description " + dir + "/description " + words);
+    }
+    const string dir = fs::temp_directory_path() / ("limits" + std::to_string(::getpid()));
+};
+
+TEST_F(chassis_description_file, leads_to_no_file_outside_the_chassis)
+{
+    write_file(dir + "/canary", "sings");
+    const string away = "/var/../" + dir;
+    for (const string &path :
+         {dir + "/canary", away + "/canary", "/var/tmp/../.." + dir + "/new", string("/etc/new"),
+          string("/var"), string("var/x"), string("/sys//x")})
+        EXPECT_EQ(run(R"({"eeproms": [{"path": ")" + path + "\"}]}", "-- true"),
+                  "chassis-sim: /eeproms/0/path '" + path +
+                      "' is no file in /sys, /dev, /var or /flash\n125");
+    const string link = run(R"({"eeproms": [{"path": "/var/run/x/new"}]})", "-- true");
+    EXPECT_EQ(link, "chassis-sim: /var/run/x/new leads out of the chassis\n125");
+    for (const string name : {"../../x", "..", "", "a b"})
+        EXPECT_EQ(
+            run(R"({"slots": [{"name": ")" + name + R"(", "address": "0000:03:00"}]})", "-- true"),
+            "chassis-sim: /slots/0/name is no name\n125");
+    const string outside = "../../../.." + dir;
+    EXPECT_EQ(run("{}", "-- chassis-sim ctl link " + outside + " up"),
+              "chassis-sim: there is no function '" + outside + "'\n1");
+    EXPECT_EQ(test::read_file(dir + "/canary"), "sings");
+    fs::remove(dir + "/description");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 1);
+}
+
+TEST_F(chassis_description_file, that_cannot_be_is_told_by_the_member_and_why)
+{
+    const string function = R"({"id": "0000:00:01.0"})";
+    const string wrong[][2] = {
+        {R"({"functions": [)" + function + "," + function + "]}",
+         "/functions/1/id '0000:00:01.0' is there already"},
+        {R"({"functions": [{"id": "0000:01:00.0", "parent": "0000:00:01.0"}]})",
+         "/functions/0/parent names '0000:00:01.0', which is no function before it"},
+        {R"({"functions": [{"id": "0000:00:01.0", "capabilities": ["pm", "pm"]}]})",
+         "/functions/0/capabilities/1 is there already"},
+        {R"({"functions": [{"id": "0000:00:01.0", "config": [{"offset": 255, "value": 1}]}]})",
+         "/functions/0/config/0/offset lies outside the configuration space"},
+        {R"({"functions": [{"id": "0000:00:01.0", "bars": [{}, {}, {}, {}, {}, {}, {}]}]})",
+         "/functions/0/bars are more than six"},
+        {R"({"uio": [{"number": 1}, {"number": 1}]})", "/uio/1/number 1 is there already"},
+        {R"({"uio": [{"number": 64}]})", "/uio/0/number is larger than 63"},
+        {R"({"uio": [{"maps": [{"map": "../map0"}]}]})", "/uio/0/maps/0/map is no name"},
+        {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
+             {"offset": 16, "value": 1}]}]}]})",
+         "/uio/0/maps/0/registers/0/offset lies outside the window"},
+        {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [{"name": "GO", "offset": 0,
+             "on_write": [{"interrupt": "uio1"}]}]}]}]})",
+         "/uio/0/maps/0/registers/0/on_write/0/interrupt names 'uio1', which there is none of"},
+        {R"({"faults": [{"device": "uio9", "call": "read", "error": "EIO"}]})",
+         "/faults/0/device names 'uio9', which there is none of"},
+        {R"({"memory": [{"address": "0x1001", "size": 16}]})",
+         "/memory/0/address is no multiple of 4096"},
+        {R"({"memory": [{"address": 4096, "size": 1, "bytes": "abc"}]})",
+         "/memory/0/bytes is no text of bytes, two digits each"},
+        {R"({"timeline": [{"at_ms": 86400001, "do": "plug uio0"}]})",
+         "/timeline/0/at_ms is not between 0 and a day"},
+    };
+    for (const auto &[text, line] : wrong)
+        EXPECT_EQ(run(text, "-- true"), "chassis-sim: " + line + "\n125");
+}
+
+TEST_F(chassis_description_file, finds_register_maps_beside_it_and_prints_them_back)
+{
+    write_file(dir + "/map.json", R"({"name": "timer", "registers": [{"name": "COUNT", "offset": 8,
+        "fields": [{"name": "LOW", "bits": "3:0", "access": "read-only"}]}]})");
+    const string text = R"({"uio": [{"maps": [{"map": "map0", "size": "64",
+        "register_map": "map.json"}]}]})";
+    const string printed = run(text, "--describe");
+    EXPECT_NE(printed.find("\"COUNT\""), string::npos) << printed;
+    EXPECT_EQ(run(printed.substr(0, printed.size() - 1), "--describe"), printed);
+    EXPECT_EQ(run(text, "-- sh -c 'chassis-sim ctl set COUNT 7; chassis-sim ctl get COUNT.LOW'"),
+              "0x7\n0");
+    EXPECT_EQ(run(R"({"uio": [{"maps": [{"register_map": "none"}]}]})", "-- true"),
+              "chassis-sim: /uio/0/maps/0/register_map: cannot read a register map from " + dir +
+                  "/none\n125");
+}
+
+//--- processes ------------------------------------------------------------------------------------
+
+TEST(chassis_processes, are_all_waited_for_by_the_chassis)
+{
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    EXPECT_EQ(shell("chassis-sim -- sh -c 'sleep .1 & exit 3'"), "3");
+    EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
+}
+
+TEST(chassis_processes, end_by_an_interrupt_that_a_process_sends)
+{
+    EXPECT_EQ(shell("chassis-sim -- sleep 77 & sleep .5; kill -INT $!; wait $!"), "130");
+}
+
+//--- as a kernel ----------------------------------------------------------------------------------
+
+void start_chassis()
+{
+    enter_private_root();
+    device_server server;
+    add_uio(server, {});
+    server.add(storage_node{"/dev/nvlog-test", "stored"});
+    server.add(memory_range{0x10000, 4096, "bytes", {}, {}});
+    server.start();
+    add_chassis_pci();
+}
+
+TEST(chassis_as_a_kernel, gives_descriptors_up_to_the_limit_and_each_number_once)
+{
+    for (const rlim_t most : {64, 256, 1500}) {
+        const rlimit limit = {most, most};
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+            start_chassis();
+            std::vector<int> opened;
+            for (int fd; (fd = ::open("/dev/uio0", O_RDWR)) >= 0;)
+                opened.push_back(fd);
+            const bool at_limit = errno == EMFILE;
+            std::sort(opened.begin(), opened.end());
+            const bool each_once = std::adjacent_find(opened.begin(), opened.end()) == opened.end();
+            // Some numbers may have been inherited.
+            ::_exit(at_limit && each_once && opened.size() + 4 >= most / 4 ? 0 : 1);
+        }
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << most;
+    }
+}
+
+TEST(chassis_as_a_kernel, maps_only_windows_that_exist_and_not_past_their_end)
+{
+    start_chassis();
+    const int fd = ::open("/dev/uio0", O_RDWR);
+    EXPECT_EQ(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 4096), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(::mmap(nullptr, 8192, PROT_READ, MAP_SHARED, fd, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    const int bar = ::open((pci_link(pci_slot_device) + "/resource0").c_str(), O_RDWR);
+    EXPECT_EQ(::mmap(nullptr, 0x11000, PROT_READ, MAP_SHARED, bar, 0), MAP_FAILED);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_NE(::mmap(nullptr, 0x10000, PROT_READ, MAP_SHARED, bar, 0), MAP_FAILED);
+}
+
+TEST(chassis_as_a_kernel, configuration_space_ends_at_its_end_and_goes_with_its_function)
+{
+    start_chassis();
+    const string path = pci_link("0000:00:19.0") + "/config";
+    const int fd = ::open(path.c_str(), O_RDWR);
+    EXPECT_EQ(::pwrite(fd, "x", 1, 256), -1);
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(::pwrite(fd, "abcd", 4, 254), 2);
+    EXPECT_EQ(fs::file_size(path), 256u);
+    control("remove 0000:00:19.0");
+    char byte;
+    EXPECT_EQ(::pread(fd, &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ENODEV);
+    control("plug 0000:00:19.0");
+    EXPECT_EQ(::pwrite(fd, &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ENODEV) << "it is another function now";
+    EXPECT_EQ(::pread(::open(path.c_str(), O_RDONLY), &byte, 1, 0), 1);
+}
+
+TEST(chassis_as_a_kernel, device_is_a_character_device_by_whatever_name)
+{
+    start_chassis();
+    const auto is_device = [](int fd) {
+        struct stat status = {};
+        return ::fstat(fd, &status) == 0 && S_ISCHR(status.st_mode);
+    };
+    const int fd = ::open("/dev/uio0", O_RDWR);
+    EXPECT_TRUE(is_device(fd));
+    EXPECT_TRUE(is_device(::open(test::printed("/proc/self/fd/%d", fd).c_str(), O_RDWR)));
+    EXPECT_TRUE(is_device(::open("/dev/mem", O_RDWR)));
+    if (::getuid() != 0)
+        return; // only root makes nodes
+    struct stat status = {};
+    ASSERT_EQ(::stat("/dev/uio0", &status), 0);
+    ASSERT_EQ(::mknod("/var/tmp/own", S_IFCHR | 0600, status.st_rdev), 0);
+    ASSERT_EQ(::link("/dev/uio0", "/dev/hard"), 0);
+    for (const char *path : {"/var/tmp/own", "/dev/hard"})
+        EXPECT_TRUE(is_device(::open(path, O_RDWR))) << path;
+    ASSERT_EQ(::chroot("/dev"), 0);
+    EXPECT_TRUE(is_device(::open("/uio0", O_RDWR)));
+}
+
+TEST(chassis_as_a_kernel, physical_memory_is_what_is_described)
+{
+    start_chassis();
+    const int fd = ::open("/dev/mem", O_RDWR);
+    char text[6] = {};
+    EXPECT_EQ(::pread(fd, text, 5, 0x10000), 5);
+    EXPECT_STREQ(text, "bytes");
+    EXPECT_EQ(::pread(fd, text, 5, 0x20000), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0x20000), MAP_FAILED);
+    EXPECT_EQ(errno, EPERM);
+    const void *const at = ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED, fd, 0x10000);
+    ASSERT_NE(at, MAP_FAILED);
+    EXPECT_STREQ(static_cast<const char *>(at), "bytes");
+}
+
+TEST(chassis_as_a_kernel, only_a_port_has_a_link)
+{
+    start_chassis();
+    EXPECT_THROW(control(string("link ") + pci_slot_device + " down"), failure);
+    control(string("link ") + pci_root_port + " down");
+}
+
+} // namespace
