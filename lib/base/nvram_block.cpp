@@ -1,5 +1,6 @@
 #include "lib/base/nvram_block.h"
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 
 #include <cerrno>
@@ -66,7 +67,7 @@ bool make_nvram_node(const char *node, dev_t number)
 {
     if (::mknod(node, S_IFCHR | 0600, number) == 0 || errno == EEXIST)
         return true;
-    return refuse(false, "mknod(%s) failed: %s\n", node, std::strerror(errno));
+    return REFUSE(print_error, false, "mknod(%s) failed: %s\n", node, error_text());
 }
 
 unique_fd open_nvram_exclusively(const char *node, int access_mode, int attempts)

@@ -8,17 +8,14 @@ namespace device_access
 
 [[gnu::format(printf, 1, 2)]] void print_error(const char *fmt, ...);  // standard error
 [[gnu::format(printf, 1, 2)]] void print_output(const char *fmt, ...); // standard output
-[[gnu::format(printf, 1, 0)]] void vprint_error(const char *fmt, va_list args);
 
-// Says on standard error why something fails, and gives the result that says so.
-template <typename Result>
-[[gnu::format(printf, 2, 3)]] Result refuse(Result result, const char *fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    vprint_error(fmt, args);
-    va_end(args);
-    return result;
-}
+// The form that the UIO and the PCI diagnostics share: where a line comes from, then its text.
+using diagnostic_line = char[512];
+
+// Writes "UNIT:LINE_NUM:FUNC_NAME(): MESSAGE\n", the message cut to fit, and returns it.
+[[gnu::format(printf, 5, 0)]] const char *format_diagnostic(diagnostic_line &line, const char *unit,
+                                                            unsigned int line_num,
+                                                            const char *func_name, const char *fmt,
+                                                            va_list args);
 
 } // namespace device_access

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "lib/base/errno_guard.h"
+#include "lib/base/errors.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -25,10 +26,8 @@ using unique_malloc = std::unique_ptr<T, free_deleter>;
 // A zeroed block of size and more bytes; NULL with ENOMEM also when the sum is too large.
 inline unique_malloc<char> allocate_text(size_t size, size_t more)
 {
-    if (__builtin_add_overflow(size, more, &size)) {
-        errno = ENOMEM;
-        return nullptr;
-    }
+    if (__builtin_add_overflow(size, more, &size))
+        return fail(nullptr, ENOMEM);
     return unique_malloc<char>(static_cast<char *>(std::calloc(1, size)));
 }
 

@@ -1,6 +1,7 @@
 #include <device_access/pci_config.h>
 
 #include "lib/base/errno_guard.h"
+#include "lib/base/errors.h"
 #include "lib/base/unique_fd.h"
 
 #include <cerrno>
@@ -8,8 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-using device_access::errno_guard;
-using device_access::unique_fd;
+using namespace device_access;
 
 namespace
 {
@@ -29,8 +29,7 @@ bool is_valid_access(uint32_t offset, size_t count, int fd)
 {
     if (offset % count == 0 && fd >= 1)
         return true;
-    errno = EINVAL;
-    return false;
+    return fail(false, EINVAL);
 }
 
 int access_result(ssize_t moved, size_t count)

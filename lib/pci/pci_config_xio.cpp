@@ -1,9 +1,13 @@
 #include <device_access/pci_config.h>
 
+#include "lib/base/errors.h"
+
 #include <cerrno>
 #include <cstring>
 
 #include <unistd.h>
+
+using namespace device_access;
 
 namespace
 {
@@ -58,8 +62,7 @@ uint32_t pcicap_config_read32(uint32_t offset, uint8_t cap, void *handle)
 
 int no_capability()
 {
-    errno = ENOENT;
-    return -1;
+    return fail(-1, ENOENT);
 }
 
 // The register that points to the capability list, or -1.
@@ -171,10 +174,8 @@ int pcie_config_wait_link_up(const sysfs_pci_identity_t *pci_ident)
 
 int pcie_config_is_hotplug(void *cfg_ioh)
 {
-    if (!cfg_ioh) {
-        errno = EINVAL;
-        return 0;
-    }
+    if (!cfg_ioh)
+        return fail(0, EINVAL);
     const int found = pci_config_find_capability(pcie_capability, cfg_ioh);
     if (found < 0) {
         if (errno == ENOENT)

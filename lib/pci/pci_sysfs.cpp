@@ -1,8 +1,8 @@
 #include <device_access/pci_sysfs.h>
 
-#include "lib/base/diagnostic_line.h"
 #include "lib/base/dir_list.h"
 #include "lib/base/errno_guard.h"
+#include "lib/base/errors.h"
 #include "lib/base/pci_root.h"
 #include "lib/base/print.h"
 #include "lib/base/unique_fd.h"
@@ -22,7 +22,6 @@
 using namespace device_access;
 
 #define SYSFS_ERR(...) sysfs_log_pr(LOG_ERR, __LINE__, __func__, __VA_ARGS__)
-#define SYSFS_REFUSE(result, ...) (SYSFS_ERR(__VA_ARGS__), result)
 #define SYSFS_DEBUG(...) sysfs_log_pr(LOG_DEBUG, __LINE__, __func__, __VA_ARGS__)
 
 namespace
@@ -119,20 +118,22 @@ private:
     char buffer_[1024]; // more than the lines of a function's resources
 };
 
-void sysfs_fetch_resource_attr(const device_directory &dir, const char *attr_name,
+// Whether all lines could be read.
+bool sysfs_fetch_resource_attr(const device_directory &dir, const char *attr_name,
                                sysfs_pci_bar_t *bars, int count)
 {
     unique_fd file = dir.open(attr_name);
     if (!file)
-        return SYSFS_ERR("Failed to open %s\n", attribute_path(dir, attr_name).str);
+        return REFUSE(SYSFS_ERR, false, "Failed to open %s\n", attribute_path(dir, attr_name).str);
     line_reader lines(std::move(file));
     char line[128];
     for (int k = 0; k < count; ++k) {
         if (!lines.next(line))
-            return SYSFS_ERR("Unexpected EOF at line %d of %s\n", k,
-                             attribute_path(dir, attr_name).str);
+            return REFUSE(SYSFS_ERR, false, "Unexpected EOF at line %d of %s\n", k,
+                          attribute_path(dir, attr_name).str);
         sysfs_parse_resource_line(bars[k], line);
     }
+    return true;
 }
 
 const char *sysfs_attribute_name(attr_t attr)
@@ -154,50 +155,53 @@ const char *sysfs_attribute_name(attr_t attr)
     }
 }
 
-void sysfs_store_attribute(attr_t attr, const device_directory &dir, const char *text,
+bool sysfs_store_attribute(attr_t attr, const device_directory &dir, const char *text,
                            sysfs_pci_info_t &info)
 {
     const auto id = static_cast<uint16_t>(std::strtoul(text, nullptr, 16));
     switch (attr) {
     case ATTR_DEVICE:
         info.id.device = id;
-        break;
+        return true;
     case ATTR_VENDOR:
         info.id.vendor = id;
-        break;
+        return true;
     case ATTR_SUBSYSTEM_DEVICE:
         info.id.subsystem_device = id;
-        break;
+        return true;
     case ATTR_SUBSYSTEM_VENDOR:
         info.id.subsystem_vendor = id;
-        break;
+        return true;
     case ATTR_RESOURCE:
-        sysfs_fetch_resource_attr(dir, sysfs_attribute_name(attr), info.resource_bar, bar_count);
-        break;
+        return sysfs_fetch_resource_attr(dir, sysfs_attribute_name(attr), info.resource_bar,
+                                         bar_count);
     default:
-        SYSFS_ERR("Invalid value \n");
+        return REFUSE(SYSFS_ERR, false, "Invalid value \n");
     }
 }
 
-void sysfs_fill_attribute(attr_t attr, const device_directory &dir, sysfs_pci_info_t &info)
+bool sysfs_fill_attribute(attr_t attr, const device_directory &dir, sysfs_pci_info_t &info)
 {
     const char *name = sysfs_attribute_name(attr);
     unique_fd file = dir.open(name);
     if (!file)
-        return SYSFS_ERR("Error opening the file_entry, %s\n", attribute_path(dir, name).str);
+        return REFUSE(SYSFS_ERR, false, "Error opening the file_entry, %s\n",
+                      attribute_path(dir, name).str);
     char text[128];
     const ssize_t length = ::read(file.get(), text, sizeof text - 1);
     if (length <= 0)
-        return SYSFS_ERR("Read failed on the attribute %s\n", attribute_path(dir, name).str);
+        return REFUSE(SYSFS_ERR, false, "Read failed on the attribute %s\n",
+                      attribute_path(dir, name).str);
     file.reset();
     text[length] = '\0';
     if (text[0] < '0' || text[0] > '9')
-        return SYSFS_ERR("Read returned invalid value %s\n", text);
-    sysfs_store_attribute(attr, dir, text, info);
+        return REFUSE(SYSFS_ERR, false, "Read returned invalid value %s\n", text);
+    return sysfs_store_attribute(attr, dir, text, info);
 }
 
 //--- one device -----------------------------------------------------------------------------------
 
+// What fails has been reported, and leaves its field 0.
 void sysfs_fill_attributes(const device_directory &dir, sysfs_pci_info_t &info)
 {
     for (int attr = ATTR_DEVICE; attr < ATTR_MAX; ++attr)
@@ -233,7 +237,7 @@ bool is_sysfs_path_dir(const char *path)
 {
     struct stat status;
     if (::lstat(path, &status) != 0)
-        return SYSFS_REFUSE(false, "Stats failed for path %s\n", path);
+        return REFUSE(SYSFS_ERR, false, "Stats failed for path %s\n", path);
     return S_ISDIR(status.st_mode);
 }
 
@@ -244,7 +248,7 @@ sysfs_pci_info_set_t *sysfs_pci_arraylist_create(int count)
     void *block = std::calloc(static_cast<size_t>(count) + 1, sizeof(sysfs_pci_info_t));
     SYSFS_DEBUG("# of elements is %d\n", count);
     if (!block)
-        return SYSFS_REFUSE(nullptr, "Unable to allocate memory \n");
+        return REFUSE(SYSFS_ERR, nullptr, "Unable to allocate memory \n");
     auto *set = static_cast<sysfs_pci_info_set_t *>(block);
     set->count = static_cast<size_t>(count);
     return set;
@@ -253,10 +257,10 @@ sysfs_pci_info_set_t *sysfs_pci_arraylist_create(int count)
 const sysfs_pci_info_set_t *sysfs_pci_scan_dir_path(const char *path)
 {
     if (!is_sysfs_path_dir(path))
-        return SYSFS_REFUSE(nullptr, "PATH invalidi\n");
+        return REFUSE(SYSFS_ERR, nullptr, "PATH invalidi\n");
     const dir_list entries(path);
     if (entries.count() <= 0)
-        return SYSFS_REFUSE(nullptr, "scandir failed");
+        return REFUSE(SYSFS_ERR, nullptr, "scandir failed");
     sysfs_pci_info_set_t *set = sysfs_pci_arraylist_create(entries.count());
     if (!set)
         return nullptr;

@@ -1,6 +1,7 @@
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/dir_list.h"
+#include "lib/base/errors.h"
 #include "lib/base/pci_root.h"
 
 #include <cctype>
@@ -38,10 +39,8 @@ sysfs_pci_identity_t *sysfs_pci_make_list(const char *abspath)
     // One more than there are: the all-zero end.
     auto *list = static_cast<sysfs_pci_identity_t *>(
         std::calloc(static_cast<size_t>(entries.count()) + 1, sizeof(sysfs_pci_identity_t)));
-    if (!list) {
-        errno = ENOMEM;
-        return nullptr;
-    }
+    if (!list)
+        return fail(nullptr, ENOMEM);
     for (int i = 0; i < entries.count(); ++i)
         std::memcpy(list[i].str, entries.name(i), sizeof list[i].str - 1);
     return list;

@@ -3,6 +3,7 @@
 #include <device_access/pci_config.h>
 
 #include "lib/base/errno_guard.h"
+#include "lib/base/errors.h"
 #include "lib/base/unique_fd.h"
 
 #include <algorithm>
@@ -14,8 +15,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-using device_access::errno_guard;
-using device_access::unique_fd;
+using namespace device_access;
 
 namespace
 {
@@ -34,10 +34,8 @@ off_t sysfs_pci_mmio_check(off_t size, int n, const sysfs_pci_identity_t *ident)
     if (size > largest_io)
         return size;
     if (size >= smallest_memory) {
-        if (n < 0 || n >= bar_count) {
-            errno = EINVAL;
-            return -1;
-        }
+        if (n < 0 || n >= bar_count)
+            return fail(-1, EINVAL);
         void *config = pci_config_open(ident);
         if (!config)
             return -1;
@@ -49,8 +47,7 @@ off_t sysfs_pci_mmio_check(off_t size, int n, const sysfs_pci_identity_t *ident)
         if ((bar & bar_is_io) == 0)
             return size;
     }
-    errno = ENOENT;
-    return 0;
+    return fail(0, ENOENT);
 }
 
 // The size of BAR n's memory, 0 if there is none, -1 on failure. With fd, a size above 0 comes with
@@ -84,9 +81,8 @@ bool map_bar(void *&address, size_t &length, int n, const sysfs_pci_identity_t *
     if (size <= 0)
         return size == 0;
     if (!std::in_range<size_t>(size)) {
-        errno = ENOMEM;
         address = MAP_FAILED;
-        return false;
+        return fail(false, ENOMEM);
     }
     length = static_cast<size_t>(size);
     address = ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);

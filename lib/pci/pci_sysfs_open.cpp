@@ -1,5 +1,6 @@
 #include <device_access/pci_sysfs.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/pci_root.h"
 #include "lib/base/unique_malloc.h"
 
@@ -19,10 +20,8 @@ constexpr char empty_str[] = "";
 
 unique_malloc<char> attribute_path(const char *attr_name, const sysfs_pci_identity_t *pci_ident)
 {
-    if (!attr_name || !attr_name[0]) {
-        errno = EINVAL;
-        return nullptr;
-    }
+    if (!attr_name || !attr_name[0])
+        return fail(nullptr, EINVAL);
     return unique_malloc<char>(sysfs_pci_abspath(nullptr, 0, attr_name, pci_ident));
 }
 
@@ -31,10 +30,8 @@ unique_malloc<char> attribute_path(const char *attr_name, const sysfs_pci_identi
 char *sysfs_pci_abspath(char *path, size_t max, const char *attr_name,
                         const sysfs_pci_identity_t *pci_ident)
 {
-    if (!pci_ident) {
-        errno = -EINVAL; // the sign has always been there, and callers know it
-        return nullptr;
-    }
+    if (!pci_ident)
+        return fail(nullptr, -EINVAL); // the sign has always been there, and callers know it
     const char *separator = attr_name ? "/" : empty_str;
     if (!attr_name)
         attr_name = empty_str;
@@ -51,10 +48,8 @@ char *sysfs_pci_abspath(char *path, size_t max, const char *attr_name,
     const int length =
         std::snprintf(path, limit, "%s/%.*s%s%s", pci_root, static_cast<int>(sizeof pci_ident->str),
                       pci_ident->str, separator, attr_name);
-    if (length < 0 || static_cast<size_t>(length) >= limit) {
-        errno = ENAMETOOLONG;
-        return nullptr;
-    }
+    if (length < 0 || static_cast<size_t>(length) >= limit)
+        return fail(nullptr, ENAMETOOLONG);
     static_cast<void>(block.release());
     return path;
 }

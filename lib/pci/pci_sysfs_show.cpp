@@ -1,5 +1,6 @@
 #include <device_access/pci_sysfs.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/unique_fd.h"
 #include "lib/base/unique_malloc.h"
 
@@ -65,10 +66,8 @@ char *sysfs_pci_fshow(char *attr_value, size_t max, size_t *count, int fd)
 {
     if (!attr_value)
         return read_page(max, count, fd).release();
-    if (max < 2) {
-        errno = EINVAL;
-        return nullptr;
-    }
+    if (max < 2)
+        return fail(nullptr, EINVAL);
     return read_text(attr_value, max - 1, count, fd);
 }
 
@@ -81,10 +80,8 @@ char *sysfs_pci_show(char *attr_value, size_t max, size_t *count, const char *at
 
 ssize_t sysfs_pci_fshow_nums(int64_t *value, size_t num_count, int fd)
 {
-    if (!value) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (!value)
+        return fail(-1, EINVAL);
     if (num_count > 1) {
         const unique_malloc<char> block = read_page(0, nullptr, fd);
         return block ? static_cast<ssize_t>(parse_numbers(value, num_count, block.get())) : -1;

@@ -1,5 +1,6 @@
 #include <device_access/pci_sysfs.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/unique_fd.h"
 
 #include <cerrno>
@@ -9,7 +10,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-using device_access::unique_fd;
+using namespace device_access;
 
 namespace
 {
@@ -34,10 +35,8 @@ const char *numeric_to_str(sysfs_pci_xbuf_t &xbuf, int64_t value)
 
 int sysfs_pci_fstore(const char *attr_value, int fd)
 {
-    if (!attr_value || !attr_value[0]) {
-        errno = EINVAL;
-        return -1;
-    }
+    if (!attr_value || !attr_value[0])
+        return fail(-1, EINVAL);
     const size_t length = std::strlen(attr_value);
     const ssize_t written = ::pwrite(fd, attr_value, length, 0);
     return written >= 0 && static_cast<size_t>(written) == length ? 0 : -1;

@@ -1,5 +1,6 @@
 #include <device_access/qel_pci_hotswap.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/unique_malloc.h"
 
 #include <cerrno>
@@ -11,7 +12,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-using device_access::unique_malloc;
+using namespace device_access;
 
 namespace
 {
@@ -57,8 +58,7 @@ int qel_pci_hotswap_install(qel_pci_hotswap_options_t opts)
 
     const int result = std::system(command);
     if (result == -1) {
-        ::syslog(log_priority, "%s: %s failed to spawn: %s\n", program, loader,
-                 std::strerror(errno));
+        ::syslog(log_priority, "%s: %s failed to spawn: %s\n", program, loader, error_text());
         return -1;
     }
     // Of a loader that a signal killed this is 0: it counts as a success.
@@ -86,8 +86,7 @@ sysfs_pci_identity_t *qel_pci_hotswap_bridge_enable(const sysfs_pci_identity_t *
         if (!children || children->str[0])
             return children.release();
     }
-    errno = ENODEV;
-    return nullptr;
+    return fail(nullptr, ENODEV);
 }
 
 int qel_pci_hotswap_bridge_disable(const sysfs_pci_identity_t *pci_ident)

@@ -1,5 +1,6 @@
 #include <device_access/diag_inventory.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/base/unique_fd.h"
 
@@ -67,7 +68,7 @@ int copy_from_serno(const char *slotName, uint8_t *pBuff, int room, int size)
     if (!diag_inventory_get_all(slotName, &record))
         return 0;
     if (room < size)
-        return refuse(0, "DIAG's INVENTORY: not enough memory for serial number\n");
+        return REFUSE(print_error, 0, "DIAG's INVENTORY: not enough memory for serial number\n");
     std::memcpy(pBuff, record.serNo, static_cast<size_t>(size));
     return 1;
 }
@@ -90,7 +91,7 @@ int diag_inventory_store(const char *slotName, diag_inventory_t *pContent)
 
     const unique_fd file = open_for_writing(path.str);
     if (!file)
-        return refuse(0, "DIAG's INVENTORY: cannot open inventory %s!\n", path.str);
+        return REFUSE(print_error, 0, "DIAG's INVENTORY: cannot open inventory %s!\n", path.str);
     write_record(file, *pContent);
     return 1;
 }
@@ -100,12 +101,12 @@ int diag_inventory_get_all(const char *slotName, diag_inventory_t *pContent)
     const inv_file_name path = get_inv_file_name(slotName);
     const unique_fd file(::open(path.str, O_RDONLY | O_CLOEXEC));
     if (!file)
-        return refuse(0, "DIAG's INVENTORY: cannot open inventory %s\n", path.str);
+        return REFUSE(print_error, 0, "DIAG's INVENTORY: cannot open inventory %s\n", path.str);
     if (::read(file.get(), pContent, sizeof *pContent) == sizeof *pContent &&
         std::memcmp(pContent->magicWord, magic_word, sizeof magic_word) == 0 &&
         std::memcmp(pContent->formatRev, format_rev, sizeof format_rev) == 0)
         return 1;
-    return refuse(0, "DIAG's INVENTORY: inventory %s is corrupted\n", path.str);
+    return REFUSE(print_error, 0, "DIAG's INVENTORY: inventory %s is corrupted\n", path.str);
 }
 
 int diag_inventory_get_serno(const char *slotName, uint8_t *pBuff, int size)

@@ -1,6 +1,7 @@
 // The front end of the POD log: the run, and the calls that go to the log of an instance or card.
 #include <device_access/pod_log.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/podlog/registry.h"
 
@@ -41,7 +42,8 @@ int podlog_set_curr_active_inst(int inst_id, int flg_rdonly)
     }
     if (flg_rdonly || inst_id == pod_state_info.active_inst_id)
         return 0;
-    return refuse(1, "ERROR: %s: POD currently running for %d and  cannot run card %d!\n", __func__,
+    return REFUSE(print_error, 1,
+                  "ERROR: %s: POD currently running for %d and  cannot run card %d!\n", __func__,
                   pod_state_info.active_inst_id, inst_id);
 }
 
@@ -73,7 +75,8 @@ int podlog_init(int inst_id, int flg_rdonly)
     if (uses_primary(row)) {
         if (primary && primary.init(flg_rdonly != 0) != -1)
             return 1;
-        return refuse(-1, "ERROR: %s: failed to initialize primary storage for instance id %d!\n",
+        return REFUSE(print_error, -1,
+                      "ERROR: %s: failed to initialize primary storage for instance id %d!\n",
                       __func__, inst_id);
     }
     pod_log_ring secondary = secondary_log(row);
@@ -81,7 +84,7 @@ int podlog_init(int inst_id, int flg_rdonly)
         return 1;
     if (primary)
         primary.close();
-    return refuse(-1,
+    return REFUSE(print_error, -1,
                   "ERROR: %s: failed to initialize secondary storage (EEPROM) for instance %d!\n",
                   __func__, inst_id);
 }
@@ -93,8 +96,8 @@ int podlog_add(int inst_id, char *event_level, char *diag_string, const char *re
     if (!row)
         return -1;
     if (!uses_primary(row) && row->secondary_storage_type == POD2NDSTORAGE_NONE)
-        return refuse(1, "ERROR(%s): No secondary storage for instance id %d!\n", __func__,
-                      inst_id);
+        return REFUSE(print_error, 1, "ERROR(%s): No secondary storage for instance id %d!\n",
+                      __func__, inst_id);
     pod_log_ring log = selected_log(row);
     if (!log)
         return 1;
@@ -179,7 +182,8 @@ int podlog_read_raw_log(int offset, uint8_t *buf)
 {
     const storage_info_t *row = find_instance_or_report(__func__, log_instance);
     if (row && row->type == PODSTORAGE_NVRAM)
-        return refuse(-1, "ERROR: %s: read raw log not support for NVRAM!\n", __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: read raw log not support for NVRAM!\n",
+                      __func__);
     pod_log_ring log = primary_log(row);
     return log ? log.read_raw_log(offset, buf) : -1;
 }

@@ -83,8 +83,8 @@ int eeprom_storage::mem_rd(int eeprom_id, int64_t position, void *data, uint32_t
 {
     const mem_access_fp_t rd_fp = row_of(eeprom_id).rd_fp;
     if (!rd_fp)
-        return refuse(0, "ERROR(pod_eeprom_mem_rd): No binded EEPROM %d read function!\n",
-                      eeprom_id);
+        return REFUSE(print_error, 0,
+                      "ERROR(pod_eeprom_mem_rd): No binded EEPROM %d read function!\n", eeprom_id);
     if (!can_address(position, size))
         return 0;
     return rd_fp(static_cast<uint32_t>(position), static_cast<uint8_t *>(data), size);
@@ -94,7 +94,7 @@ int eeprom_storage::mem_wr(int eeprom_id, int64_t position, const void *data, ui
 {
     const mem_access_fp_t wr_fp = row_of(eeprom_id).wr_fp;
     if (!wr_fp)
-        return refuse(0, "ERROR: No binded EEPROM write function!\n");
+        return REFUSE(print_error, 0, "ERROR: No binded EEPROM write function!\n");
     if (!can_address(position, size))
         return 0;
     uint8_t *const bytes = const_cast<uint8_t *>(static_cast<const uint8_t *>(data));

@@ -78,11 +78,11 @@ bool open_dev_file(unique_fd &opened, const file_dev_info_t &row, bool rdonly)
     if (opened || errno != ENOENT)
         return true;
     if (rdonly)
-        return refuse(false, "ERROR: file %s does not exist!\n", path.str);
+        return REFUSE(print_error, false, "ERROR: file %s does not exist!\n", path.str);
     opened.reset(::open(path.str, access_mode | O_CREAT, 0777));
     if (!opened || fill_new_file(opened.get()))
         return true;
-    return refuse(false, "ERROR: cannot write to file %s!\n", path.str);
+    return REFUSE(print_error, false, "ERROR: cannot write to file %s!\n", path.str);
 }
 
 //--- the storage ----------------------------------------------------------------------------------
@@ -142,12 +142,13 @@ int file_storage::mem_rd(int file_id, int64_t position, void *data, uint32_t siz
 {
     const int fd = row_of(file_id).fd;
     if (fd == -1)
-        return refuse(0, "ERROR: pod_file_mem_rd: cannot access device!\n");
+        return REFUSE(print_error, 0, "ERROR: pod_file_mem_rd: cannot access device!\n");
     const ssize_t length = ::pread(fd, data, size, position);
     const uint32_t first = static_cast<uint32_t>(position);
     if (length < 1)
-        return refuse(0, "ERROR: pod_file_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
-                      first, first + size - 1);
+        return REFUSE(print_error, 0,
+                      "ERROR: pod_file_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n", first,
+                      first + size - 1);
     return static_cast<int>(length);
 }
 
@@ -155,10 +156,11 @@ int file_storage::mem_wr(int file_id, int64_t position, const void *data, uint32
 {
     const int fd = row_of(file_id).fd;
     if (fd == -1)
-        return refuse(0, "ERROR: pod_file_mem_wr: cannot access device for file instance %d !\n",
+        return REFUSE(print_error, 0,
+                      "ERROR: pod_file_mem_wr: cannot access device for file instance %d !\n",
                       file_id);
     const ssize_t length = ::pwrite(fd, data, size, position);
-    return length < 1 ? refuse(0, "ERROR: pod_file_mem_wr: cannot write!!\n")
+    return length < 1 ? REFUSE(print_error, 0, "ERROR: pod_file_mem_wr: cannot write!!\n")
                       : static_cast<int>(length);
 }
 

@@ -1,5 +1,6 @@
 #include <device_access/pod_log_nvram.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/nvram_block.h"
 #include "lib/base/print.h"
 #include "lib/base/unique_fd.h"
@@ -91,7 +92,7 @@ bool find_device_number(dev_t &number)
         return true;
     if (search.missing >= 0)
         print_output(" No nvram%d dev file!\n", search.missing);
-    return refuse(false, " ERROR: fail to find major/minor number\n");
+    return REFUSE(print_error, false, " ERROR: fail to find major/minor number\n");
 }
 
 bool open_dev_file(unique_fd &opened, const podlog::nvram_dev_info_t &row, bool rdonly)
@@ -161,8 +162,8 @@ bool nvram_storage::open(int nvram_id, bool rdonly)
         return false;
     podlog::nvram_dev_info_t &row = nvram_row(nvram_id);
     if (row.fd != -1)
-        return refuse(
-            false,
+        return REFUSE(
+            print_error, false,
             "ERROR: podlog_nvram_init: nvram %d current device is currently opened already!\n",
             nvram_id);
     unique_fd opened;
@@ -190,11 +191,13 @@ int nvram_storage::mem_rd(int nvram_id, int64_t position, void *data, uint32_t s
 {
     const int fd = nvram_row(nvram_id).fd;
     if (fd == -1)
-        return refuse(0, "ERROR: pod_nvram_mem_rd: nvram %d: cannot access device!\n", nvram_id);
+        return REFUSE(print_error, 0, "ERROR: pod_nvram_mem_rd: nvram %d: cannot access device!\n",
+                      nvram_id);
     const ssize_t length = ::pread(fd, data, size, position);
     const uint32_t first = static_cast<uint32_t>(position);
     if (length < 1)
-        return refuse(0, "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
+        return REFUSE(print_error, 0,
+                      "ERROR: pod_nvram_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
                       first, first + size - 1);
     return static_cast<int>(length);
 }
@@ -203,10 +206,11 @@ int nvram_storage::mem_wr(int nvram_id, int64_t position, const void *data, uint
 {
     const int fd = nvram_row(nvram_id).fd;
     if (fd == -1)
-        return refuse(0, "ERROR: pod_nvram_mem_wr: cannot access device %d!\n", nvram_id);
+        return REFUSE(print_error, 0, "ERROR: pod_nvram_mem_wr: cannot access device %d!\n",
+                      nvram_id);
     const ssize_t length = ::pwrite(fd, data, size, position);
     if (length < 1)
-        return refuse(0, "ERROR: pod_nvram_mem_wr: cannot write %d bytes to 0x%x!!\n",
+        return REFUSE(print_error, 0, "ERROR: pod_nvram_mem_wr: cannot write %d bytes to 0x%x!!\n",
                       static_cast<int>(size), static_cast<uint32_t>(position));
     return static_cast<int>(length);
 }
@@ -221,7 +225,7 @@ pod_opening nvram_storage::judge(const pod_index &index, bool rdonly) const
     if (rdonly) {
         print_error("ERROR: podlog_nvram_init: checksum incorrect! cannot open for reading!!\n");
         print_error(crc_difference, index.checksum, expected);
-        return refuse(pod_opening::refuse,
+        return REFUSE(print_error, pod_opening::refuse,
                       "Can not perform best guess for read-only NVRAM region!\n");
     }
     print_output("WARNING: podlog_nvram_init: Block index structure CRC not matched!\n");
@@ -248,10 +252,11 @@ bool nvram_storage::locates_current_history(const pod_shape &shape, const pod_in
     if (index.magic != magic)
         return false;
     if (index.header_index >= static_cast<uint32_t>(shape.num_subblock))
-        return refuse(false, "ERROR: get_curr_log_hdr_pos: index %d out of range!\n",
+        return REFUSE(print_error, false, "ERROR: get_curr_log_hdr_pos: index %d out of range!\n",
                       static_cast<int>(index.header_index));
     if (index.log_size != static_cast<uint32_t>(shape.subblock_size))
-        return refuse(false, "get_curr_log_hdr_pos: corrupted log size 0x%x in the structure!\n",
+        return REFUSE(print_error, false,
+                      "get_curr_log_hdr_pos: corrupted log size 0x%x in the structure!\n",
                       index.log_size);
     return true;
 }
@@ -260,17 +265,21 @@ void nvram_storage::report(int nvram_id, pod_fault fault, uint32_t detail) const
 {
     switch (fault) {
     case pod_fault::index_not_read:
-        return print_error("ERROR: canot read magic number for NVRAM!\n");
+        print_error("ERROR: canot read magic number for NVRAM!\n");
+        break;
     case pod_fault::index_not_written:
-        return print_error("Failed to write NVRAM index structure!\n");
+        print_error("Failed to write NVRAM index structure!\n");
+        break;
     case pod_fault::index_magic:
-        return print_error("nvram_get_log_hdr_pos: unexpected magic number 0x%x. canot not get the "
-                           "index from the structure!",
-                           detail);
+        print_error("nvram_get_log_hdr_pos: unexpected magic number 0x%x. canot not get the "
+                    "index from the structure!",
+                    detail);
+        break;
     case pod_fault::header_not_located:
-        return print_output("nvram_check_hdr failed to get_log_hdr_pos, nvram_id %d, subblock_id "
-                            "%d",
-                            nvram_id, static_cast<int>(detail));
+        print_output("nvram_check_hdr failed to get_log_hdr_pos, nvram_id %d, subblock_id "
+                     "%d",
+                     nvram_id, static_cast<int>(detail));
+        break;
     }
 }
 

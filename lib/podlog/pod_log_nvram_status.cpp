@@ -1,5 +1,6 @@
 #include <device_access/pod_log_nvram.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/podlog/nvram_devices.h"
 #include "lib/podlog/records.h"
@@ -94,7 +95,8 @@ int nvram_get_podstatus_inst_info(int podsts_inst_id, int *nvram_id, int *mapped
     *nvram_id = -1;
     const int index = find_mapped_index(nvram_row(0).inst_map, podsts_inst_id);
     if (index == -1)
-        return refuse(0, "ERROR: %s: invalid inst id %d!\n ", __func__, podsts_inst_id);
+        return REFUSE(print_error, 0, "ERROR: %s: invalid inst id %d!\n ", __func__,
+                      podsts_inst_id);
     *nvram_id = 0;
     *mapped_index = index;
     return 1;

@@ -4,6 +4,7 @@
 #include <device_access/pod_log_nvram.h>
 #include <device_access/slot_names.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/podlog/registry.h"
 
@@ -102,7 +103,8 @@ int podlog_clr_all_faultinject(int inst_id)
     if (podlog_get_pod_primary_storage_info(inst_id, &type, &nvram_id) != 1)
         return invalid_instance(__func__, inst_id);
     if (type != PODSTORAGE_NVRAM)
-        return refuse(-1, "ERROR: %s: not suppored for instance %d!\n", __func__, inst_id);
+        return REFUSE(print_error, -1, "ERROR: %s: not suppored for instance %d!\n", __func__,
+                      inst_id);
     return podlog_nvram_clr_all_faultinject(nvram_id);
 }
 
@@ -111,13 +113,15 @@ uint32_t podlog_get_pod_status_cc(uint8_t slotId)
     const slot_nvram nvram(slotId);
     switch (nvram.failed()) {
     case slot_nvram::step::slot:
-        return refuse(status_unknown, "ERROR: %s: invalid slot id %d!\n", __func__, nvram.slot());
-    case slot_nvram::step::mapping:
-        return refuse(status_unknown, "ERROR: %s: slot %d not matched for pod status!\n", __func__,
+        return REFUSE(print_error, status_unknown, "ERROR: %s: invalid slot id %d!\n", __func__,
                       nvram.slot());
+    case slot_nvram::step::mapping:
+        return REFUSE(print_error, status_unknown,
+                      "ERROR: %s: slot %d not matched for pod status!\n", __func__, nvram.slot());
     case slot_nvram::step::opening:
-        return refuse(status_unknown, "ERROR: %s: cannot open POD Status stroage NVRAM %d!\n",
-                      __func__, nvram.id());
+        return REFUSE(print_error, status_unknown,
+                      "ERROR: %s: cannot open POD Status stroage NVRAM %d!\n", __func__,
+                      nvram.id());
     case slot_nvram::step::done:
         break;
     }
@@ -136,5 +140,5 @@ int podlog_is_faultinject_cc(uint8_t slotId, int *faultinjected)
         return -1;
     if (podlog_nvram_is_faultinject(nvram.id(), slotId, faultinjected) != -1)
         return 1;
-    return refuse(-1, "ERROR: Fail to read fault inject for slot Id %d!\n", slotId);
+    return REFUSE(print_error, -1, "ERROR: Fail to read fault inject for slot Id %d!\n", slotId);
 }

@@ -4,6 +4,7 @@
 #include <device_access/pod_log_nvram.h>
 #include <device_access/slot_names.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 
 #include <algorithm>
@@ -175,7 +176,7 @@ storage_info_t *device_access::find_instance(int inst_id)
 
 int device_access::invalid_instance(const char *func, int inst_id)
 {
-    return refuse(-1, "ERROR: %s: invalid instance id %d!\n", func, inst_id);
+    return REFUSE(print_error, -1, "ERROR: %s: invalid instance id %d!\n", func, inst_id);
 }
 
 const storage_info_t *device_access::find_instance_or_report(const char *func, int inst_id)

@@ -109,8 +109,9 @@ int64_t pod_log_ring::nth_header(uint32_t history, uint32_t distance) const
 int64_t pod_log_ring::get_log_hdr_pos(const pod_index &index, int history)
 {
     if (history >= shape_.num_subblock)
-        return refuse(-1, "ERROR: %s_get_log_hdr_pos: invalid index %d; must less than %d!\n",
-                      kind(), history, shape_.num_subblock);
+        return REFUSE(print_error, -1,
+                      "ERROR: %s_get_log_hdr_pos: invalid index %d; must less than %d!\n", kind(),
+                      history, shape_.num_subblock);
     if (index.magic != storage_->magic) {
         storage_->report(id_, pod_fault::index_magic, index.magic);
         return -1;
@@ -365,7 +366,7 @@ int pod_log_ring::add_raw_log(uint8_t *buf)
         return -1;
     const int64_t position = get_nxt_log_pos(current);
     if (position == -1)
-        return refuse(-1,
+        return REFUSE(print_error, -1,
                       "ERROR: podlog_%s_add_raw_log: failed to get next available log position!\n",
                       kind());
     if (!read(position, old) || !write_bytes(position, buf, uint32_t{sizeof(pod_entry)} + room))
@@ -453,12 +454,14 @@ int pod_log_ring::read_dir(int history, time_t *ts)
     pod_entry entry;
     int64_t position = load(index) ? get_log_pos(index, history, 0, entry) : -1;
     if (position == -1)
-        return refuse(-1, "ERROR: podlog_%s_read_dir: failed to get lg position!\n", kind());
+        return REFUSE(print_error, -1, "ERROR: podlog_%s_read_dir: failed to get lg position!\n",
+                      kind());
     // Read once more: a storage that changes under the walk is noticed.
     if (position != 0 && !read(position, entry))
-        return refuse(-1, "ERROR: podlog_%s_read_dir: failed to read log position!\n", kind());
+        return REFUSE(print_error, -1, "ERROR: podlog_%s_read_dir: failed to read log position!\n",
+                      kind());
     if (position != 0 && !validate_log_entry(entry))
-        return refuse(-1, "ERROR: podlog_%s_read_dir: invalid LOG entry!\n", kind());
+        return REFUSE(print_error, -1, "ERROR: podlog_%s_read_dir: invalid LOG entry!\n", kind());
     *ts = position == 0 ? 0 : time_of(entry);
     do {
         storage_->hist_left_cnt = std::max(storage_->hist_left_cnt - 1, 0);

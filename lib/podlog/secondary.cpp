@@ -3,6 +3,7 @@
 
 #include <device_access/pod_log_eeprom.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/base/unique_malloc.h"
 #include "lib/podlog/registry.h"
@@ -43,8 +44,9 @@ int copy_entries(const char *func, const storage_info_t *row, int offset)
         if (!has_entry(entry.get()))
             return -1;
         if (target.add_raw_log(entry.get()) == -1)
-            return refuse(-1, "ERROR: %s: faild to write %dth log to the secondary storage!\n",
-                          func, count);
+            return REFUSE(print_error, -1,
+                          "ERROR: %s: faild to write %dth log to the secondary storage!\n", func,
+                          count);
     }
     return 1;
 }
@@ -54,8 +56,9 @@ int close_secondary_history(const char *func, const storage_info_t *row, int res
 {
     pod_log_ring target = eeprom_ring(row->secondary_storage_inst_id);
     if (target.use_nxt_log() == -1)
-        result = refuse(
-            -1, "ERROR: %s: faild to increment to next history for secondary storage!\n", func);
+        result =
+            REFUSE(print_error, -1,
+                   "ERROR: %s: faild to increment to next history for secondary storage!\n", func);
     target.close();
     return result;
 }
@@ -100,12 +103,13 @@ int podlog_cpy_curr_subblock_to_secondary(int inst_id)
 
     uses_primary(row) = 0;
     if (podlog_init(inst_id, 0) == -1)
-        return refuse(-1, "ERROR: %s: failed to open device for instance %d!\n", __func__, inst_id);
+        return REFUSE(print_error, -1, "ERROR: %s: failed to open device for instance %d!\n",
+                      __func__, inst_id);
     uses_primary(row) = 1;
     const int history = podlog_open_dir(name);
     podlog_close_dir(name);
     if (history == -1)
-        return refuse(-1, "ERROR: failed when opening the storage device!\n");
+        return REFUSE(print_error, -1, "ERROR: failed when opening the storage device!\n");
     if (history == -2)
         print_output("No log!\n");
 
@@ -113,6 +117,7 @@ int podlog_cpy_curr_subblock_to_secondary(int inst_id)
     result = close_secondary_history(__func__, row, result);
     const int closed = podlog_close_log(name, history);
     if (closed != 1)
-        return refuse(closed, "ERROR: %s: faild to close podlog rtn_close=%d\n", __func__, closed);
+        return REFUSE(print_error, closed, "ERROR: %s: faild to close podlog rtn_close=%d\n",
+                      __func__, closed);
     return result;
 }

@@ -6,6 +6,7 @@
 // opened, read or written. docs/pod_log_storage.md tells in what the storages differ.
 #pragma once
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/podlog/records.h"
 
@@ -100,8 +101,8 @@ inline pod_opening pod_storage::judge(const pod_index &index, bool rdonly) const
         return pod_opening::format;
     print_error("ERROR: podlog_%s_init: magic number not initialized! cannot open for reading!!\n",
                 traits.kind);
-    return refuse(pod_opening::refuse, "magic number: read = 0x%x expect = 0x%x\n", index.magic,
-                  magic);
+    return REFUSE(print_error, pod_opening::refuse, "magic number: read = 0x%x expect = 0x%x\n",
+                  index.magic, magic);
 }
 
 inline bool pod_storage::verify_blk_index(const pod_index &index) const
@@ -114,7 +115,8 @@ inline bool pod_storage::locates_current_history(const pod_shape &shape,
 {
     if (index.magic == magic && index.header_index < static_cast<uint32_t>(shape.num_subblock))
         return true;
-    return refuse(false, "ERROR: %s_get_curr_log_hdr_pos: invalid index!\n", traits.kind);
+    return REFUSE(print_error, false, "ERROR: %s_get_curr_log_hdr_pos: invalid index!\n",
+                  traits.kind);
 }
 
 //--- the rows of the tables, which all begin alike ------------------------------------------------

@@ -1,6 +1,7 @@
 #include "lib/postlog/access.h"
 
 #include "lib/base/errno_guard.h"
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 
 using namespace device_access;
@@ -30,7 +31,7 @@ int access_record(int (*mapped)(Parameters...), const char *routine, Parameters.
 {
     if (mapped)
         return mapped(arguments...);
-    return refuse(-1, "ERROR: %s: no actual nvram access function mapped!\n", routine);
+    return REFUSE(print_error, -1, "ERROR: %s: no actual nvram access function mapped!\n", routine);
 }
 
 } // namespace
@@ -59,14 +60,15 @@ int postlog_nvram_init(log_type_t blk)
 {
     if (nvram_access.init)
         return nvram_access.init(blk);
-    return refuse(-1, "ERROR: %s: no actual nvram 'init' function mapped!\n", __func__);
+    return REFUSE(print_error, -1, "ERROR: %s: no actual nvram 'init' function mapped!\n",
+                  __func__);
 }
 
 int post_nvram_mem_rd(log_type_t blk, uint32_t offset, uint8_t *buffer, uint32_t num_byte)
 {
     if (nvram_access.rd)
         return nvram_access.rd(blk, offset, buffer, num_byte);
-    return refuse(0, "ERROR: %s: no actual nvram 'read' function mapped!\n", __func__);
+    return REFUSE(print_error, 0, "ERROR: %s: no actual nvram 'read' function mapped!\n", __func__);
 }
 
 void postlog_nvram_close(log_type_t blk)
@@ -146,7 +148,7 @@ bool is_header_initialized(nvram_log_header_t &header, const char *routine)
 {
     if (is_valid(header))
         return true;
-    return refuse(false,
+    return REFUSE(print_error, false,
                   "ERROR: %s : header structure not initialized! cannot open for reading!!\n",
                   routine);
 }
@@ -157,7 +159,8 @@ bool is_index_initialized(const nvram_log_index_t &index)
         return true;
     print_error("ERROR: postlog_dev_file_nvram_init: magic number not initialized! cannot open for "
                 "reading!!\n");
-    return refuse(false, "magic number: read = 0x%x expect = 0x%x\n", index.magic, index_magic);
+    return REFUSE(print_error, false, "magic number: read = 0x%x expect = 0x%x\n", index.magic,
+                  index_magic);
 }
 
 int close_with(log_type_t blk, int result)

@@ -1,4 +1,5 @@
 // POST log blocks reached through device files.
+#include "lib/base/errors.h"
 #include "lib/base/nvram_block.h"
 #include "lib/base/print.h"
 #include "lib/base/unique_fd.h"
@@ -92,8 +93,8 @@ int read_leading_record(log_type_t blk, uint32_t offset, Record *record, const c
 {
     if (read_record(blk, offset, record))
         return 1;
-    print_error("ERROR %s: cannot read from the device file!\n", routine);
-    return close_with(blk, -1);
+    return REFUSE(print_error, close_with(blk, -1), "ERROR %s: cannot read from the device file!\n",
+                  routine);
 }
 
 } // namespace
@@ -122,7 +123,7 @@ int postlog_nvram_open_dev_file(log_type_t blk, int *nvram_fd)
     *nvram_fd = ::open(path.str, O_RDONLY | O_CLOEXEC);
     if (*nvram_fd != -1)
         return 1;
-    return refuse(0, "ERROR: cannot open newly created dev file %s!\n", path.str);
+    return REFUSE(print_error, 0, "ERROR: cannot open newly created dev file %s!\n", path.str);
 }
 
 // The names in these messages stand in the wrong order; that is how they have always read.
@@ -132,21 +133,23 @@ int postlog_nvram_find_blk_properties(log_type_t blk)
     const terminated name(row.name);
     const int n = find_nvram_block(name.str).found;
     if (n == -1)
-        return refuse(-1, "ERROR: %s: cannot find nvram block named %s!\n", name.str, __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: cannot find nvram block named %s!\n", name.str,
+                      __func__);
     const nvram_attr_path base_path(n, "baseaddr");
     char base_text[11];
     if (!read_nvram_attr(base_path, base_text, sizeof base_text))
-        return refuse(-1, "ERROR: %s: failed to read base address from %s!\n", base_path.str,
-                      __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: failed to read base address from %s!\n",
+                      base_path.str, __func__);
     const nvram_attr_path size_path(n, "size");
     char size_text[8];
     if (!read_nvram_attr(size_path, size_text, sizeof size_text))
-        return refuse(-1, "ERROR: %s: failed to read size from %s!\n", size_path.str, __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: failed to read size from %s!\n", size_path.str,
+                      __func__);
     const nvram_attr_path mode_path(n, "mode");
     char mode_text[3];
     if (!read_nvram_attr(mode_path, mode_text, sizeof mode_text))
-        return refuse(-1, "ERROR: %s: failed to read access attribute from %s!\n", mode_path.str,
-                      __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: failed to read access attribute from %s!\n",
+                      mode_path.str, __func__);
     set_properties(row, base_text, size_text, mode_text);
     return 1;
 }
@@ -155,10 +158,11 @@ int postlog_dev_file_nvram_init(log_type_t blk)
 {
     nvram_dev_info_t &row = row_of(blk);
     if (row.fd != -1)
-        return refuse(-1, "ERROR: %s: current device is currently opened already!\n", __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: current device is currently opened already!\n",
+                      __func__);
     int fd;
     if (postlog_nvram_open_dev_file(blk, &fd) != 1)
-        return refuse(-1, "ERROR %s: cannot open the device file!\n", __func__);
+        return REFUSE(print_error, -1, "ERROR %s: cannot open the device file!\n", __func__);
     if (postlog_nvram_find_blk_properties(blk) == -1)
         print_output("WARNING: failed to read NVRAM info. use default value.\n");
     row.fd = fd;
@@ -170,10 +174,11 @@ int post_dev_file_nvram_mem_rd(log_type_t blk, uint32_t offset, uint8_t *buffer,
 {
     const int fd = row_of(blk).fd;
     if (fd == -1)
-        return refuse(0, "ERROR: post_nvram_mem_rd: cannot access device!\n");
+        return REFUSE(print_error, 0, "ERROR: post_nvram_mem_rd: cannot access device!\n");
     const ssize_t length = ::pread(fd, buffer, num_byte, static_cast<off_t>(offset));
     if (length < 1)
-        return refuse(0, "ERROR: post_nvram_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
+        return REFUSE(print_error, 0,
+                      "ERROR: post_nvram_mem_rd: cannot read or reach eof!! range=0x%x-0x%x\n",
                       offset, offset + num_byte - 1);
     return static_cast<int>(length);
 }
@@ -199,8 +204,8 @@ int postlog_dev_rd_log(log_type_t blk, uint32_t offset, nvram_log_t *msg_hdr)
 {
     if (read_record(blk, offset, msg_hdr))
         return 1;
-    print_error("ERROR %s: cannot read from the device file! offset = 0x%x\n", __func__, offset);
-    return close_with(blk, -1);
+    return REFUSE(print_error, close_with(blk, -1),
+                  "ERROR %s: cannot read from the device file! offset = 0x%x\n", __func__, offset);
 }
 
 int postlog_dev_validate_log_header(nvram_log_header_t *nvloghp)

@@ -1,6 +1,7 @@
 // Walks the histories and entries of a POST log block, and prints them.
 #include <device_access/post_log_nvram.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/postlog/access.h"
 
@@ -35,8 +36,8 @@ int hdr_pos(const nvram_dev_info_t &row, const nvram_log_index_t &index, int i)
     const int64_t pos = int64_t{i} * index.log_size + int64_t{sizeof index};
     if (pos >= 0 && pos < row.mem_size)
         return static_cast<int>(pos);
-    return refuse(
-        -1,
+    return REFUSE(
+        print_error, -1,
         "post_get_log_hdr_pos: calcuated hdr position 0x%x exceeds to storage size! index "
         "log_size = 0x%x\n",
         static_cast<unsigned int>(pos), index.log_size);
@@ -52,13 +53,12 @@ int post_get_log_hdr_pos(log_type_t blk, int i)
     if (has_index && !read_index(blk, index))
         return -1;
     if (!has_index || i >= row.num_subblock) {
-        return refuse(-1, "ERROR: %s: invalid index %d; must less than %d!\n", __func__, i,
-                      row.num_subblock);
+        return REFUSE(print_error, -1, "ERROR: %s: invalid index %d; must less than %d!\n",
+                      __func__, i, row.num_subblock);
     }
-    if (index.magic != index_magic) {
-        print_output("ERROR: %s: invalid magic number 0x%x!\n", __func__, index.magic);
-        return -1;
-    }
+    if (index.magic != index_magic)
+        return REFUSE(print_output, -1, "ERROR: %s: invalid magic number 0x%x!\n", __func__,
+                      index.magic);
     return hdr_pos(row, index, i);
 }
 
@@ -86,18 +86,18 @@ int post_get_log_pos(log_type_t blk, int i, int k)
     const nvram_dev_info_t &row = row_of(blk);
     const int h = post_get_log_hdr_pos(blk, i);
     if (h == -1)
-        return refuse(-1, "post_get_log_pos: failed to get hdr postition. subblock=%d log=%d\n", i,
-                      k);
+        return REFUSE(print_error, -1,
+                      "post_get_log_pos: failed to get hdr postition. subblock=%d log=%d\n", i, k);
     nvram_log_header_t header;
     if (!read_header(blk, h, header))
-        return refuse(-1, "post_get_log_pos: subblock=%d log=%d hdr position = 0x%x\n", i, k,
-                      static_cast<unsigned int>(h));
+        return REFUSE(print_error, -1, "post_get_log_pos: subblock=%d log=%d hdr position = 0x%x\n",
+                      i, k, static_cast<unsigned int>(h));
     if (!is_valid(header) || header.index == 0)
         return 0;
     const int64_t first = int64_t{h} + int64_t{sizeof header};
     const int64_t pos = first + k * (int64_t{row.msg_size} + int64_t{sizeof(nvram_log_t)});
     if (pos >= first + header.index)
-        return refuse(-1, "ERROR %s: log postion exceeds the last one!\n", __func__);
+        return REFUSE(print_error, -1, "ERROR %s: log postion exceeds the last one!\n", __func__);
     nvram_log_t entry;
     if (!read_entry(blk, pos, entry)) {
         report_unread_entry(row, header, static_cast<unsigned int>(first),
@@ -118,9 +118,9 @@ int newest_history(log_type_t blk, int history, const char *routine)
     for (_hist_left_cnt = row_of(blk).num_subblock; _hist_left_cnt > 0; --_hist_left_cnt) {
         const int lg_pos = post_get_log_pos(blk, history, 0);
         if (lg_pos == -1)
-            return refuse(-1, "ERROR %s: failed to get log position!\n", routine);
+            return REFUSE(print_error, -1, "ERROR %s: failed to get log position!\n", routine);
         if (lg_pos < 0)
-            return refuse(-1, "ERROR %s: invalid lg_pos value 0x%x!\n", routine,
+            return REFUSE(print_error, -1, "ERROR %s: invalid lg_pos value 0x%x!\n", routine,
                           static_cast<unsigned int>(lg_pos));
         if (lg_pos > 0)
             return history;
@@ -200,25 +200,20 @@ int dump_histories(log_type_t blk)
 
 int postlog_nvram_open_dir(log_type_t blk)
 {
-    if (postlog_nvram_init(blk) != 1) {
-        print_output("%s: cannot open device!!\n", __func__);
-        return -1;
-    }
+    if (postlog_nvram_init(blk) != 1)
+        return REFUSE(print_output, -1, "%s: cannot open device!!\n", __func__);
     int history = post_get_curr_log_index(blk);
-    if (history == -1) {
-        print_output("%s: cannot get curr log index!!\n", __func__);
-        return close_with(blk, -1);
-    }
+    if (history == -1)
+        return REFUSE(print_output, close_with(blk, -1), "%s: cannot get curr log index!!\n",
+                      __func__);
     const int histories = row_of(blk).num_subblock;
-    if (history < 0 || history >= histories) {
-        print_output("%s: invalid subblock # %d!! must be smaller than %d\n", __func__, history,
-                     histories);
-        return close_with(blk, -1);
-    }
-    if (post_check_hdr(blk, history) == 0) {
-        print_error("ERROR %s: check header failed!\n", __func__);
-        return close_with(blk, -2);
-    }
+    if (history < 0 || history >= histories)
+        return REFUSE(print_output, close_with(blk, -1),
+                      "%s: invalid subblock # %d!! must be smaller than %d\n", __func__, history,
+                      histories);
+    if (post_check_hdr(blk, history) == 0)
+        return REFUSE(print_error, close_with(blk, -2), "ERROR %s: check header failed!\n",
+                      __func__);
     const int newest = newest_history(blk, history, __func__);
     return newest < 0 ? close_with(blk, newest) : newest;
 }
@@ -227,18 +222,16 @@ int postlog_nvram_read_dir(log_type_t blk, int log_num, time_t *ts)
 {
     int lg_pos = post_get_log_pos(blk, log_num, 0);
     if (lg_pos == -1)
-        return refuse(-1, "ERROR: %s: failed to get lg position!\n", __func__);
+        return REFUSE(print_error, -1, "ERROR: %s: failed to get lg position!\n", __func__);
     if (lg_pos == 0)
         *ts = 0;
     if (lg_pos > 0) {
         nvram_log_t entry;
-        if (!read_entry(blk, lg_pos, entry)) {
-            print_output("%s: failed to read log from position 0x%x\n", __func__,
-                         static_cast<unsigned int>(lg_pos));
-            return -1;
-        }
+        if (!read_entry(blk, lg_pos, entry))
+            return REFUSE(print_output, -1, "%s: failed to read log from position 0x%x\n", __func__,
+                          static_cast<unsigned int>(lg_pos));
         if (!is_valid(entry))
-            return refuse(-1, "ERROR: %s: invalid LOG entry!\n", __func__);
+            return REFUSE(print_error, -1, "ERROR: %s: invalid LOG entry!\n", __func__);
         *ts = timestamp(entry);
     }
     do {
@@ -265,12 +258,13 @@ int post_get_curr_log_hdr_pos(log_type_t blk)
     if (!read_index(blk, index))
         return -1;
     if (int64_t{index.header_index} >= row.num_subblock) {
-        print_output("post_get_log_hdr_pos: index 0x%x exceeds the maximum 0x%x! ",
-                     index.header_index, index.log_size);
-        return -1;
+        return REFUSE(print_output, -1,
+                      "post_get_log_hdr_pos: index 0x%x exceeds the maximum 0x%x! ",
+                      index.header_index, index.log_size);
     }
     if (index.magic != index_magic)
-        return refuse(-1, "ERROR: %s: invalid magic number 0x%x!\n", __func__, index.magic);
+        return REFUSE(print_error, -1, "ERROR: %s: invalid magic number 0x%x!\n", __func__,
+                      index.magic);
     return hdr_pos(row, index, static_cast<int>(index.header_index));
 }
 

@@ -1,5 +1,6 @@
 #include <device_access/post_log_nvram_pcie_access.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/print.h"
 #include "lib/postlog/access.h"
 
@@ -44,7 +45,7 @@ bool is_ready_for(const char *routine)
 {
     if (check_nvc_ready())
         return true;
-    return refuse(false, "%s(): PCIE NVRAM Busy check Timed out.\n", routine);
+    return REFUSE(print_error, false, "%s(): PCIE NVRAM Busy check Timed out.\n", routine);
 }
 
 uint32_t next_word(int swap)
@@ -62,7 +63,7 @@ bool read_bytes(uint32_t ofw_base, uint32_t offset, void *buffer, uint32_t num_b
     if (end <= uint64_t{address_mask} + 1 &&
         pcie_nvram_read(ofw_base + offset, num_byte, static_cast<uint8_t *>(buffer), 0) == 0)
         return true;
-    return refuse(false, "ERROR: %s(): POST NVRAM Read error!\n", routine);
+    return REFUSE(print_error, false, "ERROR: %s(): POST NVRAM Read error!\n", routine);
 }
 
 // Between host order and the stored, big-endian one: the same in both directions.
@@ -109,7 +110,7 @@ bool is_initialized(log_type_t blk, const char *routine)
         if (postlog_rd_log_index(blk, 0, &index) == 1)
             return is_index_initialized(index);
     }
-    return refuse(false, "ERROR %s: cannot read from the device file!\n", routine);
+    return REFUSE(print_error, false, "ERROR %s: cannot read from the device file!\n", routine);
 }
 
 } // namespace
@@ -130,7 +131,7 @@ int check_nvc_ready(void)
             return 1;
         ::usleep(1000);
     }
-    return refuse(0, "%s(): PCIE NVRAM Busy check Timed out.\n", __func__);
+    return REFUSE(print_error, 0, "%s(): PCIE NVRAM Busy check Timed out.\n", __func__);
 }
 
 uint32_t set_nvc_ctl_reg(uint32_t addr, int nvc_dir, int nvc_ai, uint8_t w_data)
@@ -146,7 +147,7 @@ uint32_t set_nvc_ctl_reg(uint32_t addr, int nvc_dir, int nvc_ai, uint8_t w_data)
 int pcie_nvram_read(uint32_t nvram_addr, uint32_t num_bytes, uint8_t *rd_buf, int swap)
 {
     if (!rd_buf || nvram_addr == 0 || num_bytes == 0)
-        return refuse(1, "%s(): argument error \n", __func__);
+        return REFUSE(print_error, 1, "%s(): argument error \n", __func__);
     if (!is_ready_for(__func__))
         return 1;
     iowrite32(set_nvc_ctl_reg(nvram_addr, 0, num_bytes > burst_size, 0), nvc_base + control_reg);
@@ -180,7 +181,7 @@ int postlog_pcie_nvram_rd(log_type_t blk, uint32_t offset, uint8_t *buffer, uint
 {
     const uint32_t ofw_base = block_row(dev_info, blk).ofw_base;
     if (ofw_base == 0)
-        return refuse(0, "ERROR: %s(): cannot access device!\n", __func__);
+        return REFUSE(print_error, 0, "ERROR: %s(): cannot access device!\n", __func__);
     return read_bytes(ofw_base, offset, buffer, num_byte, __func__) ? static_cast<int>(num_byte)
                                                                     : 0;
 }

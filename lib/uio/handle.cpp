@@ -1,6 +1,6 @@
 #include "lib/uio/handle.h"
 
-#include "lib/uio/errors.h"
+#include "lib/base/errors.h"
 #include "lib/uio/libuio_pr.h"
 
 #include <cerrno>
@@ -38,7 +38,8 @@ unique_malloc<libuio_dev_t> libuio_new_handle(const char *devnode_name)
     constexpr size_t size = sizeof(libuio_dev_t) + LIBUIO_MAX_MAPS * sizeof(libuio_map_t);
     unique_malloc<libuio_dev_t> uio(static_cast<libuio_dev_t *>(std::calloc(1, size)));
     if (!uio)
-        return LIBUIO_REFUSE(no_memory(), "calloc(%ld) failed", static_cast<long>(size));
+        return REFUSE(LIBUIO_ERR, fail(nullptr, ENOMEM), "calloc(%ld) failed",
+                      static_cast<long>(size));
     uio->uio_fd = uio->gone_fd = -1;
     uio->devnode_name = devnode_name;
     return uio;
@@ -74,7 +75,7 @@ using namespace device_access;
 libuio_dev_t *libuio_adjust_size(libuio_dev_t *uio)
 {
     if (!uio)
-        return LIBUIO_REFUSE(nullptr, "uio is NULL");
+        return REFUSE(LIBUIO_ERR, nullptr, "uio is NULL");
     const size_t fixed = sizeof(libuio_dev_t) + uio->map_count * sizeof(libuio_map_t);
     const size_t device_dir = std::strlen(uio->sys_device_dir) + 1;
     const size_t class_dir = std::strlen(uio->sys_class_dir) + 1;
@@ -82,9 +83,9 @@ libuio_dev_t *libuio_adjust_size(libuio_dev_t *uio)
 
     void *block = std::realloc(uio, fixed + device_dir + class_dir + devnode);
     if (!block)
-        return LIBUIO_REFUSE(no_memory(), "realloc (%ld+%ld+%ld+%ld) failed",
-                             static_cast<long>(fixed), static_cast<long>(device_dir),
-                             static_cast<long>(class_dir), static_cast<long>(devnode));
+        return REFUSE(LIBUIO_ERR, fail(nullptr, ENOMEM), "realloc (%ld+%ld+%ld+%ld) failed",
+                      static_cast<long>(fixed), static_cast<long>(device_dir),
+                      static_cast<long>(class_dir), static_cast<long>(devnode));
     auto *const moved = static_cast<libuio_dev_t *>(block);
     char *tail = static_cast<char *>(block) + fixed;
     move_string(moved->sys_device_dir, tail, device_dir);

@@ -3,11 +3,11 @@
 #include <device_access/libuio_emul.h>
 
 #include "lib/base/errno_guard.h"
+#include "lib/base/errors.h"
 #include "lib/base/pci_root.h"
 #include "lib/base/unique_dir.h"
 #include "lib/base/unique_fd.h"
 #include "lib/base/unique_malloc.h"
-#include "lib/uio/errors.h"
 #include "lib/uio/handle.h"
 #include "lib/uio/libuio_pr.h"
 #include "lib/uio/open_deadline.h"
@@ -43,7 +43,7 @@ bool libuio_check(const char *devnode_name, const timespec *max_wait)
     if (::stat(devnode_name, &status) == 0)
         return true;
     if (errno != ENOENT)
-        return LIBUIO_REFUSE(false, "stat(%s) failed: %s", devnode_name, error_text());
+        return REFUSE(LIBUIO_ERR, false, "stat(%s) failed: %s", devnode_name, error_text());
     if (max_wait && max_wait->tv_sec == 0 && max_wait->tv_nsec == 0)
         return false;
     libuio_wait wait(max_wait);
@@ -72,9 +72,9 @@ const char *libuio_locate_class_dir(libuio_path_t &buf, const char *real_name)
 {
     struct stat status;
     if (::lstat(real_name, &status) != 0)
-        return LIBUIO_REFUSE(nullptr, "lstat(%s) failed: %s", real_name, error_text());
+        return REFUSE(LIBUIO_ERR, nullptr, "lstat(%s) failed: %s", real_name, error_text());
     if (!S_ISCHR(status.st_mode))
-        return LIBUIO_REFUSE(invalid_pointer(), "%s: not cdev", real_name);
+        return REFUSE(LIBUIO_ERR, fail(nullptr, EINVAL), "%s: not cdev", real_name);
     if (libuio_extract_inst_id(real_name) >= 0)
         if (const char *found =
                 libuio_make_class_dir(buf, libuio_basename(real_name), status.st_rdev))
@@ -94,10 +94,10 @@ unique_malloc<char> libuio_locate_device_dir(const char *class_dir)
     std::strcpy(end, "/uevent");
     struct stat status;
     if (::lstat(device_dir.get(), &status) != 0)
-        return LIBUIO_REFUSE(nullptr, "lstat(%s) failed: %s", device_dir.get(), error_text());
+        return REFUSE(LIBUIO_ERR, nullptr, "lstat(%s) failed: %s", device_dir.get(), error_text());
     if (!S_ISREG(status.st_mode))
-        return LIBUIO_REFUSE(invalid_pointer(), "lstat(%s) found a non-regular file",
-                             device_dir.get());
+        return REFUSE(LIBUIO_ERR, fail(nullptr, EINVAL), "lstat(%s) found a non-regular file",
+                      device_dir.get());
     *end = '\0';
     LIBUIO_DEBUG("Found %s", device_dir.get());
     return device_dir;
@@ -109,11 +109,11 @@ bool libuio_fill_map(libuio_map_t &map, const char *maps_dir, const char *name)
     const char *path = libuio_concat_path(buf, {maps_dir, "/", name, "/size"});
     unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
     if (!file)
-        return LIBUIO_REFUSE(false, "open(%s) failed: %s", path, error_text());
+        return REFUSE(LIBUIO_ERR, false, "open(%s) failed: %s", path, error_text());
     char text[41];
     const ssize_t length = ::pread(file.get(), text, sizeof text - 1, 0);
     if (!has_moved(length))
-        return LIBUIO_REFUSE(false, "pread(%s) failed: %s", path, error_text());
+        return REFUSE(LIBUIO_ERR, false, "pread(%s) failed: %s", path, error_text());
     file.reset();
     text[length] = '\0';
     map.index = static_cast<unsigned int>(libuio_extract_map_id(name));
@@ -132,15 +132,13 @@ bool libuio_find_maps(libuio_dev_t &uio)
     if (!dir) {
         if (errno == ENOENT)
             return true;
-        return LIBUIO_REFUSE(false, "opendir(%s) failed: %s", maps_dir, error_text());
+        return REFUSE(LIBUIO_ERR, false, "opendir(%s) failed: %s", maps_dir, error_text());
     }
     while (const dirent *entry = ::readdir(dir.get())) {
         if (libuio_extract_map_id(entry->d_name) < 0)
             continue;
-        if (uio.map_count == LIBUIO_MAX_MAPS) {
-            errno = ENOMEM;
-            return LIBUIO_REFUSE(false, "max-map reached");
-        }
+        if (uio.map_count == LIBUIO_MAX_MAPS)
+            return REFUSE(LIBUIO_ERR, fail(false, ENOMEM), "max-map reached");
         libuio_map_t &map = uio.map[uio.map_count];
         if (!libuio_fill_map(map, maps_dir, entry->d_name))
             return false;
@@ -155,18 +153,18 @@ bool libuio_open_files(libuio_dev_t &uio)
 {
     unique_fd node(::open(uio.devnode_name, O_RDWR | O_CLOEXEC));
     if (!node)
-        return LIBUIO_REFUSE(false, "open(%s) failed: %s", uio.devnode_name, error_text());
+        return REFUSE(LIBUIO_ERR, false, "open(%s) failed: %s", uio.devnode_name, error_text());
     unique_fd gone(libuio_open_device_attr(&uio, removal_attr, O_CLOEXEC));
     if (!gone && errno != ENOENT)
         return false;
     // A sysfs attribute must be read once before poll reports its changes.
     char first;
     if (gone && !has_moved(::pread(gone.get(), &first, 1, 0)))
-        return LIBUIO_REFUSE(false, "1st read(%s/%s) failed: %s", uio.sys_device_dir, removal_attr,
-                             error_text());
+        return REFUSE(LIBUIO_ERR, false, "1st read(%s/%s) failed: %s", uio.sys_device_dir,
+                      removal_attr, error_text());
     unique_fd timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
     if (!timer)
-        return LIBUIO_REFUSE(false, "timerfd_create() failed: %s", error_text());
+        return REFUSE(LIBUIO_ERR, false, "timerfd_create() failed: %s", error_text());
     uio.tmr_fd = timer.release();
     uio.uio_fd = node.release();
     uio.gone_fd = gone.release();
@@ -246,7 +244,7 @@ libuio_dev_t *libuio_open(const char *devnode_name)
 libuio_dev_t *libuio_open_timed(const char *devnode_name, const struct timespec *max_wait)
 {
     if (!devnode_name)
-        return invalid_pointer();
+        return fail(nullptr, EINVAL);
     if (libuio_is_emul(devnode_name))
         return libuio_emul_open_timed(devnode_name, max_wait);
 
@@ -287,15 +285,15 @@ void libuio_close(libuio_dev_t *uio)
 int libuio_open_device_attr(const libuio_dev_t *uio, const char *attr_name, int flags)
 {
     if (!uio || !attr_name)
-        return invalid_number();
+        return fail(-1, EINVAL);
     if (attr_name[0] == '/')
-        return LIBUIO_REFUSE(invalid_number(), "%s: attr-name is not relative\n", attr_name);
+        return REFUSE(LIBUIO_ERR, fail(-1, EINVAL), "%s: attr-name is not relative\n", attr_name);
     if (!uio->sys_device_dir)
-        return LIBUIO_REFUSE(failure(ENOENT), "sys_device_dir is NULL\n");
+        return REFUSE(LIBUIO_ERR, fail(-1, ENOENT), "sys_device_dir is NULL\n");
     const unique_fd dir(::open(uio->sys_device_dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir)
-        return LIBUIO_REFUSE(-1, "open(%s,O_DIRECTORY) failed: %s", uio->sys_device_dir,
-                             error_text());
+        return REFUSE(LIBUIO_ERR, -1, "open(%s,O_DIRECTORY) failed: %s", uio->sys_device_dir,
+                      error_text());
     // The mode counts only with O_CREAT, which must not be without one.
     const int fd = ::openat(dir.get(), attr_name, flags, 0600);
     if (fd < 0 && errno != ENOENT)
@@ -306,34 +304,34 @@ int libuio_open_device_attr(const libuio_dev_t *uio, const char *attr_name, int 
 
 int libuio_get_uio_fd(const libuio_dev_t *uio)
 {
-    return uio ? uio->uio_fd : invalid_number();
+    return uio ? uio->uio_fd : fail(-1, EINVAL);
 }
 
 int libuio_get_removed_fd(const libuio_dev_t *uio)
 {
-    return uio ? uio->gone_fd : invalid_number();
+    return uio ? uio->gone_fd : fail(-1, EINVAL);
 }
 
 const char *libuio_get_real_devnode(const libuio_dev_t *uio)
 {
-    return uio ? uio->devnode_name : invalid_pointer();
+    return uio ? uio->devnode_name : fail(nullptr, EINVAL);
 }
 
 const char *libuio_get_sys_class_dir(const libuio_dev_t *uio)
 {
-    return uio ? uio->sys_class_dir : invalid_pointer();
+    return uio ? uio->sys_class_dir : fail(nullptr, EINVAL);
 }
 
 const char *libuio_get_sys_device_dir(const libuio_dev_t *uio)
 {
-    return uio ? uio->sys_device_dir : invalid_pointer();
+    return uio ? uio->sys_device_dir : fail(nullptr, EINVAL);
 }
 
 int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask)
 {
     const long page_size = ::sysconf(_SC_PAGESIZE);
     if (!uio)
-        return invalid_number();
+        return fail(-1, EINVAL);
     if (libuio_is_emul(uio->devnode_name))
         return libuio_emul_mmap(uio, nop_mask);
 
@@ -343,12 +341,13 @@ int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask)
         if (map.addr || libuio_is_masked(map, nop_mask))
             continue;
         if (uio->uio_fd < 0)
-            return LIBUIO_REFUSE(-static_cast<int>(map.index), "UIO-fd closed");
+            return REFUSE(LIBUIO_ERR, -static_cast<int>(map.index), "UIO-fd closed");
         void *addr = ::mmap(nullptr, map.size, PROT_READ | PROT_WRITE, MAP_SHARED, uio->uio_fd,
                             off_t{map.index} * page_size);
         if (addr == MAP_FAILED)
-            return LIBUIO_REFUSE(-static_cast<int>(map.index), "mmap(%ld, (%u*%ld)) failed: %s",
-                                 static_cast<long>(map.size), map.index, page_size, error_text());
+            return REFUSE(LIBUIO_ERR, -static_cast<int>(map.index),
+                          "mmap(%ld, (%u*%ld)) failed: %s", static_cast<long>(map.size), map.index,
+                          page_size, error_text());
         map.addr = addr;
         ++mapped;
     }
@@ -358,7 +357,7 @@ int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask)
 void *libuio_get_mapinfo(const libuio_dev_t *uio, unsigned int index, size_t *size)
 {
     if (!uio)
-        return invalid_pointer();
+        return fail(nullptr, EINVAL);
     for (unsigned int i = 0; i < uio->map_count; ++i) {
         const libuio_map_t &map = uio->map[i];
         if (map.index == index) {
@@ -373,57 +372,55 @@ void *libuio_get_mapinfo(const libuio_dev_t *uio, unsigned int index, size_t *si
 
 unsigned int libuio_get_map_limit(const libuio_dev_t *uio)
 {
-    if (!uio) {
-        errno = EINVAL;
-        return 0;
-    }
+    if (!uio)
+        return fail(0, EINVAL);
     return uio->map_count ? uio->map_index_max + 1 : 0;
 }
 
 int libuio_irqcontrol(libuio_dev_t *uio, int32_t flag)
 {
     if (!uio)
-        return invalid_number();
+        return fail(-1, EINVAL);
     const ssize_t length = ::pwrite(uio->uio_fd, &flag, sizeof flag, 0);
     const unsigned long shown = static_cast<uint32_t>(flag);
     if (length < 0)
-        return LIBUIO_REFUSE(-1, "pwrite(%d, %#lx, 0) failed: %s", uio->uio_fd, shown,
-                             error_text());
+        return REFUSE(LIBUIO_ERR, -1, "pwrite(%d, %#lx, 0) failed: %s", uio->uio_fd, shown,
+                      error_text());
     if (length != sizeof flag)
-        return LIBUIO_REFUSE(failure(EIO), "pwrite(%d, %#lx, 0) partial %ld", uio->uio_fd, shown,
-                             static_cast<long>(length));
+        return REFUSE(LIBUIO_ERR, fail(-1, EIO), "pwrite(%d, %#lx, 0) partial %ld", uio->uio_fd,
+                      shown, static_cast<long>(length));
     return 0;
 }
 
 int libuio_irqwait(libuio_dev_t *uio, const struct timespec *abs_timeout, uint32_t *event_count)
 {
     if (!uio)
-        return invalid_number();
+        return fail(-1, EINVAL);
     if (uio->uio_fd < 0)
-        return failure(EBADF);
+        return fail(-1, EBADF);
     if (uio->tmr_fd < 0)
-        return LIBUIO_REFUSE(invalid_number(), "Corrupted tmr_fd: %d\n", uio->tmr_fd);
+        return REFUSE(LIBUIO_ERR, fail(-1, EINVAL), "Corrupted tmr_fd: %d\n", uio->tmr_fd);
     if (abs_timeout && !arm_timer(uio->tmr_fd, *abs_timeout))
-        return LIBUIO_REFUSE(-1, "timerfd_settime %llu,%llu failed: %s",
-                             static_cast<unsigned long long>(abs_timeout->tv_sec),
-                             static_cast<unsigned long long>(abs_timeout->tv_nsec), error_text());
+        return REFUSE(LIBUIO_ERR, -1, "timerfd_settime %llu,%llu failed: %s",
+                      static_cast<unsigned long long>(abs_timeout->tv_sec),
+                      static_cast<unsigned long long>(abs_timeout->tv_nsec), error_text());
     wait_set set(*uio, abs_timeout != nullptr);
     const int count = static_cast<int>(set.count);
     if (::poll(set.entries, set.count, -1) <= 0)
-        return LIBUIO_REFUSE(-1, "poll(,%d,-1) failed: %s", count, error_text());
+        return REFUSE(LIBUIO_ERR, -1, "poll(,%d,-1) failed: %s", count, error_text());
 
     switch (set.first_event()) {
     case wait_event::removal:
         libuio_shut(*uio);
         LIBUIO_DEBUG("uio_maps removed");
-        return failure(ECANCELED);
+        return fail(-1, ECANCELED);
     case wait_event::interrupt:
         return take_interrupt(uio->uio_fd, event_count);
     case wait_event::deadline:
         LIBUIO_DEBUG("poll() fires timer-fd (%d)", uio->tmr_fd);
-        return failure(ETIMEDOUT);
+        return fail(-1, ETIMEDOUT);
     case wait_event::none:
         break;
     }
-    return LIBUIO_REFUSE(failure(EIO), "poll(,%d,-1) failed: %s", count, error_text());
+    return REFUSE(LIBUIO_ERR, fail(-1, EIO), "poll(,%d,-1) failed: %s", count, error_text());
 }

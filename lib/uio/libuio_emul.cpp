@@ -2,11 +2,11 @@
 
 #include <device_access/regiomap_x86.h>
 
+#include "lib/base/errors.h"
 #include "lib/base/pci_root.h"
 #include "lib/base/unique_dir.h"
 #include "lib/base/unique_fd.h"
 #include "lib/base/unique_malloc.h"
-#include "lib/uio/errors.h"
 #include "lib/uio/fpga_tables.h"
 #include "lib/uio/handle.h"
 #include "lib/uio/libuio_pr.h"
@@ -52,8 +52,7 @@ struct device_path {
     va_end(args);
     if (length < static_cast<int>(sizeof path.str))
         return true;
-    errno = ENAMETOOLONG;
-    return false;
+    return fail(false, ENAMETOOLONG);
 }
 
 //--- names ----------------------------------------------------------------------------------------
@@ -104,10 +103,8 @@ bool pci_sysfs_rsrc_get_byname(const char *slot_name, pci_address &port)
     if (make_path(path, "/dev/dynattr/rpsw/hotswap/byname/%s", slot_name))
         length =
             ::getxattr(path.str, "user.com.velmora.zmt.attr_value", port.str, sizeof port.str - 1);
-    if (length < 0) {
-        errno = ENODEV;
-        return false;
-    }
+    if (length < 0)
+        return fail(false, ENODEV);
     port.str[length] = '\0';
     return true;
 }
@@ -213,10 +210,8 @@ uint64_t bytes_from(const struct stat &status, uint64_t offset)
 void *map_file(const unique_fd &file, uint64_t length, uint64_t offset)
 {
     const size_t mapped = static_cast<size_t>(length);
-    if (mapped != length) {
-        errno = ENOMEM;
-        return nullptr;
-    }
+    if (mapped != length)
+        return fail(nullptr, ENOMEM);
     void *addr = ::mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, file.get(),
                         static_cast<off_t>(offset));
     return addr == MAP_FAILED ? nullptr : addr;
@@ -241,7 +236,7 @@ void *pci_sysfs_rsrc_mmap_uio(const libuio_dev_t &uio, const libuio_map_t &map, 
     const uint64_t page_size = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
     if (bytes_from(status, map.offset) < length || map.offset % page_size != 0 ||
         length % page_size != 0)
-        return invalid_pointer();
+        return fail(nullptr, EINVAL);
 
     void *addr = map_file(file, length, map.offset);
     // A resource that has shrunk since is mapped as far as it goes.
@@ -311,11 +306,11 @@ uint32_t libuio_is_emul(const char *name)
 libuio_dev_t *libuio_emul_open_timed(const char *devnode_name, const struct timespec *max_wait)
 {
     if (!devnode_name)
-        return invalid_pointer();
+        return fail(nullptr, EINVAL);
     uio_info_t info = devnode_name_parse(devnode_name);
     device_path dir;
     if (!libuio_emul_check(info, max_wait) || !pci_sysfs_rsrc_get_device_dir(info, dir))
-        return invalid_pointer();
+        return fail(nullptr, EINVAL);
 
     unique_malloc<libuio_dev_t> uio = libuio_new_handle(devnode_name);
     if (!uio)
@@ -325,7 +320,7 @@ libuio_dev_t *libuio_emul_open_timed(const char *devnode_name, const struct time
         get_fpga_name(*uio, info);
     const swfpga_type type = get_fpga_type(info);
     if (!libuio_emul_find_maps(*uio, type, info.region_name))
-        return invalid_pointer();
+        return fail(nullptr, EINVAL);
     if (type != SWFPGA_RP_PELLUM && libuio_emul_device_enable(uio.get(), 1) != 0)
         return nullptr;
     if (libuio_finish_handle(uio))
@@ -340,7 +335,7 @@ libuio_dev_t *libuio_emul_open_timed(const char *devnode_name, const struct time
 int libuio_emul_mmap(libuio_dev_t *uio, uint64_t nop_mask)
 {
     if (!uio)
-        return invalid_number();
+        return fail(-1, EINVAL);
     int mapped = 0;
     for (unsigned int i = 0; i < uio->map_count; ++i) {
         libuio_map_t &map = uio->map[i];
@@ -351,10 +346,10 @@ int libuio_emul_mmap(libuio_dev_t *uio, uint64_t nop_mask)
         }
         map.addr = pci_sysfs_rsrc_mmap_uio(*uio, map, map.size);
         if (!map.addr)
-            return LIBUIO_REFUSE(-static_cast<int>(map.index),
-                                 "mmap(%ld, (%u*%ld)),%x,%d failed : %s",
-                                 static_cast<long>(map.size), map.index, ::sysconf(_SC_PAGESIZE),
-                                 map.offset, static_cast<int>(map.bar), error_text());
+            return REFUSE(LIBUIO_ERR, -static_cast<int>(map.index),
+                          "mmap(%ld, (%u*%ld)),%x,%d failed : %s", static_cast<long>(map.size),
+                          map.index, ::sysconf(_SC_PAGESIZE), map.offset, static_cast<int>(map.bar),
+                          error_text());
         ++mapped;
     }
     return mapped;
@@ -363,14 +358,14 @@ int libuio_emul_mmap(libuio_dev_t *uio, uint64_t nop_mask)
 int libuio_emul_device_enable(libuio_dev_t *uio_p, int32_t enable)
 {
     if (!uio_p)
-        return invalid_number();
+        return fail(-1, EINVAL);
     device_path path;
     unique_fd file;
     if (make_path(path, "%s/%s", uio_p->sys_device_dir, "enable"))
         file.reset(::open(path.str, O_WRONLY | O_CLOEXEC));
     if (!file)
-        return LIBUIO_REFUSE(-1, "Failed to open %s (errno=%d)", path.str, errno);
+        return REFUSE(LIBUIO_ERR, -1, "Failed to open %s (errno=%d)", path.str, errno);
     if (!has_moved(::write(file.get(), enable ? "1" : "0", 1)))
-        return LIBUIO_REFUSE(-1, "Failed to write to %s (errno=%d)", path.str, errno);
+        return REFUSE(LIBUIO_ERR, -1, "Failed to write to %s (errno=%d)", path.str, errno);
     return 0;
 }

@@ -1,7 +1,7 @@
 #include <device_access/libuio.h>
 
-#include "lib/base/diagnostic_line.h"
 #include "lib/base/errno_guard.h"
+#include "lib/base/print.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -6,6 +6,3 @@
 #define LIBUIO_ERR(...) libuio_pr(3, "LOG_ERR", __LINE__, __func__, __VA_ARGS__)
 #define LIBUIO_INFO(...) libuio_pr(6, "LOG_INFO", __LINE__, __func__, __VA_ARGS__)
 #define LIBUIO_DEBUG(...) libuio_pr(7, "LOG_DEBUG", __LINE__, __func__, __VA_ARGS__)
-
-// Says why a call fails, then gives its result, as in: return LIBUIO_REFUSE(-1, "no %s", name);
-#define LIBUIO_REFUSE(result, ...) (LIBUIO_ERR(__VA_ARGS__), result)

@@ -1,7 +1,7 @@
 #include "lib/uio/path.h"
 
+#include "lib/base/errors.h"
 #include "lib/base/unique_fd.h"
-#include "lib/uio/errors.h"
 #include "lib/uio/libuio_pr.h"
 
 #include <cerrno>
@@ -94,7 +94,7 @@ const char *libuio_concat_path(libuio_path_t &buf, std::initializer_list<const c
 const char *libuio_basename(const char *name)
 {
     if (!name)
-        return LIBUIO_REFUSE(nullptr, "unexpected NULL");
+        return REFUSE(LIBUIO_ERR, nullptr, "unexpected NULL");
     const char *slash = std::strrchr(name, '/');
     return slash ? slash + 1 : name;
 }
@@ -109,7 +109,7 @@ int libuio_extract_map_id(const char *name)
 {
     const char *base = libuio_basename(name);
     if (!base)
-        return LIBUIO_REFUSE(-1, "name is NULL");
+        return REFUSE(LIBUIO_ERR, -1, "name is NULL");
     return numbered_name(base, "map", 5, LIBUIO_MAX_MAPS);
 }
 
@@ -118,17 +118,17 @@ const char *libuio_make_class_dir(libuio_path_t &buf, const char *basename, dev_
     const char *path = libuio_concat_path(buf, {"/sys/class/uio/", basename, "/dev"});
     unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
     if (!file)
-        return LIBUIO_REFUSE(nullptr, "open(%s) failed: %s", path, error_text());
+        return REFUSE(LIBUIO_ERR, nullptr, "open(%s) failed: %s", path, error_text());
     char text[20];
     const ssize_t length = ::read(file.get(), text, sizeof text - 1);
     file.reset();
     if (!has_moved(length))
-        return LIBUIO_REFUSE(nullptr, "read(%s) failed: %s", path, error_text());
+        return REFUSE(LIBUIO_ERR, nullptr, "read(%s) failed: %s", path, error_text());
     text[length] = '\0';
 
     uint32_t number;
     if (!parse_device_number(text, number))
-        return LIBUIO_REFUSE(nullptr, "read(%s) returns \"%s\"", path, text);
+        return REFUSE(LIBUIO_ERR, nullptr, "read(%s) returns \"%s\"", path, text);
     if (uint64_t{dev_id} != number) {
         LIBUIO_DEBUG("%#lx not matching %s",
                      static_cast<unsigned long>(static_cast<uint32_t>(dev_id)), text);
@@ -144,17 +144,17 @@ unique_malloc<char> libuio_locate_real_name(const char *given_name)
 {
     struct stat status;
     if (::stat(given_name, &status) != 0)
-        return LIBUIO_REFUSE(nullptr, "stat(%s) failed: %s", given_name, error_text());
+        return REFUSE(LIBUIO_ERR, nullptr, "stat(%s) failed: %s", given_name, error_text());
     const unique_malloc<char> canonical(::realpath(given_name, nullptr));
     if (!canonical)
-        return LIBUIO_REFUSE(nullptr, "canonicalize_file_name(%s) failed: %s", given_name,
-                             error_text());
+        return REFUSE(LIBUIO_ERR, nullptr, "canonicalize_file_name(%s) failed: %s", given_name,
+                      error_text());
     const size_t length = std::strlen(canonical.get());
     const size_t size = length + 1 + suffix_room;
     unique_malloc<char> copy(static_cast<char *>(std::calloc(1, size)));
     if (!copy)
-        return LIBUIO_REFUSE(no_memory(), "calloc(%ld) failed for %s", static_cast<long>(size),
-                             canonical.get());
+        return REFUSE(LIBUIO_ERR, fail(nullptr, ENOMEM), "calloc(%ld) failed for %s",
+                      static_cast<long>(size), canonical.get());
     std::memcpy(copy.get(), canonical.get(), length + 1);
     return copy;
 }
