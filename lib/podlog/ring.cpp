@@ -1,4 +1,9 @@
+// The one algorithm of the POD log, for every storage.
 #include "lib/podlog/ring.h"
+
+#include "lib/base/errors.h"
+#include "lib/base/print.h"
+#include "lib/podlog/recovery.h"
 
 #include <algorithm>
 #include <cstring>
@@ -197,9 +202,9 @@ int pod_log_ring::check(bool rdonly)
     case pod_opening::accept:
         return 1;
     case pod_opening::check:
-        return accept(verify_all_hdr(index));
+        return pod_log_recovery(*this).accept(verify_all_hdr(index));
     case pod_opening::guess:
-        return guess(index, verify_all_hdr(index));
+        return pod_log_recovery(*this).guess(index, verify_all_hdr(index));
     case pod_opening::format:
         reset();
         return 1;
@@ -221,69 +226,15 @@ int pod_log_ring::check_hdr(const pod_index &index, int history)
     return validate_hdr(header) ? 1 : 0;
 }
 
-int pod_log_ring::verify_all_hdr(const pod_index &index)
+pod_headers pod_log_ring::verify_all_hdr(const pod_index &index)
 {
     for (int history = 0; history < shape_.num_subblock; ++history) {
         if (history > 0)
             ::usleep(200);
         if (check_hdr(index, history) != 1)
-            return headers_bad;
+            return pod_headers::bad;
     }
-    return headers_good;
-}
-
-int pod_log_ring::accept(int headers)
-{
-    if (headers == headers_unusable)
-        return reset_because("invalid header structure found.");
-    return headers == headers_bad ? -1 : 1;
-}
-
-int pod_log_ring::guess(pod_index index, int headers)
-{
-    if (headers == headers_unusable)
-        return reset_because("invalid hdr structure found!");
-    if (headers != headers_usable)
-        return -1;
-    const int latest = find_latest_blk(index);
-    if (latest == no_history)
-        return reset_because("no available block log");
-    if (latest == -1)
-        return -1;
-    if (index.header_index > static_cast<uint32_t>(shape_.num_subblock) - 1) {
-        print_output("podlog_%s_init: corrupted block index = 0x%x best guess = 0x%x\n", kind(),
-                     index.header_index, static_cast<unsigned int>(latest));
-        index.header_index = static_cast<uint32_t>(latest);
-    }
-    index.log_size = static_cast<uint32_t>(shape_.subblock_size);
-    return write_index_or_report(index) ? 1 : -1;
-}
-
-int pod_log_ring::reset_because(const char *reason)
-{
-    print_output("podlog_%s_init: %s\n", kind(), reason);
-    reset();
-    return 1;
-}
-
-// The history whose first entry is the newest; -1 on failure.
-int pod_log_ring::find_latest_blk(const pod_index &index)
-{
-    int latest = no_history;
-    uint64_t latest_time = 0;
-    for (int history = 0; history < shape_.num_subblock; ++history) {
-        pod_entry entry;
-        const int64_t position = get_log_pos(index, history, 0, entry);
-        if (position == -1)
-            return -1;
-        if (position == 0 && history > 0)
-            break;
-        if (position != 0 && entry.epoch_time > latest_time) {
-            latest = history;
-            latest_time = entry.epoch_time;
-        }
-    }
-    return latest;
+    return pod_headers::good;
 }
 
 //--- writing --------------------------------------------------------------------------------------

@@ -12,6 +12,8 @@
 namespace device_access
 {
 
+enum class pod_headers; // recovery.h
+
 // The log of one device: a storage, the device's id there, and its shape. Made for a call; what
 // lasts longer is kept by the storage.
 //
@@ -49,18 +51,9 @@ public:
     int dump_curr_log_msgs();
     int dump_all_log_msgs();
 
-    // The end of init, by what the check of all headers says: with an index that is right, and with
-    // a damaged one. It says the first two today; what would follow the others is tested by itself.
-    static constexpr int headers_good = 1;
-    static constexpr int headers_bad = -1;
-    static constexpr int headers_usable = 2;    // enough to guess the current history from
-    static constexpr int headers_unusable = -3; // only a reset helps
-    int accept(int headers);
-    int guess(pod_index index, int headers);
-    static constexpr int no_history = -4;
-    int find_latest_blk(const pod_index &index);
-
 private:
+    friend class pod_log_recovery;
+
     // The current history's header, and where it lies.
     struct current_header : pod_header {
         int64_t position;
@@ -85,8 +78,7 @@ private:
 
     int check(bool rdonly);
     int check_hdr(const pod_index &index, int history);
-    int verify_all_hdr(const pod_index &index);
-    int reset_because(const char *reason);
+    pod_headers verify_all_hdr(const pod_index &index);
 
     int64_t nth_header(uint32_t history, uint32_t distance) const;
     int64_t get_log_hdr_pos(const pod_index &index, int history);

@@ -1,0 +1,38 @@
+// How opening an NVRAM log ends, by what the check of all its headers says. Today's check only says
+// good or bad; the other two bring a log back whose index is damaged, and are kept for a check that
+// tells them apart.
+#pragma once
+
+#include "lib/podlog/ring.h"
+
+namespace device_access
+{
+
+enum class pod_headers {
+    good,
+    bad,
+    usable,   // enough to guess the current history from
+    unusable, // only a reset helps
+};
+
+class pod_log_recovery
+{
+public:
+    explicit pod_log_recovery(pod_log_ring &ring) : ring_(ring) {}
+
+    // The result of opening a log whose index is right, and of one whose index is damaged.
+    int accept(pod_headers headers);
+    int guess(pod_index index, pod_headers headers);
+
+private:
+    // What a search for the newest history finds, if not its number.
+    static constexpr int unreadable = -1;
+    static constexpr int no_history = -4;
+    int find_latest_blk(const pod_index &index);
+    int use_history(pod_index index, int latest);
+    int reset_because(const char *reason);
+
+    pod_log_ring &ring_;
+};
+
+} // namespace device_access
