@@ -1,3 +1,4 @@
+// The sorted entries of a directory.
 #pragma once
 
 #include "lib/base/errno_guard.h"

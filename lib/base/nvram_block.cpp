@@ -1,3 +1,4 @@
+// NVRAM blocks of the kernel class "zmt_nvram": found, described and opened.
 #include "lib/base/nvram_block.h"
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// Where sysfs has the PCI functions.
 #pragma once
 
 namespace device_access

@@ -1,3 +1,4 @@
+// The checksum of cksum(1), which guards the records of the POD and the POST logs.
 #include <device_access/pod_log_crc_tmp.h>
 
 #include <array>

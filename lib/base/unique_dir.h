@@ -1,3 +1,4 @@
+// An owner of an open directory.
 #pragma once
 
 #include "lib/base/errno_guard.h"

@@ -1,3 +1,4 @@
+// An owner of a file descriptor.
 #pragma once
 
 #include "lib/base/errno_guard.h"

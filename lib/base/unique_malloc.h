@@ -1,3 +1,4 @@
+// An owner of a block that came from malloc(), as clients free them.
 #pragma once
 
 #include "lib/base/errno_guard.h"

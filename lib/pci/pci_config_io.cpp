@@ -1,3 +1,4 @@
+// Registers of a PCI function's configuration space, through its sysfs file "config".
 #include <device_access/pci_config.h>
 
 #include "lib/base/errno_guard.h"

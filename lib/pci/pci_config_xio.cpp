@@ -1,3 +1,4 @@
+// Capabilities of a PCI function, and what the PCI Express one tells of link and slot.
 #include <device_access/pci_config.h>
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// The scan of all PCI functions, and the iterator over what it found.
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/dir_list.h"

@@ -1,3 +1,4 @@
+// The numbers in the identity of a PCI function.
 #include <device_access/pci_sysfs.h>
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The record of one PCI function.
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/unique_fd.h"

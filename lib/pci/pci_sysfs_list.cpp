@@ -1,3 +1,4 @@
+// Lists of the identities of PCI functions: all, or those below a bridge.
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/dir_list.h"

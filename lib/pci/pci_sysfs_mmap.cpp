@@ -1,3 +1,4 @@
+// The memory of a PCI function, mapped through its resource files.
 #include <device_access/pci_sysfs.h>
 
 #include <device_access/pci_config.h>

@@ -1,3 +1,4 @@
+// Paths of a PCI function's attribute files; tests and opens them.
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/errors.h"

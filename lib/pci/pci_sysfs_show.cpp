@@ -1,3 +1,4 @@
+// Reads attribute files of a PCI function, as text or as numbers.
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// Writes attribute files of a PCI function, a text or a number.
 #include <device_access/pci_sysfs.h>
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// Hot-swap bridges: loads their kernel module, switches them on and off.
 #include <device_access/qel_pci_hotswap.h>
 
 #include "lib/base/errors.h"

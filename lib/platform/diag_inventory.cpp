@@ -1,3 +1,4 @@
+// The diagnostic inventory: a file for each slot.
 #include <device_access/diag_inventory.h>
 
 #include "lib/base/errors.h"

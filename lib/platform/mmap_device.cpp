@@ -1,3 +1,4 @@
+// Maps physical memory.
 #include <device_access/mmap_device.h>
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// Reads and writes of memory-mapped registers.
 #include <device_access/regiomap_x86.h>
 
 namespace

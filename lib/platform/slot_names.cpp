@@ -1,3 +1,4 @@
+// The slots of each chassis type, found by name or number.
 #include <device_access/slot_names.h>
 
 #include <iterator>

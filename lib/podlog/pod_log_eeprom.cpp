@@ -1,3 +1,4 @@
+// The POD log in EEPROMs, through functions that the client binds.
 #include <device_access/pod_log_eeprom.h>
 
 #include "lib/podlog/ring.h"

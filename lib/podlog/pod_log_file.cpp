@@ -1,3 +1,4 @@
+// The POD log in files under /var/pod.
 #include <device_access/pod_log_file.h>
 
 #include "lib/base/unique_fd.h"

@@ -1,3 +1,4 @@
+// The POD log in NVRAM devices.
 #include <device_access/pod_log_nvram.h>
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// POD status words and the fault mask, which lie beside the log in NVRAM.
 #include <device_access/pod_log_nvram.h>
 
 #include "lib/base/errors.h"

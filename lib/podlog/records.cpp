@@ -1,3 +1,4 @@
+// The records of the POD log: sealed, validated and composed.
 #include "lib/podlog/records.h"
 
 #include <device_access/pod_log_crc_tmp.h>

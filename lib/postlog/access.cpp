@@ -1,3 +1,4 @@
+// The access table of the POST log reader, and what reads through it.
 #include "lib/postlog/access.h"
 
 #include "lib/base/errno_guard.h"

@@ -1,3 +1,4 @@
+// POST log blocks reached through the PCIe NVRAM controller.
 #include <device_access/post_log_nvram_pcie_access.h>
 
 #include "lib/base/errors.h"

@@ -1,3 +1,4 @@
+// The records of the POST log, and the blocks as device files show them.
 #include "lib/postlog/records.h"
 
 #include <device_access/pod_log_crc_tmp.h>

@@ -1,4 +1,7 @@
+// A UIO handle's life: made, finished, unmapped, shut.
 #include "lib/uio/handle.h"
+
+#include <device_access/libuio_emul.h>
 
 #include "lib/base/errors.h"
 #include "lib/uio/libuio_pr.h"
@@ -32,6 +35,15 @@ void move_string(const char *&string, char *&tail, size_t size)
 }
 
 } // namespace
+
+uio_kind kind_of(const libuio_dev_t &uio)
+{
+    if (!libuio_is_emul(uio.devnode_name))
+        return uio_kind::node;
+    const char *const dir = uio.sys_device_dir;
+    return dir && std::strcmp(dir, memory_dir) == 0 ? uio_kind::physical_memory
+                                                    : uio_kind::pci_resource;
+}
 
 unique_malloc<libuio_dev_t> libuio_new_handle(const char *devnode_name)
 {

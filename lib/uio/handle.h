@@ -9,6 +9,17 @@
 namespace device_access
 {
 
+// What a handle stands for. Its fields are public and have no room for this: its strings tell.
+enum class uio_kind {
+    node,            // a UIO device
+    pci_resource,    // an FPGA's register block, in the files of sys_device_dir
+    physical_memory, // the same, in /dev/mem
+};
+uio_kind kind_of(const libuio_dev_t &uio);
+
+// The sys_device_dir of physical memory.
+inline constexpr char memory_dir[] = "/dev/";
+
 // A zero-filled handle with room for every map and no node or removal notice open; NULL with
 // ENOMEM. Its strings are still the opening call's.
 unique_malloc<libuio_dev_t> libuio_new_handle(const char *devnode_name);

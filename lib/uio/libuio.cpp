@@ -1,3 +1,4 @@
+// UIO devices: opened by the name of their node, mapped, waited for.
 #include <device_access/libuio.h>
 
 #include <device_access/libuio_emul.h>
@@ -174,7 +175,7 @@ bool libuio_open_files(libuio_dev_t &uio)
 
 //--- closing --------------------------------------------------------------------------------------
 
-bool is_pci_device(const libuio_dev_t &uio)
+bool is_in_pci_tree(const libuio_dev_t &uio)
 {
     constexpr size_t length = sizeof pci_root - 1;
     return std::strncmp(uio.sys_class_dir, pci_root, length) == 0 &&
@@ -276,7 +277,7 @@ void libuio_close(libuio_dev_t *uio)
         errno = EINVAL;
         return;
     }
-    if (is_pci_device(*uio) || libuio_is_emul(uio->devnode_name))
+    if (is_in_pci_tree(*uio) || kind_of(*uio) != uio_kind::node)
         libuio_emul_device_enable(uio, 0);
     libuio_shut(*uio);
     std::free(uio);
@@ -332,7 +333,7 @@ int libuio_mmap(libuio_dev_t *uio, uint64_t nop_mask)
     const long page_size = ::sysconf(_SC_PAGESIZE);
     if (!uio)
         return fail(-1, EINVAL);
-    if (libuio_is_emul(uio->devnode_name))
+    if (kind_of(*uio) != uio_kind::node)
         return libuio_emul_mmap(uio, nop_mask);
 
     int mapped = 0;

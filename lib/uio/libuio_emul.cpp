@@ -1,3 +1,4 @@
+// UIO devices made of PCI resources, for FPGAs that have no UIO driver.
 #include <device_access/libuio_emul.h>
 
 #include <device_access/regiomap_x86.h>
@@ -162,14 +163,6 @@ bool find_device_behind(const pci_address &port, device_path &device_dir)
     return first[0] && make_path(device_dir, "%s/%s", port_dir.str, first);
 }
 
-// Of an FPGA whose ranges are physical addresses in /dev/mem.
-constexpr char memory_dir[] = "/dev/";
-
-bool is_physical_memory(const libuio_dev_t &uio)
-{
-    return std::strcmp(uio.sys_device_dir, memory_dir) == 0;
-}
-
 // The directory whose files are the device's resources.
 bool pci_sysfs_rsrc_get_device_dir(const uio_info_t &info, device_path &dir)
 {
@@ -221,7 +214,7 @@ void *map_file(const unique_fd &file, uint64_t length, uint64_t offset)
 void *pci_sysfs_rsrc_mmap_uio(const libuio_dev_t &uio, const libuio_map_t &map, size_t &rlength)
 {
     device_path path;
-    if (is_physical_memory(uio))
+    if (kind_of(uio) == uio_kind::physical_memory)
         make_path(path, "%smem", memory_dir);
     else if (!make_path(path, "%s/resource%d", uio.sys_device_dir, static_cast<int>(map.bar)))
         return nullptr;

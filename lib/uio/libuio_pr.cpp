@@ -1,3 +1,4 @@
+// The diagnostic lines of libuio, for clients that ask for them.
 #include <device_access/libuio.h>
 
 #include "lib/base/errno_guard.h"

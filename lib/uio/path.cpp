@@ -1,3 +1,4 @@
+// Paths of the UIO class directories, and the names of UIO nodes and maps.
 #include "lib/uio/path.h"
 
 #include "lib/base/errors.h"
