@@ -130,6 +130,36 @@ TEST_F(pci_sysfs, scans_in_part_or_not_at_all_when_a_call_fails)
     expect_failures("pci", EXDEV, scan_and_count);
 }
 
+// So many descriptors are left for what the code opens.
+void leave_descriptors(rlim_t count)
+{
+    const int next = dup(0);
+    close(next);
+    const rlimit limit = {static_cast<rlim_t>(next) + count, 4096};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+TEST_F(pci_sysfs, reads_each_attribute_by_its_path_with_one_descriptor_left)
+{
+    add(ident.str);
+    com_pci_dev_t dev;
+    const streams printed_by_scan = output_of([&dev] {
+        leave_descriptors(1);
+        sysfs_pci_info_init();
+        sysfs_pci_dev_fill(&dev, &ident);
+        leave_descriptors(64);
+    });
+    EXPECT_EQ(printed_by_scan.out.find("Error"), std::string::npos) << printed_by_scan.out;
+    sysfs_pci_get_next_element_t handle;
+    sysfs_pci_info_fetch_init(&handle);
+    com_pci_dev_t scanned = sysfs_pci_info_fetch_next(&handle)->id;
+    scanned.devfn = dev.devfn; // the scan does not tell
+    EXPECT_EQ(std::memcmp(&scanned, &dev, sizeof dev), 0);
+    EXPECT_EQ(dev.vendor, 0xf0ca);
+    EXPECT_EQ(dev.subsystem_device, 1);
+    EXPECT_EQ(dev.sys_fs, dir);
+}
+
 // The n-th of the functions that a full bus 0, bus 1, ... have.
 std::string function_id(int n)
 {

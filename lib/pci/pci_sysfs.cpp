@@ -7,6 +7,7 @@
 #include "lib/base/pci_root.h"
 #include "lib/base/print.h"
 #include "lib/base/unique_fd.h"
+#include "lib/pci/device_directory.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -15,7 +16,6 @@
 #include <cstring>
 #include <utility>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -32,26 +32,6 @@ constexpr int bar_count = 6;
 
 // The result of the last scan, NULL before it and after one that failed.
 const sysfs_pci_info_set_t *sysfs_pci_info_set;
-
-// A function's directory, opened once: its files are reached from there, their paths are for
-// messages only.
-struct device_directory {
-    unique_fd fd;
-    char path[256];
-
-    unique_fd open(const char *attr_name) const
-    {
-        return unique_fd(::openat(fd.get(), attr_name, O_RDONLY | O_CLOEXEC));
-    }
-};
-
-struct attribute_path {
-    attribute_path(const device_directory &dir, const char *attr_name)
-    {
-        std::snprintf(str, sizeof str, "%s/%s", dir.path, attr_name);
-    }
-    char str[sizeof(device_directory::path) + 32];
-};
 
 [[gnu::format(printf, 4, 5)]] void sysfs_log_pr(int level, unsigned int line_num,
                                                 const char *func_name, const char *fmt, ...)
@@ -120,18 +100,19 @@ private:
 };
 
 // Whether all lines could be read.
-bool sysfs_fetch_resource_attr(const device_directory &dir, const char *attr_name,
-                               sysfs_pci_bar_t *bars, int count)
+bool sysfs_fetch_resource_attr(device_directory &dir, const char *attr_name, sysfs_pci_bar_t *bars,
+                               int count)
 {
-    unique_fd file = dir.open(attr_name);
+    unique_fd file = dir.open_attribute(attr_name);
     if (!file)
-        return REFUSE(SYSFS_ERR, false, "Failed to open %s\n", attribute_path(dir, attr_name).str);
+        return REFUSE(SYSFS_ERR, false, "Failed to open %s\n",
+                      attribute_path(dir.path(), attr_name).str);
     line_reader lines(std::move(file));
     char line[128];
     for (int k = 0; k < count; ++k) {
         if (!lines.next(line))
             return REFUSE(SYSFS_ERR, false, "Unexpected EOF at line %d of %s\n", k,
-                          attribute_path(dir, attr_name).str);
+                          attribute_path(dir.path(), attr_name).str);
         sysfs_parse_resource_line(bars[k], line);
     }
     return true;
@@ -156,7 +137,7 @@ const char *sysfs_attribute_name(attr_t attr)
     }
 }
 
-bool sysfs_store_attribute(attr_t attr, const device_directory &dir, const char *text,
+bool sysfs_store_attribute(attr_t attr, device_directory &dir, const char *text,
                            sysfs_pci_info_t &info)
 {
     const auto id = static_cast<uint16_t>(std::strtoul(text, nullptr, 16));
@@ -181,18 +162,18 @@ bool sysfs_store_attribute(attr_t attr, const device_directory &dir, const char 
     }
 }
 
-bool sysfs_fill_attribute(attr_t attr, const device_directory &dir, sysfs_pci_info_t &info)
+bool sysfs_fill_attribute(attr_t attr, device_directory &dir, sysfs_pci_info_t &info)
 {
     const char *name = sysfs_attribute_name(attr);
-    unique_fd file = dir.open(name);
+    unique_fd file = dir.open_attribute(name);
     if (!file)
         return REFUSE(SYSFS_ERR, false, "Error opening the file_entry, %s\n",
-                      attribute_path(dir, name).str);
+                      attribute_path(dir.path(), name).str);
     char text[128];
     const ssize_t length = ::read(file.get(), text, sizeof text - 1);
     if (length <= 0)
         return REFUSE(SYSFS_ERR, false, "Read failed on the attribute %s\n",
-                      attribute_path(dir, name).str);
+                      attribute_path(dir.path(), name).str);
     file.reset();
     text[length] = '\0';
     if (text[0] < '0' || text[0] > '9')
@@ -203,12 +184,12 @@ bool sysfs_fill_attribute(attr_t attr, const device_directory &dir, sysfs_pci_in
 //--- one device -----------------------------------------------------------------------------------
 
 // What fails has been reported, and leaves its field 0.
-void sysfs_fill_attributes(const device_directory &dir, sysfs_pci_info_t &info)
+void sysfs_fill_attributes(device_directory &dir, sysfs_pci_info_t &info)
 {
     for (int attr = ATTR_DEVICE; attr < ATTR_MAX; ++attr)
         sysfs_fill_attribute(static_cast<attr_t>(attr), dir, info);
     // From here on the element is no hole.
-    std::memcpy(info.id.sys_fs, dir.path, ::strnlen(dir.path, sizeof info.id.sys_fs - 1));
+    std::memcpy(info.id.sys_fs, dir.path(), ::strnlen(dir.path(), sizeof info.id.sys_fs - 1));
 }
 
 bool is_directory(const char *path)
@@ -222,13 +203,13 @@ void sysfs_scan_entry(const char *name, sysfs_pci_info_t &info)
 {
     if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
         return;
-    device_directory dir;
-    const int length = std::snprintf(dir.path, sizeof dir.path, "%s/%s", pci_root, name);
-    if (static_cast<size_t>(length) >= sizeof dir.path)
+    char path[256];
+    const int length = std::snprintf(path, sizeof path, "%s/%s", pci_root, name);
+    if (static_cast<size_t>(length) >= sizeof path)
         return;
-    dir.fd.reset(::open(dir.path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    device_directory dir(path);
     // A process out of descriptors reports each file of each function.
-    if (dir.fd || is_directory(dir.path))
+    if (dir || is_directory(path))
         sysfs_fill_attributes(dir, info);
 }
 

@@ -11,6 +11,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace test
@@ -47,6 +48,44 @@ private:
     int saved_;
     int file_;
 };
+
+// The library keeps static state, and a process enters one private root. So where more than one
+// case is to run, this program runs itself for each.
+class each_case_in_a_process : public testing::EmptyTestEventListener
+{
+    void OnTestProgramStart(const testing::UnitTest &all) override
+    {
+        if (all.test_to_run_count() < 2)
+            return;
+        bool passed = true;
+        for (int i = 0; i < all.total_test_suite_count(); ++i) {
+            const testing::TestSuite &suite = *all.GetTestSuite(i);
+            for (int k = 0; k < suite.total_test_count(); ++k)
+                if (suite.GetTestInfo(k)->should_run())
+                    passed = passes(*suite.GetTestInfo(k)) && passed;
+        }
+        std::fflush(nullptr);
+        ::_exit(passed ? 0 : 1);
+    }
+
+    static bool passes(const testing::TestInfo &one)
+    {
+        const std::string filter =
+            std::string("--gtest_filter=") + one.test_suite_name() + "." + one.name();
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::execl("/proc/self/exe", one.test_suite_name(), filter.c_str(), nullptr);
+            ::_exit(1);
+        }
+        int status;
+        return ::waitpid(child, &status, 0) == child && status == 0;
+    }
+};
+
+const bool is_listening = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new each_case_in_a_process);
+    return true;
+}();
 
 } // namespace
 
