@@ -74,7 +74,7 @@ private:
     bool load(current_header &current);
     bool write_index(int64_t position, pod_index index);
     bool write_index_or_report(const pod_index &index);
-    bool write_header(current_header &current);
+    bool write_header(const current_header &current);
 
     int check(bool rdonly);
     int check_hdr(const pod_index &index, int history);
