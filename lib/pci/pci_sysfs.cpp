@@ -46,8 +46,8 @@ const sysfs_pci_info_set_t *sysfs_pci_info_set;
 
 //--- one attribute --------------------------------------------------------------------------------
 
-// The character behind a number separates it from the next one.
-const char *behind_separator(const char *end)
+// The character after a number separates it from the next one.
+const char *after_separator(const char *end)
 {
     return *end ? end + 1 : end;
 }
@@ -56,9 +56,9 @@ void sysfs_parse_resource_line(sysfs_pci_bar_t &bar, const char *line)
 {
     char *end;
     bar.base = std::strtoull(line, &end, 16);
-    const uint64_t last = std::strtoull(behind_separator(end), &end, 16);
+    const uint64_t last = std::strtoull(after_separator(end), &end, 16);
     // As wide as an unsigned long of the 32-bit target.
-    bar.flags = std::min(std::strtoul(behind_separator(end), nullptr, 16), 0xffffffffUL);
+    bar.flags = std::min(std::strtoul(after_separator(end), nullptr, 16), 0xffffffffUL);
     const auto limit = static_cast<int32_t>(static_cast<uint32_t>(last + 1));
     bar.size = static_cast<uint64_t>(int64_t{limit}) - bar.base;
 }

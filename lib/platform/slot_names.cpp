@@ -24,20 +24,20 @@ constexpr SLOT_INFO Slots_TC_2_stack[] = {
 
 constexpr SLOT_INFO SlotNone = {-1, SLOT_INFO_NONE, "Err"};
 
-struct slotInfo_t {
+struct slot_table {
     chassis_t chassis;
     unsigned int num_slot;
     const SLOT_INFO *slot_ptr;
 };
 
-slotInfo_t _slotInfo = {ChassisType_2nd_Stack, std::size(Slots_TC_2_stack), Slots_TC_2_stack};
+slot_table table_in_use = {ChassisType_2nd_Stack, std::size(Slots_TC_2_stack), Slots_TC_2_stack};
 
 template <typename Matches>
 const SLOT_INFO *first_slot(Matches matches)
 {
-    for (unsigned int i = 0; i < _slotInfo.num_slot; ++i)
-        if (matches(_slotInfo.slot_ptr[i]))
-            return &_slotInfo.slot_ptr[i];
+    for (unsigned int i = 0; i < table_in_use.num_slot; ++i)
+        if (matches(table_in_use.slot_ptr[i]))
+            return &table_in_use.slot_ptr[i];
     return &SlotNone;
 }
 
@@ -46,14 +46,14 @@ const SLOT_INFO *first_slot(Matches matches)
 void SetChassisType(chassis_t chassis)
 {
     if (chassis == ChassisType_1st_Stack)
-        _slotInfo = {chassis, std::size(Slots_TC_1_stack), Slots_TC_1_stack};
+        table_in_use = {chassis, std::size(Slots_TC_1_stack), Slots_TC_1_stack};
     else if (chassis == ChassisType_2nd_Stack)
-        _slotInfo = {chassis, std::size(Slots_TC_2_stack), Slots_TC_2_stack};
+        table_in_use = {chassis, std::size(Slots_TC_2_stack), Slots_TC_2_stack};
 }
 
 chassis_t GetChassisType(void)
 {
-    return _slotInfo.chassis;
+    return table_in_use.chassis;
 }
 
 const SLOT_INFO *GetSlotByName(const char *pName)

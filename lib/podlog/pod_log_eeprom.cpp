@@ -22,7 +22,7 @@ struct eeprom_dev_info_t {
     mem_access_fp_t wr_fp = nullptr;
 };
 
-eeprom_dev_info_t _eeprom_dev_info[] = {
+eeprom_dev_info_t eeproms[] = {
     {"pod_card_eeprom_alsw1"}, {"pod_card_eeprom_alsw2"}, {"pod_card_eeprom_sw1"},
     {"pod_card_eeprom_sw2"},   {"pod_card_eeprom_sw3"},   {"pod_card_eeprom_sw4"},
 };
@@ -31,12 +31,12 @@ eeprom_dev_info_t nowhere = {""}; // stands for every id without EEPROM
 
 bool has_eeprom(int eeprom_id)
 {
-    return eeprom_id >= 0 && eeprom_id < static_cast<int>(std::size(_eeprom_dev_info));
+    return eeprom_id >= 0 && eeprom_id < static_cast<int>(std::size(eeproms));
 }
 
 eeprom_dev_info_t &row_of(int eeprom_id)
 {
-    return has_eeprom(eeprom_id) ? _eeprom_dev_info[eeprom_id] : nowhere;
+    return has_eeprom(eeprom_id) ? eeproms[eeprom_id] : nowhere;
 }
 
 // The functions are only asked for what an int can address.

@@ -28,7 +28,7 @@ struct file_dev_info_t {
     int fd = -1;           // -1 when closed
 };
 
-file_dev_info_t _file_dev_info[] = {
+file_dev_info_t files[] = {
     {"/var/pod/pod_alsw1.hex"}, {"/var/pod/pod_alsw2.hex"},     {"/var/pod/pod_sw1.hex"},
     {"/var/pod/pod_sw2.hex"},   {"/var/pod/pod_sw3.hex"},       {"/var/pod/pod_sw4.hex"},
     {"/var/pod/pod_ft1.hex"},   {"/var/pod/pod_ft2.hex"},       {"/var/pod/pod_pem1.hex"},
@@ -41,12 +41,12 @@ file_dev_info_t nowhere = {""}; // stands for every id without file
 
 bool has_file(int file_id)
 {
-    return file_id >= 0 && file_id < static_cast<int>(std::size(_file_dev_info));
+    return file_id >= 0 && file_id < static_cast<int>(std::size(files));
 }
 
 file_dev_info_t &row_of(int file_id)
 {
-    return has_file(file_id) ? _file_dev_info[file_id] : nowhere;
+    return has_file(file_id) ? files[file_id] : nowhere;
 }
 
 bool make_directory()

@@ -63,7 +63,7 @@ namespace
 
 constexpr int open_attempts = 20;
 
-int _use_cnt = 0; // its address names this instance of the library in messages
+int use_count = 0; // its address names this instance of the library in messages
 
 // Stands for every id without device.
 podlog::nvram_dev_info_t nowhere = {
@@ -112,7 +112,7 @@ bool open_dev_file(unique_fd &opened, const podlog::nvram_dev_info_t &row, bool 
         print_error(
             rdonly ? "ERROR: instance(%p) cannot open newly created dev file %s for read-only!\n"
                    : "ERROR: instance(%p) cannot open newly created dev file %s for read-write!\n",
-            static_cast<void *>(&_use_cnt), path.str);
+            static_cast<void *>(&use_count), path.str);
     return static_cast<bool>(opened);
 }
 
@@ -158,7 +158,7 @@ constinit nvram_storage storage;
 
 bool nvram_storage::open(int nvram_id, bool rdonly)
 {
-    ++_use_cnt;
+    ++use_count;
     if (!has_nvram(nvram_id))
         return false;
     podlog::nvram_dev_info_t &row = nvram_row(nvram_id);
@@ -177,11 +177,11 @@ bool nvram_storage::open(int nvram_id, bool rdonly)
 
 void nvram_storage::close(int nvram_id)
 {
-    --_use_cnt;
+    --use_count;
     podlog::nvram_dev_info_t &row = nvram_row(nvram_id);
     if (row.fd == -1) {
         print_output("podlog_nvram_close: instance(%p) already closed previously! \n",
-                     static_cast<void *>(&_use_cnt));
+                     static_cast<void *>(&use_count));
         return;
     }
     const unique_fd closing(row.fd);

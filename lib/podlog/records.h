@@ -76,7 +76,7 @@ struct pod_device_path {
     char str[41];
 };
 
-// Copies at most size bytes of name, and NULs up to size behind a shorter one.
+// Copies at most size bytes of name, and NULs up to size after a shorter one.
 void copy_pod_name(char *field, const char *name, size_t size);
 
 } // namespace device_access

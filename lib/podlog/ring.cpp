@@ -162,7 +162,7 @@ int64_t pod_log_ring::get_nxt_log_pos(const current_header &current)
     return validate_hdr(current) && position <= last_position ? position : -1;
 }
 
-// The position of the entry behind this one, -2 if there is none, -1 if it cannot be read.
+// The position of the entry after this one, -2 if there is none, -1 if it cannot be read.
 int pod_log_ring::next_entry(int64_t position, const pod_entry &entry)
 {
     const int64_t next = message_position(position) + entry.entry_size;
@@ -283,8 +283,8 @@ void pod_log_ring::reset_hdr(int64_t hdr_pos)
     write(hdr_pos, fresh_header(hdr_pos, static_cast<uint32_t>(shape_.subblock_size)));
 }
 
-// Flattened, though the rest is built for size: between system calls a function call costs more than in
-// a loop, and these would be 2 % of podlog_add().
+// Flattened, though the rest is built for size: between system calls a function call costs more
+// than in a loop, and these would be 2 % of podlog_add().
 [[gnu::flatten]] int pod_log_ring::add(const char *event_level, const char *diag_string,
                                        const char *ret_string, const char *fmt, va_list args)
 {
@@ -329,7 +329,7 @@ int pod_log_ring::add_raw_log(uint8_t *buf)
     return write_header(current) ? advanced : -1;
 }
 
-// After an entry at position: counts it if one more of its size still fits behind it, else leaves
+// After an entry at position: counts it if one more of its size still fits after it, else leaves
 // it to be overwritten. 1 or 0. The header, which has been validated, stays sealed.
 int pod_log_ring::advance(current_header &current, int64_t position) const
 {
@@ -390,12 +390,12 @@ int pod_log_ring::newest_history()
         return -1;
     if (check_hdr(index, history) == 0)
         return -2;
-    storage_->hist_left_cnt = shape_.num_subblock;
+    storage_->histories_left = shape_.num_subblock;
     pod_entry entry;
     int64_t position;
     while ((position = get_log_pos(index, history, 0, entry)) == 0) {
         history = previous(history);
-        if (--storage_->hist_left_cnt == 0)
+        if (--storage_->histories_left == 0)
             return -2;
     }
     return position > 0 ? history : -1;
@@ -417,8 +417,8 @@ int pod_log_ring::read_dir(int history, time_t *ts)
         return REFUSE(print_error, -1, "ERROR: podlog_%s_read_dir: invalid LOG entry!\n", kind());
     *ts = position == 0 ? 0 : time_of(entry);
     do {
-        storage_->hist_left_cnt = std::max(storage_->hist_left_cnt - 1, 0);
-        if (storage_->hist_left_cnt == 0)
+        storage_->histories_left = std::max(storage_->histories_left - 1, 0);
+        if (storage_->histories_left == 0)
             return -2;
         history = previous(history);
         position = get_log_pos(index, history, 0, entry);

@@ -16,7 +16,7 @@ using namespace device_access;
 namespace
 {
 
-// Room for one entry as either end of the copy takes it, and a NUL behind its text.
+// Room for one entry as either end of the copy takes it, and a NUL after its text.
 unique_malloc<uint8_t> make_entry_buffer(const storage_info_t *row)
 {
     const pod_log_ring source = primary_log(row);

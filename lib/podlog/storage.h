@@ -77,8 +77,8 @@ public:
     virtual bool reset_beyond_log(int /*id*/) { return true; }
 
     const pod_log_traits traits;
-    uint32_t magic;        // of the index
-    int hist_left_cnt = 0; // histories still to visit in the walk
+    uint32_t magic;         // of the index
+    int histories_left = 0; // histories still to visit in the walk
 
     pod_storage(const pod_storage &) = delete;
     pod_storage &operator=(const pod_storage &) = delete;

@@ -12,8 +12,8 @@ namespace postlog
 // The block's row of the table in use.
 nvram_dev_info_t &row_of(log_type_t blk);
 
-// Positions travel in 32 bits. One beyond them lies behind every block, so reading there fails as
-// reading behind the end does.
+// Positions travel in 32 bits. One beyond them lies past every block, so reading there fails as
+// reading past the end does.
 uint32_t offset_of(int64_t pos);
 
 // Each reads a record through the mapped function; false when it failed.

@@ -17,7 +17,7 @@ namespace postlog
 namespace
 {
 
-int _hist_left_cnt;
+int histories_left;
 
 //--- positions ------------------------------------------------------------------------------------
 
@@ -115,7 +115,7 @@ int previous_history(log_type_t blk, int history)
 // The newest history that has entries, from this one backwards; -2 when all are empty.
 int newest_history(log_type_t blk, int history, const char *routine)
 {
-    for (_hist_left_cnt = row_of(blk).num_subblock; _hist_left_cnt > 0; --_hist_left_cnt) {
+    for (histories_left = row_of(blk).num_subblock; histories_left > 0; --histories_left) {
         const int lg_pos = post_get_log_pos(blk, history, 0);
         if (lg_pos == -1)
             return REFUSE(print_error, -1, "ERROR %s: failed to get log position!\n", routine);
@@ -131,7 +131,7 @@ int newest_history(log_type_t blk, int history, const char *routine)
 
 //--- entries --------------------------------------------------------------------------------------
 
-// Steps to the entry behind this one.
+// Steps to the entry after this one.
 bool read_next_entry(log_type_t blk, int64_t &pos, nvram_log_t &entry)
 {
     pos += int64_t{sizeof entry} + entry.entry_size;
@@ -235,8 +235,8 @@ int postlog_nvram_read_dir(log_type_t blk, int log_num, time_t *ts)
         *ts = timestamp(entry);
     }
     do {
-        _hist_left_cnt = std::max(_hist_left_cnt - 1, 0);
-        if (_hist_left_cnt < 1)
+        histories_left = std::max(histories_left - 1, 0);
+        if (histories_left < 1)
             return -2;
         log_num = previous_history(blk, log_num);
         lg_pos = post_get_log_pos(blk, log_num, 0);

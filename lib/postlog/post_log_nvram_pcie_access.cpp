@@ -35,9 +35,42 @@ constexpr uint32_t auto_increment = 0x200000;
 constexpr uint32_t burst_size = 32;
 
 nvram_dev_info_t dev_info[] = {
-    {"", "", 0, 8192, 1, 128, 0xFFFFFFE0, 0, -1, 0x8000},
-    {"", "", 0, 32768, 10, 32, 0xFFFFFFE0, 3264, -1, 0xFD118000},
-    {"", "", 0, 32768, 10, 128, 0xFFFFFFE0, 0, -1, 0x20000},
+    {
+        .path = "",
+        .name = "",
+        .attr = 0,
+        .mem_size = 8192,
+        .num_subblock = 1,
+        .msg_size = 128,
+        .log_align_msk = 0xFFFFFFE0,
+        .subblock_size = 0,
+        .fd = -1,
+        .ofw_base = 0x8000,
+    },
+    {
+        .path = "",
+        .name = "",
+        .attr = 0,
+        .mem_size = 32768,
+        .num_subblock = 10,
+        .msg_size = 32,
+        .log_align_msk = 0xFFFFFFE0,
+        .subblock_size = 3264,
+        .fd = -1,
+        .ofw_base = 0xFD118000,
+    },
+    {
+        .path = "",
+        .name = "",
+        .attr = 0,
+        .mem_size = 32768,
+        .num_subblock = 10,
+        .msg_size = 128,
+        .log_align_msk = 0xFFFFFFE0,
+        .subblock_size = 0,
+        .fd = -1,
+        .ofw_base = 0x20000,
+    },
 };
 
 char *nvc_base;

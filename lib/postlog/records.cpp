@@ -29,9 +29,42 @@ static_assert(offsetof(nvram_log_t, log_checksum) == 32);
 static_assert(offsetof(nvram_log_t, entry_size) == 36);
 
 nvram_dev_info_t device_file_blocks[3] = {
-    {"/dev/nvlog-ofw-event", "nvlog-ofw-event", 0, 8192, 1, 128, 0xFFFFFFE0, 0, -1, 0xF0004000},
-    {"/dev/nvlog-diag-test", "nvlog-diag-test", 0, 16384, 10, 32, 0xFFFFFFE0, 0, -1, 0xF0006000},
-    {"/dev/nvlog-diag-error", "nvlog-diag-error", 0, 32768, 10, 128, 0xFFFFFFE0, 0, -1, 0xF000A000},
+    {
+        .path = "/dev/nvlog-ofw-event",
+        .name = "nvlog-ofw-event",
+        .attr = 0,
+        .mem_size = 8192,
+        .num_subblock = 1,
+        .msg_size = 128,
+        .log_align_msk = 0xFFFFFFE0,
+        .subblock_size = 0,
+        .fd = -1,
+        .ofw_base = 0xF0004000,
+    },
+    {
+        .path = "/dev/nvlog-diag-test",
+        .name = "nvlog-diag-test",
+        .attr = 0,
+        .mem_size = 16384,
+        .num_subblock = 10,
+        .msg_size = 32,
+        .log_align_msk = 0xFFFFFFE0,
+        .subblock_size = 0,
+        .fd = -1,
+        .ofw_base = 0xF0006000,
+    },
+    {
+        .path = "/dev/nvlog-diag-error",
+        .name = "nvlog-diag-error",
+        .attr = 0,
+        .mem_size = 32768,
+        .num_subblock = 10,
+        .msg_size = 128,
+        .log_align_msk = 0xFFFFFFE0,
+        .subblock_size = 0,
+        .fd = -1,
+        .ofw_base = 0xF000A000,
+    },
 };
 
 nvram_dev_info_t &block_row(nvram_dev_info_t *table, log_type_t blk)
@@ -43,8 +76,8 @@ nvram_dev_info_t &block_row(nvram_dev_info_t *table, log_type_t blk)
 
 uint32_t header_checksum(const nvram_log_header_t &stored)
 {
-    constexpr size_t behind = sizeof stored.header_checksum;
-    return crc32_cksum(reinterpret_cast<const uint8_t *>(&stored) + behind, sizeof stored - behind);
+    constexpr size_t after = sizeof stored.header_checksum;
+    return crc32_cksum(reinterpret_cast<const uint8_t *>(&stored) + after, sizeof stored - after);
 }
 
 uint32_t entry_checksum(nvram_log_t stored)

@@ -137,7 +137,7 @@ struct map_row {
 
     static constexpr uint16_t all = 0;
     uint16_t types;
-    char block[9] = ""; // its name behind "uio_"
+    char block[9] = ""; // its name after "uio_"
     uint8_t bar;
     uint16_t first_page;
     uint16_t pages;

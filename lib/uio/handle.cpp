@@ -27,7 +27,7 @@ void close_descriptor(int &fd)
     }
 }
 
-// Copies a string of a handle to its tail, and moves the tail behind it.
+// Copies a string of a handle to its tail, and moves the tail past it.
 void move_string(const char *&string, char *&tail, size_t size)
 {
     string = static_cast<const char *>(std::memcpy(tail, string, size));

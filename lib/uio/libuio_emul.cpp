@@ -66,7 +66,7 @@ struct uio_info_t {
     name_token region_name;
 };
 
-// Moves text behind its next token and copies what of it has room in the zero-filled token. White
+// Moves text past its next token and copies what of it has room in the zero-filled token. White
 // space ends the tokens.
 void libuio_str_token(const char *&text, name_token &token)
 {
@@ -191,7 +191,7 @@ bool libuio_emul_check(const uio_info_t &info, const timespec *max_wait)
 
 //--- resources ------------------------------------------------------------------------------------
 
-// How many bytes of a file lie behind offset. Only regular files have a known end.
+// How many bytes of a file lie after offset. Only regular files have a known end.
 uint64_t bytes_from(const struct stat &status, uint64_t offset)
 {
     if (!S_ISREG(status.st_mode))

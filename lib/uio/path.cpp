@@ -25,7 +25,7 @@ bool is_digit(char c)
     return c >= '0' && c <= '9';
 }
 
-// Reads a decimal number below 65536 and moves text behind it.
+// Reads a decimal number below 65536 and moves text past it.
 bool take_number(const char *&text, unsigned int &number)
 {
     if (!is_digit(*text))
@@ -47,7 +47,7 @@ bool take_char(const char *&text, char expected)
     return true;
 }
 
-// The number of a name that is the 3-character prefix and nothing but digits behind it.
+// The number of a name that is the 3-character prefix and nothing but digits after it.
 int numbered_name(const char *name, const char *prefix, size_t longest, unsigned int limit)
 {
     if (std::strlen(name) > longest || std::strncmp(name, prefix, 3) != 0)

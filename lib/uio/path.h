@@ -33,7 +33,7 @@ const char *libuio_basename(const char *name);
 // buf and returns it, else NULL.
 const char *libuio_make_class_dir(libuio_path_t &buf, const char *basename, dev_t dev_id);
 
-// The canonical absolute path of given_name, with room for a suffix of up to 44 characters behind
+// The canonical absolute path of given_name, with room for a suffix of up to 44 characters after
 // it; NULL with errno on failure.
 unique_malloc<char> libuio_locate_real_name(const char *given_name);
 
