@@ -1,7 +1,7 @@
 // The POD log in a test: its storages, the log as one text, and the world around the library.
 #pragma once
 
-#include "support/pod_calls.h"
+#include "tests/support/pod_calls.h"
 
 #include <climits>
 #include <initializer_list>
