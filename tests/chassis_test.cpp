@@ -107,14 +107,18 @@ TEST(chassis, lives_as_long_as_what_runs_in_it_and_no_longer)
 {
     const string sleeper = "sleep 77." + std::to_string(::getpid());
     const string ended = "; wait $! 2>/dev/null; echo $?; sleep .3; pgrep -f '" + sleeper + "$'";
+    const auto asleep = [&](const char *how_many) {
+        return " & until [ $(pgrep -fc '^" + sleeper + "$') -eq " + how_many +
+               " ]; do sleep .05; done; kill -";
+    };
     const string stubborn = "chassis-sim -- sh -c 'trap \"\" TERM HUP; setsid " + sleeper +
-                            " & echo up; " + sleeper + "; " + sleeper + "' & sleep .5; kill -";
+                            " & echo up; " + sleeper + "; " + sleeper + "'" + asleep("2");
     const string cases[][2] = {
         {"chassis-sim -- sh -c '(sleep .3; head -c 0 /dev/uio0; echo late) & exit 3'", "late\n3"},
         {"chassis-sim -- sh -c 'kill -KILL $$'", "137"},
         {"chassis-sim -- /nowhere", "chassis-sim: /nowhere: No such file or directory\n127"},
         {"chassis-sim -- /tmp", "chassis-sim: /tmp: Permission denied\n126"},
-        {"chassis-sim -- " + sleeper + " & sleep .3; kill -HUP $!" + ended, "129\n1"},
+        {"chassis-sim -- " + sleeper + asleep("1") + "HUP $!" + ended, "129\n1"},
         {stubborn + "TERM $!" + ended, "up\n143\n1"},
         {stubborn + "KILL $!" + ended, "up\n137\n1"},
     };
