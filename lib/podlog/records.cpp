@@ -3,6 +3,8 @@
 
 #include <device_access/pod_log_crc_tmp.h>
 
+#include "lib/base/clock.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -65,7 +67,7 @@ void seal(pod_index &index)
 pod_entry entry_of_now(uint32_t entry_size)
 {
     pod_entry entry = {};
-    entry.epoch_time = static_cast<uint64_t>(int64_t{static_cast<int32_t>(std::time(nullptr))});
+    entry.epoch_time = static_cast<uint64_t>(int64_t{static_cast<int32_t>(seconds_since_epoch())});
     entry.entry_size = entry_size;
     entry.log_checksum = checksum_of(entry);
     return entry;
