@@ -365,7 +365,7 @@ private:
         const bool ends = scanned_ && handle.key <= set_.size();
         const sysfs_pci_info_t *found = nullptr;
         const string call = printed("sysfs_pci_info_fetch_next({%zu})", handle.key);
-        expect(call, {.value = finds},
+        expect(call, {.value = finds, .error = untouched},
                [&] { return (found = sysfs_pci_info_fetch_next(&handle)) != nullptr; });
         if (finds)
             expect_same("the element", text_of(set_[at]), text_of(*found));
