@@ -40,92 +40,6 @@ string shell(const string &line)
     return text + std::to_string(WEXITSTATUS(::pclose(pipe)));
 }
 
-TEST(chassis, answers_what_is_wrong_with_one_line_and_goes_on)
-{
-    const string options[][2] = {
-        {"", "command is required"},
-        {"--nonsense -- true", "there is no option --nonsense"},
-        {"--uio-appears", "--uio-appears: 1 required *"},
-        {"--uio-appears -5 -- true", "--uio-appears: Value -5 not in range 0 to 86400000"},
-        {"--uio-appears 86400001 -- true", "--uio-appears: Value 86400001 not in range 0 to 864*"},
-        {"--uio-irq-delay -2 -- true", "--uio-irq-delay: Value -2 not in range -1 to 86400000"},
-        {"--uio-removed 9999999999999 -- true",
-         "--uio-removed: Value 9999999999999 not in range *"},
-        {"--link-trains x -- true", "--link-trains: Value x not in range *"},
-        {"--pci-devices 7169 -- true", "--pci-devices: Value 7169 not in range 0 to 7168"},
-        {"--fault nothing -- true", "--fault: nothing not in {nvram-truncated,link-stuck,bridge*"},
-        {"--chassis n30 -- true", "--chassis: n30 not in {*"},
-        {"--pod-log /nowhere -- true", "cannot read a log image from /nowhere"},
-        {"--pod-log /tmp -- true", "cannot read a log image from /tmp"},
-        {"--pod-log /dev/zero -- true", "cannot read a log image from /dev/zero"},
-        {"--post-log /tmp -- true", "cannot read a log image from /tmp/nvlog-ofw-event"},
-        {"ctl plug uio0", "'ctl' works in a chassis only"},
-        {"-- chassis-sim -- true", "this is a simulated chassis already; there is none in it"},
-    };
-    const auto matches = [](const string &text, const string &pattern, const string &status) {
-        const size_t star = pattern.find('*');
-        const string line = "chassis-sim: " + pattern.substr(0, star);
-        return std::count(text.begin(), text.end(), '\n') == 1 && text.ends_with("\n" + status) &&
-               (star == string::npos ? text == line + "\n" + status : text.starts_with(line));
-    };
-    for (const auto &[arguments, line] : options) {
-        const string seen = shell("chassis-sim " + arguments);
-        EXPECT_TRUE(matches(seen, line, "125")) << arguments << "\n" << seen;
-    }
-    const string controls[][2] = {
-        {"plug uio0", "uio0 is plugged already"},
-        {"plug uio1", "there is no device 'uio1'"},
-        {"plug", "plug takes a device"},
-        {"plug 0000:03:00.0", "no function '0000:03:00.0' has been removed"},
-        {"remove 0000:04:00.0", "there is no function '0000:04:00.0'"},
-        {"remove uio0 now", "remove takes a device"},
-        {"", "unknown control line ''"},
-        {"explode uio0", "unknown control line 'explode uio0'"},
-        {"answer-read uio0", "answer-read takes a device and a number"},
-        {"answer-read uio0 1x", "'1x' is no number"},
-        {"answer-read uio0 99999999999", "'99999999999' is no number"},
-    };
-    string script;
-    for (const auto &[words, line] : controls)
-        script += "chassis-sim ctl " + words + "; echo $?; ";
-    script += "head -c 9999 /dev/zero >/dev/chassis; ls /dev/uio0; "
-              "chassis-sim ctl remove uio0; ls /dev/uio0; chassis-sim ctl interrupt uio0";
-    string seen = shell("chassis-sim -- sh -c '" + script + "'");
-    // Nobody waits for the answers to what head writes: they may come late.
-    const string late = "chassis-sim: unknown control line '\n";
-    for (size_t at; (at = seen.find(late)) != string::npos;)
-        seen.erase(at, late.size());
-    string expected;
-    for (const auto &[words, line] : controls)
-        expected += "chassis-sim: " + line + "\n1\n";
-    expected += "/dev/uio0\nls: cannot access '/dev/uio0': No such file or directory\n"
-                "chassis-sim: uio0 is not plugged\n1";
-    EXPECT_EQ(seen, expected);
-}
-
-TEST(chassis, lives_as_long_as_what_runs_in_it_and_no_longer)
-{
-    const string sleeper = "sleep 77." + std::to_string(::getpid());
-    const string ended = "; wait $! 2>/dev/null; echo $?; sleep .3; pgrep -f '" + sleeper + "$'";
-    const auto asleep = [&](const char *how_many) {
-        return " & until [ $(pgrep -fc '^" + sleeper + "$') -eq " + how_many +
-               " ]; do sleep .05; done; kill -";
-    };
-    const string stubborn = "chassis-sim -- sh -c 'trap \"\" TERM HUP; setsid " + sleeper +
-                            " & echo up; " + sleeper + "; " + sleeper + "'" + asleep("2");
-    const string cases[][2] = {
-        {"chassis-sim -- sh -c '(sleep .3; head -c 0 /dev/uio0; echo late) & exit 3'", "late\n3"},
-        {"chassis-sim -- sh -c 'kill -KILL $$'", "137"},
-        {"chassis-sim -- /nowhere", "chassis-sim: /nowhere: No such file or directory\n127"},
-        {"chassis-sim -- /tmp", "chassis-sim: /tmp: Permission denied\n126"},
-        {"chassis-sim -- " + sleeper + asleep("1") + "HUP $!" + ended, "129\n1"},
-        {stubborn + "TERM $!" + ended, "up\n143\n1"},
-        {stubborn + "KILL $!" + ended, "up\n137\n1"},
-    };
-    for (const auto &[line, expected] : cases)
-        EXPECT_EQ(shell(line), expected) << line;
-}
-
 //--- a device -------------------------------------------------------------------------------------
 
 void become_ordinary_user()
@@ -380,111 +294,21 @@ TEST(chassis, functions_have_what_tools_read_of_those_of_a_machine)
             EXPECT_TRUE(fs::exists(function.path() / name)) << function << name << " is missing";
 }
 
-TEST(chassis, foreign_programs_run_in_it_without_a_complaint)
+TEST(chassis, device_manager_finds_its_devices)
 {
-    const string cases[][2] = {
-        {"lspci -v 2>&1 | grep -c Memory.at", "8\n"},
-        {"lspci -vvv 2>&1 >/dev/null | grep -v libkmod", ""}, // which says if there are no modules
-        {"lspci -t", "-[0000:00]-+-00.0\n           +-19.0\n           +-1c.0-[03]----00.0\n"
-                     "           +-1d.0-[05]----00.0\n           +-1e.0-[06]--\n"
-                     "           +-1f.0\n           \\-1f.3\n"},
-        {"setpci -s 03:00.0 COMMAND=6:7 COMMAND CAP_EXP+2.w", "0006\n0002\n"},
-        {"command -v udevadm >/dev/null || exit 0; udevadm info /dev/uio0 -q path; "
-         "udevadm info -a /sys/class/uio/uio0 | grep -e DRIVERS -e name; "
-         "udevadm info -q property /sys/bus/pci/devices/0000:03:00.0 | grep PCI_ID",
-         "*"},
-        {"cd /sys/bus/pci/devices; echo 1 >0000:00:1c.0/remove; ls | wc -l; "
-         "echo 1 >../rescan; cat 0000:03:00.0/current_link_speed",
-         "7\n2.5 GT/s PCIe\n"},
-        {"cd /sys/class/uio/uio0; cat name version event; printf '\\1\\0\\0\\0' >/dev/uio0; sleep .3; "
-         "cat event",
-         "regblock\n1.0\n0\n1\n"},
-    };
-    const string udevadm =
-        "/devices/platform/regblock.0/uio/uio0\n    ATTR{maps/map0/name}==\"regist";
-    for (const auto &[line, expected] : cases) {
-        const string seen = shell("chassis-sim -- sh -c \"" + line + "\"");
-        if (expected == "*")
-            EXPECT_TRUE(seen == "0" ||
-                        (seen.starts_with(udevadm) && seen.ends_with("F0CA:0020\n0")))
-                << seen;
-        else
-            EXPECT_EQ(seen.substr(0, seen.size() - 1), expected) << line;
+    const string seen = shell("command -v udevadm >/dev/null || exit 0; "
+                              "chassis-sim -- sh -c 'udevadm info /dev/uio0 -q path; "
+                              "udevadm info -a /sys/class/uio/uio0 | grep name; udevadm info "
+                              "-q property /sys/bus/pci/devices/0000:03:00.0 | grep PCI_ID'");
+    if (seen != "0") {
+        EXPECT_TRUE(seen.starts_with("/devices/platform/regblock.0/uio/uio0\n"
+                                     "    ATTR{maps/map0/name}==\"regist"))
+            << seen;
+        EXPECT_TRUE(seen.ends_with("F0CA:0020\n0")) << seen;
     }
 }
 
-//--- descriptions ---------------------------------------------------------------------------------
-
-TEST(chassis, is_what_its_description_says_and_prints_it_in_the_same_format)
-{
-    const string file = fs::temp_directory_path() / ("chassis" + std::to_string(::getpid()));
-    const auto described = [&](const string &text, const string &words) {
-        write_file(file, text);
-        return shell("chassis-sim --description " + file + " " + words);
-    };
-    const string validate = " | python3 -c 'import json, sys, jsonschema; jsonschema.validate("
-                            "json.load(sys.stdin), json.load(open(\"" SCHEMA "\")))'";
-    EXPECT_EQ(shell("chassis-sim --describe --uio-removed 5 --fault link-stuck" + validate), "0");
-    const string built_in = shell("chassis-sim --describe");
-    EXPECT_EQ(described(built_in.substr(0, built_in.size() - 1), "--describe"), built_in);
-
-    const string whole = R"({
- "functions": [{"id": "0000:00:01.0", "header_type": 1, "class": "0x060400", "config_size": 4096,
-                "capabilities": ["pcie"], "pcie": {"type": 4, "slot": true}},
-               {"id": "0000:07:00.0", "parent": "0000:00:01.0", "vendor": "0xf0ca", "device": 7,
-                "config": [{"offset": "0x60", "value": "0xab", "width": 1}],
-                "bars": [{"size": "0x1000", "registers": [{"offset": 8, "value": "0x11223344"}]}]}],
- "slots": [{"name": "7", "address": "0000:07:00"}],
- "uio": [{"number": 0, "irq_delay_ms": -1, "maps": [{"map": "map0", "size": "0x1000"}],
-          "registers": [{"address": 4, "value": 9}],
-          "answers": [{"address": 0, "value": 5, "then_address": 4, "then_value": 6}]},
-         {"number": 1, "plugged": false}],
- "logs": {"chassis": "n10", "states": {"SW1": "blank", "ALSW1": "full", "FT1": "bad-entry-1"}},
- "eeproms": [{"path": "/var/tmp/eeprom", "size": 16}],
- "faults": [{"device": "uio0", "call": "read", "nth": 2, "error": "EBUSY"},
-            {"device": "nvlog-pod", "call": "open", "error": "EAGAIN"}],
- "timeline": [{"at_ms": 100, "do": "plug uio1"}, {"every_ms": 20, "do": "interrupt uio0"},
-              {"at_ms": 100, "do": "link 0000:00:01.0 down"},
-              {"at_ms": 2000, "do": "remove 0000:07:00.0"}]})";
-    const string known = string(whole).replace(whole.find("\"SW1\": \"blank\", "), 16, "");
-    EXPECT_EQ(described(known, "--describe" + validate), "0");
-    EXPECT_EQ(described(whole, "-- true"),
-              "chassis-sim: /logs/states/SW1 is of a card that this chassis has no log of\n125");
-    const string cases[][2] = {
-        {"ls /sys/bus/pci/devices; setpci -s 07:00.0 0x60.b; od -An -tx4 -j8 -N4 "
-         "/sys/bus/pci/devices/0000:07:00.0/resource0; cat /sys/bus/pci/slots/7/address",
-         "0000:00:01.0\n0000:07:00.0\nab\n 11223344\n0000:07:00\n0"},
-        {"sleep 2.5; ls /sys/bus/pci/devices /dev/uio1; cat /sys/bus/pci/devices/*/current_link_width",
-         "/dev/uio1\n\n/sys/bus/pci/devices:\n0000:00:01.0\n0\n0"},
-        {"wc -c </var/tmp/eeprom; printf %b \"\\\\1\\\\0\\\\0\\\\0\" >/dev/uio0; "
-         "exec 3<>/dev/uio0; for i in 1 2; do head -c4 /dev/uio0 >/dev/null; done",
-         "16\nhead: error reading '/dev/uio0': Device or resource busy\n1"},
-        {"mknod /dev/nvlog-pod c 1 3; cat /dev/nvlog-pod",
-         "cat: /dev/nvlog-pod: Resource temporarily unavailable\n1"},
-    };
-    for (const auto &[line, expected] : cases)
-        EXPECT_EQ(described(known, "-- sh -c '" + line + "'"), expected) << line;
-
-    const string wrong[][2] = {
-        {"", "cannot read a description from " + file},
-        {"{", file + " is no JSON text"},
-        {"[]", "the description is no object"},
-        {R"({"hotswap_bridges": [{"id": "0000:00:1.0"}]})",
-         "/hotswap_bridges/0/id '0000:00:1.0' is no PCI address"},
-        {R"({"uoi": []})", "unknown member /uoi"},
-        {R"({"uio": {}})", "/uio is no array"},
-        {R"({"uio": [{"number": -1}]})", "/uio/0/number is no number that is possible here"},
-        {R"({"uio": [{"plugged": 1}]})", "/uio/0/plugged is of a wrong kind"},
-        {R"({"functions": [{"id": "1"}]})", "/functions/0/id '1' is no PCI address"},
-        {R"({"functions": [{"id": "0000:00:00.0", "vendor": "x"}]})",
-         "/functions/0/vendor is no number"},
-        {R"({"faults": [{"error": "EVIL"}]})", "/faults/0/error cannot be 'EVIL'"},
-        {R"({"logs": {"states": {"FT1": "odd"}}})", "/logs/states/FT1 cannot be 'odd'"},
-    };
-    for (const auto &[text, line] : wrong)
-        EXPECT_EQ(described(text, "-- true"), "chassis-sim: " + line + "\n125");
-    fs::remove(file);
-}
+//--- registers and recordings --------------------------------------------------------------------
 
 TEST(chassis, registers_have_what_is_described_and_answer)
 {
