@@ -43,6 +43,9 @@ constexpr mem_access_fp_t readers[] = {read_eeprom<0>, read_eeprom<1>, read_eepr
 constexpr mem_access_fp_t writers[] = {write_eeprom<0>, write_eeprom<1>, write_eeprom<2>,
                                        write_eeprom<3>, write_eeprom<4>, write_eeprom<5>};
 
+// The call and what it should give, which is worked out first.
+#define CHECK(predicted, ...) compare(#__VA_ARGS__, predicted, [&] { return __VA_ARGS__; })
+
 class front_model : public model
 {
 public:
@@ -75,6 +78,7 @@ public:
             {choose.between(0, 11), choose.between(0, 11), rows_.dev[choose.below(4)].inst_id});
         const char *const card =
             choose.of({"RP1", "SW1", "FT1", "PM1", "PM2", "pm3", "1", "RPSW1", "FT2"});
+        note(printed("instance %d, card %s", id, card));
         switch (choose.below(20)) {
         case 0:
             return choose.one_in(8) ? configure(choose) : integrity();
@@ -258,9 +262,8 @@ private:
         const int use_primary = choose.below(2);
         if (row != -1)
             uses_primary_[row] = use_primary;
-        compare(printed("podlog_select_primary_secondary_storage(%d, %d)", id, use_primary),
-                row == -1 ? -1 : 1,
-                [&] { return podlog_select_primary_secondary_storage(id, use_primary); });
+        note(printed("to the primary storage: %d", use_primary));
+        CHECK(row == -1 ? -1 : 1, podlog_select_primary_secondary_storage(id, use_primary));
     }
 
     void bind(choices &choose, int id)
@@ -274,11 +277,9 @@ private:
         const int number = std::clamp(eeprom, 0, 5);
         if (row != -1)
             secondary(row)->is_bound = binds && secondary(row)->exists;
-        compare(string(call) + printed("(%d)", id), row == -1 ? -1 : 1, [&] {
-            return binds
-                       ? podlog_bind_secondary_log_access_func(id, readers[number], writers[number])
-                       : podlog_unbind_secondary_log_access_func(id);
-        });
+        CHECK(row == -1 ? -1 : 1,
+              binds ? podlog_bind_secondary_log_access_func(id, readers[number], writers[number])
+                    : podlog_unbind_secondary_log_access_func(id));
     }
 
     //--- writing
@@ -309,8 +310,7 @@ private:
     void init(int id, bool rdonly)
     {
         begin();
-        compare(printed("podlog_init(%d, %d)", id, rdonly), initialise(id, rdonly),
-                [&] { return podlog_init(id, rdonly); });
+        CHECK(initialise(id, rdonly), podlog_init(id, rdonly));
     }
 
     void finish(int id)
@@ -324,10 +324,7 @@ private:
     {
         begin();
         finish(id);
-        compare(printed("podlog_close(%d)", id), 0, [&] {
-            podlog_close(id);
-            return 0;
-        });
+        CHECK(0, (podlog_close(id), 0));
     }
 
     void add(choices &choose, int id)
@@ -344,12 +341,8 @@ private:
             result = take(selected(row)->add({level.c_str(), nullptr, "r", text + " 7%"})) == -1
                          ? -1
                          : 1;
-        compare(printed("podlog_add(%d, \"%s\", NULL, \"r\", \"%s 7%%\")", id, level.c_str(),
-                        text.c_str()),
-                result, [&] {
-                    return podlog_add(id, const_cast<char *>(level.c_str()), nullptr, "r",
-                                      "%s %d%%", text.c_str(), 7);
-                });
+        CHECK(result, podlog_add(id, const_cast<char *>(level.c_str()), nullptr, "r", "%s %d%%",
+                                 text.c_str(), 7));
     }
 
     void use_next(int id)
@@ -357,8 +350,7 @@ private:
         begin();
         const int row = row_or_refuse("podlog_use_nxt_log", id);
         const int result = row == -1 || !selected(row) ? -1 : take(selected(row)->use_nxt_log());
-        compare(printed("podlog_use_nxt_log(%d)", id), result,
-                [&] { return podlog_use_nxt_log(id); });
+        CHECK(result, podlog_use_nxt_log(id));
     }
 
     void integrity()
@@ -375,7 +367,7 @@ private:
                                 "instance %d!\n",
                                 id));
         }
-        compare("podlog_chk_storage_integrity()", result, podlog_chk_storage_integrity);
+        CHECK(result, podlog_chk_storage_integrity());
     }
 
     //--- reading
@@ -423,14 +415,11 @@ private:
     void walk_histories(choices &choose, const char *card)
     {
         begin();
-        const string call = string("(\"") + card + "\")";
         switch (choose.below(3)) {
         case 0:
-            return compare("podlog_open_dir" + call, open_directory(card),
-                           [&] { return podlog_open_dir(card); });
+            return CHECK(open_directory(card), podlog_open_dir(card));
         case 1:
-            return compare("podlog_close_dir" + call, close_directory(card),
-                           [&] { return podlog_close_dir(card); });
+            return CHECK(close_directory(card), podlog_close_dir(card));
         default:
             break;
         }
@@ -439,8 +428,7 @@ private:
         const int row = row_or_refuse("podlog_read_dir", walked_);
         const int result =
             row == -1 || !primary(row) ? -1 : take(primary(row)->read_dir(history, time));
-        compare(printed("podlog_read_dir(%d)", history), result,
-                [&] { return podlog_read_dir(history, &seen); });
+        CHECK(result, podlog_read_dir(history, &seen));
         expect_same("the time", time, seen);
     }
 
@@ -453,28 +441,24 @@ private:
         time_t time = 77, seen = 77;
         string text(200, '#'), got = text;
         const int row = row_of(read_);
+        note(printed("history %d, position %d", history, position));
         switch (choose.below(4)) {
         case 0:
-            compare(string("podlog_open_log(\"") + card + printed("\", %d)", history),
-                    open_history(card, history), [&] { return podlog_open_log(card, history); });
+            CHECK(open_history(card, history), podlog_open_log(card, history));
             break;
         case 1:
-            compare(string("podlog_close_log(\"") + card + "\")", close_history(card),
-                    [&] { return podlog_close_log(card, history); });
+            CHECK(close_history(card), podlog_close_log(card, history));
             break;
         case 2:
-            compare(
-                printed("podlog_read_raw_log(%d)", position), read_raw(position, text.data()), [&] {
-                    return podlog_read_raw_log(position, reinterpret_cast<uint8_t *>(got.data()));
-                });
+            CHECK(read_raw(position, text.data()),
+                  podlog_read_raw_log(position, reinterpret_cast<uint8_t *>(got.data())));
             break;
         default:
             row_or_refuse("podlog_read_log", read_);
-            compare(printed("podlog_read_log(%d)", position),
-                    row == -1 || !primary(row)
-                        ? -1
-                        : take(primary(row)->read_log(position, time, text.data(), 64)),
-                    [&] { return podlog_read_log(position, &seen, got.data(), 64); });
+            CHECK(row == -1 || !primary(row)
+                      ? -1
+                      : take(primary(row)->read_log(position, time, text.data(), 64)),
+                  podlog_read_log(position, &seen, got.data(), 64));
         }
         expect_same("the time", time, seen);
         expect_same("what is read", text, got);
@@ -535,8 +519,7 @@ private:
     void copy(int id)
     {
         begin();
-        compare(printed("podlog_cpy_curr_subblock_to_secondary(%d)", id), copied(id),
-                [&] { return podlog_cpy_curr_subblock_to_secondary(id); });
+        CHECK(copied(id), podlog_cpy_curr_subblock_to_secondary(id));
     }
 
     pod_storage_info_t rows_ = {};

@@ -18,6 +18,9 @@ namespace
 using namespace models;
 using std::string;
 
+// The call and what it should give, which is worked out first.
+#define CHECK(predicted, ...) compare(#__VA_ARGS__, predicted, [&] { return __VA_ARGS__; })
+
 class status_model : public model
 {
 public:
@@ -298,43 +301,31 @@ private:
     {
         begin();
         const int instance = an_instance(choose);
-        const string of = printed("(%d, %d)", id, instance);
         const int value = choose.of({0, 0x0FFFFFFF, choose.hostile()});
+        note(printed("NVRAM %d, instance %d, value 0x%x", id, instance, value));
         switch (choose.below(9)) {
         case 0:
-            return compare("nvram_get_podstatus_inst_mapped_index" + of, mapped(id, instance),
-                           [&] { return nvram_get_podstatus_inst_mapped_index(id, instance); });
+            return CHECK(mapped(id, instance), nvram_get_podstatus_inst_mapped_index(id, instance));
         case 1:
             dump(id);
-            return compare("nvram_dump_podstatus_inst_mapping" + of, 0, [&] {
-                nvram_dump_podstatus_inst_mapping(id);
-                return 0;
-            });
+            return CHECK(0, (nvram_dump_podstatus_inst_mapping(id), 0));
         case 2:
-            return compare("podlog_nvram_invalidate_pod_status" + of,
-                           set_status(id, instance, 0x80000000),
-                           [&] { return podlog_nvram_invalidate_pod_status(id, instance); });
+            return CHECK(set_status(id, instance, 0x80000000),
+                         podlog_nvram_invalidate_pod_status(id, instance));
         case 3:
-            return compare("podlog_nvram_get_pod_status" + of, status(id, instance),
-                           [&] { return podlog_nvram_get_pod_status(id, instance); });
+            return CHECK(status(id, instance), podlog_nvram_get_pod_status(id, instance));
         case 4:
-            return compare("podlog_nvram_set_pod_status" + of + printed(" to 0x%x", value),
-                           set_status(0, instance, static_cast<uint32_t>(value)),
-                           [&] { return podlog_nvram_set_pod_status(id, instance, value); });
+            return CHECK(set_status(0, instance, static_cast<uint32_t>(value)),
+                         podlog_nvram_set_pod_status(id, instance, value));
         case 5:
-            return compare("podlog_nvram_get_faultinject_pos" + of, mask_at(id),
-                           [&] { return podlog_nvram_get_faultinject_pos(id); });
+            return CHECK(mask_at(id), podlog_nvram_get_faultinject_pos(id));
         case 6:
-            return compare("podlog_nvram_clr_all_faultinject" + of, write_word(id, mask_at(id), 0),
-                           [&] { return podlog_nvram_clr_all_faultinject(id); });
+            return CHECK(write_word(id, mask_at(id), 0), podlog_nvram_clr_all_faultinject(id));
         case 7:
-            return compare(
-                "podlog_nvram_faultinject_pod_status" + of + printed(", clear %d", value & 2),
-                inject(id, instance, value & 2),
-                [&] { return podlog_nvram_faultinject_pod_status(id, instance, value & 2); });
+            return CHECK(inject(id, instance, value & 2),
+                         podlog_nvram_faultinject_pod_status(id, instance, value & 2));
         default:
-            return compare("nvram_disp_faultinject_status" + of, show(id),
-                           [&] { return nvram_disp_faultinject_status(id); });
+            return CHECK(show(id), nvram_disp_faultinject_status(id));
         }
     }
 
@@ -350,11 +341,10 @@ private:
     }
 
     // errno is no part of these.
-    void compare_front(const char *call, int instance, intmax_t value,
-                       const std::function<intmax_t()> &real)
+    void compare_front(const char *call, intmax_t value, const std::function<intmax_t()> &real)
     {
         said_.error = any_error;
-        compare(printed("%s(%d)", call, instance), value, real);
+        compare(call, value, real);
         begin();
     }
 
@@ -363,37 +353,26 @@ private:
         begin();
         const int id = an_instance(choose);
         const int value = choose.hostile();
+        const auto word = static_cast<uint32_t>(value);
         int fault = 5;
+        note(printed("instance %d, value 0x%x", id, value));
+#define OF_INSTANCE(known, unknown, call, ...)                                                     \
+    compare_front(#call, is_known(#call, id) ? known : unknown, [&] { return call(__VA_ARGS__); })
         switch (choose.below(6)) {
         case 0:
-            return compare_front(
-                "podlog_invalidate_pod_status", id,
-                is_known("podlog_invalidate_pod_status", id) ? set_status(0, id, 0x80000000) : -1,
-                [&] { return podlog_invalidate_pod_status(id); });
+            return OF_INSTANCE(set_status(0, id, 0x80000000), -1, podlog_invalidate_pod_status, id);
         case 1:
-            return compare_front("podlog_get_pod_status", id,
-                                 is_known("podlog_get_pod_status", id) ? status(0, id) : 0xFFFFFFFF,
-                                 [&] { return podlog_get_pod_status(id); });
+            return OF_INSTANCE(status(0, id), 0xFFFFFFFF, podlog_get_pod_status, id);
         case 2:
-            return compare_front("podlog_set_pod_status", id,
-                                 is_known("podlog_set_pod_status", id)
-                                     ? set_status(0, id, static_cast<uint32_t>(value))
-                                     : -1,
-                                 [&] { return podlog_set_pod_status(id, value); });
+            return OF_INSTANCE(set_status(0, id, word), -1, podlog_set_pod_status, id, value);
         case 3:
-            return compare_front("podlog_get_faultinject_pos", id,
-                                 is_known("podlog_get_faultinject_pos", id) ? mask_at(0) : -1,
-                                 [&] { return podlog_get_faultinject_pos(id); });
+            return OF_INSTANCE(mask_at(0), -1, podlog_get_faultinject_pos, id);
         case 4:
-            compare_front("podlog_is_faultinject", id,
-                          is_known("podlog_is_faultinject", id) ? 1 : -1,
-                          [&] { return podlog_is_faultinject(id, &fault); });
+            OF_INSTANCE(1, -1, podlog_is_faultinject, id, &fault);
             return expect_same("the fault", find(0, id) == -1 ? 5 : 0, fault);
         default:
-            return compare_front(
-                "podlog_faultinject_pod_status", id,
-                is_known("podlog_faultinject_pod_status", id) ? inject(0, id, value & 2) : -1,
-                [&] { return podlog_faultinject_pod_status(id, value & 2); });
+            return OF_INSTANCE(inject(0, id, value & 2), -1, podlog_faultinject_pod_status, id,
+                               value & 2);
         }
     }
 
@@ -404,6 +383,7 @@ private:
         const int slot = choose.of({choose.between(0, 13), 255});
         const bool is_slot = slot < 12;
         pod_device &device = devices_[0];
+        note(printed("slot %d", slot));
         const string unknown =
             printed("ERROR: nvram_get_podstatus_inst_info: invalid inst id %d!\n ", slot);
         if (choose.one_in(2)) {
@@ -423,7 +403,7 @@ private:
                 value = status(0, slot);
                 take(device.close());
             }
-            return compare_front("podlog_get_pod_status_cc", slot, value, [&] {
+            return compare_front("podlog_get_pod_status_cc", value, [&] {
                 return podlog_get_pod_status_cc(static_cast<uint8_t>(slot));
             });
         }
@@ -435,7 +415,7 @@ private:
             value = 1;
             take(device.close());
         }
-        compare_front("podlog_is_faultinject_cc", slot, value,
+        compare_front("podlog_is_faultinject_cc", value,
                       [&] { return podlog_is_faultinject_cc(static_cast<uint8_t>(slot), &fault); });
         expect_same("the fault", 0, fault);
     }

@@ -45,6 +45,11 @@ int eeprom_writer(uint32_t position, uint8_t *data, uint32_t size)
     return eeproms[Number].write(position, data, size, ignored);
 }
 
+// A call and what the model says of it.
+#define CHECK(predicted, ...)                                                                      \
+    compare(                                                                                       \
+        device, #__VA_ARGS__, [&] { return predicted; }, [&] { return __VA_ARGS__; })
+
 class storage_model : public model
 {
 public:
@@ -323,7 +328,7 @@ private:
         const outcome expected = predict();
         unsteady.reads = 0;
         openings.clear();
-        expect("podlog_" + string(name_of(what_)) + "_" + name, expected, real);
+        expect(name, expected, real);
         string asked, made;
         for (const opening &one : device.asked)
             asked += one.path + printed(" 0%o ", static_cast<unsigned int>(one.flags));
@@ -360,65 +365,47 @@ private:
 
     void call(choices &choose, pod_device &device)
     {
-        const string id = std::to_string(device.id);
+        const int id = device.id;
+        const int rdonly = choose.of({0, 0, 1, -1});
         unsteady.position = -1;
+        note(printed("%s %d, read only %d", name_of(what_), id, rdonly));
         switch (choose.below(26)) {
         case 0:
         case 1:
-        case 2: {
-            const int rdonly = choose.of({0, 0, 1, -1});
-            return compare(
-                device, printed("init(%d, %d)", device.id, rdonly),
-                [&] { return device.init(rdonly != 0); },
-                [&] { return calls_.init(device.id, rdonly); });
-        }
+        case 2:
+            return CHECK(device.init(rdonly != 0), calls_.init(id, rdonly));
         case 3:
         case 4:
-            return compare(
-                device, "close(" + id + ")", [&] { return device.close(); },
-                [&] {
-                    calls_.close(device.id);
-                    return 0;
-                });
+            return CHECK(device.close(), (calls_.close(id), 0));
         case 5:
-            return compare(
-                device, "reset(" + id + ")", [&] { return device.reset(); },
-                [&] { return calls_.reset(device.id); });
+            return CHECK(device.reset(), calls_.reset(id));
         case 6:
         case 7:
-            return compare(
-                device, "use_nxt_log(" + id + ")", [&] { return device.use_nxt_log(); },
-                [&] { return calls_.use_nxt_log(device.id); });
+            return CHECK(device.use_nxt_log(), calls_.use_nxt_log(id));
         case 8:
-            return compare(
-                device, "set_curr_log_status(" + id + ")",
-                [&] { return device.set_curr_log_status(); },
-                [&] { return calls_.set_curr_log_status(device.id, choose.hostile()); });
+            return CHECK(device.set_curr_log_status(), calls_.set_curr_log_status(id, rdonly));
         case 9:
         case 10:
-            return compare(
-                device, "open_dir(" + id + ")", [&] { return device.open_dir(); },
-                [&] { return calls_.open_dir(device.id); });
+            return CHECK(device.open_dir(), calls_.open_dir(id));
         case 11:
-            return compare(
-                device, "close_dir(" + id + ")", [&] { return device.close_dir(); },
-                [&] { return calls_.close_dir(device.id); });
+            return CHECK(device.close_dir(), calls_.close_dir(id));
         case 12:
         case 13:
-            return read_dir(choose, device);
         case 14:
+            return of_history(choose, device);
         case 15:
-            return open_log(choose, device);
         case 16:
         case 17:
-        case 18:
             return read_log(choose, device);
-        case 19:
+        case 18:
             return transfer(choose, device);
+        case 19:
         case 20:
             return dump(choose, device);
         case 21:
-            return what_ == kind::eeprom ? add_raw(choose, device) : open_log(choose, device);
+            if (what_ == kind::eeprom)
+                return add_raw(choose, device);
+            [[fallthrough]];
         default:
             return add(choose, device);
         }
@@ -436,23 +423,18 @@ private:
 
     void add(choices &choose, pod_device &device)
     {
-        const string words[3] = {choose.text(choose.of({5, 70})), choose.text(choose.of({5, 70})),
-                                 choose.text(choose.of({5, 70}))};
-        const string word = choose.text(choose.of({5, 90}));
+        string words[4];
+        for (string &word : words)
+            word = choose.text(choose.of({5, 70, 90}));
+        const char *const text = words[3].c_str();
         const int number = choose.hostile();
         const long long large = static_cast<long long>(choose.bits());
         const auto part = [&](int i) { return choose.one_in(4) ? nullptr : words[i].c_str(); };
         entry_parts parts = {part(0), part(1), part(2),
-                             printed("%s %d%% %llx", word.c_str(), number, large)};
-        compare(
-            device,
-            printed("add(%d, \"%s\", \"%s\", \"%s\", \"%s\")", device.id,
-                    parts.level ? parts.level : "NULL", parts.diag ? parts.diag : "NULL",
-                    parts.ret ? parts.ret : "NULL", parts.text.c_str()),
-            [&] { return device.add(parts); },
-            [&] {
-                return add_parts(device.id, parts, "%s %d%% %llx", word.c_str(), number, large);
-            });
+                             printed("%s %d%% %llx", text, number, large)};
+        for (const char *one : {parts.level, parts.diag, parts.ret, parts.text.c_str()})
+            note(one ? string("part \"") + one + "\"" : "no part");
+        CHECK(device.add(parts), add_parts(device.id, parts, "%s %d%% %llx", text, number, large));
     }
 
     void add_raw(choices &choose, pod_device &device)
@@ -460,13 +442,9 @@ private:
         string raw =
             entry(static_cast<uint32_t>(choose.hostile())) + choose.text(120) + string(200, '\0');
         string seen = raw;
-        compare(
-            device, printed("add_raw_log(%d, \"%s\")", device.id, raw.c_str() + 16),
-            [&] { return device.add_raw(raw); },
-            [&] {
-                return podlog_eeprom_add_raw_log(device.id,
-                                                 reinterpret_cast<uint8_t *>(seen.data()));
-            });
+        uint8_t *const data = reinterpret_cast<uint8_t *>(seen.data());
+        note("text \"" + raw.substr(16) + "\"");
+        CHECK(device.add_raw(raw), podlog_eeprom_add_raw_log(device.id, data));
         expect_same("the buffer", raw, seen);
     }
 
@@ -478,101 +456,71 @@ private:
         note(printed("every second read of byte %jd is wrong", intmax_t{unsteady.position}));
     }
 
-    void read_dir(choices &choose, pod_device &device)
+    outcome keep(const outcome &what)
+    {
+        last_ = what.value > 0 ? static_cast<int>(what.value) : last_;
+        return what;
+    }
+
+    void of_history(choices &choose, pod_device &device)
     {
         const int history = a_history(choose, device);
         time_t time = 77, seen = 77;
+        note(printed("history %d", history));
+        if (choose.one_in(2))
+            return CHECK(keep(device.open_log(history)), calls_.open_log(device.id, history));
         be_unsteady(choose, device.header_at(history) + 20);
-        compare(
-            device, printed("read_dir(%d, %d)", device.id, history),
-            [&] { return device.read_dir(history, time); },
-            [&] { return calls_.read_dir(device.id, history, &seen); });
+        CHECK(device.read_dir(history, time), calls_.read_dir(device.id, history, &seen));
         expect_same("the time", time, seen);
-    }
-
-    void open_log(choices &choose, pod_device &device)
-    {
-        const int history = a_history(choose, device);
-        compare(
-            device, printed("open_log(%d, %d)", device.id, history),
-            [&] {
-                const outcome opened = device.open_log(history);
-                last_ = opened.value > 0 ? static_cast<int>(opened.value) : last_;
-                return opened;
-            },
-            [&] { return calls_.open_log(device.id, history); });
     }
 
     void read_log(choices &choose, pod_device &device)
     {
-        const int position = a_position(choose, device);
+        const int id = device.id;
+        const int at = a_position(choose, device);
         const uint32_t size = static_cast<uint32_t>(choose.of({64, 64, 3, 1, 0, 300}));
-        const bool is_raw = calls_.read_raw_log && choose.one_in(3);
         time_t time = 77, seen = 77;
         string text(400, '#'), read = text;
-        be_unsteady(choose, position);
-        const auto keep = [&](const outcome &what) {
-            last_ = what.value > 0 ? static_cast<int>(what.value) : last_;
-            return what;
-        };
-        if (is_raw)
-            compare(
-                device, printed("read_raw_log(%d, %d)", device.id, position),
-                [&] { return keep(device.read_raw_log(position, text.data())); },
-                [&] {
-                    return calls_.read_raw_log(device.id, position,
-                                               reinterpret_cast<uint8_t *>(read.data()));
-                });
+        uint8_t *const data = reinterpret_cast<uint8_t *>(read.data());
+        note(printed("position %d, %u bytes", at, size));
+        be_unsteady(choose, at);
+        if (calls_.read_raw_log && choose.one_in(3))
+            CHECK(keep(device.read_raw_log(at, text.data())), calls_.read_raw_log(id, at, data));
         else
-            compare(
-                device, printed("read_log(%d, %d, %u bytes)", device.id, position, size),
-                [&] { return keep(device.read_log(position, time, text.data(), size)); },
-                [&] { return calls_.read_log(device.id, position, &seen, read.data(), size); });
+            CHECK(keep(device.read_log(at, time, text.data(), size)),
+                  calls_.read_log(id, at, &seen, read.data(), size));
         expect_same("the time", time, seen);
         expect_same("what is read", text, read);
     }
 
     void transfer(choices &choose, pod_device &device)
     {
-        const uint32_t position =
+        const int id = device.id;
+        const uint32_t at =
             static_cast<uint32_t>(choose.of({choose.below(1000), choose.hostile()}));
         const uint32_t size = static_cast<uint32_t>(choose.below(20));
         string bytes = choose.text(20) + string(20, '\0'), seen = bytes;
-        const auto data = reinterpret_cast<uint8_t *>(seen.data());
-        if (what_ != kind::nvram)
-            return;
-        if (choose.one_in(2))
-            compare(
-                device, printed("pod_nvram_mem_rd(%d, 0x%x, %u)", device.id, position, size),
-                [&] { return device.mem_rd(position, bytes.data(), size); },
-                [&] { return pod_nvram_mem_rd(device.id, position, data, size); });
-        else if (position < 5000)
-            compare(
-                device, printed("pod_nvram_mem_wr(%d, 0x%x, %u)", device.id, position, size),
-                [&] { return device.mem_wr(position, bytes.data(), size); },
-                [&] { return pod_nvram_mem_wr(device.id, position, data, size); });
+        uint8_t *const data = reinterpret_cast<uint8_t *>(seen.data());
+        note(printed("position 0x%x, %u bytes", at, size));
+        if (what_ == kind::nvram && choose.one_in(2))
+            CHECK(device.mem_rd(at, bytes.data(), size), pod_nvram_mem_rd(id, at, data, size));
+        else if (what_ == kind::nvram && at < 5000)
+            CHECK(device.mem_wr(at, bytes.data(), size), pod_nvram_mem_wr(id, at, data, size));
         expect_same("what is moved", bytes, seen);
     }
 
     void dump(choices &choose, pod_device &device)
     {
-        const string id = std::to_string(device.id);
+        const int id = device.id;
         const int history = a_history(choose, device);
+        note(printed("history %d", history));
         switch (choose.below(3)) {
         case 0:
-            return compare(
-                device, "dump_log_msgs(" + id + printed(", %d)", history),
-                [&] { return device.dump_log_msgs(history); },
-                [&] { return calls_.dump_log_msgs(device.id, history); });
+            return CHECK(device.dump_log_msgs(history), calls_.dump_log_msgs(id, history));
         case 1:
-            return compare(
-                device, "dump_curr_log_msgs(" + id + ")",
-                [&] { return device.dump_curr_log_msgs(); },
-                [&] { return calls_.dump_curr_log_msgs(device.id); });
+            return CHECK(device.dump_curr_log_msgs(), calls_.dump_curr_log_msgs(id));
         default:
-            return compare(
-                device, "dump_all_log_msgs(" + id + ")", [&] { return device.dump_all_log_msgs(); },
-                [&] { return calls_.dump_all_log_msgs(device.id); });
+            return CHECK(device.dump_all_log_msgs(), calls_.dump_all_log_msgs(id));
         }
     }
 

@@ -4,12 +4,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 
-#include <dlfcn.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -24,21 +21,6 @@ extern "C" int usleep(useconds_t length)
     test::shortest_pause = std::min(test::shortest_pause, length);
     test::longest_pause = std::max(test::longest_pause, length);
     return 0;
-}
-
-extern "C" ssize_t pwrite(int fd, const void *data, size_t size, off_t position)
-{
-    static const auto real = reinterpret_cast<ssize_t (*)(int, const void *, size_t, off64_t)>(
-        ::dlsym(RTLD_NEXT, "pwrite64"));
-    const long granted = std::min(test::bytes_left, static_cast<long>(size));
-    test::bytes_left -= test::bytes_left == LONG_MAX ? 0 : granted;
-    const ssize_t written = real(fd, data, static_cast<size_t>(granted), position);
-    if (granted == static_cast<long>(size))
-        return written;
-    if (test::dies_then)
-        ::raise(SIGKILL);
-    errno = EIO;
-    return -1;
 }
 
 namespace test

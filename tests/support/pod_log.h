@@ -14,13 +14,11 @@
 namespace test
 {
 
-// The library's calls of time(), usleep() and pwrite() come here first.
+// The library's calls of time() and usleep() come here first.
 inline time_t now = 1700000000;
 inline int pauses = 0;
 inline useconds_t shortest_pause = UINT_MAX;
 inline useconds_t longest_pause = 0;
-inline long bytes_left = LONG_MAX; // until no more are written: the call fails, or
-inline bool dies_then = false;     // the process dies
 
 // EEPROMs of 8300 bytes, in files that child processes share, and how the library reaches them.
 int eeprom_file(int number);
