@@ -15,6 +15,11 @@ extern "C" time_t time(time_t *) noexcept
     return test::now;
 }
 
+extern "C" int64_t __time64(int64_t *) // what time() is where time_t has 32 bits and others have 64
+{
+    return test::now;
+}
+
 extern "C" int usleep(useconds_t length)
 {
     ++test::pauses;
