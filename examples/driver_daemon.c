@@ -4,6 +4,8 @@
  *
  * driver_daemon_c [NODE]    NODE: "/dev/uio0" unless given
  */
+#define _POSIX_C_SOURCE 200809L /* for strict C, which leaves out what POSIX adds */
+
 #include <device_access/libuio.h>
 #include <device_access/regiomap_x86.h>
 

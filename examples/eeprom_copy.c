@@ -4,6 +4,8 @@
  *
  * eeprom_copy_c FILE [CARD]    CARD: "SW1" unless given
  */
+#define _POSIX_C_SOURCE 200809L /* for strict C, which leaves out what POSIX adds */
+
 #include <device_access/pod_log.h>
 #include <device_access/pod_log_eeprom.h>
 

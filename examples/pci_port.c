@@ -2,6 +2,8 @@
  * Brings up what is behind a hot-plug port: finds the port and its PCI Express capability, waits
  * for the link, and maps and uses the memory of the devices behind it.
  */
+#define _POSIX_C_SOURCE 200809L /* for strict C, which leaves out what POSIX adds */
+
 #include <device_access/pci_config.h>
 #include <device_access/pci_sysfs.h>
 #include <device_access/regiomap_x86.h>
