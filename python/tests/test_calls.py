@@ -9,7 +9,8 @@ from errno import EBUSY, EINVAL, EIO
 from pathlib import Path
 
 import pytest
-from device_access import PodLogs, PostLog, Uio, UnknownName, inventory, pci, raw, slots
+from device_access import (PhysicalMemory, PodLogs, PostLog, Uio, UnknownName, inventory, pci,
+                           raw, slots)
 from device_access.chassis import Chassis
 from device_access.podlog import Status
 from device_access.postlog import Block
@@ -194,6 +195,8 @@ def use_pci() -> None:
     with pytest.raises(IndexError, match="not mapped"):
         memory.bar(0)
     port.wait_for_link()
+    pci.load_hotswap_module(pci.HotswapBridges.PCIE_HOTPLUG)
+    assert "qel_pci_hotswap" in Path("/var/log/modprobe").read_text()
     bridge = pci.Function(BRIDGE)
     assert bridge.is_switchable and not card.is_switchable
     assert bridge.switch_on() == list(bridge.children())
@@ -271,11 +274,17 @@ def set_status() -> None:
         logs.status("PM1")
     with pytest.raises(UnknownName, match="^SW9: the chassis has RPSW1"):
         logs.status("SW9")
+    logs.inject_fault("SW1")
+    logs.inject_fault("SW1", False)
     logs["SW2"].reset()
     assert list(logs["SW2"].histories()) == []
     os.remove("/var/pod/pod_sw2.hex")
     with pytest.raises(FileNotFoundError, match="file /var/pod/pod_sw2.hex does not exist!"):
         list(logs["SW2"].histories())
+    logs.prepare()
+    assert list(logs["SW2"].histories()) == []
+    with pytest.raises(OSError):
+        PhysicalMemory(1, 4096)  # no multiple of the page size
 
 
 def test_status_words_and_missing_logs(chassis: Chassis) -> None:
