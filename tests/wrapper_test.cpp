@@ -262,9 +262,9 @@ TEST(wrapper_pci_memory, attributes_and_bridges_are_reached)
 TEST(wrapper_inventory, keeps_what_was_stored_and_says_when_it_does_not)
 {
     build_chassis({});
-    EXPECT_EQ(inventory::store("SW1", {"S", "P"}).error(),
-              (failure{"diag_inventory_store", ENOENT}));
-    inventory::clear_all();
+    chassis_sim::make_directory("/flash/diags/SW2.div"); // where the record would be
+    EXPECT_EQ(inventory::store("SW2", {"S", "P"}).error(),
+              (failure{"diag_inventory_store", EISDIR}));
     EXPECT_TRUE(inventory::store("SW1", {"FOC12345678ABC", "PN-42"}));
     const auto record = inventory::read("sw1").value();
     EXPECT_EQ(record.serial_number(), "FOC12345678ABC");
@@ -320,6 +320,10 @@ struct on_chassis {
     pod_chassis type;
     int local;
 };
+void PrintTo(const on_chassis &chassis, std::ostream *stream)
+{
+    *stream << chassis.name;
+}
 using wrapper_pod_log_of = testing::TestWithParam<on_chassis>;
 
 TEST_P(wrapper_pod_log_of, reaches_the_right_card_by_name_or_none)
