@@ -195,26 +195,45 @@ class Chassis(Owner):
 
     # --- what happens to the chassis
 
-    def control(self, line: str) -> None:
-        """A line of "chassis-sim ctl"."""
-        done = self.run(_SIMULATOR, "ctl", line)
+    def control(self, *words: object, timeout: float = 30) -> str:
+        """A line of "chassis-sim ctl": what it tells."""
+        done = self.run(_SIMULATOR, "ctl", *map(str, words), timeout=timeout)
         if done.returncode != 0:
             raise ChassisError(done.stderr.strip())
+        return done.stdout.strip()
 
     def interrupt(self, device: str = "uio0") -> None:
-        self.control(f"interrupt {device}")
+        self.control("interrupt", device)
 
     def remove(self, device: str) -> None:
         """A UIO device, or a PCI function and what is behind it, leaves its bus."""
-        self.control(f"remove {device}")
+        self.control("remove", device)
 
     def plug(self, device: str) -> None:
         """It comes back."""
-        self.control(f"plug {device}")
+        self.control("plug", device)
 
     def set_link(self, port: str, state: str) -> None:
         """The link of a port is "up", "training" or "down"."""
-        self.control(f"link {port} {state}")
+        self.control("link", port, state)
+
+    # --- registers that a description names: "STATUS", "uio0.map0.STATUS", "STATUS.READY"
+
+    def register(self, name: str) -> int:
+        """What it holds, or a field of it; no access of a program's."""
+        return int(self.control("get", name), 0)
+
+    def set_register(self, name: str, value: int) -> None:
+        """Gives it a value, as the hardware would."""
+        self.control("set", name, value)
+
+    def wait_for_register(self, name: str, value: int, timeout: float = 10) -> None:
+        """Waits until it holds a value; a ChassisError when it does not in so many seconds."""
+        self.control("wait", name, value, int(1000 * timeout), timeout=timeout + 20)
+
+    def accesses(self) -> list[Record]:
+        """What programs have read and written so far, of registers that are described."""
+        return _objects(self.control("log"))
 
 
 class Record(dict[str, Any]):

@@ -3,6 +3,7 @@ import os
 from pathlib import Path
 
 import pytest
+from device_access import Uio
 from device_access.chassis import Chassis, ChassisError, Devaccess, DevaccessError, Record
 
 EXAMPLES = Path(__file__).parents[1] / "examples"
@@ -44,6 +45,28 @@ def test_the_recorded_chassis_is_the_machine(devaccess: Devaccess, tmp_path: Pat
     devaccess("collect", file)
     with Chassis(recording=file) as machine:
         assert Devaccess(machine)("pci", "list") == devaccess("pci", "list")
+
+
+REGISTERS = {"uio": [{"number": 0, "maps": [{"map": "map0", "size": "0x1000", "registers": [
+    {"name": "STATUS", "offset": 4, "reset": "0xa0", "fields": [{"name": "READY", "bits": "0"}]},
+    {"name": "COUNT", "offset": 8, "reset": 3, "readAction": "clear"}]}]}]}
+
+
+def read_twice() -> list[int]:
+    with Uio("/dev/uio0", timeout=5) as device:
+        return [device.window(0).read(8) for _ in range(2)]
+
+
+@pytest.mark.chassis(description=REGISTERS)
+def test_registers_are_seen_from_outside(chassis: Chassis) -> None:
+    assert chassis.call(read_twice) == [3, 0]
+    assert [(each.register, each.access, each.value) for each in chassis.accesses()] == [
+        ("COUNT", "read", 3), ("COUNT", "read", 0)]
+    chassis.set_register("STATUS.READY", 1)
+    chassis.wait_for_register("uio0.map0.STATUS", 0xA1)
+    assert chassis.register("STATUS") == 0xA1
+    with pytest.raises(ChassisError, match="STATUS is still 0xa1"):
+        chassis.wait_for_register("STATUS", 0, timeout=0.01)
 
 
 @pytest.mark.chassis(description="chassis.json")
