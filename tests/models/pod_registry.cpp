@@ -1,5 +1,5 @@
-// The registry of POD instances, the run that belongs to one of them, and the slot table, beside
-// tables as the interface describes them.
+// The registry of POD instances, and the run that belongs to one of them, beside tables as the
+// interface describes them.
 #include "walk.h"
 
 #include <device_access/pod_log.h>
@@ -59,20 +59,16 @@ public:
 
     void step(choices &choose) override
     {
-        switch (choose.below(9)) {
+        switch (choose.below(7)) {
         case 0:
             return configure(choose);
         case 1:
             return build(choose);
         case 2:
-            return choose_slots(choose);
-        case 3:
-            return find_slot(choose);
-        case 4:
             return find_by_name(choose);
-        case 5:
+        case 3:
             return claim(choose);
-        case 6:
+        case 4:
             return release(choose);
         default:
             return find_by_id(choose);
@@ -172,32 +168,6 @@ private:
             if (::strcasecmp(slot.c_str(), name.c_str()) == 0)
                 return number;
         return -1;
-    }
-
-    void choose_slots(choices &choose)
-    {
-        const int chassis = choose.of({0, 1, 2, -1, choose.hostile()});
-        set_slots(chassis);
-        expect(printed("SetChassisType(%d)", chassis), {.value = stack_}, [&] {
-            SetChassisType(static_cast<chassis_t>(chassis));
-            return GetChassisType();
-        });
-    }
-
-    void find_slot(choices &choose)
-    {
-        const int id = choose.of({choose.between(-1, 13), choose.hostile()});
-        const auto slot = std::find_if(slots().begin(), slots().end(),
-                                       [&](auto &one) { return one.first == id; });
-        const string name = slot == slots().end() ? "Err" : slot->second;
-        expect(printed("GetSlotById(%d)->slotN", id), {.value = name == "Err" ? -1 : id},
-               [&] { return GetSlotById(id)->slotN; });
-        expect_same("the slot's name", name, GetSlotById(id)->slot_name);
-        const string asked =
-            choose.of({name, choose.of({string("rp1"), string("RP"), string("fT2"), string("PM4 "),
-                                        string(""), string("RPSW1"), string("pm2")})});
-        expect("GetSlotByName(\"" + asked + "\")->slotN", {.value = slot_of(asked)},
-               [&] { return GetSlotByName(asked.c_str())->slotN; });
     }
 
     //--- look-ups

@@ -157,7 +157,7 @@ private:
             auto &one = sysfs_.emplace_back();
             one["name"] = choose.of({"event\n", "results\n", "result\n", "results2\n", "event"});
             one["baseaddr"] =
-                choose.of({"0xF0004000\n", "f0006000\n", "12\n", "0123456789\n", "0x0000000010\n"});
+                choose.of({"0xF0004000\n", "f0006000\n", "12\n", "01234567\n", "0x0000000010\n"});
             one["size"] =
                 choose.of({"2000\n", "0x800\n", "100\n", "1234567\n", "12345678\n", "010\n"});
             one["mode"] = choose.of({"rw\n", "ro\n", "rwx\n", "rw", "w\n"});
@@ -313,16 +313,14 @@ private:
     size_t copy(uint32_t offset, uint32_t size, char *to) const
     {
         const string far = far_entry();
-        if (offset >= far_at + far.size())
+        const uint64_t end = far_at + far.size();
+        if (offset >= end)
             return 0;
-        for (uint32_t i = 0; i < size; ++i) {
-            const uint64_t at = uint64_t{offset} + i;
-            if (at >= far_at + far.size())
-                return i;
-            to[i] = at < bytes_[blk_].size() ? bytes_[blk_][at]
-                    : at < far_at            ? '\0'
-                                             : far[at - far_at];
-        }
+        size = static_cast<uint32_t>(std::min<uint64_t>(size, end - offset));
+        for (uint32_t at = offset; at != offset + size; ++at)
+            to[at - offset] = at < bytes_[blk_].size() ? bytes_[blk_][at]
+                              : at < far_at            ? '\0'
+                                                       : far[at - far_at];
         return size;
     }
 
@@ -753,9 +751,7 @@ private:
         const record header = at == -1 ? record{-1} : read_header(at);
         if (header.result != 1 || !is_good_header(header))
             return -1;
-        const unsigned __int128 next =
-            static_cast<unsigned __int128>(header.fields[1]) * header.fields[2] +
-            static_cast<uint32_t>(at) + 24;
+        const uint64_t next = header.fields[1] * header.fields[2] + static_cast<uint32_t>(at) + 24;
         return next > INT_MAX ? -1 : static_cast<int>(next);
     }
 
