@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <unordered_set>
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -39,24 +40,39 @@ void fail_to_make(const std::string &what, const std::string &path)
     fail(what + " " + path);
 }
 
-// Where an entry is made: its directory, and its name there.
-struct entry_place {
-    owned_fd directory;
-    std::string name;
-};
+// Directories that have been found to be inside. One that has left since is missing.
+std::unordered_set<std::string> checked;
 
-entry_place place_of(const std::string &path)
+std::string parent_of(const std::string &path)
 {
     const size_t slash = path.rfind('/');
-    const std::string above = slash == 0 ? "/" : path.substr(0, slash);
-    owned_fd directory(open_inside(above, O_PATH | O_DIRECTORY));
-    if (!directory && errno == ENOENT) {
-        make_directory(above);
-        directory.reset(open_inside(above, O_PATH | O_DIRECTORY));
-    }
-    if (!directory)
-        fail_to_make("open", above);
-    return {std::move(directory), path.substr(slash + 1)};
+    return slash == std::string::npos ? "" : path.substr(0, slash);
+}
+
+// What is made in the directory of this path is made inside, unless there is no such directory.
+void check_parent(const std::string &path)
+{
+    const std::string directory = parent_of(path);
+    if (!root || directory.empty() || checked.contains(directory))
+        return;
+    if (owned_fd(open_inside(directory, O_PATH | O_DIRECTORY)))
+        checked.insert(directory);
+    else if (errno != ENOENT)
+        fail_to_make("open", directory);
+}
+
+// Does it, if need be once more with all directories above that are missing.
+template <typename Make>
+int make_with_parents(const std::string &path, Make make)
+{
+    check_parent(path);
+    const int made = make();
+    if (made >= 0 || errno != ENOENT)
+        return made;
+    checked.clear();
+    make_directory(parent_of(path));
+    check_parent(path);
+    return make();
 }
 
 } // namespace
@@ -70,28 +86,28 @@ void owned_fd::reset(int fd)
 
 void stay_in_root_file_system()
 {
+    checked.clear();
     root.reset(must(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC), "open /"));
 }
 
 void make_directory(const std::string &path)
 {
-    if (path.empty() || owned_fd(open_inside(path, O_PATH | O_DIRECTORY)))
+    if (path.empty())
         return;
-    if (errno != ENOENT)
-        fail_to_make("mkdir", path);
-    const entry_place at = place_of(path);
-    if (::mkdirat(at.directory.get(), at.name.c_str(), 0755) != 0 && errno != EEXIST)
+    const int made = make_with_parents(path, [&] { return ::mkdir(path.c_str(), 0755); });
+    if (made != 0 && errno != EEXIST)
         fail("mkdir " + path);
+    if (!root || checked.contains(path))
+        return;
+    if (made != 0 && !owned_fd(open_inside(path, O_PATH | O_DIRECTORY)))
+        fail_to_make("open", path);
+    checked.insert(path);
 }
 
 void write_file(const std::string &path, std::string_view contents, mode_t mode)
 {
-    const auto create = [&] { return open_inside(path, O_WRONLY | O_CREAT | O_TRUNC, mode); };
-    owned_fd fd(create());
-    if (!fd && errno == ENOENT) {
-        place_of(path);
-        fd.reset(create());
-    }
+    const owned_fd fd(make_with_parents(
+        path, [&] { return open_inside(path, O_WRONLY | O_CREAT | O_TRUNC, mode); }));
     if (!fd)
         fail_to_make("create", path);
     for (size_t done = 0; done < contents.size();) {
@@ -103,8 +119,8 @@ void write_file(const std::string &path, std::string_view contents, mode_t mode)
 
 void make_symlink(const std::string &path, const std::string &target)
 {
-    const entry_place at = place_of(path);
-    must(::symlinkat(target.c_str(), at.directory.get(), at.name.c_str()), "symlink " + path);
+    must(make_with_parents(path, [&] { return ::symlink(target.c_str(), path.c_str()); }),
+         "symlink " + path);
 }
 
 void make_relative_symlink(const std::string &path, const std::string &target)

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include <elf.h>
@@ -68,6 +69,15 @@ uint64_t merged(uint64_t before, uint64_t value, size_t width)
     return (before & ~low(~uint64_t{0}, width)) | low(value, width);
 }
 
+// Whether its registers are too wide for this process.
+bool is_too_wide(const asking_process &client)
+{
+    std::ifstream program("/proc/" + std::to_string(client.thread()) + "/exe", std::ios::binary);
+    char identity[EI_NIDENT] = {};
+    program.read(identity, sizeof identity);
+    return sizeof(machine_word) == 4 && identity[EI_CLASS] == ELFCLASS64;
+}
+
 std::string name_of(pid_t thread)
 {
     std::string name = file_text("/proc/" + std::to_string(thread) + "/comm");
@@ -95,6 +105,10 @@ access_trap::access_trap(window_table &windows, register_bus &bus, event_loop &l
 int access_trap::follow(const asking_process &client)
 {
     ranges_.clear();
+    if (is_too_wide(client)) {
+        complain("a chassis-sim of 32 bits cannot follow the registers of a 64-bit program");
+        return EOPNOTSUPP;
+    }
     constexpr uintptr_t options =
         PTRACE_O_TRACECLONE | PTRACE_O_TRACEFORK | PTRACE_O_TRACEVFORK | PTRACE_O_TRACEEXEC;
     const fs::path tasks = "/proc/" + std::to_string(client.id()) + "/task";
