@@ -1,4 +1,4 @@
-// Slot tables, register accesses, physical memory and the inventory. This program does not define
+// Register accesses, physical memory and the inventory. This program does not define
 // libuio_log, so libuio must print nothing in it.
 #include "support/register_trap.h"
 #include "support/sweep.h"
@@ -24,66 +24,43 @@ namespace fs = std::filesystem;
 using namespace chassis_sim;
 using namespace test;
 
-//--- slots ----------------------------------------------------------------------------------------
-
-std::string text(const SLOT_INFO *slot)
-{
-    return printed("%d/%d/%s ", slot->slotN, slot->slotType, slot->slot_name);
-}
-
-// The chassis and its slots; every number from below the lowest to above the highest is looked up.
-std::string chassis_text()
-{
-    std::string rows = printed("%d: ", GetChassisType());
-    for (int id = -1; id < 14; ++id)
-        rows += GetSlotById(id)->slotN == -1 ? "" : text(GetSlotById(id));
-    return rows;
-}
-
-TEST(slot_names, the_large_chassis_is_the_default_and_names_match_whole_and_in_any_case)
-{
-    const std::string large = "1: 0/1/1 1/1/2 2/2/RP1 3/2/RP2 4/3/SW1 5/3/SW2 6/4/FT1 7/4/FT2 "
-                              "8/4/PM1 9/4/PM2 10/4/PM3 11/4/PM4 ";
-    const std::string small = "0: 0/1/1 2/2/RP1 4/3/SW1 5/4/FT1 6/4/PM1 7/4/PM2 ";
-    EXPECT_EQ(chassis_text(), large);
-    EXPECT_EQ(text(GetSlotByName("pm4")) + text(GetSlotByName("1")), "11/4/PM4 0/1/1 ");
-    for (const char *unknown :
-         {"RP", "RP11", "", "RPSW1", "ALSW1", "PEM1", "Err", static_cast<const char *>(nullptr)})
-        EXPECT_EQ(text(GetSlotByName(unknown)), "-1/0/Err ");
-    for (int value : {0, 2, 5, -1}) { // all but the first select nothing
-        SetChassisType(static_cast<chassis_t>(value));
-        EXPECT_EQ(chassis_text(), small);
-    }
-    EXPECT_EQ(text(GetSlotByName("Sw1")) + text(GetSlotByName("PM4")), "4/3/SW1 -1/0/Err ");
-    SetChassisType(ChassisType_2nd_Stack);
-    EXPECT_EQ(chassis_text(), large);
-}
-
 //--- registers ------------------------------------------------------------------------------------
 
-TEST(regiomap_x86, each_access_is_one_of_its_width_and_64_bits_are_two_in_their_order)
+// What the bus sees of an access, and what the caller gets.
+std::string seen_of(const std::function<uint64_t(char *window)> &access)
 {
     // Every read of a register gives another value, so a repeated or merged one would show.
     uint64_t next = 0xf1f2f3f4f5f6f7f0;
     register_trap window(4096, [&next](size_t, unsigned) { return ++next; });
-    char *p = window.base() + 64;
-    const auto does = [&window](uint64_t value) { // what the bus saw, and what the caller got
-        std::string log;
-        for (const register_access &one : window.take_log())
-            log += printed("%s %u@%zu=%jx ", one.kind == register_access::read ? "read" : "write",
-                           one.width, one.offset, uintmax_t{one.value});
-        return log + printed("-> %jx", uintmax_t{value});
-    };
-    EXPECT_EQ(does((iowrite8(0xa1, p + 1), 0)), "write 1@65=a1 -> 0");
-    EXPECT_EQ(does((iowrite16(0xa1b2, p + 2), 0)), "write 2@66=a1b2 -> 0");
-    EXPECT_EQ(does((iowrite32(0xa1b2c3d4, p + 4), 0)), "write 4@68=a1b2c3d4 -> 0");
-    EXPECT_EQ(does((iowrite64(0x1122334455667788, p + 8), 0)),
+    const uint64_t value = access(window.base() + 64);
+    std::string log;
+    for (const register_access &one : window.take_log())
+        log += printed("%s %u@%zu=%jx ", one.kind == register_access::read ? "read" : "write",
+                       one.width, one.offset, uintmax_t{one.value});
+    return log + printed("-> %jx", uintmax_t{value});
+}
+
+TEST(regiomap_x86, each_access_is_one_of_its_width)
+{
+    EXPECT_EQ(seen_of([](char *p) { return iowrite8(0xa1, p + 1), 0; }), "write 1@65=a1 -> 0");
+    EXPECT_EQ(seen_of([](char *p) { return iowrite16(0xa1b2, p + 2), 0; }), "write 2@66=a1b2 -> 0");
+    EXPECT_EQ(seen_of([](char *p) { return iowrite32(0xa1b2c3d4, p + 4), 0; }),
+              "write 4@68=a1b2c3d4 -> 0");
+    EXPECT_EQ(seen_of([](char *p) { return ioread8(p + 1); }), "read 1@65=f1 -> f1");
+    EXPECT_EQ(seen_of([](char *p) { return ioread16(p + 2); }), "read 2@66=f7f1 -> f7f1");
+    EXPECT_EQ(seen_of([](char *p) { return ioread32(p + 4); }), "read 4@68=f5f6f7f1 -> f5f6f7f1");
+}
+
+TEST(regiomap_x86, an_access_of_64_bits_is_two_in_an_order_of_its_own)
+{
+    EXPECT_EQ(seen_of([](char *p) { return iowrite64(0x1122334455667788, p + 8), 0; }),
               "write 4@72=55667788 write 4@76=11223344 -> 0");
-    EXPECT_EQ(does(ioread8(p + 1)), "read 1@65=f1 -> f1");
-    EXPECT_EQ(does(ioread16(p + 2)), "read 2@66=f7f2 -> f7f2");
-    EXPECT_EQ(does(ioread32(p + 4)), "read 4@68=f5f6f7f3 -> f5f6f7f3");
-    EXPECT_EQ(does(ioread64(p + 8)), "read 4@76=f5f6f7f4 read 4@72=f5f6f7f5 -> f5f6f7f4f5f6f7f5");
-    // Nothing is at a null address.
+    EXPECT_EQ(seen_of([](char *p) { return ioread64(p + 8); }),
+              "read 4@76=f5f6f7f1 read 4@72=f5f6f7f2 -> f5f6f7f1f5f6f7f2");
+}
+
+TEST(regiomap_x86, nothing_is_written_at_a_null_address)
+{
     iowrite8(0x12, nullptr);
     iowrite16(0x1234, nullptr);
     iowrite32(0x12345678, nullptr);
@@ -117,7 +94,7 @@ TEST(mmap_device, maps_shared_memory_at_physical_addresses_above_4_gib)
         const void *const result = mmap_device_open(address, 4096);
         return !result ? errno : result == MAP_FAILED ? -errno : 0;
     };
-    EXPECT_EQ(failures_of(EIO, open_it), "open: 5 " + no_memory + "mmap: -5\nclose: 0\n");
+    expect_failures("mmap_device", EIO, open_it);
 }
 
 //--- the inventory --------------------------------------------------------------------------------
@@ -151,7 +128,8 @@ protected:
 TEST_F(inventory, a_store_writes_29_bytes_twice_and_they_read_back)
 {
     EXPECT_OUTCOME(diag_inventory_store("sw1", &record_), {.value = 1, .err = aaa});
-    EXPECT_TRUE(read_file(sw1_file) == golden && read_file("/flash/diags/aaa") == golden);
+    EXPECT_EQ(read_file(sw1_file), golden);
+    EXPECT_EQ(read_file("/flash/diags/aaa"), golden);
     EXPECT_EQ(std::memcmp(&record_, golden.data(), 29), 0) << "the caller's record is completed";
     diag_inventory_t read = {};
     EXPECT_OUTCOME(diag_inventory_get_all("SW1", &read), {.value = 1});
@@ -209,19 +187,16 @@ TEST_F(inventory, what_is_no_whole_record_is_corrupted)
 
 TEST_F(inventory, each_failing_call_is_reported_by_its_line)
 {
-    const std::string opening = line("openning aaa !");
-    const std::string no_aaa = opening + line("cannot open inventory aaa!");
-    const std::string no_file = line("cannot open inventory " + sw1_file + "!");
     // Whether all was written is not looked at.
-    EXPECT_EQ(failures_of(EIO, [this] { return diag_inventory_store("sw1", &record_); }),
-              "open: 1 " + no_aaa + "write: 1 " + aaa + "close: 1 " + aaa + "open: 0 " + aaa +
-                  no_file);
-    EXPECT_EQ(failures_of(EIO, [this] { return diag_inventory_get_all("sw1", &record_); }),
-              "open: 0 " + line("cannot open inventory " + sw1_file) + "read: 0 " +
-                  line("inventory " + sw1_file + " is corrupted") + "close: 1\n");
+    expect_failures("inventory/store", EIO,
+                    [this] { return diag_inventory_store("sw1", &record_); });
+    expect_failures("inventory/get", EIO,
+                    [this] { return diag_inventory_get_all("sw1", &record_); });
     fs::remove_all("/flash/diags"); // which a store does not make
     EXPECT_OUTCOME(diag_inventory_store("sw1", &record_),
-                   {.error = ENOENT, .err = no_aaa + no_file});
+                   {.error = ENOENT,
+                    .err = line("openning aaa !") + line("cannot open inventory aaa!") +
+                           line("cannot open inventory " + sw1_file + "!")});
     EXPECT_FALSE(fs::exists("/flash/diags"));
 }
 

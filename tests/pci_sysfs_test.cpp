@@ -245,59 +245,79 @@ TEST_F(pci_sysfs, leaves_the_windows_of_a_vanished_device_mapped)
 
 //--- hot swap -------------------------------------------------------------------------------------
 
-TEST_F(qel_pci_hotswap, installs_its_module_and_logs_what_fails)
+const std::string program = fs::read_symlink("/proc/self/exe");
+const std::string command = ": /sbin/modprobe -s qel_pci_hotswap";
+
+int install(int opts = 0)
 {
-    syslog_socket log;
-    const std::string program = fs::read_symlink("/proc/self/exe");
-    const std::string command = ": /sbin/modprobe -s qel_pci_hotswap";
-    const auto install = [](int opts) {
-        return qel_pci_hotswap_install(static_cast<qel_pci_hotswap_options_t>(opts));
-    };
-    // A shell that still waits for the loader reports a killed one as an exit: kill it too.
-    const char *const killed = "[ $(cat /proc/$PPID/comm) = sh ] && kill -9 $PPID; kill -9 $$";
-    struct {
-        int opts;
-        std::string option;
-        std::string ending = "exit 0";
-        std::string failure = "";
-    } cases[] = {{0, ""},
-                 {1, "][pcie_only"},
-                 {2, "][pciehp_only"},
-                 {3, ""},
-                 {-1, ""}, // all run
-                 {1, "][pcie_only", killed},
-                 {0, "", "exit 255", " exited with status 255\n"},
-                 {2, "][pciehp_only", "exit 1", " exited with status 1\n"}};
-    for (auto &c : cases) {
+    return qel_pci_hotswap_install(static_cast<qel_pci_hotswap_options_t>(opts));
+}
+
+TEST_F(qel_pci_hotswap, runs_the_module_loader_with_the_option)
+{
+    const syslog_socket log;
+    for (const auto &[opts, option] : {std::pair<int, std::string>{0, ""},
+                                       {1, "pcie_only"},
+                                       {2, "pciehp_only"},
+                                       {3, ""},
+                                       {-1, ""}}) {
         fs::remove(chassis_sim::modprobe_log);
-        chassis_sim::replace_modprobe(c.ending);
-        // The first opens the log.
-        EXPECT_OUTCOME(
-            install(c.opts),
-            {.value = c.failure.empty() ? 0 : -1, .error = any_error, .opens = &c == cases});
-        EXPECT_EQ(read_file(chassis_sim::modprobe_log),
-                  "[/sbin/modprobe][-s][qel_pci_hotswap" + c.option + "]\n");
-        const std::string option = c.option.empty() ? "" : c.option.replace(0, 2, " ");
-        const std::string line = "<29>" + program + command + option;
-        EXPECT_EQ(log.take(), line + "\n" + (c.failure.empty() ? "" : line + c.failure));
+        chassis_sim::replace_modprobe();
+        EXPECT_OUTCOME(install(opts), {.error = any_error, .opens = opts == 0}); // opens the log
+        EXPECT_EQ(read_file(chassis_sim::modprobe_log), "[/sbin/modprobe][-s][qel_pci_hotswap" +
+                                                            (option.empty() ? "" : "][" + option) +
+                                                            "]\n");
+        EXPECT_EQ(log.take(),
+                  "<29>" + program + command + (option.empty() ? "" : " " + option) + "\n");
     }
+}
+
+TEST_F(qel_pci_hotswap, logs_the_status_of_a_loader_that_fails)
+{
+    const syslog_socket log;
+    for (const std::string status : {"255", "1"}) {
+        chassis_sim::replace_modprobe("exit " + status);
+        EXPECT_EQ(install(2), -1);
+        const std::string line = "<29>" + program + command + " pciehp_only";
+        EXPECT_EQ(log.take(), line + "\n" + line + " exited with status " + status + "\n");
+    }
+}
+
+// A shell that still waits for the loader reports a killed one as an exit: kill it too.
+TEST_F(qel_pci_hotswap, takes_a_killed_loader_for_a_success)
+{
+    chassis_sim::replace_modprobe("[ $(cat /proc/$PPID/comm) = sh ] && kill -9 $PPID; kill -9 $$");
+    EXPECT_EQ(install(), 0);
+}
+
+TEST_F(qel_pci_hotswap, logs_what_it_cannot_spawn)
+{
+    const syslog_socket log;
     chassis_sim::replace_modprobe();
-    const auto plain = [&] { return install(0); };
-    fail_each_call(EXDEV, plain, [&](const run &run) {
-        const std::string told = log.take();
-        const bool tells = told.ends_with(command + " exited with status 127\n") ||
-                           told.ends_with("-s failed to spawn: Invalid cross-device link\n");
-        EXPECT_EQ(tells, run.seen.value == -1) << run << told;
-        EXPECT_EQ(run.seen.opens + run.blocks, 0) << run;
-    });
+    install(); // opens the log
     log.take();
+    fail_each_call(
+        EXDEV, [] { return install(); },
+        [&](const run &run) {
+            const std::string told = log.take();
+            const bool tells = told.ends_with(command + " exited with status 127\n") ||
+                               told.ends_with("-s failed to spawn: Invalid cross-device link\n");
+            EXPECT_EQ(tells, run.seen.value == -1) << run << told;
+            EXPECT_EQ(run.seen.opens + run.blocks, 0) << run;
+        });
+}
+
+TEST_F(qel_pci_hotswap, cuts_the_name_of_its_program)
+{
+    const syslog_socket log;
+    chassis_sim::replace_modprobe();
     ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
     for (const size_t length : {0, 254, 255, 300}) {
         const std::string name = length ? std::string(length, 'p') : "<unknown>";
         fs::remove_all("/proc/self");
         if (length > 0)
             make_symlink("/proc/self/exe", name);
-        EXPECT_EQ(install(0), 0);
+        EXPECT_EQ(install(), 0);
         EXPECT_EQ(log.take(), "<29>" + name.substr(0, 255) + command + "\n");
     }
     umount("/proc");

@@ -135,7 +135,7 @@ TEST(devaccess, keeps_shows_copies_and_follows_logs)
     };
     wait_for("later\n");
     // And on, before it looks again.
-    run("devaccess podlog add SW1 three && devaccess podlog next SW1 && devaccess podlog add SW1 four");
+    run("devaccess podlog add SW1 three; devaccess podlog next SW1; devaccess podlog add SW1 four");
     wait_for("four\n");
     ::kill(follower, SIGKILL);
     ::waitpid(follower, nullptr, 0);

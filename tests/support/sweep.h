@@ -32,8 +32,8 @@ int fail_each_call(int error, const std::function<result()> &operation,
 // on the heap.
 std::string failures_of(int error, const std::function<result()> &operation);
 
-// Compares them with tests/expected/NAME/failing_calls.txt and failing_allocations.txt: each outcome
-// once and sorted, without what depends on how the C library does its part.
+// Compares them with tests/expected/NAME/failing_calls.txt and failing_allocations.txt: each
+// outcome once and sorted, without what depends on how the C library does its part.
 void expect_failures(const std::string &name, int error, const std::function<result()> &operation);
 
 // Whether allocations are made to fail: not under the address sanitizer.
