@@ -335,6 +335,17 @@ def test_a_log_that_cannot_be_opened_says_why(chassis: Chassis) -> None:
         chassis.call(read_post_logs)
 
 
+def newest_history(card: str) -> int:
+    return next(PodLogs("n20")[card].histories()).number
+
+
+@pytest.mark.chassis(description={"logs": {"chassis": "n20", "states": {"SW2": "blank"}}})
+def test_a_failure_without_an_errno_of_its_own_is_eio(chassis: Chassis) -> None:
+    with pytest.raises(OSError, match="magic number not initialized") as failed:
+        chassis.call(newest_history, "SW2")
+    assert failed.value.errno == EIO
+
+
 # --- slots and inventory
 
 
