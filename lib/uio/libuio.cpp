@@ -374,7 +374,7 @@ void *libuio_get_mapinfo(const libuio_dev_t *uio, unsigned int index, size_t *si
 unsigned int libuio_get_map_limit(const libuio_dev_t *uio)
 {
     if (!uio)
-        return fail(0, EINVAL);
+        return fail(0U, EINVAL);
     return uio->map_count ? uio->map_index_max + 1 : 0;
 }
 
