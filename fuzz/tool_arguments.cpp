@@ -2,8 +2,9 @@
 // separated by the byte 0x1e.
 #include "fuzz/support.h"
 #include "sim/program/chassis.h"
-#include "tools/base/output.h"
+#include "tools/base/settings.h"
 #include "tools/cli/dispatch.h"
+#include "tools/families.h"
 
 #include <algorithm>
 
@@ -63,7 +64,8 @@ void run(std::vector<std::string> arguments)
     argv.push_back(nullptr);
     devaccess::settings = {};
     const working_directory flash;
-    const int status = devaccess::run_program(static_cast<int>(arguments.size()), argv.data());
+    const int status = devaccess::run_program(
+        devaccess::command_families, static_cast<int>(arguments.size()), argv.data());
     fuzz::require(status >= 0 && status <= 2);
 }
 

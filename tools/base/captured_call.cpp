@@ -1,11 +1,11 @@
+// Keeps what the library prints, and makes one line of its failures.
 #include "tools/base/captured_call.h"
 
+#include "tools/base/errors.h"
 #include "tools/base/output.h"
 #include "tools/base/rights.h"
+#include "tools/base/settings.h"
 
-#include <algorithm>
-#include <cctype>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -39,13 +39,6 @@ std::string without_prefixes(std::string line)
 }
 
 } // namespace
-
-failure::failure(const std::string &what, const std::string &why, const std::string &hint_text,
-                 int errno_value)
-    : std::runtime_error("cannot " + what + ": " + why),
-      hint(missing_right(why, errno_value).value_or(hint_text)), error(errno_value)
-{
-}
 
 kept_output::kept_output() : memory_(::open_memstream(&text_, &size_))
 {
@@ -95,36 +88,6 @@ void pass_on(const std::string &said)
 void fail(const std::string &what, const outcome &how, const std::string &hint)
 {
     throw failure(what, how.why(), missing_right(how.said, 0).value_or(hint), how.error);
-}
-
-unsigned long long parse_number(const std::string &name, const std::string &text,
-                                unsigned long long max)
-{
-    const bool is_hex = text.compare(0, 2, "0x") == 0 || text.compare(0, 2, "0X") == 0;
-    const char *first = text.data() + (is_hex ? 2 : 0);
-    const char *last = text.data() + text.size();
-    unsigned long long value = 0;
-    const auto [end, error] = std::from_chars(first, last, value, is_hex ? 16 : 10);
-    if (error == std::errc::invalid_argument || end != last)
-        throw usage_error(fmt::format("{} '{}' is no number; write 26 or 0x1a", name, text));
-    if (error == std::errc::result_out_of_range || value > max)
-        throw usage_error(fmt::format("{} {} is too large; at most {:#x}", name, text, max));
-    return value;
-}
-
-masked_value parse_masked(const std::string &text, unsigned long long max)
-{
-    const size_t slash = text.find('/');
-    const auto value = parse_number("the value", text.substr(0, slash), max);
-    return {value, slash == text.npos ? max : parse_number("the mask", text.substr(slash + 1), max),
-            max};
-}
-
-std::string in_capitals(std::string text)
-{
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
 }
 
 } // namespace devaccess

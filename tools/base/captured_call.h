@@ -4,32 +4,11 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <stdexcept>
 #include <string>
 #include <utility>
 
 namespace devaccess
 {
-
-// The command line is not understood: exit status 2.
-struct usage_error : std::runtime_error {
-    explicit usage_error(const std::string &what, std::string suggested = "")
-        : std::runtime_error(what), suggestion(std::move(suggested))
-    {
-    }
-
-    std::string suggestion; // did_you_mean()
-};
-
-// A command could not do its work: exit status 1. "cannot WHAT: WHY", and a hint for what to do.
-struct failure : std::runtime_error {
-    // Where a right is missing, the hint is which.
-    failure(const std::string &what, const std::string &why, const std::string &hint,
-            int errno_value = 0);
-
-    std::string hint;
-    int error; // errno of the failing call, 0 when there is none
-};
 
 // While it exists, C's standard streams, which this C library lets a program set, go to memory.
 class kept_output
@@ -114,33 +93,5 @@ public:
 private:
     Close close_;
 };
-
-// A number in decimal or, behind "0x", hexadecimal, at most max.
-unsigned long long parse_number(const std::string &name, const std::string &text,
-                                unsigned long long max);
-
-// The highest number of so many bits.
-constexpr unsigned long long highest(unsigned bits)
-{
-    return ~0ull >> (64 - bits);
-}
-
-// "VALUE" or "VALUE/MASK", of which the mask says the bits that count.
-struct masked_value {
-    unsigned long long value;
-    unsigned long long mask;
-    unsigned long long all; // of the register's bits
-
-    bool is_whole() const { return mask == all; }
-    unsigned long long applied_to(unsigned long long before) const
-    {
-        return (before & ~mask) | (value & mask);
-    }
-    bool matches(unsigned long long other) const { return ((other ^ value) & mask) == 0; }
-};
-masked_value parse_masked(const std::string &text, unsigned long long max);
-
-// Upper case, as the names of cards and slots are.
-std::string in_capitals(std::string text);
 
 } // namespace devaccess

@@ -1,6 +1,8 @@
+// Reads files whole, and replaces them whole.
 #include "tools/base/files.h"
 
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,6 +1,12 @@
+// Prints records as tables, CSV and JSON; the only file that knows a JSON library.
 #include "tools/base/output.h"
 
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
+#include "tools/base/settings.h"
 #include "tools/base/times.h"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdlib>
@@ -14,19 +20,81 @@
 namespace devaccess
 {
 
-program_settings settings;
+//--- JSON -----------------------------------------------------------------------------------------
+
+using json = nlohmann::ordered_json;
+
+class json_writer
+{
+public:
+    json operator()(std::nullptr_t) const { return nullptr; }
+    json operator()(const field_value::array &elements) const
+    {
+        json made = json::array();
+        for (const field_value &element : elements)
+            made.push_back(std::visit(*this, element.get()));
+        return made;
+    }
+    json operator()(const field_value::object &members) const
+    {
+        json made = json::object();
+        for (const member &one : members)
+            made[one.name] = std::visit(*this, one.is.get());
+        return made;
+    }
+    json operator()(const auto &plain) const { return plain; }
+
+    json operator()(const record &what) const
+    {
+        json made = json::object();
+        for (const record::field &f : what.fields_)
+            made[f.name] = std::visit(*this, f.is.get());
+        for (const record_set &set : what.sets_) {
+            json &rows = made[set.name] = json::array();
+            for (const record &row : set.rows)
+                rows.push_back((*this)(row));
+        }
+        return made;
+    }
+};
 
 namespace
 {
 
-std::string text_of(const json &value)
+std::string dump(const json &what, int indent)
 {
-    if (value.is_null())
-        return "-";
-    if (value.is_boolean())
-        return value.get<bool>() ? "yes" : "no";
-    return value.is_string() ? value.get<std::string>() : value.dump();
+    return what.dump(indent, ' ', false, json::error_handler_t::replace);
 }
+
+std::string serialized(const record &what, int indent)
+{
+    json object = {{"format", json_format}};
+    object.update(json_writer()(what));
+    return dump(object, indent);
+}
+
+} // namespace
+
+std::string record::as_json(int indent) const
+{
+    return dump(json_writer()(*this), indent);
+}
+
+std::string field_value::text() const
+{
+    if (is_null())
+        return "-";
+    if (const bool *flag = std::get_if<bool>(&is_))
+        return *flag ? "yes" : "no";
+    if (const std::string *text = std::get_if<std::string>(&is_))
+        return *text;
+    return dump(std::visit(json_writer(), is_), -1);
+}
+
+//--- tables ---------------------------------------------------------------------------------------
+
+namespace
+{
 
 bool in_colour(int descriptor)
 {
@@ -75,7 +143,7 @@ size_t terminal_width()
     return size.ws_col ? size.ws_col : SIZE_MAX;
 }
 
-// Breaks a text that begins behind the indent at blanks, so that it stays behind it on a terminal.
+// Breaks a text that begins after the indent at blanks, so that it stays there on a terminal.
 std::string wrapped(std::string text, size_t indent)
 {
     const size_t width = terminal_width();
@@ -112,13 +180,6 @@ std::vector<size_t> column_widths(const std::vector<cells> &lines)
         for (size_t column = 0; column < widths.size(); ++column)
             widths[column] = std::max(widths[column], width_of(line[column].text));
     return widths;
-}
-
-std::string serialized(const record &what, int indent)
-{
-    json object = {{"format", json_format}};
-    object.update(what.as_json());
-    return object.dump(indent, ' ', false, json::error_handler_t::replace);
 }
 
 // The bytes of the UTF-8 character that the text begins with; 0 when that is none, or a control
@@ -182,9 +243,12 @@ void print_csv_row(const record &row, bool is_heading)
     };
     const char *separator = "";
     for (const record::field &f : row.fields_) {
-        const json value = is_heading ? json(f.name) : f.value;
-        const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
-        std::cout << separator << (value.is_null() ? "" : quoted(text));
+        const std::string text = is_heading       ? f.name
+                                 : f.is.is_null() ? ""
+                                 : std::holds_alternative<std::string>(f.is.get())
+                                     ? f.is.text()
+                                     : dump(std::visit(json_writer(), f.is.get()), -1);
+        std::cout << separator << quoted(text);
         separator = ",";
     }
     std::cout << '\n';
@@ -210,14 +274,14 @@ std::string printable(const std::string &bytes)
     return shown;
 }
 
-record &record::add(const std::string &name, const json &value)
+record &record::add(const std::string &name, const field_value &is)
 {
-    return add(name, value, text_of(value));
+    return add(name, is, is.text());
 }
 
-record &record::add(const std::string &name, const json &value, const std::string &text)
+record &record::add(const std::string &name, const field_value &is, const std::string &text)
 {
-    fields_.push_back({name, value, text, true});
+    fields_.push_back({name, is, text, true});
     return *this;
 }
 
@@ -241,9 +305,9 @@ record &record::add_message(const std::string &bytes)
     return add("message", text).warn_if(tells_failure);
 }
 
-record &record::add_hidden(const std::string &name, const json &value)
+record &record::add_hidden(const std::string &name, const field_value &is)
 {
-    fields_.push_back({name, value, "", false});
+    fields_.push_back({name, is, "", false});
     return *this;
 }
 
@@ -263,19 +327,6 @@ record &record::append(const record &other)
 {
     fields_.insert(fields_.end(), other.fields_.begin(), other.fields_.end());
     return *this;
-}
-
-json record::as_json() const
-{
-    json object = json::object();
-    for (const field &f : fields_)
-        object[f.name] = f.value;
-    for (const record_set &set : sets_) {
-        json &rows = object[set.name] = json::array();
-        for (const record &row : set.rows)
-            rows.push_back(row.as_json());
-    }
-    return object;
 }
 
 std::vector<record::field> record::fields_for_people() const
@@ -382,7 +433,7 @@ void print_failure(const std::string &command, const std::string &message, const
         std::cerr << serialized(record()
                                     .add("message", text)
                                     .add("command", command)
-                                    .add("errno", error ? json(error) : json())
+                                    .add("errno", error ? field_value(error) : field_value())
                                     .add("hint", advice),
                                 -1)
                   << '\n';

@@ -2,35 +2,20 @@
 // line, or one object, on standard error.
 #pragma once
 
-#include "tools/base/captured_call.h"
-
-#include <nlohmann/json.hpp>
-
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace devaccess
 {
 
-using json = nlohmann::ordered_json;
-
 // Of all JSON objects, in their member "format"; devaccess.schema.json describes them.
 inline constexpr int json_format = 1;
-
-// What the command line says to every command.
-struct program_settings {
-    bool as_json = false;
-    bool verbose = false;
-    bool local_time = false;
-    std::string colour = "auto"; // or "always", "never"
-    std::string entries_as;      // "jsonl" or "csv"; empty: as all else
-    std::string chassis;         // "n20", "n10", "n4"; empty: not said
-    bool is_rp2 = false;
-};
-extern program_settings settings;
 
 std::string hex(uint64_t value, int digits = 1);
 
@@ -38,10 +23,54 @@ std::string hex(uint64_t value, int digits = 1);
 // as "\xNN". What comes from a device cannot steer a terminal, break a line or look like an escape.
 std::string printable(const std::string &bytes);
 
-template <typename T>
-json if_any(const std::optional<T> &value)
+struct member;
+
+// What a member of a JSON object can be; a default one is null.
+class field_value
 {
-    return value ? json(*value) : json();
+public:
+    using array = std::vector<field_value>;
+    using object = std::vector<member>;
+    using kind =
+        std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string, array, object>;
+
+    field_value() = default;
+    field_value(std::nullptr_t) {}
+    field_value(bool is) : is_(is) {}
+    field_value(std::signed_integral auto number) : is_(int64_t{number}) {}
+    field_value(std::unsigned_integral auto number) : is_(uint64_t{number}) {}
+    field_value(double number) : is_(number) {}
+    field_value(const char *text) : is_(std::string(text)) {}
+    field_value(std::string text) : is_(std::move(text)) {}
+    field_value(array elements);
+    field_value(object members);
+    template <typename T>
+    field_value(const std::optional<T> &maybe)
+        : field_value(maybe ? field_value(*maybe) : field_value())
+    {
+    }
+
+    bool is_null() const { return std::holds_alternative<std::nullptr_t>(is_); }
+    const kind &get() const { return is_; }
+    // As tables have it.
+    std::string text() const;
+
+private:
+    kind is_ = nullptr;
+};
+
+struct member {
+    std::string name;
+    field_value is;
+};
+
+inline field_value::field_value(array elements) : is_(std::move(elements)) {}
+inline field_value::field_value(object members) : is_(std::move(members)) {}
+
+// Null where the text is empty.
+inline field_value text_or_null(const std::string &text)
+{
+    return text.empty() ? field_value() : field_value(text);
 }
 
 class record;
@@ -56,32 +85,34 @@ struct record_set {
 class record
 {
 public:
-    record &add(const std::string &name, const json &value);
-    record &add(const std::string &name, const json &value, const std::string &text);
+    record &add(const std::string &name, const field_value &is);
+    record &add(const std::string &name, const field_value &is, const std::string &text);
     record &add_hex(const std::string &name, uint64_t value, int digits);
     // What was added last stands out when it is bad.
     record &warn_if(bool is_bad);
     // Bytes of a log, which stand out when they tell of a failure.
     record &add_message(const std::string &bytes);
     // For programs alone.
-    record &add_hidden(const std::string &name, const json &value);
+    record &add_hidden(const std::string &name, const field_value &is);
     // As time_text has it, and in JSON the seconds as NAME_raw too.
     record &add_time(const std::string &name, time_t seconds);
     record &add(record_set set);
     // The fields of another.
     record &append(const record &other);
 
-    json as_json() const;
     void print_as_text() const;
+    // As JSON; on one line unless indented.
+    std::string as_json(int indent = -1) const;
 
 private:
     struct field {
         std::string name;
-        json value;
+        field_value is;
         std::string text;
         bool for_people;
         bool is_bad = false;
     };
+    friend class json_writer;
     friend void print_table(const record_set &set);
     friend void print_csv_row(const record &row, bool is_heading);
     friend void print_line(const record &what);

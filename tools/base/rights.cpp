@@ -1,3 +1,4 @@
+// Finds out which right a process lacks.
 #include "tools/base/rights.h"
 
 #include <cerrno>

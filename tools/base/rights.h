@@ -1,3 +1,4 @@
+// Which right a process lacks.
 #pragma once
 
 #include <optional>

@@ -1,7 +1,7 @@
 // A library that few commands need, loaded when it is used: most commands are shorter than that.
 #pragma once
 
-#include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 
 #include <string>
 

@@ -1,6 +1,7 @@
+// Finds the word that a misspelt one is likely to mean.
 #include "tools/base/suggest.h"
 
-#include "tools/base/captured_call.h"
+#include "tools/base/numbers.h"
 
 #include <algorithm>
 #include <numeric>

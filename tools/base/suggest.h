@@ -1,3 +1,4 @@
+// Suggestions for misspelt words.
 #pragma once
 
 #include <string>

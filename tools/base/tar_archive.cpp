@@ -1,6 +1,7 @@
+// Writes tar archives with libarchive.
 #include "tools/base/tar_archive.h"
 
-#include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 #include "tools/base/shared_library.h"
 
 #include <archive.h>

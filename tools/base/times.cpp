@@ -1,12 +1,13 @@
+// Writes and parses times.
 #include "tools/base/times.h"
 
-#include "tools/base/captured_call.h"
-#include "tools/base/output.h"
-
-#include <CLI/CLI.hpp>
+#include "tools/base/errors.h"
+#include "tools/base/settings.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <limits>
 #include <optional>
 
@@ -128,13 +129,6 @@ time_t parse_time(const std::string &text)
     throw usage_error(fmt::format("'{}' is no time; write 2026-11-24, '2026-11-24 21:16:56', "
                                   "today, yesterday, 2h (ago) or @1795555016",
                                   text));
-}
-
-void time_span::add_options(CLI::App &app)
-{
-    app.add_option("--since", since, "entries of this time and later: a date, today, 2h (ago), ...")
-        ->option_text("TIME");
-    app.add_option("--until", until, "entries of this time and earlier")->option_text("TIME");
 }
 
 time_limits time_span::limits() const

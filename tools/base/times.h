@@ -4,11 +4,6 @@
 #include <ctime>
 #include <string>
 
-namespace CLI
-{
-class App;
-}
-
 namespace devaccess
 {
 
@@ -33,7 +28,6 @@ struct time_span {
     std::string since;
     std::string until;
 
-    void add_options(CLI::App &app);
     // The options become times; without one there is no limit.
     time_limits limits() const;
 };

@@ -1,9 +1,13 @@
+// Waits that show what they wait for and end at a signal.
 #include "tools/base/waiting.h"
 
-#include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
+#include "tools/base/settings.h"
 
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <thread>
 
@@ -33,15 +37,6 @@ void handle_signals(void (*handler)(int))
     for (const int number : signals)
         if (::sigaction(number, nullptr, &before) == 0 && before.sa_handler != SIG_IGN)
             ::sigaction(number, &action, nullptr);
-}
-
-// Also refuses what is no number at all, which compares as in no range.
-std::string time_problem(const std::string &text)
-{
-    double seconds = 0;
-    const bool good = CLI::detail::lexical_cast(text, seconds) && std::isfinite(seconds) &&
-                      seconds >= 0 && seconds <= 1e9;
-    return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
 }
 
 } // namespace
@@ -129,22 +124,14 @@ bool waiting::sleep(std::chrono::milliseconds time)
     return !is_over();
 }
 
-void wait_options::add_timeout(CLI::App &command)
+// Refuses what is no number at all too, which compares as in no range.
+std::string time_problem(const std::string &text)
 {
-    command.add_option("--timeout", timeout, "for so many seconds; else without limit")
-        ->option_text("SECONDS")
-        ->check(CLI::Validator(time_problem, "SECONDS"));
-}
-
-void wait_options::add_watch(CLI::App &command)
-{
-    command.add_option("--until", until, "ends when it holds this; the mask says which bits count")
-        ->option_text("VALUE[/MASK]");
-    command.add_option("--every", every, "milliseconds from one look to the next")
-        ->option_text("MS")
-        ->check(CLI::Range(0u, 3600000u))
-        ->capture_default_str();
-    add_timeout(command);
+    char *end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    const bool good =
+        !text.empty() && *end == '\0' && std::isfinite(seconds) && seconds >= 0 && seconds <= 1e9;
+    return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
 }
 
 void watch_register(const std::string &name, unsigned width, const wait_options &options,

@@ -4,8 +4,6 @@
 
 #include "tools/base/output.h"
 
-#include <CLI/CLI.hpp>
-
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -57,10 +55,10 @@ struct wait_options {
     double timeout = -1;
     unsigned every = 100;
     std::string until;
-
-    void add_timeout(CLI::App &command);
-    void add_watch(CLI::App &command);
 };
+
+// Empty for a number of seconds to wait.
+std::string time_problem(const std::string &text);
 
 // Prints what a register holds, and then each change, until the value is there or the time over.
 void watch_register(const std::string &name, unsigned width, const wait_options &options,

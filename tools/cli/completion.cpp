@@ -1,46 +1,29 @@
+// Proposes words for a place of the command line.
 #include "tools/cli/completion.h"
 
-#include "tools/base/output.h"
-
+#include <algorithm>
+#include <exception>
 #include <iostream>
 
 namespace devaccess
 {
-
-std::string named_command;
-
 namespace
 {
 
-constexpr char paths[] = ":paths";
-
-std::map<const CLI::Option *, chooser> &offers()
-{
-    static std::map<const CLI::Option *, chooser> all;
-    return all;
-}
-
 // Where on a command line the next word stands.
 struct place {
-    CLI::App *command;
-    CLI::Option *expecting = nullptr; // the option whose value is next
+    const command_tree &tree;
+    const CLI::App *command;
+    const CLI::Option *expecting = nullptr; // the option whose value is next
     size_t arguments = 0;
     given_options given = {};
 };
 
-CLI::App *child(CLI::App &command, const std::string &name)
+const CLI::App *child(const CLI::App &command, const std::string &name)
 {
-    const auto found = command.get_subcommands(
-        [&](const CLI::App *candidate) { return candidate->get_name() == name; });
-    return found.empty() ? nullptr : found.front();
-}
-
-// An option of the command, or of those that it belongs to.
-CLI::Option *find_option(CLI::App *command, const std::string &name)
-{
-    for (; command; command = command->get_parent())
-        if (CLI::Option *option = command->get_option_no_throw(name))
-            return option;
+    for (const CLI::App *candidate : commands_below(command))
+        if (candidate->get_name() == name)
+            return candidate;
     return nullptr;
 }
 
@@ -48,7 +31,7 @@ void pass_option(place &here, const std::string &word)
 {
     const size_t equals = word.find('=');
     const std::string name = word.substr(0, equals);
-    CLI::Option *option = find_option(here.command, name);
+    const CLI::Option *option = find_option(here.command, name);
     if (equals != word.npos)
         here.given[name] = word.substr(equals + 1);
     else if (option && option->get_expected_max() > 0)
@@ -62,18 +45,20 @@ void pass(place &here, const std::string &word)
         here.expecting = nullptr;
     } else if (word.size() > 1 && word[0] == '-') {
         pass_option(here, word);
-    } else if (CLI::App *command = here.arguments == 0 ? child(*here.command, word) : nullptr) {
+    } else if (const CLI::App *command =
+                   here.arguments == 0 ? child(*here.command, word) : nullptr) {
         here.command = command;
     } else {
         ++here.arguments;
     }
 }
 
-std::vector<std::string> values_of(const CLI::Option *option, const given_options &given)
+std::vector<std::string> values_of(const place &here, const CLI::Option *option)
 {
-    const auto found = offers().find(option);
+    const auto found = here.tree.values().find(option);
     try {
-        return found == offers().end() ? std::vector<std::string>() : found->second(given);
+        return found == here.tree.values().end() ? std::vector<std::string>()
+                                                 : found->second(here.given);
     } catch (const std::exception &) { // what is there cannot be told
         return {};
     }
@@ -93,7 +78,7 @@ described without_descriptions(const std::vector<std::string> &words)
 described commands_of(const CLI::App &command)
 {
     described found;
-    for (const CLI::App *child : command.get_subcommands([](const CLI::App *) { return true; }))
+    for (const CLI::App *child : commands_below(command))
         found[child->get_name()] = child->get_description();
     return found;
 }
@@ -116,7 +101,7 @@ described words_at(const place &here)
         if (option->get_positional()) {
             const bool goes_on = position < here.arguments && option->get_expected_max() > 1;
             if (position++ == here.arguments || goes_on)
-                words.merge(without_descriptions(values_of(option, here.given)));
+                words.merge(without_descriptions(values_of(here, option)));
         }
     return words;
 }
@@ -124,13 +109,13 @@ described words_at(const place &here)
 described choices(const place &here, const std::string &current)
 {
     if (here.expecting)
-        return without_descriptions(values_of(here.expecting, here.given));
+        return without_descriptions(values_of(here, here.expecting));
     const size_t equals = current.find('=');
     if (current.rfind("--", 0) == 0 && equals != current.npos) {
         const std::string name = current.substr(0, equals);
-        auto values = values_of(find_option(here.command, name), here.given);
+        auto values = values_of(here, find_option(here.command, name));
         for (std::string &value : values)
-            value = value == paths ? paths : name + "=" + value;
+            value = value == any_path ? any_path : name + "=" + value;
         return without_descriptions(values);
     }
     return current.rfind('-', 0) == 0 ? options_of(here.command) : words_at(here);
@@ -146,34 +131,6 @@ std::vector<std::string> names_of(const described &words)
 
 } // namespace
 
-CLI::Option *offer(CLI::Option *option, chooser values)
-{
-    offers()[option] = std::move(values);
-    return option->check([](const std::string &word) { return word.empty() ? "it is empty" : ""; });
-}
-
-CLI::Option *offer_paths(CLI::Option *option)
-{
-    return offer(option, [](const given_options &) { return std::vector<std::string>{paths}; });
-}
-
-CLI::Option *one_of(CLI::Option *option, const std::vector<std::string> &words)
-{
-    option->check(CLI::IsMember(words));
-    return offer(option, [words](const given_options &) { return words; });
-}
-
-void add_entry_format(CLI::App &app)
-{
-    one_of(app.add_option("--format", settings.entries_as,
-                          "print entries as JSON lines (jsonl) or as CSV (csv)")
-               ->option_text("FORMAT"),
-           {"jsonl", "csv"})
-        ->check([](const std::string &format) {
-            return settings.as_json && format == "csv" ? "csv is no JSON" : "";
-        });
-}
-
 std::vector<std::string> command_names(const CLI::App &command)
 {
     return names_of(commands_of(command));
@@ -184,24 +141,19 @@ std::vector<std::string> option_names(const CLI::App *command)
     return names_of(options_of(command));
 }
 
-void complete(CLI::App &program, const std::vector<std::string> &words)
+void complete(command_tree &tree, const std::vector<std::string> &words)
 {
-    place here = {&program};
+    place here = {tree, &tree.program()};
     for (size_t i = 0; i + 1 < words.size(); ++i)
         pass(here, words[i]);
     const std::string current = words.empty() ? "" : words.back();
     described words_there = choices(here, current);
-    const bool takes_paths = words_there.erase(paths) > 0;
+    const bool takes_paths = words_there.erase(any_path) > 0;
     std::erase_if(words_there, [&](const auto &one) { return !one.first.starts_with(current); });
     if (takes_paths && words_there.empty()) // a shell cannot mix the two
-        words_there[paths];
+        words_there[any_path];
     for (const auto &[word, description] : words_there)
         std::cout << word << (description.empty() ? "" : "\t" + description) << '\n';
-}
-
-void forget_offers()
-{
-    offers().clear();
 }
 
 } // namespace devaccess

@@ -1,10 +1,12 @@
 // Records a machine: its PCI functions, UIO devices and logs, in an archive whose paths are those
 // of the machine.
+#include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/base/output.h"
+#include "tools/base/settings.h"
 #include "tools/base/tar_archive.h"
-#include "tools/cli/chassis_option.h"
-#include "tools/cli/completion.h"
+#include "tools/machine/machine_commands.h"
 #include "tools/podlog/storage.h"
 
 #include <device_access/post_log_nvram.h>
@@ -196,7 +198,8 @@ size_t add_log_files(recorder &machine)
     return count;
 }
 
-// A block of NVRAM is read through its device. Behind a controller it would be written to for that.
+// A block of NVRAM is read through its device. Through a controller it would be written to for
+// that.
 template <typename Read>
 size_t add_block(recorder &machine, const std::string &name, Read read)
 {
@@ -236,9 +239,8 @@ size_t add_blocks(recorder &machine)
         name = name.substr(0, name.find('\n'));
         if (name == "nvlog-pod")
             count += add_block(machine, name, [] {
-                const podlog_arguments own;
                 const pod_card local = {"", 0, {}, PODSTORAGE_NVRAM, 0, {}};
-                return log_storage(own, local).bytes().value_or("");
+                return log_storage({}, local).bytes().value_or("");
             });
         for (const auto &known : post_blocks)
             if (name == known.name)
@@ -258,12 +260,12 @@ std::string manifest(time_t when, const record_set &left_out)
                                .add("format", json_format)
                                .add("program", "devaccess " DEVICE_ACCESS_VERSION)
                                .add_time("time", when)
-                               .add("chassis", chassis.empty() ? json() : json(chassis))
+                               .add("chassis", text_or_null(chassis))
                                .add("rp2", settings.is_rp2)
                                .add("kernel", kernel.release)
                                .add("machine", kernel.machine)
                                .add(left_out);
-    return content.as_json().dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    return content.as_json(2) + "\n";
 }
 
 void collect(const collect_arguments &arguments)
@@ -282,18 +284,17 @@ void collect(const collect_arguments &arguments)
     print(add_records(done, left_out));
 }
 
+void add_archive(command &to, collect_arguments &arguments)
+{
+    to.argument("FILE", arguments.file, "The archive to write, in tar format").paths().required();
+    to.add_flag("--force", arguments.force, "Replace the file if it exists");
+}
+
 } // namespace
 
-void add_collect_command(CLI::App &program)
+void describe_collect(command &to)
 {
-    const auto arguments = std::make_shared<collect_arguments>();
-    CLI::App *command = program.add_subcommand(
-        "collect", "Record the PCI functions, UIO devices and logs of this machine in an archive");
-    offer_paths(command->add_option("FILE", arguments->file, "the archive, in tar format"))
-        ->required();
-    command->add_flag("--force", arguments->force, "replace the file");
-    add_chassis_options(*command);
-    command->callback([arguments] { collect(*arguments); });
+    to.takes(add_archive, collect);
 }
 
 } // namespace devaccess

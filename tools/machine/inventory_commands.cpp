@@ -1,7 +1,9 @@
+// Inventory records: inventory show, store, clear.
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 #include "tools/base/output.h"
-#include "tools/cli/chassis_option.h"
-#include "tools/cli/completion.h"
+#include "tools/base/settings.h"
+#include "tools/machine/machine_commands.h"
 
 #include <device_access/diag_inventory.h>
 #include <device_access/slot_names.h>
@@ -124,33 +126,30 @@ void clear(const inventory_arguments &arguments)
     print_done(record().add("slot", slot.name).add("file", slot.file));
 }
 
+void add_slot(command &to, inventory_arguments &arguments)
+{
+    to.argument("SLOT", arguments.slot, "Name of the slot, e.g. SW1")
+        .choices([](const given_options &) {
+            return std::vector<std::string>{"RPSW", "RP1", "RP2", "SW1", "SW2", "FT1",
+                                            "FT2",  "PM1", "PM2", "PM3", "PM4"};
+        })
+        .required();
+}
+
+void add_stored(command &to, inventory_arguments &arguments)
+{
+    add_slot(to, arguments);
+    to.argument("SERIAL", arguments.serial, "Serial number, at most 14 characters").required();
+    to.argument("PRODUCT", arguments.product, "Product code, at most 5 characters").required();
+}
+
 } // namespace
 
-void add_inventory_commands(CLI::App &program)
+void describe_inventory(command &inventory)
 {
-    using arguments_of = inventory_arguments;
-    command_family<arguments_of> inventory(program, "inventory", "Inventory records of the cards");
-    const auto add = [&](const char *name, const char *description,
-                         void (*act)(const arguments_of &)) {
-        CLI::App *command = inventory.add(name, description, act);
-        offer(command->add_option("SLOT", inventory.arguments->slot, "name of the slot, e.g. SW1"),
-              [](const given_options &) {
-                  return std::vector<std::string>{"RPSW", "RP1", "RP2", "SW1", "SW2", "FT1",
-                                                  "FT2",  "PM1", "PM2", "PM3", "PM4"};
-              })
-            ->required();
-        add_chassis_options(*command);
-        return command;
-    };
-    add("show", "Show a slot's record", show);
-    CLI::App *stored = add("store", "Write a slot's record", store);
-    stored
-        ->add_option("SERIAL", inventory.arguments->serial, "serial number, at most 14 characters")
-        ->required();
-    stored
-        ->add_option("PRODUCT", inventory.arguments->product, "product code, at most 5 characters")
-        ->required();
-    add("clear", "Delete a slot's record", clear);
+    inventory.add("show", "Show a slot's record", add_slot, show);
+    inventory.add("store", "Write a slot's record", add_stored, store);
+    inventory.add("clear", "Delete a slot's record", add_slot, clear);
 }
 
 } // namespace devaccess

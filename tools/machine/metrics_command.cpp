@@ -1,11 +1,13 @@
 // The state of a machine as monitoring systems read it: OpenMetrics text, in which all are gauges,
 // so that it is the older text format of their agents too.
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/base/output.h"
-#include "tools/cli/chassis_option.h"
-#include "tools/cli/completion.h"
-#include "tools/pci/device.h"
+#include "tools/base/settings.h"
+#include "tools/machine/machine_commands.h"
+#include "tools/pci/config_space.h"
 #include "tools/podlog/podlog_commands.h"
+#include "tools/postlog/postlog_commands.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -51,13 +53,15 @@ constexpr struct {
     {"pcie_link_max_width_lanes", "Greatest width of a port's link."},
 };
 
+using labels = std::vector<std::pair<std::string, std::string>>;
+
 class gauges
 {
 public:
     // Labels need no escapes: they are words of ours, and names of PCI functions.
-    void add(const std::string &family, const json &labels, int64_t value)
+    void add(const std::string &family, const labels &of, int64_t value)
     {
-        samples_[family].push_back({labels, value});
+        samples_[family].push_back({of, value});
     }
 
     std::string text() const
@@ -67,11 +71,11 @@ public:
             text += fmt::format("# HELP devaccess_{0} {1}\n# TYPE devaccess_{0} gauge\n",
                                 family.name, family.help);
             for (const sample &one : samples_of(family.name)) {
-                std::string labels;
-                for (const auto &[name, value] : one.labels.items())
-                    labels += fmt::format("{}{}={}", labels.empty() ? "" : ",", name, value.dump());
+                std::string list;
+                for (const auto &[name, value] : one.of)
+                    list += fmt::format("{}{}=\"{}\"", list.empty() ? "" : ",", name, value);
                 text += fmt::format("devaccess_{}{} {}\n", family.name,
-                                    labels.empty() ? "" : "{" + labels + "}", one.value);
+                                    list.empty() ? "" : "{" + list + "}", one.value);
             }
         }
         return text + "# EOF\n";
@@ -81,17 +85,21 @@ public:
     {
         record_set set = {"metrics", {}};
         for (const auto &family : metric_families)
-            for (const sample &one : samples_of(family.name))
+            for (const sample &one : samples_of(family.name)) {
+                field_value::object list;
+                for (const auto &[name, value] : one.of)
+                    list.push_back({name, value});
                 set.rows.push_back(record()
                                        .add("metric", fmt::format("devaccess_{}", family.name))
-                                       .add("labels", one.labels)
+                                       .add("labels", list)
                                        .add("value", one.value));
+            }
         return record().add(std::move(set));
     }
 
 private:
     struct sample {
-        json labels;
+        labels of;
         int64_t value;
     };
 
@@ -108,28 +116,28 @@ private:
 
 void add_card(gauges &all, const log_storage &storage)
 {
-    const json labels = {{"card", storage.card().name}};
-    const storage_state state = storage.state();
-    all.add("pod_storage_good", labels, state.problem.empty());
-    if (!state.log)
+    const labels of = {{"card", storage.card().name}};
+    const log_findings found = storage.look();
+    all.add("pod_storage_good", of, found.state == storage_state::good);
+    if (!found.log)
         return;
-    const auto histories = state.log->written();
+    const auto histories = found.log->written();
     size_t entries = 0;
     for (const log_history *history : histories)
-        entries += state.log->chain(*history).size();
-    all.add("pod_histories", labels, static_cast<int64_t>(histories.size()));
-    all.add("pod_entries", labels, static_cast<int64_t>(entries));
+        entries += found.log->chain(*history).size();
+    all.add("pod_histories", of, static_cast<int64_t>(histories.size()));
+    all.add("pod_entries", of, static_cast<int64_t>(entries));
     if (!histories.empty())
-        all.add("pod_last_entry_timestamp_seconds", labels,
-                state.log->entry(state.log->chain(*histories.front()).back()).time);
+        all.add("pod_last_entry_timestamp_seconds", of,
+                found.log->entry(found.log->chain(*histories.front()).back()).time);
 }
 
 // Without a readable NVRAM there are none; that its storage is not good says so.
-void add_statuses(gauges &all, const podlog_arguments &own, const std::vector<pod_card> &cards)
+void add_statuses(gauges &all, const std::vector<pod_card> &cards)
 {
     std::vector<card_status> statuses;
     try {
-        statuses = card_statuses(own, cards);
+        statuses = card_statuses(cards);
     } catch (const failure &) {
         return;
     }
@@ -142,13 +150,13 @@ void add_statuses(gauges &all, const podlog_arguments &own, const std::vector<po
 
 void add_block(gauges &all, const post_block &block)
 {
-    const json labels = {{"block", block.name()}};
+    const labels of = {{"block", block.name()}};
     int64_t entries = 0;
     std::optional<time_t> last;
     bool good = true;
     try {
         const auto histories = block.histories();
-        all.add("post_histories", labels, static_cast<int64_t>(histories.size()));
+        all.add("post_histories", of, static_cast<int64_t>(histories.size()));
         for (const post_block::history &history : histories)
             block.read(history.number, [&](time_t time, const std::string &) {
                 ++entries;
@@ -157,40 +165,17 @@ void add_block(gauges &all, const post_block &block)
     } catch (const failure &) {
         good = false;
     }
-    all.add("post_storage_good", labels, good);
+    all.add("post_storage_good", of, good);
     if (!good && entries == 0)
         return;
-    all.add("post_entries", labels, entries);
+    all.add("post_entries", of, entries);
     if (last)
-        all.add("post_last_entry_timestamp_seconds", labels, *last);
+        all.add("post_last_entry_timestamp_seconds", of, *last);
     if (block.name() == std::string("error"))
-        all.add("post_errors", json::object(), entries);
+        all.add("post_errors", {}, entries);
 }
 
 //--- links ----------------------------------------------------------------------------------------
-
-uint32_t word_at(const std::string &config, size_t offset)
-{
-    return offset + 2 > config.size()
-               ? 0
-               : static_cast<uint8_t>(config[offset]) |
-                     static_cast<uint32_t>(static_cast<uint8_t>(config[offset + 1])) << 8;
-}
-
-// Where the registers of PCI Express are; 0 when a function has none.
-size_t pcie_registers(const std::string &config)
-{
-    size_t at = word_at(config, PCI_STATUS) & PCI_STATUS_CAP_LIST
-                    ? word_at(config, PCI_CAPABILITY_LIST) & 0xfc
-                    : 0;
-    for (int entries = 0; at != 0 && entries < 48; ++entries) {
-        const uint32_t head = word_at(config, at);
-        if ((head & 0xff) == PCI_CAP_ID_EXP)
-            return at;
-        at = head >> 8 & 0xfc;
-    }
-    return 0;
-}
 
 int64_t transfers_per_second(uint32_t code)
 {
@@ -199,41 +184,52 @@ int64_t transfers_per_second(uint32_t code)
     return code < std::size(speeds) ? speeds[code] : 0;
 }
 
-void add_port(gauges &all, const std::string &id, const std::string &config)
+const found_capability *pcie_of(const capability_list &list)
 {
-    const size_t at = pcie_registers(config);
-    const uint32_t type = (word_at(config, at + PCI_EXP_FLAGS) & PCI_EXP_FLAGS_TYPE) >> 4;
-    if (at == 0 || (type != PCI_EXP_TYPE_ROOT_PORT && type != PCI_EXP_TYPE_DOWNSTREAM))
+    for (const found_capability &capability : list.found)
+        if (!capability.extended && capability.id == PCI_CAP_ID_EXP)
+            return &capability;
+    return nullptr;
+}
+
+void add_port(gauges &all, const config_space &config)
+{
+    const capability_list list = capabilities_of(config);
+    const found_capability *const pcie = pcie_of(list);
+    if (!pcie)
         return;
-    const uint32_t able = word_at(config, at + PCI_EXP_LNKCAP);
-    const bool reports_active =
-        word_at(config, at + PCI_EXP_LNKCAP + 2) << 16 & PCI_EXP_LNKCAP_DLLLARC;
-    const uint32_t status = word_at(config, at + PCI_EXP_LNKSTA);
+    const uint32_t at = pcie->offset;
+    const uint32_t type = (config.read(at + PCI_EXP_FLAGS, 16) & PCI_EXP_FLAGS_TYPE) >> 4;
+    if (type != PCI_EXP_TYPE_ROOT_PORT && type != PCI_EXP_TYPE_DOWNSTREAM)
+        return;
+    const uint32_t able = config.read(at + PCI_EXP_LNKCAP, 32);
+    const uint32_t status = config.read(at + PCI_EXP_LNKSTA, 16);
     const uint32_t width = (status & PCI_EXP_LNKSTA_NLW) >> PCI_EXP_LNKSTA_NLW_SHIFT;
+    const bool reports_active = able & PCI_EXP_LNKCAP_DLLLARC;
     const bool up = (status & PCI_EXP_LNKSTA_LT) == 0 && width > 0 &&
                     (!reports_active || (status & PCI_EXP_LNKSTA_DLLLA) != 0);
-    const json labels = {{"port", id}};
-    all.add("pcie_link_up", labels, up);
-    all.add("pcie_link_speed_transfers_per_second", labels,
+    const labels of = {{"port", config.id()}};
+    all.add("pcie_link_up", of, up);
+    all.add("pcie_link_speed_transfers_per_second", of,
             up ? transfers_per_second(status & PCI_EXP_LNKSTA_CLS) : 0);
-    all.add("pcie_link_width_lanes", labels, up ? width : 0);
-    all.add("pcie_link_max_speed_transfers_per_second", labels,
+    all.add("pcie_link_width_lanes", of, up ? width : 0);
+    all.add("pcie_link_max_speed_transfers_per_second", of,
             transfers_per_second(able & PCI_EXP_LNKCAP_SLS));
-    all.add("pcie_link_max_width_lanes", labels, (able & PCI_EXP_LNKCAP_MLW) >> 4);
+    all.add("pcie_link_max_width_lanes", of, (able & PCI_EXP_LNKCAP_MLW) >> 4);
 }
 
 void add_ports(gauges &all)
 {
     std::vector<std::string> ids;
     std::error_code none;
-    for (const auto &entry : fs::directory_iterator("/sys/bus/pci/devices", none))
+    for (const auto &entry : fs::directory_iterator(pci_directory, none))
         ids.push_back(entry.path().filename());
     std::sort(ids.begin(), ids.end());
     for (const std::string &id : ids)
         try {
-            if (const auto config = read_file("/sys/bus/pci/devices/" + id + "/config"))
-                add_port(all, id, *config);
-        } catch (const failure &) { // it is missing
+            if (const auto config = read_file(pci_directory + id + "/config"))
+                add_port(all, config_space(id, *config));
+        } catch (const failure &) { // it has gone, or shows too little
         }
 }
 
@@ -244,11 +240,10 @@ void metrics(const metrics_arguments &arguments)
     const std::string file = arguments.file.empty() ? "" : fs::absolute(arguments.file).string();
     gauges all;
     all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_name()}}, 1);
-    const podlog_arguments own;
     const std::vector<pod_card> cards = cards_for_reading();
-    add_statuses(all, own, cards);
+    add_statuses(all, cards);
     for (const pod_card &card : cards)
-        add_card(all, log_storage(own, card));
+        add_card(all, log_storage({}, card));
     for (const post_block &block : open_blocks(arguments.post))
         add_block(all, block);
     add_ports(all);
@@ -260,18 +255,18 @@ void metrics(const metrics_arguments &arguments)
         std::cout << all.text();
 }
 
+void add_metrics_options(command &to, metrics_arguments &arguments)
+{
+    to.add_option("--out", "FILE", arguments.file, "Write to FILE, replacing it as a whole")
+        .paths();
+    add_post_place(to, arguments.post);
+}
+
 } // namespace
 
-void add_metrics_command(CLI::App &program)
+void describe_metrics(command &to)
 {
-    const auto arguments = std::make_shared<metrics_arguments>();
-    CLI::App *command = program.add_subcommand(
-        "metrics", "Print the state of logs and links as OpenMetrics text, for monitoring");
-    offer_paths(command->add_option("--out", arguments->file, "write it, whole, to this file"))
-        ->option_text("FILE");
-    arguments->post.add_options(*command);
-    add_chassis_options(*command);
-    command->callback([arguments] { metrics(*arguments); });
+    to.takes(add_metrics_options, metrics);
 }
 
 } // namespace devaccess

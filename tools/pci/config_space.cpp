@@ -1,7 +1,10 @@
+// Access to configuration spaces, their capabilities, registers by name, and decoded fields.
 #include "tools/pci/config_space.h"
 
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/base/numbers.h"
 #include "tools/base/suggest.h"
 #include "tools/pci/device.h"
 
@@ -259,7 +262,7 @@ found_capability find_capability(const config_space &config, const pci_capabilit
                   "'devaccess pci caps' shows what it has");
 }
 
-// What the offset behind a capability's name means there.
+// What an offset after a capability's name means there.
 register_place place_in(const found_capability &capability, uint32_t offset)
 {
     const uint32_t at = capability.offset + offset;
@@ -402,45 +405,44 @@ std::string word_of(std::string_view words, uint32_t number)
     return word.empty() ? "unknown" : word;
 }
 
-json value_of(const pci_field &field, uint32_t value)
+field_value value_of(const pci_field &field, uint32_t value)
 {
     const uint32_t number = (value & field.mask) >> std::countr_zero(field.mask);
-    if (!field.values)
+    switch (field.meaning.how) {
+    case field_reading::flag:
         return number != 0;
-    const std::string_view values = field.values;
-    const size_t mark = values.find('%');
-    if (mark == values.npos)
-        return word_of(values, number);
-    if (values == "%")
-        return number;
-    if (values == "%+")
+    case field_reading::words:
+        return word_of(field.meaning.text, number);
+    case field_reading::plus_one:
         return number + 1;
-    if (values == "%a")
+    case field_reading::in_place:
         return value & field.mask;
-    if (values == "%w")
+    case field_reading::watts:
         return power(number);
-    return fmt::format("{}{}", values.substr(0, mark), number);
-}
-
-} // namespace
-
-json fields_as_json(const register_place &place, uint32_t value)
-{
-    json fields = json::object();
-    for (const pci_field &field : place.fields)
-        fields[field.name] = value_of(field, value);
-    return fields;
+    default:
+        if (*field.meaning.text == '\0')
+            return number;
+        return fmt::format("{}{}", field.meaning.text, number);
+    }
 }
 
 std::string field_as_text(const pci_field &field, uint32_t value)
 {
-    const json read = value_of(field, value);
-    if (read.is_boolean())
-        return fmt::format("{}{}", field.name, read.get<bool>() ? '+' : '-');
-    if (std::string_view(field.values) == "%a")
-        return fmt::format("{}={:#x}", field.name, read.get<uint32_t>());
-    return fmt::format("{}={}", field.name,
-                       read.is_string() ? read.get<std::string>() : read.dump());
+    if (field.meaning.how == field_reading::flag)
+        return fmt::format("{}{}", field.name, value & field.mask ? '+' : '-');
+    if (field.meaning.how == field_reading::in_place)
+        return fmt::format("{}={:#x}", field.name, value & field.mask);
+    return fmt::format("{}={}", field.name, value_of(field, value).text());
+}
+
+} // namespace
+
+field_value fields_of(const register_place &place, uint32_t value)
+{
+    field_value::object fields;
+    for (const pci_field &field : place.fields)
+        fields.push_back({field.name, value_of(field, value)});
+    return fields;
 }
 
 std::string fields_as_text(const register_place &place, uint32_t value)
@@ -471,8 +473,8 @@ record place_row(const register_place &place)
 record &add_meaning(record &row, const register_place &place, uint32_t value)
 {
     return row.add_hex("value", value, digits_of(place))
-        .add("register", place.name.empty() ? json() : json(place.name))
-        .add("fields", fields_as_json(place, value), fields_as_text(place, value));
+        .add("register", text_or_null(place.name))
+        .add("fields", fields_of(place, value), fields_as_text(place, value));
 }
 
 } // namespace
@@ -486,7 +488,7 @@ record register_row(const register_place &place, uint32_t value)
 record written_row(const register_place &place, std::optional<uint32_t> before, uint32_t value)
 {
     record row = place_row(place);
-    row.add("before", if_any(before), before ? hex(*before, digits_of(place)) : "-");
+    row.add("before", before, before ? hex(*before, digits_of(place)) : "-");
     return add_meaning(row, place, value);
 }
 

@@ -81,8 +81,8 @@ std::vector<std::string> register_names();
 // The base address registers in use, whose sizes only the device knows.
 std::vector<pci_resource> config_resources(const config_space &config);
 
-// As JSON has them, and people: "Speed=8GT/s, Width=x4, Train-".
-json fields_as_json(const register_place &place, uint32_t value);
+// For programs, and for people: "Speed=8GT/s, Width=x4, Train-".
+field_value fields_of(const register_place &place, uint32_t value);
 std::string fields_as_text(const register_place &place, uint32_t value);
 
 // The register with what it holds; where it is written, with what it held, if known.

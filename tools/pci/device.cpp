@@ -1,6 +1,8 @@
+// Parses, lists and describes PCI functions.
 #include "tools/pci/device.h"
 
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 
 #include <device_access/device_access.hpp>
 
@@ -15,7 +17,7 @@ namespace devaccess
 namespace
 {
 
-// Takes a hexadecimal number and the mark behind it, '\0' for the end, off the text.
+// Takes a hexadecimal number and the mark after it, '\0' for the end, off the text.
 std::optional<unsigned> take_number(std::string_view &text, ptrdiff_t most_digits, char mark)
 {
     unsigned number = 0;

@@ -1,8 +1,11 @@
+// Writes and reads dumps of configuration spaces.
 #include "tools/pci/dump.h"
 
-#include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 #include "tools/pci/device.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>

@@ -1,5 +1,7 @@
+// Names PCI functions and filters them, by libpci.
 #include "tools/pci/names.h"
 
+#include "tools/base/errors.h"
 #include "tools/base/output.h"
 #include "tools/base/shared_library.h"
 

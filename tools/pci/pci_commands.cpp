@@ -1,8 +1,11 @@
+// PCI functions: pci list, tree, show, children, link-wait, bridge, and the command line of all.
 #include "tools/pci/pci_commands.h"
 
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
 #include "tools/base/output.h"
-#include "tools/cli/completion.h"
+#include "tools/base/settings.h"
+#include "tools/cli/options.h"
 #include "tools/pci/config_space.h"
 #include "tools/pci/device.h"
 #include "tools/pci/dump.h"
@@ -14,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 
@@ -73,8 +77,8 @@ record &add_named(record &row, const std::string &what, std::optional<int64_t> n
                   const std::optional<std::string> &name, int digits)
 {
     const std::string text = number ? hex(static_cast<uint64_t>(*number), digits) : "-";
-    row.add(what, if_any(number), name ? text + ' ' + *name : text);
-    return row.add_hidden(what + "_name", if_any(name));
+    row.add(what, number, name ? text + ' ' + *name : text);
+    return row.add_hidden(what + "_name", name);
 }
 
 // What is known of a function without a look at its registers.
@@ -123,8 +127,8 @@ public:
         add_named(all, "vendor", vendor_, vendor_name_, 4);
         add_named(all, "device", device_, device_name_, 4);
         add_named(all, "class", class_, class_name_, 6);
-        all.add("driver", if_any(driver_)).add("slot", if_any(slot_));
-        all.add("link_speed", if_any(speed_)).add("link_width", if_any(width_));
+        all.add("driver", driver_).add("slot", slot_);
+        all.add("link_speed", speed_).add("link_width", width_);
         return all.add("path", pci_directory + id_);
     }
 
@@ -134,9 +138,10 @@ public:
         return record()
             .add("id", id_)
             .add("ids", fmt::format("{:04x}:{:04x}", vendor_, device_))
-            .add("driver", if_any(driver_))
-            .add("link", width_ ? json(fmt::format("{} x{}", *speed_, *width_)) : json())
-            .add("slot", if_any(slot_))
+            .add("driver", driver_)
+            .add("link",
+                 width_ ? field_value(fmt::format("{} x{}", *speed_, *width_)) : field_value())
+            .add("slot", slot_)
             .add("class", class_text())
             .add("name", name());
     }
@@ -176,7 +181,7 @@ void print_devices(const std::vector<sysfs_pci_identity_t> &devices)
 
 //--- list and tree --------------------------------------------------------------------------------
 
-// Below the function that it sits behind, or below its root bus.
+// Below the bridge that leads to it, or below its root bus.
 using children_by_bus = std::map<std::string, std::vector<const sysfs_pci_identity_t *>>;
 
 std::string parent_of(const sysfs_pci_identity_t &device)
@@ -257,7 +262,7 @@ record resource_row(const pci_resource &resource)
     return record()
         .add("bar", resource.bar)
         .add_hex("base", resource.base, 8)
-        .add("size", resource.size ? json(resource.size) : json(),
+        .add("size", resource.size ? field_value(resource.size) : field_value(),
              resource.size ? hex(resource.size) : "-")
         .add_hex("flags", resource.flags, 8)
         .add("kind", resource.kind());
@@ -278,10 +283,10 @@ void show_device(const config_space &config)
     record shown = device_facts(device, names, physical_slots()).as_record();
     for (const char *name : {"subsystem_vendor", "subsystem_device"}) {
         const std::optional<int64_t> value = number_of(name, device);
-        shown.add(name, if_any(value), value ? hex(static_cast<uint64_t>(*value), 4) : "-");
+        shown.add(name, value, value ? hex(static_cast<uint64_t>(*value), 4) : "-");
     }
     const std::optional<int64_t> users = number_of("enable", device);
-    shown.add("enabled", users ? json(*users != 0) : json());
+    shown.add("enabled", users ? field_value(*users != 0) : field_value());
     print(shown.add(registers_to_show(config)).add(resources_record(pci_resources(device))));
 }
 
@@ -414,115 +419,106 @@ std::vector<std::string> device_names(const given_options &)
     return names;
 }
 
-void add_nothing(CLI::App &, pci_arguments &) {}
+void add_nothing(command &, pci_arguments &) {}
 
-void add_filters(CLI::App &command, pci_arguments &arguments)
+void add_filters(command &to, pci_arguments &arguments)
 {
-    command
-        .add_option("-s,--slot", arguments.slot_filter,
-                    "only what is at [[DOMAIN:]BUS:][SLOT][.FUNC]")
-        ->option_text("WHERE");
-    command
-        .add_option("-d,--device", arguments.id_filter,
-                    "only [VENDOR]:[DEVICE][:CLASS], hexadecimal")
-        ->option_text("IDS");
+    to.add_option("-s,--slot", "WHERE", arguments.slot_filter,
+                  "Only functions at [[DOMAIN:]BUS:][SLOT][.FUNC]");
+    to.add_option("-d,--device", "IDS", arguments.id_filter,
+                  "Only functions with the ids [VENDOR]:[DEVICE][:CLASS], hexadecimal");
 }
 
-CLI::Option *add_id(CLI::App &command, pci_arguments &arguments)
+option add_id(command &to, pci_arguments &arguments)
 {
-    return offer(command.add_option("ID", arguments.id, "PCI function, e.g. 0000:03:00.0"),
-                 device_names);
+    return to.argument("ID", arguments.id, "PCI function, e.g. 0000:03:00.0").choices(device_names);
 }
 
-void add_device(CLI::App &command, pci_arguments &arguments)
+void add_device(command &to, pci_arguments &arguments)
 {
-    add_id(command, arguments)->required();
+    add_id(to, arguments).required();
 }
 
-void add_file(CLI::App &command, pci_arguments &arguments)
+void add_file(command &to, pci_arguments &arguments)
 {
-    add_id(command, arguments);
-    offer_paths(command.add_option("--file", arguments.file,
-                                   "what 'pci dump' or 'lspci -xxx' wrote, not the machine's"))
-        ->option_text("FILE");
+    add_id(to, arguments);
+    to.add_option("--file", "FILE", arguments.file,
+                  "Read the output of 'pci dump' or 'lspci -xxx' instead of the machine")
+        .paths();
 }
 
-void add_out(CLI::App &command, pci_arguments &arguments)
+void add_out(command &to, pci_arguments &arguments)
 {
-    add_file(command, arguments);
-    offer_paths(command.add_option("--out", arguments.other, "write it there"))
-        ->option_text("FILE");
+    add_file(to, arguments);
+    to.add_option("--out", "FILE", arguments.other, "Write to this file").paths();
 }
 
-void add_sides(CLI::App &command, pci_arguments &arguments)
+void add_sides(command &to, pci_arguments &arguments)
 {
     for (const auto &[name, side] : {std::pair("A", &arguments.id), {"B", &arguments.other}})
-        offer(command.add_option(name, *side, "PCI function, or a file as for --file"),
-              [](const given_options &given) {
-                  std::vector<std::string> names = device_names(given);
-                  names.push_back(":paths");
-                  return names;
-              })
-            ->required();
+        to.argument(name, *side, "PCI function, or a file as for --file")
+            .choices([](const given_options &given) {
+                std::vector<std::string> names = device_names(given);
+                names.push_back(any_path);
+                return names;
+            })
+            .required();
 }
 
-CLI::Option *add_registers(CLI::App &command, pci_arguments &arguments, const char *description)
+option add_registers(command &to, pci_arguments &arguments, const char *meaning)
 {
-    add_device(command, arguments);
-    CLI::Option *option = command.add_option("REGISTER", arguments.registers, description);
-    one_of(command.add_option("--width", arguments.width, "in bits; else that of the name, or 32"),
-           {"8", "16", "32"})
-        ->option_text("BITS");
-    return offer(option, [](const given_options &) { return register_names(); })->required();
+    add_device(to, arguments);
+    option registers = to.argument("REGISTER", arguments.registers, meaning);
+    to.add_option("--width", "BITS", arguments.width,
+                  "Width of the register in bits (default: that of its name, or 32)")
+        .one_of({"8", "16", "32"});
+    return registers.choices([](const given_options &) { return register_names(); }).required();
 }
 
-void add_read(CLI::App &command, pci_arguments &arguments)
+void add_read(command &to, pci_arguments &arguments)
 {
-    add_registers(command, arguments, "offset or name: 0x10, COMMAND, CAP_EXP+0x12");
+    add_registers(to, arguments, "Offset or name: 0x10, COMMAND, CAP_EXP+0x12");
 }
 
-void add_write(CLI::App &command, pci_arguments &arguments)
+void add_write(command &to, pci_arguments &arguments)
 {
-    add_registers(command, arguments, "OFFSET VALUE, or REGISTER=VALUE[/MASK] as often as wanted");
-    command.add_flag("--dry-run", arguments.dry_run, "only show what would be written");
+    add_registers(to, arguments, "OFFSET VALUE, or one or more of REGISTER=VALUE[/MASK]");
+    to.add_flag("--dry-run", arguments.dry_run, "Only show what would be written");
 }
 
-void add_watch(CLI::App &command, pci_arguments &arguments)
+void add_watched(command &to, pci_arguments &arguments)
 {
-    add_registers(command, arguments, "offset or name, as for 'pci read'")->expected(1);
-    arguments.wait.add_watch(command);
+    add_registers(to, arguments, "Offset or name, as for 'pci read'").takes_one();
+    add_watch(to, arguments.wait);
 }
 
-using pci_family = command_family<pci_arguments>;
-
-constexpr pci_family::entry pci_commands[] = {
-    {"list", "List functions", pci_list, add_filters},
-    {"tree", "Show functions below the bridges that they are behind", pci_tree, add_nothing},
-    {"show", "Show a function's ids, state and resources", pci_show, add_file},
-    {"read", "Read configuration registers", pci_read, add_read},
-    {"write", "Write configuration registers", pci_write, add_write},
-    {"watch", "Print a register's changes", pci_watch, add_watch},
-    {"caps", "Show the capability lists and what their registers say", pci_caps, add_file},
-    {"dump", "Print configuration spaces as lspci -xxxx does", pci_dump, add_out},
-    {"diff", "Compare two functions, or files with functions", pci_diff, add_sides},
-    {"link-wait", "Wait half a second for a port's link to be up", pci_link_wait, add_device},
-    {"children", "List the functions behind a bridge", pci_children, add_device},
-};
-
-constexpr pci_family::entry bridge_commands[] = {
-    {"enable", "Enable it, and list the functions that appear behind it", pci_bridge_enable,
-     add_device},
-    {"disable", "Disable it: what is behind it leaves the bus", pci_bridge_disable, add_device},
-    {"usable", "Tell whether it can be enabled and disabled", pci_bridge_usable, add_device},
-};
+void describe_bridge(command &bridge)
+{
+    bridge.add("enable", "Enable a bridge, and list the functions that appear below it", add_device,
+               pci_bridge_enable);
+    bridge.add("disable", "Disable a bridge: the functions below it leave the bus", add_device,
+               pci_bridge_disable);
+    bridge.add("usable", "Tell whether a bridge can be enabled and disabled", add_device,
+               pci_bridge_usable);
+}
 
 } // namespace
 
-void add_pci_commands(CLI::App &program)
+void describe_pci(command &pci)
 {
-    pci_family pci(program, "pci", "PCI functions, through sysfs");
-    if (pci.add(pci_commands))
-        pci_family(pci.app, "bridge", "Hot-swap bridges", pci.arguments).add(bridge_commands);
+    pci.add("list", "List functions", add_filters, pci_list);
+    pci.add("tree", "Show functions below the bridges that lead to them", add_nothing, pci_tree);
+    pci.add("show", "Show a function's ids, state and resources", add_file, pci_show);
+    pci.add("read", "Read configuration registers", add_read, pci_read);
+    pci.add("write", "Write configuration registers", add_write, pci_write);
+    pci.add("watch", "Print a register's value, and each change", add_watched, pci_watch);
+    pci.add("caps", "Show capabilities and their registers", add_file, pci_caps);
+    pci.add("dump", "Print configuration spaces as lspci -xxxx does", add_out, pci_dump);
+    pci.add("diff", "Compare two functions, or files with functions", add_sides, pci_diff);
+    pci.add("link-wait", "Wait up to half a second for a port's link to come up", add_device,
+            pci_link_wait);
+    pci.add("children", "List the functions below a bridge", add_device, pci_children);
+    pci.add_family("bridge", "Hot-swap bridges", describe_bridge);
 }
 
 } // namespace devaccess

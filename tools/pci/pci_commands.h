@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/base/waiting.h"
+#include "tools/cli/command.h"
 #include "tools/pci/config_space.h"
 
 #include <string>
@@ -21,6 +22,8 @@ struct pci_arguments {
     bool dry_run = false;
     wait_options wait;
 };
+
+void describe_pci(command &pci);
 
 // The function that they name, of the machine or of the file.
 config_space config_of(const pci_arguments &arguments);

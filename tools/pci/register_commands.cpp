@@ -1,6 +1,9 @@
-#include "tools/base/captured_call.h"
+// Registers of PCI functions: pci read, write, watch, caps, dump, diff.
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/base/numbers.h"
 #include "tools/base/output.h"
+#include "tools/base/settings.h"
 #include "tools/pci/config_space.h"
 #include "tools/pci/device.h"
 #include "tools/pci/dump.h"
@@ -222,9 +225,7 @@ void pci_dump(const pci_arguments &arguments)
     if (!arguments.other.empty())
         write_file(arguments.other, text, false);
     if (settings.as_json)
-        print(record()
-                  .add("file", arguments.other.empty() ? json() : json(arguments.other))
-                  .add(std::move(functions)));
+        print(record().add("file", text_or_null(arguments.other)).add(std::move(functions)));
     else if (arguments.other.empty())
         print_text(text);
 }
@@ -282,7 +283,7 @@ record difference_row(const std::string &id, const register_place &place, uint32
         .add("id", id)
         .add_hex("offset", place.offset, 2)
         .add("width", place.width)
-        .add("register", place.name.empty() ? json() : json(place.name))
+        .add("register", text_or_null(place.name))
         .add_hex("a", a, digits)
         .add_hex("b", b, digits)
         .add("changes", changed_fields(place, a, b));
@@ -311,9 +312,9 @@ void compare(const config_space &a, const config_space &b, std::vector<record> &
         rows.push_back(std::move(row));
 }
 
-json ids_that_lack(const side &functions, const side &others)
+std::vector<std::string> ids_that_lack(const side &functions, const side &others)
 {
-    json ids = json::array();
+    std::vector<std::string> ids;
     for (const config_space &function : functions)
         if (std::none_of(others.begin(), others.end(),
                          [&](const config_space &other) { return other.id() == function.id(); }))
@@ -321,12 +322,10 @@ json ids_that_lack(const side &functions, const side &others)
     return ids;
 }
 
-std::string joined(const json &ids)
+void add_ids(record &to, const char *name, const std::vector<std::string> &ids)
 {
-    std::string text;
-    for (const json &id : ids)
-        text += (text.empty() ? "" : " ") + id.get<std::string>();
-    return text.empty() ? "-" : text;
+    const field_value::array all(ids.begin(), ids.end());
+    to.add(name, all, ids.empty() ? "-" : fmt::format("{}", fmt::join(ids, " ")));
 }
 
 } // namespace
@@ -346,15 +345,15 @@ void pci_diff(const pci_arguments &arguments)
                 if (in_a.all_bytes().size() != in_b.all_bytes().size())
                     cut = in_a.id();
             }
-    const json only_in_a = is_pair ? json::array() : ids_that_lack(a, b);
-    const json only_in_b = is_pair ? json::array() : ids_that_lack(b, a);
+    using ids = std::vector<std::string>;
+    const ids only_in_a = is_pair ? ids() : ids_that_lack(a, b);
+    const ids only_in_b = is_pair ? ids() : ids_that_lack(b, a);
     const size_t count = differences.rows.size() + only_in_a.size() + only_in_b.size();
-    print(record()
-              .add("a", arguments.id)
-              .add("b", arguments.other)
-              .add("only_in_a", only_in_a, joined(only_in_a))
-              .add("only_in_b", only_in_b, joined(only_in_b))
-              .add(std::move(differences)));
+    record shown;
+    shown.add("a", arguments.id).add("b", arguments.other);
+    add_ids(shown, "only_in_a", only_in_a);
+    add_ids(shown, "only_in_b", only_in_b);
+    print(shown.add(std::move(differences)));
     if (count != 0)
         throw failure("call them alike",
                       fmt::format("{} difference{}", count, count == 1 ? "" : "s"),

@@ -1,3 +1,4 @@
+// What the registers of configuration space are called, and what their fields mean.
 #include "tools/pci/registers.h"
 
 #include <linux/pci_regs.h>
@@ -10,6 +11,7 @@ namespace
 // Fields are called what lspci calls them, and registers what <linux/pci_regs.h> does; those of the
 // header, what setpci does.
 using fields = const pci_field[];
+using enum field_reading;
 using enum pci_presence;
 
 constexpr char speeds[] = "unknown|2.5GT/s|5GT/s|8GT/s|16GT/s|32GT/s|64GT/s";
@@ -130,7 +132,7 @@ constexpr pci_register bridge[] = {
 //--- capabilities ---------------------------------------------------------------------------------
 
 constexpr fields pm_pmc = {
-    {"Version", PCI_PM_CAP_VER_MASK, "%"},
+    {"Version", PCI_PM_CAP_VER_MASK, number},
     {"PMEClk", PCI_PM_CAP_PME_CLOCK},
     {"DSI", PCI_PM_CAP_DSI},
     {"D1", PCI_PM_CAP_D1},
@@ -143,9 +145,9 @@ constexpr fields pm_pmc = {
     {"PME-D3cold", PCI_PM_CAP_PME_D3cold},
 };
 constexpr fields pm_ctrl = {
-    {"State", PCI_PM_CTRL_STATE_MASK, "D%"},      {"NoSoftRst", PCI_PM_CTRL_NO_SOFT_RESET},
-    {"PME-Enable", PCI_PM_CTRL_PME_ENABLE},       {"DSel", PCI_PM_CTRL_DATA_SEL_MASK, "%"},
-    {"DScale", PCI_PM_CTRL_DATA_SCALE_MASK, "%"}, {"PME", PCI_PM_CTRL_PME_STATUS},
+    {"State", PCI_PM_CTRL_STATE_MASK, {number, "D"}}, {"NoSoftRst", PCI_PM_CTRL_NO_SOFT_RESET},
+    {"PME-Enable", PCI_PM_CTRL_PME_ENABLE},           {"DSel", PCI_PM_CTRL_DATA_SEL_MASK, number},
+    {"DScale", PCI_PM_CTRL_DATA_SCALE_MASK, number},  {"PME", PCI_PM_CTRL_PME_STATUS},
 };
 constexpr pci_register pm[] = {
     {"PM_PMC", PCI_PM_PMC, 16, pm_pmc},
@@ -173,12 +175,12 @@ constexpr pci_register msi[] = {
 
 constexpr fields msix_flags = {
     {"Enable", PCI_MSIX_FLAGS_ENABLE},
-    {"Count", PCI_MSIX_FLAGS_QSIZE, "%+"},
+    {"Count", PCI_MSIX_FLAGS_QSIZE, plus_one},
     {"Masked", PCI_MSIX_FLAGS_MASKALL},
 };
 constexpr fields msix_table = {
-    {"BAR", PCI_MSIX_TABLE_BIR, "%"},
-    {"offset", PCI_MSIX_TABLE_OFFSET, "%a"},
+    {"BAR", PCI_MSIX_TABLE_BIR, number},
+    {"offset", PCI_MSIX_TABLE_OFFSET, in_place},
 };
 constexpr pci_register msix[] = {
     {"MSIX_FLAGS", PCI_MSIX_FLAGS, 16, msix_flags},
@@ -187,13 +189,13 @@ constexpr pci_register msix[] = {
 };
 
 constexpr fields exp_flags = {
-    {"Version", PCI_EXP_FLAGS_VERS, "%"},
+    {"Version", PCI_EXP_FLAGS_VERS, number},
     {"Type", PCI_EXP_FLAGS_TYPE,
      "Endpoint|Legacy Endpoint|||Root Port|Upstream Port|Downstream Port|"
      "PCI-Express to PCI/PCI-X Bridge|PCI/PCI-X to PCI-Express Bridge|"
      "Root Complex Integrated Endpoint|Root Complex Event Collector"},
     {"Slot", PCI_EXP_FLAGS_SLOT},
-    {"MSI", PCI_EXP_FLAGS_IRQ, "%"},
+    {"MSI", PCI_EXP_FLAGS_IRQ, number},
 };
 constexpr fields exp_devcap = {
     {"MaxPayload", PCI_EXP_DEVCAP_PAYLOAD, sizes},
@@ -206,7 +208,7 @@ constexpr fields exp_devcap = {
     {"PwrInd", PCI_EXP_DEVCAP_PWR_IND},
     {"RBE", PCI_EXP_DEVCAP_RBER},
     {"FLReset", PCI_EXP_DEVCAP_FLR},
-    {"SlotPowerLimit", PCI_EXP_DEVCAP_PWR_VAL | PCI_EXP_DEVCAP_PWR_SCL, "%w"},
+    {"SlotPowerLimit", PCI_EXP_DEVCAP_PWR_VAL | PCI_EXP_DEVCAP_PWR_SCL, watts},
 };
 constexpr fields exp_devctl = {
     {"CorrErr", PCI_EXP_DEVCTL_CERE},
@@ -228,9 +230,9 @@ constexpr fields exp_devsta = {
     {"AuxPwr", PCI_EXP_DEVSTA_AUXPD}, {"TransPend", PCI_EXP_DEVSTA_TRPND},
 };
 constexpr fields exp_lnkcap = {
-    {"Port", PCI_EXP_LNKCAP_PN, "#%"},
+    {"Port", PCI_EXP_LNKCAP_PN, {number, "#"}},
     {"Speed", PCI_EXP_LNKCAP_SLS, speeds},
-    {"Width", PCI_EXP_LNKCAP_MLW, "x%"},
+    {"Width", PCI_EXP_LNKCAP_MLW, {number, "x"}},
     {"ASPM", PCI_EXP_LNKCAP_ASPMS, "not supported|L0s|L1|L0s L1"},
     {"L0s", PCI_EXP_LNKCAP_L0SEL, l0s_times},
     {"L1", PCI_EXP_LNKCAP_L1EL, l1_times},
@@ -253,7 +255,7 @@ constexpr fields exp_lnkctl = {
 };
 constexpr fields exp_lnksta = {
     {"Speed", PCI_EXP_LNKSTA_CLS, speeds},
-    {"Width", PCI_EXP_LNKSTA_NLW, "x%"},
+    {"Width", PCI_EXP_LNKSTA_NLW, {number, "x"}},
     {"TrErr", 0x0400},
     {"Train", PCI_EXP_LNKSTA_LT},
     {"SlotClk", PCI_EXP_LNKSTA_SLC},
@@ -269,8 +271,8 @@ constexpr fields exp_sltcap = {
     {"PwrInd", PCI_EXP_SLTCAP_PIP},
     {"HotPlug", PCI_EXP_SLTCAP_HPC},
     {"Surprise", PCI_EXP_SLTCAP_HPS},
-    {"Slot", PCI_EXP_SLTCAP_PSN, "#%"},
-    {"PowerLimit", PCI_EXP_SLTCAP_SPLV | PCI_EXP_SLTCAP_SPLS, "%w"},
+    {"Slot", PCI_EXP_SLTCAP_PSN, {number, "#"}},
+    {"PowerLimit", PCI_EXP_SLTCAP_SPLV | PCI_EXP_SLTCAP_SPLS, watts},
     {"Interlock", PCI_EXP_SLTCAP_EIP},
     {"NoCompl", PCI_EXP_SLTCAP_NCCS},
 };
@@ -305,7 +307,7 @@ constexpr fields exp_rtctl = {
 };
 constexpr fields exp_rtcap = {{"CRSVisible", PCI_EXP_RTCAP_CRSVIS}};
 constexpr fields exp_rtsta = {
-    {"ReqID", 0xffff, "%a"},
+    {"ReqID", 0xffff, in_place},
     {"PMEStatus", PCI_EXP_RTSTA_PME},
     {"PMEPending", PCI_EXP_RTSTA_PENDING},
 };
@@ -438,7 +440,7 @@ constexpr fields err_cor = {
     {"Timeout", PCI_ERR_COR_REP_TIMER}, {"AdvNonFatalErr", PCI_ERR_COR_ADV_NFAT},
 };
 constexpr fields err_cap = {
-    {"First Error Pointer", 0x1f, "%a"},
+    {"First Error Pointer", 0x1f, in_place},
     {"ECRCGenCap", PCI_ERR_CAP_ECRC_GENC},
     {"ECRCGenEn", PCI_ERR_CAP_ECRC_GENE},
     {"ECRCChkCap", PCI_ERR_CAP_ECRC_CHKC},
@@ -457,7 +459,7 @@ constexpr fields err_root_status = {
     {"CERcvd", PCI_ERR_ROOT_COR_RCV},         {"MultCERcvd", PCI_ERR_ROOT_MULTI_COR_RCV},
     {"UERcvd", PCI_ERR_ROOT_UNCOR_RCV},       {"MultUERcvd", PCI_ERR_ROOT_MULTI_UNCOR_RCV},
     {"FirstFatal", PCI_ERR_ROOT_FIRST_FATAL}, {"NonFatalMsg", PCI_ERR_ROOT_NONFATAL_RCV},
-    {"FatalMsg", PCI_ERR_ROOT_FATAL_RCV},     {"IntMsg", PCI_ERR_ROOT_AER_IRQ, "%"},
+    {"FatalMsg", PCI_ERR_ROOT_FATAL_RCV},     {"IntMsg", PCI_ERR_ROOT_AER_IRQ, number},
 };
 constexpr pci_register aer[] = {
     {"ERR_UNCOR_STATUS", PCI_ERR_UNCOR_STATUS, 32, err_uncor},

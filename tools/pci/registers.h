@@ -7,14 +7,32 @@
 namespace devaccess
 {
 
-// A part of a register. Of one bit, without values, it is a flag. Else the values say how to read
-// its number: words that count from 0, "fast|medium|slow", or a text around one of
-//   %   the number            %+  one more than it     %w  the watts of a power limit
-//   %a  the bits in their place, an address or offset
+// How the bits of a field are read.
+enum class field_reading : uint8_t {
+    flag,     // one bit
+    words,    // a word for each number
+    number,   // after a prefix, if there is one
+    plus_one, // a number that is one more
+    in_place, // an address or offset: the bits where they are
+    watts,    // of a power limit
+};
+
+struct field_meaning {
+    constexpr field_meaning(field_reading read, const char *prefix = "") : how(read), text(prefix)
+    {
+    }
+    // Words, which count from 0: "fast|medium|slow".
+    constexpr field_meaning(const char *words) : how(field_reading::words), text(words) {}
+
+    field_reading how;
+    const char *text;
+};
+
+// A part of a register.
 struct pci_field {
     const char *name;
     uint32_t mask;
-    const char *values = nullptr;
+    field_meaning meaning = field_reading::flag;
 };
 
 // When a register is there, by what the capability's first register says.

@@ -1,3 +1,4 @@
+// Reads the registry of POD logs, and gives each card an id.
 #include "tools/podlog/cards.h"
 
 #include <device_access/pod_log_nvram.h>

@@ -1,8 +1,12 @@
+// Decodes the records of a POD log, and builds a log of those that are good.
 #include "tools/podlog/image.h"
 
 #include <device_access/pod_log_crc_tmp.h>
+#include <device_access/pod_log_file.h>
+#include <device_access/pod_log_nvram.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -11,23 +15,50 @@ namespace devaccess
 namespace
 {
 
+// Of an index that has no checksum, the first members alone.
+using index_record = podlog::nvram_log_index_t;
+using header_record = file_log_header_t;
+using entry_record = file_log_t;
+constexpr size_t unsealed_index_size = sizeof(file_log_index_t);
+
 constexpr size_t index_position = 32;
-constexpr size_t header_size = 20;
-constexpr size_t entry_size = 16;
-constexpr size_t message_size = entry_stride - entry_size;
+constexpr size_t message_size = entry_stride - sizeof(entry_record);
 constexpr uint32_t header_version = 0x1122;
 
-std::string word(uint32_t value)
+// After the log in NVRAM: 8 status words, and then the fault mask.
+constexpr size_t status_words_at = nvram_layout.size - 72;
+constexpr size_t fault_mask_at = nvram_layout.size - 40;
+
+template <typename Record>
+Record record_at(const std::string &bytes, size_t position)
 {
-    std::string bytes;
-    for (int shift = 0; shift < 32; shift += 8)
-        bytes += static_cast<char>(value >> shift & 0xff);
-    return bytes;
+    Record record = {};
+    if (position < bytes.size())
+        std::memcpy(&record, bytes.data() + position,
+                    std::min(sizeof record, bytes.size() - position));
+    return record;
 }
 
-uint32_t checksum_of(const std::string &bytes)
+template <typename Record>
+std::string bytes_of(const Record &record)
 {
-    return crc32_cksum(bytes.data(), bytes.size());
+    return {reinterpret_cast<const char *>(&record), sizeof record};
+}
+
+uint32_t checksum_of(const index_record &index)
+{
+    return crc32_cksum(&index, offsetof(index_record, checksum));
+}
+
+uint32_t checksum_of(const header_record &header)
+{
+    return crc32_cksum(&header.log_size, sizeof header - sizeof header.header_checksum);
+}
+
+uint32_t checksum_of(entry_record entry)
+{
+    entry.log_checksum = 0;
+    return crc32_cksum(&entry, sizeof entry);
 }
 
 bool is_zero(const std::string &bytes)
@@ -60,27 +91,20 @@ void refuse(log_record &record, const std::string &problem)
 
 std::string fresh_header(const log_layout &layout, int history, size_t entries)
 {
-    const auto start = static_cast<uint32_t>(layout.header_position(history) + header_size);
-    const std::string numbers = word(layout.stride) +
-                                word(static_cast<uint32_t>(entries * entry_stride)) +
-                                word(header_version) + word(start);
-    return word(checksum_of(numbers)) + numbers;
-}
-
-// Of a history; the header stops counting before the last, which every further entry replaces.
-size_t most_entries(const log_layout &layout)
-{
-    return (layout.stride - header_size) / entry_stride;
+    header_record header = {};
+    header.log_size = layout.stride;
+    header.index = static_cast<uint32_t>(entries * entry_stride);
+    header.version = header_version;
+    header.start = static_cast<uint32_t>(layout.header_position(history) + sizeof header);
+    header.header_checksum = checksum_of(header);
+    return bytes_of(header);
 }
 
 } // namespace
 
-uint32_t little_endian_at(const std::string &bytes, size_t position)
+size_t log_layout::most_entries() const
 {
-    uint32_t value = 0;
-    for (size_t i = 4; i-- > 0;)
-        value = value << 8 | static_cast<unsigned char>(bytes.at(position + i));
-    return value;
+    return (stride - sizeof(header_record)) / entry_stride;
 }
 
 std::string log_record::name() const
@@ -92,7 +116,7 @@ std::string log_record::name() const
 }
 
 log_image::log_image(const log_layout &layout, std::string bytes)
-    : layout_(&layout), missing_(layout.size - std::min(layout.size, bytes.size())),
+    : layout_(layout), missing_(layout.size - std::min(layout.size, bytes.size())),
       bytes_(std::move(bytes))
 {
     bytes_.resize(std::max(bytes_.size(), layout.size));
@@ -103,51 +127,65 @@ log_image::log_image(const log_layout &layout, std::string bytes)
 
 log_record log_image::decode_index() const
 {
-    const std::string bytes = bytes_.substr(index_position, layout_->sealed_index ? 16 : 12);
-    const uint32_t computed = checksum_of(bytes.substr(0, 12));
-    const uint32_t stored = layout_->sealed_index ? little_endian_at(bytes, 12) : computed;
-    log_record index = summed("index", index_position, bytes, stored, computed);
-    const uint32_t magic = little_endian_at(bytes, 0);
-    const uint32_t current = little_endian_at(bytes, 4);
-    const uint32_t stride = little_endian_at(bytes, 8);
-    if (magic != layout_->magic)
-        refuse(index, fmt::format("magic number {:#x}, expected {:#x}", magic, layout_->magic));
-    if (current >= static_cast<uint32_t>(layout_->histories))
-        refuse(index, fmt::format("current history {} of {}", current, layout_->histories));
-    if (stride != layout_->stride)
-        refuse(index, fmt::format("history size {}, expected {}", stride, layout_->stride));
-    if (!layout_->sealed_index)
-        index.stored = index.computed = std::nullopt;
-    return index;
+    const auto index = record_at<index_record>(bytes_, index_position);
+    const uint32_t computed = checksum_of(index);
+    const uint32_t stored = layout_.sealed_index ? index.checksum : computed;
+    const size_t size = layout_.sealed_index ? sizeof index : unsealed_index_size;
+    log_record record =
+        summed("index", index_position, bytes_.substr(index_position, size), stored, computed);
+    if (index.magic != layout_.magic)
+        refuse(record,
+               fmt::format("magic number {:#x}, expected {:#x}", index.magic, layout_.magic));
+    if (index.header_index >= static_cast<uint32_t>(layout_.histories))
+        refuse(record,
+               fmt::format("current history {} of {}", index.header_index, layout_.histories));
+    if (index.log_size != layout_.stride)
+        refuse(record, fmt::format("history size {}, expected {}", index.log_size, layout_.stride));
+    if (!layout_.sealed_index)
+        record.stored = record.computed = std::nullopt;
+    return record;
 }
 
 log_history log_image::decode_history(int number) const
 {
-    const size_t position = layout_->header_position(number);
-    const std::string bytes = bytes_.substr(position, header_size);
-    const size_t start = position + header_size;
-    log_history history = {number, {}, little_endian_at(bytes, 8) / entry_stride, {}};
+    const size_t position = layout_.header_position(number);
+    const auto header = record_at<header_record>(bytes_, position);
+    const size_t start = position + sizeof header;
+    log_history history = {number, {}, header.index / entry_stride, {}};
     history.header =
-        summed("header", position, bytes, little_endian_at(bytes, 0), checksum_of(bytes.substr(4)));
+        summed("header", position, bytes_of(header), header.header_checksum, checksum_of(header));
     history.header.history = number;
-    if (little_endian_at(bytes, 4) != layout_->stride)
-        refuse(history.header, fmt::format("history size {}, expected {}",
-                                           little_endian_at(bytes, 4), layout_->stride));
-    if (little_endian_at(bytes, 16) != start)
+    if (header.log_size != layout_.stride)
         refuse(history.header,
-               fmt::format("entries at {}, expected at {}", little_endian_at(bytes, 16), start));
-    if (history.used >= most_entries(*layout_))
+               fmt::format("history size {}, expected {}", header.log_size, layout_.stride));
+    if (header.start != start)
+        refuse(history.header, fmt::format("entries at {}, expected at {}", header.start, start));
+    if (history.used >= layout_.most_entries())
         refuse(history.header, fmt::format("{} entries are too many", history.used));
-    for (size_t slot = 0; slot < most_entries(*layout_); ++slot) {
-        const size_t at = start + slot * entry_stride;
-        std::string entry = bytes_.substr(at, entry_size);
-        const std::string unsummed = entry.substr(0, 8) + word(0) + entry.substr(12);
+    for (size_t slot = 0; slot < layout_.most_entries(); ++slot)
         history.slots.push_back(
-            summed("entry", at, entry, little_endian_at(entry, 8), checksum_of(unsummed)));
-        history.slots.back().history = number;
-        history.slots.back().entry = static_cast<int>(slot);
-    }
+            decode_entry(number, static_cast<int>(slot), start + slot * entry_stride));
     return history;
+}
+
+log_record log_image::decode_entry(int history, int slot, size_t position) const
+{
+    const auto entry = record_at<entry_record>(bytes_, position);
+    log_record record =
+        summed("entry", position, bytes_of(entry), entry.log_checksum, checksum_of(entry));
+    record.history = history;
+    record.entry = slot;
+    return record;
+}
+
+uint32_t log_image::status_word(int index) const
+{
+    return record_at<uint32_t>(bytes_, status_words_at + 4 * static_cast<size_t>(index));
+}
+
+uint32_t log_image::fault_mask() const
+{
+    return record_at<uint32_t>(bytes_, fault_mask_at);
 }
 
 //--- what is there --------------------------------------------------------------------------------
@@ -162,7 +200,7 @@ bool log_image::holds_nothing() const
     const bool headers = std::any_of(histories_.begin(), histories_.end(), [](const auto &history) {
         return history.header.state == record_state::good;
     });
-    return little_endian_at(bytes_, index_position) != layout_->magic && !headers &&
+    return record_at<uint32_t>(bytes_, index_position) != layout_.magic && !headers &&
            good_entries().empty();
 }
 
@@ -184,7 +222,7 @@ bool log_image::expects_entry(const log_history &history, size_t slot) const
     const bool is_bad = history.slots[slot].state == record_state::bad;
     if (history.header.state != record_state::good)
         return is_bad;
-    const bool is_last = slot + 1 == most_entries(*layout_) && history.used + 1 == slot + 1;
+    const bool is_last = slot + 1 == layout_.most_entries() && history.used + 1 == slot + 1;
     return slot < history.used || (is_last && is_bad);
 }
 
@@ -222,8 +260,8 @@ std::vector<log_record> log_image::chain(const log_history &history) const
 std::vector<const log_history *> log_image::written() const
 {
     std::vector<const log_history *> found;
-    for (int step = 0, newest = current(); step < layout_->histories; ++step) {
-        const int number = (newest - step + layout_->histories) % layout_->histories;
+    for (int step = 0, newest = current(); step < layout_.histories; ++step) {
+        const int number = (newest - step + layout_.histories) % layout_.histories;
         const log_history &history = histories_[static_cast<size_t>(number)];
         if (!chain(history).empty())
             found.push_back(&history);
@@ -242,8 +280,9 @@ std::vector<log_record> log_image::good_entries() const
 
 log_entry log_image::entry(const log_record &slot) const
 {
-    return {static_cast<time_t>(little_endian_at(bytes_, slot.position)),
-            bytes_.substr(slot.position + entry_size, message_size)};
+    const auto record = record_at<entry_record>(bytes_, slot.position);
+    return {static_cast<time_t>(static_cast<uint32_t>(record.epoch_time)),
+            bytes_.substr(slot.position + sizeof(entry_record), message_size)};
 }
 
 //--- which history is the current one -------------------------------------------------------------
@@ -262,13 +301,15 @@ int log_image::latest_history() const
 
 int log_image::current() const
 {
-    const uint32_t named = little_endian_at(bytes_, index_position + 4);
-    const bool in_range = named < static_cast<uint32_t>(layout_->histories);
+    const auto index = record_at<index_record>(bytes_, index_position);
+    const uint32_t named = index.header_index;
+    const bool in_range = named < static_cast<uint32_t>(layout_.histories);
     if (index_.state == record_state::good)
         return static_cast<int>(named);
     // The index to which a checksum belongs that has itself survived.
-    for (int history = 0; layout_->sealed_index && history < layout_->histories; ++history)
-        if (sealed_index(history).substr(12) == bytes_.substr(index_position + 12, 4))
+    for (int history = 0; layout_.sealed_index && history < layout_.histories; ++history)
+        if (sealed_index(history).substr(unsealed_index_size) ==
+            bytes_of(index).substr(unsealed_index_size))
             return history;
     const bool is_likely =
         in_range && index_.state != record_state::blank && is_consistent(histories_[named]) &&
@@ -290,12 +331,12 @@ bool log_image::is_consistent(const log_history &history) const
 
 std::string log_image::sealed_index(int current) const
 {
-    const std::string numbers =
-        word(layout_->magic) + word(static_cast<uint32_t>(current)) + word(layout_->stride);
-    return layout_->sealed_index ? numbers + word(checksum_of(numbers)) : numbers;
+    index_record index = {layout_.magic, static_cast<uint32_t>(current), layout_.stride, 0};
+    index.checksum = checksum_of(index);
+    return bytes_of(index).substr(0, layout_.sealed_index ? sizeof index : unsealed_index_size);
 }
 
-// The history's good entries, one behind the other.
+// The history's good entries, one after the other.
 std::string log_image::rebuilt(const log_history &history) const
 {
     std::string entries;
@@ -303,8 +344,8 @@ std::string log_image::rebuilt(const log_history &history) const
         if (slot.state == record_state::good)
             entries += bytes_.substr(slot.position, entry_stride);
     const size_t count = entries.size() / entry_stride;
-    entries.resize(most_entries(*layout_) * entry_stride);
-    return fresh_header(*layout_, history.number, std::min(count, most_entries(*layout_) - 1)) +
+    entries.resize(layout_.most_entries() * entry_stride);
+    return fresh_header(layout_, history.number, std::min(count, layout_.most_entries() - 1)) +
            entries;
 }
 

@@ -15,6 +15,7 @@ namespace devaccess
 // How a kind of storage lays its log out.
 struct log_layout {
     const char *name;
+    const char *title; // "an EEPROM's log"
     uint32_t magic;
     bool sealed_index; // with a checksum
     size_t size;
@@ -26,19 +27,18 @@ struct log_layout {
     {
         return first_header + static_cast<size_t>(history) * stride;
     }
+    // Of a history; the header stops counting before the last, which every further entry replaces.
+    size_t most_entries() const;
 };
 
-inline constexpr log_layout nvram_layout = {"nvram", 0x1FE2C365, true, 16384, 10, 48, 1600};
-inline constexpr log_layout file_layout = {"file", 0x1FE2C363, false, 16384, 10, 44, 1635};
-inline constexpr log_layout eeprom_layout = {"eeprom", 0x1FE2C363, false, 8192, 2, 44, 4080};
-
-// Beside the log in NVRAM: 8 status words, then the fault mask.
-inline constexpr size_t status_words_at = 16384 - 72;
-inline constexpr size_t fault_mask_at = 16384 - 40;
+inline constexpr log_layout nvram_layout = {
+    "nvram", "an NVRAM's log", 0x1FE2C365, true, 16384, 10, 48, 1600};
+inline constexpr log_layout file_layout = {"file", "a file's log", 0x1FE2C363, false, 16384, 10, 44,
+                                           1635};
+inline constexpr log_layout eeprom_layout = {
+    "eeprom", "an EEPROM's log", 0x1FE2C363, false, 8192, 2, 44, 4080};
 
 inline constexpr size_t entry_stride = 80;
-
-uint32_t little_endian_at(const std::string &bytes, size_t position);
 
 enum class record_state { good, blank, bad };
 
@@ -72,11 +72,15 @@ class log_image
 public:
     log_image(const log_layout &layout, std::string bytes);
 
-    const log_layout &layout() const { return *layout_; }
+    const log_layout &layout() const { return layout_; }
     const std::string &bytes() const { return bytes_; } // filled up with zeros to the layout's size
     size_t missing() const { return missing_; }         // bytes that were filled up
     const log_record &index() const { return index_; }
     const std::vector<log_history> &histories() const { return histories_; }
+
+    // What NVRAM has besides the log: the status word of an index, and the mask of fault flags.
+    uint32_t status_word(int index) const;
+    uint32_t fault_mask() const;
 
     bool is_blank() const;      // no record at all
     bool holds_nothing() const; // no record of a log of this layout
@@ -105,13 +109,14 @@ public:
 private:
     log_record decode_index() const;
     log_history decode_history(int number) const;
+    log_record decode_entry(int history, int slot, size_t position) const;
     bool expects_entry(const log_history &history, size_t slot) const;
     bool is_consistent(const log_history &history) const;
     std::string rebuilt(const log_history &history) const;
     std::string sealed_index(int current) const;
     int latest_history() const;
 
-    const log_layout *layout_;
+    log_layout layout_;
     size_t missing_;
     std::string bytes_;
     log_record index_;

@@ -1,84 +1,217 @@
-// The family of POD log commands, and the options that many of them have.
+// What the commands on POD logs share: cards, hints, options.
 #include "tools/podlog/podlog_commands.h"
 
-#include "tools/cli/chassis_option.h"
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
+#include "tools/base/settings.h"
+#include "tools/base/suggest.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <fmt/format.h>
+#include <unistd.h>
 
 namespace devaccess
 {
+
+//--- cards ----------------------------------------------------------------------------------------
+
+std::vector<pod_card> cards_for_reading()
+{
+    const std::string chassis = chassis_type();
+    if (chassis.empty())
+        note(fmt::format("without --chassis or {}, cards are those of the library's built-in table",
+                         chassis_variable));
+    return configure_cards(chassis, settings.is_rp2);
+}
+
+std::vector<pod_card> cards_for_writing()
+{
+    const std::string chassis = chassis_type();
+    if (chassis.empty())
+        throw usage_error(fmt::format(
+            "to write, the chassis type is needed: --chassis n20, n10 or n4, or the variable {}",
+            chassis_variable));
+    return configure_cards(chassis, settings.is_rp2);
+}
+
+std::string table_name()
+{
+    const std::string chassis = chassis_type();
+    return chassis.empty() ? "built-in" : chassis;
+}
+
+pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
+                 const log_place &place)
+{
+    const auto found = std::find_if(cards.begin(), cards.end(), [&](const pod_card &card) {
+        return card.name == in_capitals(name);
+    });
+    if (found != cards.end())
+        return *found;
+    std::vector<std::string> names;
+    for (const pod_card &card : cards)
+        names.push_back(card.name);
+    throw failure("find the card " + name, "this chassis has none of that name",
+                  did_you_mean(name, names) + podlog_command("cards", place) + " shows the cards");
+}
+
+log_storage storage_for_reading(const std::string &card, const log_place &place)
+{
+    return log_storage(place, card_of(card, cards_for_reading(), place));
+}
+
+log_storage storage_for_writing(const std::string &card, const log_place &place)
+{
+    return log_storage(place, card_of(card, cards_for_writing(), place));
+}
+
+//--- hints ----------------------------------------------------------------------------------------
+
+std::string podlog_command(const std::string &words, const log_place &place)
+{
+    std::string line = "devaccess podlog " + words;
+    const auto add = [&](const char *name, const std::string &value) {
+        const char *const quote = value.find(' ') == value.npos ? "" : "\"";
+        if (!value.empty())
+            line += fmt::format(" {} {}{}{}", name, quote, value, quote);
+    };
+    add("--eeprom", place.eeprom);
+    add("--nvram", place.nvram);
+    add("--pod-dir", place.pod_directory);
+    add("--chassis", settings.chassis);
+    return fmt::format("'{}{}'", line, settings.is_rp2 ? " --rp2" : "");
+}
+
+std::string remedy_hint(const log_storage &storage, const log_findings &found)
+{
+    const auto with = [&](const char *verb, const char *more = "") {
+        return podlog_command(fmt::format("{} {}{}", verb, storage.card().name, more),
+                              storage.place());
+    };
+    switch (found.way_out) {
+    case remedy::check_name:
+        return "is the name right?";
+    case remedy::try_again:
+        return "its records are good; is another program using it?";
+    case remedy::salvage:
+        return with("salvage") + " shows what can be read";
+    case remedy::prepare:
+        return with("prepare") + " makes a log of it";
+    case remedy::prepare_over:
+        return with("prepare", " --yes") + " replaces what is there by a log";
+    case remedy::copy:
+        return with("copy") + " makes a log of it";
+    case remedy::copy_over:
+        return with("copy", " --force") + " replaces what is there by a log";
+    case remedy::repair:
+        return with("repair", " --yes") + " keeps what is good";
+    default:
+        return found.advice;
+    }
+}
+
+std::string way_out(const log_storage &storage, const log_findings &found)
+{
+    const bool has_more = found.state == storage_state::damaged;
+    const std::string check =
+        podlog_command("check " + storage.card().name, storage.place()) + " tells more, ";
+    return (has_more ? check : "") + remedy_hint(storage, found);
+}
+
+log_findings expect_log(const log_storage &storage)
+{
+    log_findings found = storage.judge(storage.bytes());
+    if (found.holds_log)
+        return found;
+    const std::string what = "read the POD log of " + storage.card().name;
+    if (found.state == storage_state::missing)
+        throw failure(what, fmt::format("{}: {}", storage.path(), std::strerror(ENOENT)),
+                      way_out(storage, found), ENOENT);
+    const bool is_empty = found.state == storage_state::empty;
+    throw failure(what, storage.path() + (is_empty ? " is blank" : " holds no POD log"),
+                  way_out(storage, found));
+}
+
+void fail_on(const log_storage &storage, const std::string &what, const outcome &how)
+{
+    if (!storage.is_device())
+        ::close(storage.open(true)); // tells of a right that is missing
+    const log_findings found = storage.judge(storage.bytes());
+    const auto wrong = found.log ? found.log->wrong() : std::vector<log_record>();
+    std::string why = how.said.empty() && !wrong.empty() ? "" : how.why();
+    if (!wrong.empty())
+        why += fmt::format("{}{}: {}", why.empty() ? "" : ": ", wrong.front().name(),
+                           wrong.front().problem);
+    throw failure(what, why, way_out(storage, found));
+}
+
+//--- options --------------------------------------------------------------------------------------
+
 namespace
 {
 
 std::vector<std::string> card_names(const given_options &given)
 {
-    if (const auto chassis = given.find("--chassis"); chassis != given.end())
-        settings.chassis = chassis->second;
+    const auto chassis = given.find("--chassis");
     std::vector<std::string> names;
-    for (const pod_card &card : configure_cards(chassis_type(), false))
+    for (const pod_card &card :
+         configure_cards(chassis == given.end() ? chassis_type() : chassis->second, false))
         names.push_back(card.name);
     return names;
 }
 
 } // namespace
 
-CLI::App *podlog_family::add(const std::string &name, const std::string &description, action act)
+option add_card(command &to, std::string &card, const char *meaning)
 {
-    CLI::App *command = command_family::add(name, description, act);
-    add_chassis_options(*command);
-    return command;
+    return to.argument("CARD", card, meaning).choices(card_names);
 }
 
-CLI::Option *podlog_family::add_card(CLI::App *command, const std::string &description)
+option add_eeprom(command &to, log_place &place)
 {
-    return offer(command->add_option("CARD", arguments->card, description), card_names)->required();
+    return to
+        .add_option("--eeprom", "FILE", place.eeprom, "Use the image FILE of the card's EEPROM")
+        .paths();
 }
 
-CLI::App *podlog_family::add_for_card(const std::string &name, const std::string &description,
-                                      action act)
+option add_nvram(command &to, log_place &place)
 {
-    CLI::App *command = add(name, description, act);
-    add_card(command, "e.g. RPSW1");
-    return command;
+    return to
+        .add_option("--nvram", "FILE", place.nvram,
+                    "Read the NVRAM image FILE instead of the machine's NVRAM")
+        .paths();
 }
 
-CLI::Option *podlog_family::add_eeprom(CLI::App *command)
+option add_pod_directory(command &to, log_place &place)
 {
-    return offer_paths(
-        command
-            ->add_option("--eeprom", arguments->eeprom, "the card's EEPROM, which this file holds")
-            ->option_text("FILE"));
+    return to
+        .add_option("--pod-dir", "DIRECTORY", place.pod_directory,
+                    "Read the POD files in DIRECTORY instead of /var/pod")
+        .paths();
 }
 
-CLI::Option *podlog_family::add_nvram(CLI::App *command)
+void add_places(command &to, log_place &place)
 {
-    return offer_paths(
-        command->add_option("--nvram", arguments->nvram, "this file, not the machine's NVRAM")
-            ->option_text("FILE"));
+    const option eeprom = add_eeprom(to, place);
+    add_nvram(to, place).excludes(eeprom);
+    add_pod_directory(to, place).excludes(eeprom);
 }
 
-void podlog_family::add_places(CLI::App *command)
+void add_yes(command &to, bool &yes)
 {
-    CLI::Option *eeprom = add_eeprom(command);
-    add_nvram(command)->excludes(eeprom);
-    offer_paths(
-        command->add_option("--pod-dir", arguments->pod_directory, "files of this, not /var/pod"))
-        ->option_text("DIRECTORY")
-        ->excludes(eeprom);
+    to.add_flag("--yes", yes, "Do it; without this, only say what would be done");
 }
 
-void podlog_family::add_yes(CLI::App *command)
+void describe_podlog(command &podlog)
 {
-    command->add_flag("--yes", arguments->yes, "do it; without it, say what would be done");
-}
-
-void add_podlog_commands(CLI::App &program)
-{
-    podlog_family podlog(program, "podlog", "POD logs of the cards");
-    add_chassis_options(podlog.app);
-    add_podlog_reading_commands(podlog);
-    add_podlog_timeline_command(podlog);
-    add_podlog_writing_commands(podlog);
-    add_podlog_status_commands(podlog);
-    add_podlog_salvage_commands(podlog);
+    podlog.footer("Also --chassis TYPE, --rp2, --json and others; see devaccess --help.");
+    describe_reading(podlog);
+    describe_timeline(podlog);
+    describe_writing(podlog);
+    describe_status(podlog);
+    describe_salvage(podlog);
 }
 
 } // namespace devaccess

@@ -1,34 +1,69 @@
-// What the groups of POD log commands share.
+// What the commands on POD logs share, and those that other families use.
 #pragma once
 
 #include "tools/base/output.h"
-#include "tools/cli/completion.h"
+#include "tools/cli/command.h"
 #include "tools/podlog/storage.h"
+
+#include <string>
+#include <vector>
 
 namespace devaccess
 {
 
-// Each command takes the options that say which cards there are.
-class podlog_family : public command_family<podlog_arguments>
-{
-public:
-    using command_family::command_family;
+void describe_podlog(command &podlog);
 
-    CLI::App *add(const std::string &name, const std::string &description, action act);
-    CLI::App *add_for_card(const std::string &name, const std::string &description, action act);
-    CLI::Option *add_card(CLI::App *command, const std::string &description);
-    CLI::Option *add_eeprom(CLI::App *command);
-    CLI::Option *add_nvram(CLI::App *command);
-    // Files that can stand for the machine's storages, where a command only reads.
-    void add_places(CLI::App *command);
-    void add_yes(CLI::App *command);
-};
+//--- cards ----------------------------------------------------------------------------------------
 
-void add_podlog_reading_commands(podlog_family &podlog);
-void add_podlog_writing_commands(podlog_family &podlog);
-void add_podlog_status_commands(podlog_family &podlog);
-void add_podlog_salvage_commands(podlog_family &podlog);
-void add_podlog_timeline_command(podlog_family &podlog);
+// The cards of the chassis. Commands that read use the library's built-in table when its type is
+// not said, and say so; those that write refuse.
+std::vector<pod_card> cards_for_reading();
+std::vector<pod_card> cards_for_writing();
+
+// The table in use: "n20", "n10", "n4" or "built-in".
+std::string table_name();
+
+// The card of this name, in any case.
+pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
+                 const log_place &place);
+log_storage storage_for_reading(const std::string &card, const log_place &place);
+log_storage storage_for_writing(const std::string &card, const log_place &place);
+
+//--- hints ----------------------------------------------------------------------------------------
+
+// A command of this family, quoted, with the options that say where the logs are.
+std::string podlog_command(const std::string &words, const log_place &place = {});
+
+// What can be done about a storage; and, for those who do not know yet, where to learn what is
+// wrong.
+std::string remedy_hint(const log_storage &storage, const log_findings &found);
+std::string way_out(const log_storage &storage, const log_findings &found);
+
+// What is there, which has a log, but maybe a damaged one; fails when there is none.
+log_findings expect_log(const log_storage &storage);
+
+// A call of the library on the storage has failed. The library says nothing of a bad header; this
+// does.
+[[noreturn]] void fail_on(const log_storage &storage, const std::string &what, const outcome &how);
+
+//--- options --------------------------------------------------------------------------------------
+
+option add_card(command &to, std::string &card,
+                const char *meaning = "Name of the card, e.g. RPSW1");
+option add_eeprom(command &to, log_place &place);
+option add_nvram(command &to, log_place &place);
+option add_pod_directory(command &to, log_place &place);
+// Files that can stand for the machine's storages, where a command only reads.
+void add_places(command &to, log_place &place);
+void add_yes(command &to, bool &yes);
+
+//--- groups of commands ---------------------------------------------------------------------------
+
+void describe_reading(command &podlog);
+void describe_timeline(command &podlog);
+void describe_writing(command &podlog);
+void describe_status(command &podlog);
+void describe_salvage(command &podlog);
 
 // A card's POD result and fault-injection flag, out of the local NVRAM.
 struct card_status {
@@ -36,13 +71,11 @@ struct card_status {
     std::string status; // "Passed", "Failed" or "Invalid"
     bool fault_injected;
 };
-std::vector<card_status> card_statuses(const podlog_arguments &arguments,
-                                       const std::vector<pod_card> &cards);
+std::vector<card_status> card_statuses(const std::vector<pod_card> &cards);
 
 // A record of a log as a line of a table.
 record entry_row(const log_image &log, const log_record &slot);
 record record_row(const log_record &what);
-
 record_set record_rows(const std::vector<log_record> &records);
 
 } // namespace devaccess

@@ -1,9 +1,12 @@
 // What reads logs: cards, list, show, check.
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
 #include "tools/base/output.h"
-#include "tools/cli/completion.h"
+#include "tools/cli/options.h"
 #include "tools/podlog/podlog_commands.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -20,19 +23,19 @@ record entry_row(const log_image &log, const log_record &slot)
 
 record record_row(const log_record &what)
 {
-    const auto sum = [](record &row, const char *name, const std::optional<uint32_t> &value) {
-        row.add(name, if_any(value), value ? hex(*value, 8) : "-");
-    };
     record row;
+    const auto add_sum = [&](const char *name, const std::optional<uint32_t> &sum) {
+        row.add(name, sum, sum ? hex(*sum, 8) : "-");
+    };
     row.add("record", what.kind)
-        .add("history", if_any(what.history))
-        .add("entry", if_any(what.entry))
+        .add("history", what.history)
+        .add("entry", what.entry)
         .add("position", what.position);
-    sum(row, "stored", what.stored);
-    sum(row, "computed", what.computed);
+    add_sum("stored", what.stored);
+    add_sum("computed", what.computed);
     return row.add("good", what.state == record_state::good)
         .warn_if(what.state == record_state::bad)
-        .add("problem", what.problem.empty() ? json() : json(what.problem));
+        .add("problem", text_or_null(what.problem));
 }
 
 record_set record_rows(const std::vector<log_record> &records)
@@ -46,21 +49,16 @@ record_set record_rows(const std::vector<log_record> &records)
 namespace
 {
 
-log_storage storage_for_reading(const podlog_arguments &arguments)
-{
-    return log_storage(arguments, card_of(arguments, cards_for_reading()));
-}
-
-void cards(const podlog_arguments &)
+void cards()
 {
     record_set set = {"cards", {}};
     for (const pod_card &card : cards_for_reading())
         set.rows.push_back(record()
                                .add("card", card.name)
-                               .add("id", if_any(card.registry_id))
+                               .add("id", card.registry_id)
                                .add("storage", card.storage == PODSTORAGE_NVRAM ? "nvram" : "file")
                                .add("storage_id", card.storage_id)
-                               .add("secondary_eeprom", if_any(card.secondary)));
+                               .add("secondary_eeprom", card.secondary));
     print(record().add_hidden("table", table_name()).add(std::move(set)));
 }
 
@@ -73,9 +71,10 @@ int unreadable(const log_image &log)
                       [&](const log_history &history) { return log.is_unreadable(history); }));
 }
 
-// Says what of the log could not be read, when that is anything.
-void complain(const log_storage &storage, const log_image &log)
+// Fails when something of the log could not be read.
+void expect_readable(const log_storage &storage, const log_findings &found)
 {
+    const log_image &log = *found.log;
     const int count = unreadable(log);
     if (count == 0 && log.index().state == record_state::good)
         return;
@@ -84,8 +83,7 @@ void complain(const log_storage &storage, const log_image &log)
     const auto wrong = log.wrong();
     if (!wrong.empty())
         why += fmt::format(" ({}: {})", wrong.front().name(), wrong.front().problem);
-    throw failure("read all of the log of " + storage.card().name, why,
-                  storage.way_out(log.bytes().substr(0, log.bytes().size() - log.missing())));
+    throw failure("read all of the log of " + storage.card().name, why, way_out(storage, found));
 }
 
 record &add_unreadable(record &shown, const log_image &log)
@@ -99,10 +97,16 @@ record about(const log_storage &storage)
     return record().add_hidden("table", table_name()).add("card", storage.card().name);
 }
 
-void list(const podlog_arguments &arguments)
+struct list_arguments {
+    log_place place;
+    std::string card;
+};
+
+void list(const list_arguments &arguments)
 {
-    const log_storage storage = storage_for_reading(arguments);
-    const log_image log = storage.log();
+    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
+    const log_findings found = expect_log(storage);
+    const log_image &log = *found.log;
     record_set set = {"histories", {}};
     for (const log_history *history : log.written()) {
         const auto entries = log.chain(*history);
@@ -114,12 +118,21 @@ void list(const podlog_arguments &arguments)
     }
     record shown = about(storage);
     print(add_unreadable(shown, log).add(std::move(set)));
-    complain(storage, log);
+    expect_readable(storage, found);
 }
 
 //--- entries --------------------------------------------------------------------------------------
 
-const log_history *wanted_history(const podlog_arguments &arguments, const log_image &log)
+struct show_arguments {
+    log_place place;
+    std::string card;
+    std::string history;
+    bool follow = false;
+    bool all = false;
+    time_span span;
+};
+
+const log_history *wanted_history(const show_arguments &arguments, const log_image &log)
 {
     if (arguments.history.empty()) {
         const auto found = log.written();
@@ -129,21 +142,21 @@ const log_history *wanted_history(const podlog_arguments &arguments, const log_i
     if (number >= log.histories().size())
         throw failure(fmt::format("read history {} of {}", number, in_capitals(arguments.card)),
                       fmt::format("the log has histories 0 to {}", log.histories().size() - 1),
-                      podlog_command(arguments, "list " + arguments.card) + " shows them");
+                      podlog_command("list " + arguments.card, arguments.place) + " shows them");
     return &log.histories()[static_cast<std::size_t>(number)];
 }
 
 // Fails when a history does not end where its header says.
-void expect_whole(const log_storage &storage, const log_image &log, const log_history &history)
+void expect_whole(const log_storage &storage, const log_findings &found, const log_history &history)
 {
-    const auto wrong = log.wrong();
+    const auto wrong = found.log->wrong();
     const auto bad = std::find_if(wrong.begin(), wrong.end(), [&](const log_record &record) {
         return record.history == history.number;
     });
     if (bad != wrong.end())
         throw failure(
             fmt::format("read all of history {} of {}", history.number, storage.card().name),
-            fmt::format("{}: {}", bad->name(), bad->problem), storage.way_out(log.bytes()));
+            fmt::format("{}: {}", bad->name(), bad->problem), way_out(storage, found));
 }
 
 // Which entries are shown, and how.
@@ -180,7 +193,7 @@ void print_new_entries(const entry_view &view, const log_image &log, bookmark &s
             print_line(*row);
 }
 
-void go_on(const podlog_arguments &arguments, const entry_view &view, const log_image &log,
+void go_on(const show_arguments &arguments, const entry_view &view, const log_image &log,
            bookmark &seen)
 {
     const log_history *history = wanted_history(arguments, log);
@@ -194,12 +207,12 @@ void go_on(const podlog_arguments &arguments, const entry_view &view, const log_
     print_new_entries(view, log, seen);
 }
 
-[[noreturn]] void follow(const podlog_arguments &arguments, const entry_view &view,
+[[noreturn]] void follow(const show_arguments &arguments, const entry_view &view,
                          const log_storage &storage)
 {
     for (bookmark seen;;) {
         try {
-            go_on(arguments, view, storage.log(), seen);
+            go_on(arguments, view, *expect_log(storage).log, seen);
         } catch (const failure &failed) {
             if (failed.error != EBUSY) // a writer has it open for a moment
                 throw;
@@ -209,7 +222,7 @@ void go_on(const podlog_arguments &arguments, const entry_view &view, const log_
 }
 
 // Oldest first.
-std::vector<const log_history *> wanted_histories(const podlog_arguments &arguments,
+std::vector<const log_history *> wanted_histories(const show_arguments &arguments,
                                                   const log_image &log)
 {
     if (!arguments.all) {
@@ -221,15 +234,16 @@ std::vector<const log_history *> wanted_histories(const podlog_arguments &argume
     return all;
 }
 
-void show(const podlog_arguments &arguments)
+void show(const show_arguments &arguments)
 {
     if (arguments.all && (!arguments.history.empty() || arguments.follow))
         throw usage_error("--all is neither for one HISTORY nor with --follow");
-    const log_storage storage = storage_for_reading(arguments);
+    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
     const entry_view view = {storage.card().name, arguments.all, arguments.span.limits()};
     if (arguments.follow)
         follow(arguments, view, storage);
-    const log_image log = storage.log();
+    const log_findings found = expect_log(storage);
+    const log_image &log = *found.log;
     const auto histories = wanted_histories(arguments, log);
     record_set set = {"entries", {}};
     for (const log_history *history : histories)
@@ -238,70 +252,67 @@ void show(const podlog_arguments &arguments)
                 set.rows.push_back(std::move(*row));
     record shown = about(storage);
     if (!arguments.all)
-        shown.add("history", histories.empty() ? json() : json(histories[0]->number));
+        shown.add("history", histories.empty() ? field_value() : field_value(histories[0]->number));
     else
         shown.add_hidden("history", nullptr);
     print_entries(add_unreadable(shown, log), std::move(set));
     for (const log_history *history : histories)
-        expect_whole(storage, log, *history);
+        expect_whole(storage, found, *history);
     if (arguments.history.empty())
-        complain(storage, log);
+        expect_readable(storage, found);
 }
 
 //--- check ----------------------------------------------------------------------------------------
 
-// One storage's line in a check, and its records.
-struct examination {
-    record row;
-    std::vector<log_record> records;
-    std::string remedy; // empty when it is good
+struct check_arguments {
+    log_place place;
+    std::string card;
+    bool all = false;
 };
 
-examination examine(const podlog_arguments &arguments, const log_storage &storage)
+record storage_row(const log_storage &storage, const log_findings &found)
 {
-    const storage_state state = storage.state();
-    const bool good = state.problem.empty();
-    const std::optional<log_image> &log = state.log;
-    record row = record()
-                     .add("card", storage.card().name)
-                     .add("storage", storage.layout().name)
-                     .add("path", storage.path())
-                     .add("good", good)
-                     .warn_if(!good)
-                     .add("histories", log ? log->written().size() : 0)
-                     .add("entries", log ? log->good_entries().size() : 0)
-                     .add("problem", good ? json() : json(state.problem));
-    return {std::move(row),
-            !log || log->is_blank() ? std::vector<log_record>()
-            : arguments.all         ? log->records()
-                                    : log->wrong(),
-            state.remedy};
+    const bool good = found.state == storage_state::good;
+    return record()
+        .add("card", storage.card().name)
+        .add("storage", storage.layout().name)
+        .add("path", storage.path())
+        .add("good", good)
+        .warn_if(!good)
+        .add("histories", found.log ? found.log->written().size() : 0)
+        .add("entries", found.log ? found.log->good_entries().size() : 0)
+        .add("problem", text_or_null(printable(found.problem)));
 }
 
-std::vector<pod_card> checked_cards(const podlog_arguments &arguments)
+std::vector<log_record> records_to_show(const log_findings &found, bool all)
+{
+    if (!found.log || found.log->is_blank())
+        return {};
+    return all ? found.log->records() : found.log->wrong();
+}
+
+std::vector<pod_card> checked_cards(const check_arguments &arguments)
 {
     std::vector<pod_card> cards = cards_for_reading();
     if (arguments.card.empty())
         return cards;
-    return {card_of(arguments, cards)};
+    return {card_of(arguments.card, cards, arguments.place)};
 }
 
-void check(const podlog_arguments &arguments)
+void check(const check_arguments &arguments)
 {
     record_set storages = {"storages", {}};
     record_set records = {"records", {}};
     std::string hint; // of the first bad one
     size_t bad = 0;
     for (const pod_card &card : checked_cards(arguments)) {
-        const log_storage storage(arguments, card);
-        examination found = examine(arguments, storage);
-        storages.rows.push_back(std::move(found.row));
-        for (const log_record &what : found.records)
+        const log_storage storage(arguments.place, card);
+        const log_findings found = storage.look();
+        storages.rows.push_back(storage_row(storage, found));
+        for (const log_record &what : records_to_show(found, arguments.all))
             records.rows.push_back(record().add("card", card.name).append(record_row(what)));
-        if (found.remedy.empty())
-            continue;
-        if (bad++ == 0)
-            hint = fmt::format("of {}: {}", card.name, found.remedy);
+        if (found.state != storage_state::good && bad++ == 0)
+            hint = fmt::format("of {}: {}", card.name, remedy_hint(storage, found));
     }
     const size_t all = storages.rows.size();
     record shown;
@@ -312,25 +323,40 @@ void check(const podlog_arguments &arguments)
                       hint);
 }
 
+//--- command line ---------------------------------------------------------------------------------
+
+void add_listed(command &to, list_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    add_places(to, arguments.place);
+}
+
+void add_shown(command &to, show_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    to.argument("HISTORY", arguments.history, "Number of the history (default: the newest)");
+    to.add_flag("--follow", arguments.follow, "Keep printing entries as they are added");
+    to.add_flag("--all", arguments.all, "Show the entries of all histories");
+    add_time_span(to, arguments.span);
+    add_entry_format(to);
+    add_places(to, arguments.place);
+}
+
+void add_checked(command &to, check_arguments &arguments)
+{
+    add_card(to, arguments.card, "Check the log of this card only");
+    to.add_flag("--all", arguments.all, "Show the good records too");
+    add_places(to, arguments.place);
+}
+
 } // namespace
 
-void add_podlog_reading_commands(podlog_family &podlog)
+void describe_reading(command &podlog)
 {
-    podlog.add("cards", "List the cards, and where each keeps its log", cards);
-    auto listed = podlog.add_for_card("list", "List a log's histories, newest first", list);
-    podlog.add_places(listed);
-    auto shown = podlog.add_for_card("show", "Show the entries of a history", show);
-    shown->add_option("HISTORY", podlog.arguments->history, "its number; without it, the newest");
-    shown->add_flag("--follow", podlog.arguments->follow,
-                    "go on with what is added, a line for each");
-    shown->add_flag("--all", podlog.arguments->all, "the entries of all histories");
-    podlog.arguments->span.add_options(*shown);
-    add_entry_format(*shown);
-    podlog.add_places(shown);
-    auto checked = podlog.add("check", "Look at every index, header and entry of the logs", check);
-    podlog.add_card(checked, "only this one's")->required(false);
-    checked->add_flag("--all", podlog.arguments->all, "show the good records too");
-    podlog.add_places(checked);
+    podlog.add("cards", "List the cards and where each keeps its log", cards);
+    podlog.add("list", "List the histories of a log, newest first", add_listed, list);
+    podlog.add("show", "Show the entries of a history", add_shown, show);
+    podlog.add("check", "Check every index, header and entry of the logs", add_checked, check);
 }
 
 } // namespace devaccess

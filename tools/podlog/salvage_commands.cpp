@@ -1,7 +1,9 @@
 // Ways out of a damaged log: save, salvage, repair, reset.
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/podlog/podlog_commands.h"
 
+#include <cerrno>
 #include <ctime>
 #include <filesystem>
 
@@ -13,24 +15,28 @@ namespace devaccess
 namespace
 {
 
-// The bytes of a storage that is there.
-std::string bytes_of(const log_storage &storage)
+// What is in a storage that is there.
+log_findings expect_bytes(const log_storage &storage)
 {
-    const auto bytes = storage.bytes();
-    if (!bytes)
-        throw failure("read " + storage.path(), "it is missing", storage.way_out(bytes), ENOENT);
-    return *bytes;
+    log_findings found = storage.judge(storage.bytes());
+    if (!found.log)
+        throw failure("read " + storage.path(), "it is missing", way_out(storage, found), ENOENT);
+    return found;
 }
 
-log_storage storage_of(const podlog_arguments &arguments, const std::vector<pod_card> &cards)
-{
-    return log_storage(arguments, card_of(arguments, cards));
-}
+//--- save -----------------------------------------------------------------------------------------
 
-void save(const podlog_arguments &arguments)
+struct save_arguments {
+    log_place place;
+    std::string card;
+    std::string target;
+    bool force = false;
+};
+
+void save(const save_arguments &arguments)
 {
-    const log_storage storage = storage_of(arguments, cards_for_reading());
-    const std::string bytes = bytes_of(storage);
+    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
+    const std::string bytes = expect_bytes(storage).bytes();
     write_file(arguments.target, bytes, !arguments.force);
     print_done(record()
                    .add_hidden("table", table_name())
@@ -40,6 +46,12 @@ void save(const podlog_arguments &arguments)
 }
 
 //--- salvage --------------------------------------------------------------------------------------
+
+struct salvage_arguments {
+    log_place place;
+    std::string card;
+    std::string file;
+};
 
 // The records that are bad. A blank one is not, in a log of which nothing else is there.
 std::vector<log_record> bad_records(const log_image &log)
@@ -56,7 +68,7 @@ void print_salvaged(record shown, const log_image &log)
     print(add_records(shown, record_rows(bad_records(log))));
 }
 
-void salvage(const podlog_arguments &arguments)
+void salvage(const salvage_arguments &arguments)
 {
     if (arguments.card.empty() == arguments.file.empty())
         throw usage_error("either CARD or --file FILE says what to salvage");
@@ -69,17 +81,24 @@ void salvage(const podlog_arguments &arguments)
                        log_image(likely_layout(*bytes), *bytes));
         return;
     }
-    const log_storage storage = storage_of(arguments, cards_for_reading());
+    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
     print_salvaged(record().add_hidden("table", table_name()).add("card", storage.card().name),
-                   log_image(storage.layout(), bytes_of(storage)));
+                   *expect_bytes(storage).log);
 }
 
 //--- repair ---------------------------------------------------------------------------------------
 
-std::string file_to_save_to(const podlog_arguments &arguments, const log_storage &storage)
+struct repair_arguments {
+    log_place place;
+    std::string card;
+    std::string target;
+    bool yes = false;
+};
+
+std::string file_to_save_to(const std::string &target, const log_storage &storage)
 {
-    if (!arguments.target.empty())
-        return arguments.target;
+    if (!target.empty())
+        return target;
     const std::string name = fmt::format("/var/tmp/podlog-{}-{:%Y%m%dT%H%M%SZ}",
                                          storage.card().name, fmt::gmtime(std::time(nullptr)));
     std::string file = name + ".bin";
@@ -95,7 +114,7 @@ std::string plan_of(const log_image &log)
 }
 
 // Only a device that ends too early takes less than what is written.
-void write_repaired(const log_storage &storage, const podlog_arguments &arguments)
+void write_repaired(const log_storage &storage)
 {
     try {
         storage.rewrite([&](const std::string &bytes) {
@@ -105,7 +124,7 @@ void write_repaired(const log_storage &storage, const podlog_arguments &argument
         if (!storage.is_device())
             throw;
         throw failure("repair the log of " + storage.card().name, failed.what(),
-                      podlog_command(arguments, "salvage " + storage.card().name) +
+                      podlog_command("salvage " + storage.card().name, storage.place()) +
                           " shows what can be read; does the device have all its bytes?",
                       failed.error);
     }
@@ -113,35 +132,40 @@ void write_repaired(const log_storage &storage, const podlog_arguments &argument
 
 void print_repaired(const log_storage &storage, const log_image &before, const std::string &file)
 {
+    const log_image now(storage.layout(), storage.bytes().value_or(""));
     record shown;
     shown.add("card", storage.card().name)
-        .add("saved", file.empty() ? json() : json(file))
-        .add("entries", storage.log().good_entries().size());
+        .add("saved", text_or_null(file))
+        .add("entries", now.good_entries().size());
     print(add_records(shown, record_rows(bad_records(before))));
 }
 
-void repair(const podlog_arguments &arguments)
+void repair(const repair_arguments &arguments)
 {
-    const log_storage storage = storage_of(arguments, cards_for_writing());
-    const std::string bytes = bytes_of(storage);
-    const log_image log(storage.layout(), bytes);
+    const log_storage storage = storage_for_writing(arguments.card, arguments.place);
+    const log_findings found = expect_bytes(storage);
     const std::string what = "repair the log of " + storage.card().name;
-    if (log.is_blank() || log.holds_nothing())
-        throw failure(what, "it holds nothing of a log", storage.way_out(bytes));
-    if (log.is_good()) {
-        print_repaired(storage, log, "");
+    if (!found.holds_log)
+        throw failure(what, "it holds nothing of a log", way_out(storage, found));
+    if (found.state == storage_state::good) {
+        print_repaired(storage, *found.log, "");
         return;
     }
     if (!arguments.yes)
-        throw failure(what, plan_of(log), storage.remedy(bytes));
-    const std::string file = file_to_save_to(arguments, storage);
-    write_file(file, bytes, true);
+        throw failure(what, plan_of(*found.log), remedy_hint(storage, found));
+    const std::string file = file_to_save_to(arguments.target, storage);
+    write_file(file, found.bytes(), true);
     note("what was there is saved in " + file);
-    write_repaired(storage, arguments);
-    print_repaired(storage, log, file);
+    write_repaired(storage);
+    print_repaired(storage, *found.log, file);
 }
 
 //--- reset ----------------------------------------------------------------------------------------
+
+struct reset_arguments {
+    std::string card;
+    bool yes = false;
+};
 
 std::string loss_of(const log_storage &storage, const log_image &log)
 {
@@ -150,16 +174,15 @@ std::string loss_of(const log_storage &storage, const log_image &log)
                        storage.is_nvram() ? ", the status words and the fault flags" : "");
 }
 
-void reset(const podlog_arguments &arguments)
+void reset(const reset_arguments &arguments)
 {
-    const log_storage storage = storage_of(arguments, cards_for_writing());
+    const log_storage storage = storage_for_writing(arguments.card, {});
     const log_image log(storage.layout(), storage.bytes().value_or(""));
     const std::string what = "reset the log of " + storage.card().name;
     if (!arguments.yes)
-        throw failure(
-            what, loss_of(storage, log) + " would be lost",
-            podlog_command(arguments, "save " + storage.card().name + " FILE") + " keeps them, " +
-                podlog_command(arguments, "reset " + storage.card().name + " --yes") + " goes on");
+        throw failure(what, loss_of(storage, log) + " would be lost",
+                      podlog_command("save " + storage.card().name + " FILE") + " keeps them, " +
+                          podlog_command("reset " + storage.card().name + " --yes") + " goes on");
     if (const std::string lack = reset_storage(storage, what); !lack.empty())
         throw failure(what, lack, "does the storage have all its bytes, and the disk room?");
     note("lost: " + loss_of(storage, log));
@@ -169,32 +192,49 @@ void reset(const podlog_arguments &arguments)
                    .add("lost_entries", log.good_entries().size()));
 }
 
+//--- command line ---------------------------------------------------------------------------------
+
+void add_saved(command &to, save_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    to.argument("FILE", arguments.target, "File to make").paths().required();
+    to.add_flag("--force", arguments.force, "Replace the file if it exists");
+    add_places(to, arguments.place);
+}
+
+void add_salvaged(command &to, salvage_arguments &arguments)
+{
+    add_card(to, arguments.card, "Card whose log to read");
+    to.add_option("--file", "FILE", arguments.file, "Read the saved storage FILE instead").paths();
+    add_places(to, arguments.place);
+}
+
+void add_repaired(command &to, repair_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    to.add_option("--save", "FILE", arguments.target,
+                  "Save the storage's bytes to FILE (default: a file in /var/tmp)")
+        .paths();
+    add_eeprom(to, arguments.place);
+    add_yes(to, arguments.yes);
+}
+
+void add_reset(command &to, reset_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    add_yes(to, arguments.yes);
+}
+
 } // namespace
 
-void add_podlog_salvage_commands(podlog_family &podlog)
+void describe_salvage(command &podlog)
 {
-    const auto &arguments = podlog.arguments;
-    CLI::App *saving =
-        podlog.add_for_card("save", "Save the storage's bytes as they are to a file", save);
-    offer_paths(saving->add_option("FILE", arguments->target, "to make"))->required();
-    saving->add_flag("--force", arguments->force, "replace a file that is there");
-    podlog.add_places(saving);
-
-    CLI::App *salvaging =
-        podlog.add("salvage", "Show every good entry, whatever index and headers say", salvage);
-    podlog.add_card(salvaging, "of which card")->required(false);
-    offer_paths(salvaging->add_option("--file", arguments->file, "a storage that was saved"))
-        ->option_text("FILE");
-    podlog.add_places(salvaging);
-
-    CLI::App *repairing = podlog.add_for_card(
-        "repair", "Save a damaged log, then make it one that opens, with all good entries", repair);
-    offer_paths(repairing->add_option("--save", arguments->target, "save there, not in /var/tmp"))
-        ->option_text("FILE");
-    podlog.add_eeprom(repairing);
-    podlog.add_yes(repairing);
-
-    podlog.add_yes(podlog.add_for_card("reset", "Format the storage, whatever it holds", reset));
+    podlog.add("save", "Save the bytes of the storage to a file", add_saved, save);
+    podlog.add("salvage", "Show every good entry, whatever index and headers say", add_salvaged,
+               salvage);
+    podlog.add("repair", "Save a damaged log, then rebuild it with all good entries", add_repaired,
+               repair);
+    podlog.add("reset", "Format the storage, whatever it holds", add_reset, reset);
 }
 
 } // namespace devaccess

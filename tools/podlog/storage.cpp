@@ -1,9 +1,9 @@
+// Finds, reads, judges, formats and rewrites the storages of POD logs.
 #include "tools/podlog/storage.h"
 
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/base/output.h"
-#include "tools/base/suggest.h"
-#include "tools/cli/chassis_option.h"
 
 #include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
@@ -22,7 +22,7 @@ namespace
 
 constexpr char nvram_path[] = "/dev/nvlog-pod";
 
-// By the ids of the files of the library.
+// By the ids of the library's files.
 std::string file_name(int id)
 {
     constexpr const char *names[] = {"alsw1", "alsw2", "sw1",  "sw2",  "sw3",      "sw4",
@@ -34,14 +34,13 @@ std::string file_name(int id)
     return fmt::format("pod_{}.hex", names[id]);
 }
 
-std::string place_of(const podlog_arguments &arguments, const pod_card &card)
+std::string path_of(const log_place &place, const pod_card &card)
 {
-    if (!arguments.eeprom.empty())
-        return arguments.eeprom;
+    if (!place.eeprom.empty())
+        return place.eeprom;
     if (card.storage == PODSTORAGE_NVRAM)
-        return arguments.nvram.empty() ? nvram_path : arguments.nvram;
-    const std::string directory =
-        arguments.pod_directory.empty() ? "/var/pod" : arguments.pod_directory;
+        return place.nvram.empty() ? nvram_path : place.nvram;
+    const std::string directory = place.pod_directory.empty() ? "/var/pod" : place.pod_directory;
     return directory + "/" + file_name(card.storage_id);
 }
 
@@ -60,78 +59,28 @@ int open_nvram(bool writable)
 
 } // namespace
 
-std::string podlog_command(const podlog_arguments &arguments, const std::string &words)
-{
-    std::string line = "devaccess podlog " + words;
-    const auto add = [&](const char *option, const std::string &value) {
-        const char *const quote = value.find(' ') == value.npos ? "" : "\"";
-        if (!value.empty())
-            line += fmt::format(" {} {}{}{}", option, quote, value, quote);
-    };
-    add("--eeprom", arguments.eeprom);
-    add("--nvram", arguments.nvram);
-    add("--pod-dir", arguments.pod_directory);
-    add("--chassis", settings.chassis);
-    return fmt::format("'{}{}'", line, settings.is_rp2 ? " --rp2" : "");
-}
-
-std::vector<pod_card> cards_for_reading()
-{
-    const std::string chassis = chassis_type();
-    if (chassis.empty())
-        note(fmt::format("without --chassis or {}, cards are those of the library's built-in table",
-                         chassis_variable));
-    return configure_cards(chassis, settings.is_rp2);
-}
-
-std::vector<pod_card> cards_for_writing()
-{
-    const std::string chassis = chassis_type();
-    if (chassis.empty())
-        throw usage_error(fmt::format(
-            "to write, the chassis type is needed: --chassis n20, n10 or n4, or the variable {}",
-            chassis_variable));
-    return configure_cards(chassis, settings.is_rp2);
-}
-
-pod_card card_of(const podlog_arguments &arguments, const std::vector<pod_card> &cards)
-{
-    const auto found = std::find_if(cards.begin(), cards.end(), [&](const pod_card &card) {
-        return card.name == in_capitals(arguments.card);
-    });
-    if (found != cards.end())
-        return *found;
-    std::vector<std::string> names;
-    for (const pod_card &card : cards)
-        names.push_back(card.name);
-    throw failure("find the card " + arguments.card, "this chassis has none of that name",
-                  did_you_mean(arguments.card, names) + podlog_command(arguments, "cards") +
-                      " shows the cards");
-}
-
-std::string table_name()
-{
-    const std::string chassis = chassis_type();
-    return chassis.empty() ? "built-in" : chassis;
-}
-
 int secondary_of(const pod_card &card)
 {
     if (!card.secondary)
         throw failure("use the EEPROM of " + card.name, "the card has no secondary storage",
-                      cards_hint);
+                      "'devaccess podlog cards' shows the cards");
     return *card.secondary;
+}
+
+std::string log_findings::bytes() const
+{
+    return log ? log->bytes().substr(0, log->bytes().size() - log->missing()) : "";
 }
 
 //--- a storage ------------------------------------------------------------------------------------
 
-log_storage::log_storage(const podlog_arguments &arguments, const pod_card &card)
-    : arguments_(&arguments), card_(card), path_(place_of(arguments, card))
+log_storage::log_storage(const log_place &place, const pod_card &card)
+    : place_(place), card_(card), path_(path_of(place, card))
 {
-    layout_ = !arguments.eeprom.empty()          ? &eeprom_layout
+    layout_ = !place.eeprom.empty()              ? &eeprom_layout
               : card.storage == PODSTORAGE_NVRAM ? &nvram_layout
                                                  : &file_layout;
-    if (layout_ == &eeprom_layout)
+    if (is_eeprom())
         secondary_of(card);
 }
 
@@ -141,7 +90,7 @@ int log_storage::open(bool writable) const
         return open_nvram(writable);
     const int descriptor = ::open(path_.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     if (descriptor < 0)
-        throw failure("open " + path_, std::strerror(errno), way_out(std::nullopt), errno);
+        throw failure("open " + path_, std::strerror(errno), "", errno);
     return descriptor;
 }
 
@@ -149,7 +98,7 @@ std::optional<std::string> log_storage::bytes() const
 {
     if (!is_device()) {
         std::optional<std::string> found = read_file(path_);
-        const std::string &directory = arguments_->pod_directory;
+        const std::string &directory = place_.pod_directory;
         if (!found &&
             (is_nvram() || (!directory.empty() && ::access(directory.c_str(), F_OK) != 0)))
             throw failure("read " + path_, std::strerror(ENOENT), "is the name right?", ENOENT);
@@ -168,82 +117,51 @@ void log_storage::rewrite(const std::function<std::string(const std::string &)> 
     write_changes(descriptor, path_, before, change(before));
 }
 
-storage_state log_storage::state() const
+log_findings log_storage::look() const
 {
-    std::optional<std::string> found;
     try {
-        found = bytes();
+        return judge(bytes());
     } catch (const failure &failed) {
-        return {std::nullopt, printable(failed.what()), false, failed.hint};
+        log_findings none = {state_of_error(failed.error), failed.what()};
+        none.error = failed.error;
+        none.advice = failed.hint;
+        return none;
     }
-    if (!found)
-        return {std::nullopt, "missing", true, remedy(found)};
-    const log_image log(*layout_, *found);
+}
+
+log_findings log_storage::judge(std::optional<std::string> bytes) const
+{
+    if (!bytes) {
+        const log_image nothing(*layout_, "");
+        return {storage_state::missing, "missing", way_out(nothing), {}, ENOENT};
+    }
+    log_findings found = {storage_state::good, "", remedy::none, log_image(*layout_, *bytes)};
+    const log_image &log = *found.log;
+    found.holds_log = !log.is_blank() && !log.holds_nothing();
+    found.way_out = way_out(log);
     if (log.is_good())
-        return {log, ""};
+        return found;
+    found.state = log.is_blank()    ? storage_state::empty
+                  : found.holds_log ? storage_state::damaged
+                                    : storage_state::foreign;
     const auto wrong = log.wrong();
-    return {log,
-            log.is_blank() ? "blank"
-            : log.missing() > 0
-                ? fmt::format("{} bytes of {} are missing", log.missing(), log.layout().size)
-                : fmt::format("{} bad records, first the {}: {}", wrong.size(),
-                              wrong.front().name(), wrong.front().problem),
-            log.is_blank(), remedy(found)};
+    found.problem = log.is_blank() ? "blank"
+                    : log.missing() > 0
+                        ? fmt::format("{} bytes of {} are missing", log.missing(), layout_->size)
+                        : fmt::format("{} bad records, first the {}: {}", wrong.size(),
+                                      wrong.front().name(), wrong.front().problem);
+    return found;
 }
 
-log_image log_storage::log() const
+remedy log_storage::way_out(const log_image &log) const
 {
-    const auto found = bytes();
-    const std::string what = "read the POD log of " + card_.name;
-    if (!found)
-        throw failure(what, fmt::format("{}: {}", path_, std::strerror(ENOENT)), way_out(found),
-                      ENOENT);
-    log_image image(*layout_, *found);
-    if (image.is_blank() || image.holds_nothing())
-        throw failure(what, path_ + (image.is_blank() ? " is blank" : " holds no POD log"),
-                      way_out(found));
-    return image;
-}
-
-std::string log_storage::command(const char *verb, const char *options) const
-{
-    return podlog_command(*arguments_, fmt::format("{} {}{}", verb, card_.name, options));
-}
-
-std::string log_storage::remedy(const std::optional<std::string> &bytes) const
-{
-    const bool is_eeprom = layout_ == &eeprom_layout;
-    const log_image image(*layout_, bytes.value_or(""));
-    if (!arguments_->nvram.empty() || !arguments_->pod_directory.empty())
-        return command("salvage") + " shows what can be read";
-    if (image.is_blank())
-        return command(is_eeprom ? "copy" : "prepare") + " makes a log of it";
-    if (image.holds_nothing())
-        return (is_eeprom ? command("copy", " --force") : command("prepare", " --yes")) +
-               " replaces what is there by a log";
-    if (image.is_good())
-        return "its records are good; is another program using it?";
-    return command("repair", " --yes") + " keeps what is good";
-}
-
-std::string log_storage::way_out(const std::optional<std::string> &bytes) const
-{
-    const log_image image(*layout_, bytes.value_or(""));
-    const bool is_clear = image.is_blank() || image.holds_nothing() || image.is_good();
-    return (is_clear ? "" : command("check") + " tells more, ") + remedy(bytes);
-}
-
-void log_storage::fail(const std::string &what, const outcome &how) const
-{
-    ::close(is_device() ? -1 : open(true)); // tells of a right that is missing
-    const auto found = bytes();
-    const log_image image(*layout_, found.value_or(""));
-    const auto wrong = image.wrong();
-    std::string why = how.said.empty() && !wrong.empty() ? "" : how.why();
-    if (found && !wrong.empty())
-        why += fmt::format("{}{}: {}", why.empty() ? "" : ": ", wrong.front().name(),
-                           wrong.front().problem);
-    throw failure(what, why, way_out(found));
+    if (!place_.nvram.empty() || !place_.pod_directory.empty())
+        return remedy::salvage;
+    if (log.is_blank())
+        return is_eeprom() ? remedy::copy : remedy::prepare;
+    if (log.holds_nothing())
+        return is_eeprom() ? remedy::copy_over : remedy::prepare_over;
+    return log.is_good() ? remedy::try_again : remedy::repair;
 }
 
 //--- formatting -----------------------------------------------------------------------------------
@@ -264,9 +182,9 @@ void reset_nvram()
 void reset_file(const log_storage &storage, const std::string &what)
 {
     if (storage.bytes())
-        storage.rewrite([](std::string bytes) {
-            bytes.resize(std::max(bytes.size(), file_layout.size));
-            return bytes;
+        storage.rewrite([](const std::string &bytes) {
+            const size_t room = std::max(bytes.size(), file_layout.size);
+            return bytes + std::string(room - bytes.size(), '\0');
         });
     const int id = storage.card().storage_id;
     const auto ready = ask_log([id] { return podlog_file_init(id, 0); });

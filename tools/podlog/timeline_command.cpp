@@ -1,5 +1,8 @@
 // All logs of a machine, merged by time.
+#include "tools/base/errors.h"
+#include "tools/cli/options.h"
 #include "tools/podlog/podlog_commands.h"
+#include "tools/postlog/postlog_commands.h"
 
 #include <algorithm>
 
@@ -10,11 +13,18 @@ namespace devaccess
 namespace
 {
 
+struct timeline_arguments {
+    log_place place;
+    bool with_post = false;
+    postlog_place post;
+    time_span span;
+};
+
 // Entries within the wanted times, and what is wrong with the logs that they come from.
 class timeline
 {
 public:
-    explicit timeline(const podlog_arguments &arguments) : limits_(arguments.span.limits()) {}
+    explicit timeline(const time_span &span) : limits_(span.limits()) {}
 
     void add(const char *log, const std::string &source, int history, time_t time,
              const std::string &message)
@@ -63,16 +73,18 @@ private:
 void add_card(timeline &merged, const log_storage &storage)
 {
     const std::string &card = storage.card().name;
-    const storage_state state = storage.state();
-    if (!state.problem.empty() && !state.is_unused)
-        merged.add_problem("pod", card, state.problem);
-    if (!state.log)
+    const log_findings found = storage.look();
+    const bool is_unused = found.state == storage_state::empty ||
+                           (found.state == storage_state::missing && found.advice.empty());
+    if (!found.problem.empty() && !is_unused)
+        merged.add_problem("pod", card, printable(found.problem));
+    if (!found.log)
         return;
-    std::vector<const log_history *> histories = state.log->written();
+    std::vector<const log_history *> histories = found.log->written();
     std::reverse(histories.begin(), histories.end());
     for (const log_history *history : histories)
-        for (const log_record &slot : state.log->chain(*history)) {
-            const log_entry entry = state.log->entry(slot);
+        for (const log_record &slot : found.log->chain(*history)) {
+            const log_entry entry = found.log->entry(slot);
             merged.add("pod", card, history->number, entry.time, entry.message);
         }
 }
@@ -91,11 +103,12 @@ void add_block(timeline &merged, const post_block &block)
     }
 }
 
-void show_timeline(const podlog_arguments &arguments)
+void show_timeline(const timeline_arguments &arguments)
 {
-    timeline merged(arguments);
+    timeline merged(arguments.span);
     for (const pod_card &card : cards_for_reading())
-        add_card(merged, log_storage(arguments, card));
+        add_card(merged, log_storage(arguments.place, card));
+    const bool is_pod = !merged.problems().rows.empty();
     if (arguments.with_post)
         for (const post_block &block : open_blocks(arguments.post))
             add_block(merged, block);
@@ -104,28 +117,29 @@ void show_timeline(const podlog_arguments &arguments)
     print_entries(add_records(shown, problems), merged.entries());
     if (problems.rows.empty())
         return;
-    const bool is_pod = problems.rows.front().as_json()["log"] == "pod";
-    throw failure("read all of the logs",
-                  fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
-                  (is_pod ? podlog_command(arguments, "check") : arguments.post.list_command()) +
-                      " tells more");
+    throw failure(
+        "read all of the logs",
+        fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
+        (is_pod ? podlog_command("check", arguments.place) : arguments.post.list_command()) +
+            " tells more");
+}
+
+void add_options(command &to, timeline_arguments &arguments)
+{
+    to.add_flag("--post", arguments.with_post, "Show the entries of the POST logs too");
+    add_post_place(to, arguments.post);
+    add_time_span(to, arguments.span);
+    add_entry_format(to);
+    add_nvram(to, arguments.place);
+    add_pod_directory(to, arguments.place);
 }
 
 } // namespace
 
-void add_podlog_timeline_command(podlog_family &podlog)
+void describe_timeline(command &podlog)
 {
-    const auto &arguments = podlog.arguments;
-    CLI::App *command =
-        podlog.add("timeline", "Show the entries of all cards, merged by time", show_timeline);
-    command->add_flag("--post", arguments->with_post, "with those of the POST logs");
-    arguments->post.add_options(*command);
-    arguments->span.add_options(*command);
-    add_entry_format(*command);
-    podlog.add_nvram(command);
-    offer_paths(
-        command->add_option("--pod-dir", arguments->pod_directory, "files of this, not /var/pod"))
-        ->option_text("DIRECTORY");
+    podlog.add("timeline", "Show the entries of all cards, merged by time", add_options,
+               show_timeline);
 }
 
 } // namespace devaccess

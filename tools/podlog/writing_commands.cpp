@@ -1,5 +1,7 @@
 // What writes logs: add, next, copy, prepare.
+#include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/base/numbers.h"
 #include "tools/podlog/podlog_commands.h"
 
 #include <device_access/pod_log.h>
@@ -19,11 +21,6 @@ namespace
 
 constexpr size_t longest_message = 63;
 
-log_storage storage_for_writing(const podlog_arguments &arguments)
-{
-    return log_storage(arguments, card_of(arguments, cards_for_writing()));
-}
-
 // Makes a call on the card's log, which is open for writing meanwhile.
 template <typename Call>
 void write_to(const log_storage &storage, const std::string &what, Call call)
@@ -31,17 +28,26 @@ void write_to(const log_storage &storage, const std::string &what, Call call)
     const int id = storage.card().id;
     const auto ready = ask_log([&] { return podlog_init(id, 0); });
     if (ready.result != 1)
-        storage.fail(what, ready);
+        fail_on(storage, what, ready);
     answer<int> written;
     {
         const opened log([id] { podlog_close(id); });
         written = ask_log([&] { return call(id); });
     }
     if (written.result != 1)
-        storage.fail(what, written);
+        fail_on(storage, what, written);
 }
 
 //--- entries --------------------------------------------------------------------------------------
+
+struct add_arguments {
+    std::string card;
+    std::string text;
+    std::string level;
+    std::string diagnostic;
+    std::string result;
+    bool strict = false;
+};
 
 // A level that ends in a letter or digit gets what parts it from the rest.
 std::string separated(const std::string &level)
@@ -51,13 +57,13 @@ std::string separated(const std::string &level)
 }
 
 // The entry's text as the library puts it together, were there room for all of it.
-std::string composed(const std::string &level, const podlog_arguments &arguments)
+std::string composed(const add_arguments &words)
 {
-    std::string text = level;
-    for (const std::string &part : {arguments.diagnostic, arguments.result})
+    std::string text = words.level;
+    for (const std::string &part : {words.diagnostic, words.result})
         if (!part.empty())
             text += part + "  ";
-    return text + arguments.text;
+    return text + words.text;
 }
 
 // Whether the current history is full, so that an entry takes the place of its last one.
@@ -72,7 +78,7 @@ char *or_null(std::string &text)
     return text.empty() ? nullptr : text.data();
 }
 
-void warn(const podlog_arguments &arguments, bool applies, const std::string &loss,
+void warn(const add_arguments &arguments, bool applies, const std::string &loss,
           const std::string &hint)
 {
     if (!applies)
@@ -82,19 +88,19 @@ void warn(const podlog_arguments &arguments, bool applies, const std::string &lo
     note(loss + "; " + hint);
 }
 
-void add(const podlog_arguments &arguments)
+void add(const add_arguments &arguments)
 {
-    const log_storage storage = storage_for_writing(arguments);
-    podlog_arguments words = arguments;
+    const log_storage storage = storage_for_writing(arguments.card, {});
+    add_arguments words = arguments;
     words.level = separated(arguments.level);
-    const std::string whole = composed(words.level, arguments);
+    const std::string whole = composed(words);
     const bool is_cut = whole.size() > longest_message;
-    const bool replaces = replaces_one(storage.log());
+    const bool replaces = replaces_one(*expect_log(storage).log);
     warn(arguments, is_cut,
          fmt::format("the entry has {} characters and is cut to {}", whole.size(), longest_message),
          "write less");
     warn(arguments, replaces, "the history is full: its last entry is replaced",
-         podlog_command(arguments, "next " + storage.card().name) + " starts the next one");
+         podlog_command("next " + storage.card().name) + " starts the next one");
     write_to(storage, "add to the log of " + storage.card().name, [&](int id) {
         return podlog_add(id, or_null(words.level), or_null(words.diagnostic),
                           or_null(words.result), "%s", words.text.c_str());
@@ -106,12 +112,18 @@ void add(const podlog_arguments &arguments)
                    .add("replaced", replaces));
 }
 
-void next(const podlog_arguments &arguments)
+struct next_arguments {
+    std::string card;
+};
+
+void next(const next_arguments &arguments)
 {
-    const log_storage storage = storage_for_writing(arguments);
-    storage.log();
+    const log_storage storage = storage_for_writing(arguments.card, {});
+    expect_log(storage);
     write_to(storage, "start the next history of " + storage.card().name, podlog_use_nxt_log);
-    print_done(record().add("card", storage.card().name).add("history", storage.log().current()));
+    print_done(record()
+                   .add("card", storage.card().name)
+                   .add("history", expect_log(storage).log->current()));
 }
 
 //--- copies ---------------------------------------------------------------------------------------
@@ -142,21 +154,28 @@ int write_eeprom(uint32_t offset, uint8_t *buffer, uint32_t count)
     return static_cast<int>(count);
 }
 
+struct copy_arguments {
+    log_place place;
+    std::string card;
+    bool force = false;
+};
+
 // What the file holds, when that is an EEPROM's log or nothing.
-std::string eeprom_to_fill(const podlog_arguments &arguments, const log_storage &storage)
+std::string eeprom_to_fill(const copy_arguments &arguments, const log_storage &storage)
 {
-    std::string bytes = storage.bytes().value_or("");
-    const log_image log(eeprom_layout, bytes);
+    const log_findings found = storage.judge(storage.bytes());
+    const std::string bytes = found.bytes();
+    const bool is_blank = found.state == storage_state::empty;
     if (bytes.empty() || arguments.force)
-        return log.holds_nothing() ? "" : bytes;
-    if (bytes.size() != eeprom_layout.size || (log.holds_nothing() && !log.is_blank()))
-        throw failure("copy to " + arguments.eeprom,
+        return found.holds_log ? bytes : "";
+    if (bytes.size() != eeprom_layout.size || (!found.holds_log && !is_blank))
+        throw failure("copy to " + storage.path(),
                       "it is neither empty nor an EEPROM's log of 8192 bytes",
-                      podlog_command(arguments, "copy " + storage.card().name + " --force") +
+                      podlog_command("copy " + storage.card().name + " --force", storage.place()) +
                           " overwrites it");
-    if (!log.is_blank() && !log.is_good())
-        throw failure("copy to " + arguments.eeprom, "the log in it is damaged",
-                      storage.way_out(bytes));
+    if (found.state == storage_state::damaged)
+        throw failure("copy to " + storage.path(), "the log in it is damaged",
+                      way_out(storage, found));
     return bytes;
 }
 
@@ -174,14 +193,12 @@ int copy_entries(const log_image &log, const log_history &history, int id)
     return copied;
 }
 
-void copy(const podlog_arguments &arguments)
+void copy(const copy_arguments &arguments)
 {
-    const log_storage target = storage_for_writing(arguments);
-    podlog_arguments of_card = arguments;
-    of_card.eeprom.clear();
-    const log_storage source(of_card, target.card());
-    const log_image log = source.log();
-    const auto written = log.written();
+    const log_storage target = storage_for_writing(arguments.card, arguments.place);
+    const log_storage source({}, target.card());
+    const log_findings found = expect_log(source);
+    const auto written = found.log->written();
     if (written.empty())
         throw failure("copy the log of " + target.card().name, "it is empty",
                       "'devaccess podlog add' adds entries");
@@ -191,12 +208,12 @@ void copy(const podlog_arguments &arguments)
     const int id = secondary_of(target.card());
     podlog_bind_eeprom_access_func(id, read_eeprom, write_eeprom);
     ask_log([id] { return podlog_eeprom_init(id, 0); });
-    const int copied = copy_entries(log, *written.front(), id);
+    const int copied = copy_entries(*found.log, *written.front(), id);
     const auto moved = ask_log([id] { return podlog_eeprom_use_nxt_log(id); });
     if (moved.result != 1)
         fail("start the EEPROM's next history", moved, "is the EEPROM's log good?");
     eeprom.resize(size);
-    write_file(arguments.eeprom, eeprom, false);
+    write_file(target.path(), eeprom, false);
     print(record()
               .add("card", target.card().name)
               .add("history", written.front()->number)
@@ -235,33 +252,38 @@ void create(const log_storage &storage)
     }
 }
 
-const char *prepare_one(const podlog_arguments &arguments, const log_storage &storage)
+struct prepare_arguments {
+    std::string card;
+    bool yes = false;
+};
+
+const char *prepare_one(const log_storage &storage, bool yes)
 {
-    const auto bytes = storage.bytes();
-    const log_image log(storage.layout(), bytes.value_or(""));
-    if (bytes && log.is_good())
+    const log_findings found = storage.judge(storage.bytes());
+    if (found.state == storage_state::good)
         return "kept";
     const std::string what = "prepare the log of " + storage.card().name;
-    if (!log.is_blank() && !log.holds_nothing())
-        throw failure(what, "it holds a log, which is damaged", storage.way_out(bytes));
-    if (!log.is_blank() && !arguments.yes)
-        throw failure(what, "it would erase " + contents_of(log), storage.way_out(bytes));
-    bytes ? format(storage) : create(storage);
-    return bytes ? "formatted" : "created";
+    if (found.holds_log)
+        throw failure(what, "it holds a log, which is damaged", way_out(storage, found));
+    if (found.state == storage_state::foreign && !yes)
+        throw failure(what, "it would erase " + contents_of(*found.log), way_out(storage, found));
+    const bool is_there = found.log.has_value();
+    is_there ? format(storage) : create(storage);
+    return is_there ? "formatted" : "created";
 }
 
-void prepare(const podlog_arguments &arguments)
+void prepare(const prepare_arguments &arguments)
 {
     std::vector<pod_card> cards = cards_for_writing();
     if (!arguments.card.empty())
-        cards = {card_of(arguments, cards)};
+        cards = {card_of(arguments.card, cards, {})};
     record_set set = {"storages", {}};
     std::optional<failure> first;
     for (const pod_card &card : cards) {
-        const log_storage storage(arguments, card);
+        const log_storage storage({}, card);
         const char *done = "failed";
         try {
-            done = prepare_one(arguments, storage);
+            done = prepare_one(storage, arguments.yes);
         } catch (const failure &failed) {
             first = first ? first : failed;
         }
@@ -273,26 +295,44 @@ void prepare(const podlog_arguments &arguments)
         throw *first;
 }
 
+//--- command line ---------------------------------------------------------------------------------
+
+void add_added(command &to, add_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    to.argument("TEXT", arguments.text, "Text of the entry").required();
+    to.add_option("--level", "LEVEL", arguments.level, "Event level, e.g. INFO");
+    to.add_option("--diag", "NAME", arguments.diagnostic, "Name of the diagnostic");
+    to.add_option("--result", "RESULT", arguments.result, "Result of the diagnostic");
+    to.add_flag("--strict", arguments.strict, "Fail instead of cutting or replacing an entry");
+}
+
+void add_entered(command &to, next_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+}
+
+void add_copied(command &to, copy_arguments &arguments)
+{
+    add_card(to, arguments.card).required();
+    add_eeprom(to, arguments.place).required();
+    to.add_flag("--force", arguments.force, "Overwrite a file that holds no EEPROM's log");
+}
+
+void add_prepared(command &to, prepare_arguments &arguments)
+{
+    add_card(to, arguments.card, "Prepare the storage of this card only");
+    add_yes(to, arguments.yes);
+}
+
 } // namespace
 
-void add_podlog_writing_commands(podlog_family &podlog)
+void describe_writing(command &podlog)
 {
-    const auto &arguments = podlog.arguments;
-    CLI::App *adding = podlog.add_for_card("add", "Add an entry to the current history", add);
-    adding->add_option("TEXT", arguments->text, "of the entry")->required();
-    adding->add_option("--level", arguments->level, "event level, e.g. INFO");
-    adding->add_option("--diag", arguments->diagnostic, "name of the diagnostic");
-    adding->add_option("--result", arguments->result, "its result");
-    adding->add_flag("--strict", arguments->strict, "fail rather than cut or replace an entry");
-    podlog.add_for_card("next", "Start the next history, which empties the oldest", next);
-    CLI::App *copying =
-        podlog.add_for_card("copy", "Copy the newest history to the card's EEPROM", copy);
-    podlog.add_eeprom(copying)->required();
-    copying->add_flag("--force", arguments->force, "overwrite a file that is no EEPROM's log");
-    CLI::App *preparing =
-        podlog.add("prepare", "Create and format the storages that hold no log", prepare);
-    podlog.add_card(preparing, "only this one's")->required(false);
-    podlog.add_yes(preparing);
+    podlog.add("add", "Add an entry to the current history", add_added, add);
+    podlog.add("next", "Start the next history, which empties the oldest", add_entered, next);
+    podlog.add("copy", "Copy the newest history to the card's EEPROM", add_copied, copy);
+    podlog.add("prepare", "Create and format the storages that hold no log", add_prepared, prepare);
 }
 
 } // namespace devaccess

@@ -1,8 +1,11 @@
-#include "tools/base/captured_call.h"
+// POST logs: postlog list, show.
+#include "tools/postlog/postlog_commands.h"
+
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
 #include "tools/base/output.h"
 #include "tools/base/times.h"
-#include "tools/cli/completion.h"
-#include "tools/postlog/reader.h"
+#include "tools/cli/options.h"
 
 #include <optional>
 
@@ -53,7 +56,7 @@ private:
 
 record about(const postlog_arguments &arguments)
 {
-    return record().add_hidden("block", arguments.block.empty() ? json() : json(arguments.block));
+    return record().add_hidden("block", text_or_null(arguments.block));
 }
 
 void list(const postlog_arguments &arguments)
@@ -108,32 +111,43 @@ void show(const postlog_arguments &arguments)
     });
     if (entries.rows.empty())
         each.expect_all();
-    print_entries(about(arguments).add_hidden("history", if_any(only)), std::move(entries));
+    print_entries(about(arguments).add_hidden("history", only), std::move(entries));
     each.expect_all();
+}
+
+void add_listed(command &to, postlog_arguments &arguments)
+{
+    to.argument("BLOCK", arguments.block, "event, test or error (default: all of them)")
+        .one_of(post_block_names);
+    add_post_place(to, arguments.place);
+}
+
+void add_shown(command &to, postlog_arguments &arguments)
+{
+    add_listed(to, arguments);
+    to.argument("HISTORY", arguments.history, "Number of the history (default: the newest)");
+    to.add_flag("--all", arguments.all, "Show the entries of all histories");
+    add_time_span(to, arguments.span);
+    add_entry_format(to);
 }
 
 } // namespace
 
-void add_postlog_commands(CLI::App &program)
+void add_post_place(command &to, postlog_place &place)
 {
-    command_family<postlog_arguments> postlog(program, "postlog", "POST logs of the firmware");
-    const auto &arguments = postlog.arguments;
-    const auto add = [&](const char *name, const char *description,
-                         command_family<postlog_arguments>::action act) {
-        CLI::App *command = postlog.add(name, description, act);
-        one_of(command->add_option("BLOCK", arguments->block,
-                                   "event, test or error; without it, all of them"),
-               post_block_names);
-        return command;
-    };
-    CLI::App *listed = add("list", "List the logs' histories, newest first", list);
-    CLI::App *shown = add("show", "Show the entries of a history", show);
-    shown->add_option("HISTORY", arguments->history, "its number; without it, the newest");
-    shown->add_flag("--all", arguments->all, "of all histories");
-    arguments->span.add_options(*shown);
-    add_entry_format(*shown);
-    for (CLI::App *app : {&postlog.app, listed, shown})
-        arguments->place.add_options(*app);
+    const option window =
+        to.add_option("--pcie", "ID:BAR", place.pcie,
+                      "Read through the NVRAM controller in this window of a PCI function");
+    to.add_option("--post-dir", "DIRECTORY", place.directory,
+                  "Read saved blocks in DIRECTORY instead of the machine's")
+        .paths()
+        .excludes(window);
+}
+
+void describe_postlog(command &postlog)
+{
+    postlog.add("list", "List the histories of the logs, newest first", add_listed, list);
+    postlog.add("show", "Show the entries of a history", add_shown, show);
 }
 
 } // namespace devaccess

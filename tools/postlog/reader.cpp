@@ -1,8 +1,10 @@
+// Reads the POST logs through the library.
 #include "tools/postlog/reader.h"
 
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
 #include "tools/base/output.h"
-#include "tools/cli/completion.h"
 #include "tools/pci/device.h"
 
 #include <device_access/post_log_nvram_pcie_access.h>
@@ -67,16 +69,6 @@ void map_directory(const std::string &directory)
 }
 
 } // namespace
-
-void postlog_place::add_options(CLI::App &app)
-{
-    CLI::Option *window =
-        app.add_option("--pcie", pcie, "read through the NVRAM controller in this window");
-    offer_paths(
-        app.add_option("--post-dir", directory, "read files of this with the blocks' bytes"))
-        ->option_text("DIRECTORY")
-        ->excludes(window->option_text("ID:BAR"));
-}
 
 std::string postlog_place::list_command() const
 {

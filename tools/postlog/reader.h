@@ -8,11 +8,6 @@
 #include <string>
 #include <vector>
 
-namespace CLI
-{
-class App;
-}
-
 namespace devaccess
 {
 
@@ -21,7 +16,6 @@ struct postlog_place {
     std::string pcie;      // behind the NVRAM controller in this window, "ID:BAR"
     std::string directory; // in files with the devices' names
 
-    void add_options(CLI::App &app);
     // 'devaccess postlog list', for a hint.
     std::string list_command() const;
 };

@@ -1,6 +1,9 @@
+// Physical memory: mem read, write, dump.
 #include "tools/base/captured_call.h"
-#include "tools/cli/completion.h"
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
 #include "tools/registers/register_bank.h"
+#include "tools/registers/register_commands.h"
 
 #include <device_access/mmap_device.h>
 
@@ -13,8 +16,7 @@ namespace devaccess
 namespace
 {
 
-struct mem_arguments : bank_arguments {
-};
+using mem_arguments = bank_arguments;
 
 constexpr uint32_t longest_access = 1u << 30;
 
@@ -78,42 +80,37 @@ void dump(const mem_arguments &arguments)
     dump_bank(memory.bank(), address_of(arguments), bytes, arguments.width);
 }
 
-void add_address(CLI::App &command, mem_arguments &arguments)
+void add_address(command &to, mem_arguments &arguments)
 {
-    command.add_option("ADDRESS", arguments.offset, "physical, in bytes")->required();
+    to.argument("ADDRESS", arguments.offset, "Physical address in bytes").required();
 }
 
-void add_read(CLI::App &command, mem_arguments &arguments)
+void add_read(command &to, mem_arguments &arguments)
 {
-    add_address(command, arguments);
-    arguments.add_count(command);
+    add_address(to, arguments);
+    add_count(to, arguments);
 }
 
-void add_write(CLI::App &command, mem_arguments &arguments)
+void add_write(command &to, mem_arguments &arguments)
 {
-    add_address(command, arguments);
-    arguments.add_value(command);
+    add_address(to, arguments);
+    add_value(to, arguments);
 }
 
-void add_dump(CLI::App &command, mem_arguments &arguments)
+void add_dump(command &to, mem_arguments &arguments)
 {
-    add_address(command, arguments);
-    command.add_option("LENGTH", arguments.count, "in bytes; else 256");
-    arguments.add_width(command);
+    add_address(to, arguments);
+    to.argument("LENGTH", arguments.count, "Number of bytes (default: 256)");
+    add_width(to, arguments);
 }
-
-constexpr command_family<mem_arguments>::entry mem_commands[] = {
-    {"read", "Read registers", read, add_read},
-    {"write", "Write a register", write, add_write},
-    {"dump", "Print registers in hexadecimal", dump, add_dump},
-};
 
 } // namespace
 
-void add_mem_commands(CLI::App &program)
+void describe_mem(command &mem)
 {
-    command_family<mem_arguments>(program, "mem", "Physical memory, through /dev/mem")
-        .add(mem_commands);
+    mem.add("read", "Read registers", add_read, read);
+    mem.add("write", "Write a register", add_write, write);
+    mem.add("dump", "Print registers in hexadecimal", add_dump, dump);
 }
 
 } // namespace devaccess

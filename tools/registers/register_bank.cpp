@@ -1,7 +1,9 @@
+// Reads, writes, watches and dumps mapped registers.
 #include "tools/registers/register_bank.h"
 
-#include "tools/base/captured_call.h"
-#include "tools/cli/completion.h"
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
+#include "tools/base/settings.h"
 
 #include <algorithm>
 
@@ -48,7 +50,7 @@ size_t offset_in(const register_bank &bank, uint64_t place, uint64_t bytes, unsi
         throw usage_error(
             fmt::format("the {} must be a multiple of {} bytes, the width", bank.place, width / 8));
     const uint64_t size = bank.window.size();
-    const uint64_t least = std::max<uint64_t>(bytes, 1); // nothing can be behind the end either
+    const uint64_t least = std::max<uint64_t>(bytes, 1); // nothing can lie past the end either
     if (place < bank.start || least > size || place - bank.start > size - least)
         throw failure(fmt::format("reach {} {:#x} of {}", bank.place, place, bank.name),
                       fmt::format("the window has {:#x} bytes", size),
@@ -84,26 +86,26 @@ record_set rows_of(const register_bank &bank, uint64_t place, uint64_t count, un
 
 } // namespace
 
-void bank_arguments::add_width(CLI::App &command)
+void add_width(command &to, bank_arguments &arguments)
 {
-    one_of(command.add_option("--width", width, "of the register, in bits"),
-           {"8", "16", "32", "64"})
-        ->option_text("BITS")
-        ->capture_default_str();
+    to.add_option("--width", "BITS", arguments.width, "Width of the register in bits")
+        .one_of({"8", "16", "32", "64"})
+        .show_default();
 }
 
-void bank_arguments::add_count(CLI::App &command)
+void add_count(command &to, bank_arguments &arguments)
 {
-    command.add_option("COUNT", count, "registers to read, one behind the other; else one");
-    add_width(command);
+    to.argument("COUNT", arguments.count, "Number of consecutive registers to read (default: one)");
+    add_width(to, arguments);
 }
 
-void bank_arguments::add_value(CLI::App &command)
+void add_value(command &to, bank_arguments &arguments)
 {
-    command.add_option("VALUE", value, "to write; with VALUE/MASK, only the mask's bits change")
-        ->required();
-    command.add_flag("--dry-run", dry_run, "only show what would be written");
-    add_width(command);
+    to.argument("VALUE", arguments.value,
+                "Value to write; with VALUE/MASK, only the bits of the mask change")
+        .required();
+    to.add_flag("--dry-run", arguments.dry_run, "Only show what would be written");
+    add_width(to, arguments);
 }
 
 uint64_t parse_count(const std::string &name, const std::string &text, uint64_t max)
@@ -138,7 +140,7 @@ void write_bank(const register_bank &bank, uint64_t place, const bank_arguments 
     if (!arguments.dry_run)
         write_register(bank.window, offset, width, value);
     record shown = bank.identity;
-    shown.add("before", if_any(before), before ? hex(*before, digits_of(width)) : "-")
+    shown.add("before", before, before ? hex(*before, digits_of(width)) : "-")
         .append(value_row(bank, place, width, value));
     if (arguments.dry_run)
         print(shown);

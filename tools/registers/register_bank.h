@@ -3,6 +3,7 @@
 
 #include "tools/base/output.h"
 #include "tools/base/waiting.h"
+#include "tools/cli/command.h"
 
 #include <device_access/device_access.hpp>
 
@@ -19,11 +20,11 @@ struct bank_arguments {
     unsigned width = 32;
     bool dry_run = false;
     wait_options wait;
-
-    void add_width(CLI::App &command);
-    void add_count(CLI::App &command);
-    void add_value(CLI::App &command);
 };
+
+void add_width(command &to, bank_arguments &arguments);
+void add_count(command &to, bank_arguments &arguments);
+void add_value(command &to, bank_arguments &arguments);
 
 struct register_bank {
     std::string name;  // for messages: "map 1 of /dev/uio0"

@@ -1,8 +1,12 @@
+// UIO devices: uio list, info, read, write, dump, watch, wait.
 #include "tools/base/captured_call.h"
+#include "tools/base/errors.h"
+#include "tools/base/numbers.h"
 #include "tools/base/output.h"
 #include "tools/base/waiting.h"
-#include "tools/cli/completion.h"
+#include "tools/cli/options.h"
 #include "tools/registers/register_bank.h"
+#include "tools/registers/register_commands.h"
 
 #include <device_access/device_access.hpp>
 #include <device_access/libuio_emul.h>
@@ -65,7 +69,7 @@ std::vector<fs::path> class_directories()
 }
 
 // As the kernel names it in the device's link, or in its uevent.
-json driver_of(const fs::path &device)
+field_value driver_of(const fs::path &device)
 {
     std::error_code none;
     const fs::path link = fs::read_symlink(device / "driver", none);
@@ -78,10 +82,10 @@ json driver_of(const fs::path &device)
     return nullptr;
 }
 
-json interrupts_of(const fs::path &directory)
+field_value interrupts_of(const fs::path &directory)
 {
     uint64_t count = 0;
-    return std::ifstream(directory / "event") >> count ? json(count) : json();
+    return std::ifstream(directory / "event") >> count ? field_value(count) : field_value();
 }
 
 record class_row(const fs::path &directory)
@@ -329,72 +333,75 @@ std::vector<std::string> node_names(const given_options &)
     return names;
 }
 
-void add_nothing(CLI::App &, uio_arguments &) {}
+void add_nothing(command &, uio_arguments &) {}
 
-void add_node(CLI::App &command, uio_arguments &arguments)
+void add_node(command &to, uio_arguments &arguments)
 {
-    offer(command.add_option("NODE", arguments.node,
-                             "/dev/uioN, uioN, N, name:NAME, or sysfs_pci:REGION.SLOT[.FPGA]"),
-          node_names)
-        ->required();
+    to.argument("NODE", arguments.node,
+                "/dev/uioN, uioN, N, name:NAME, or sysfs_pci:REGION.SLOT[.FPGA]")
+        .choices(node_names)
+        .required();
 }
 
-CLI::Option *add_place(CLI::App &command, uio_arguments &arguments)
+void add_map(command &to, uio_arguments &arguments)
 {
-    add_node(command, arguments);
-    command.add_option("MAP", arguments.map, "number of the window")->required();
-    return command.add_option("OFFSET", arguments.offset, "of the register, in bytes");
+    add_node(to, arguments);
+    to.argument("MAP", arguments.map, "Number of the map").required();
 }
 
-void add_read(CLI::App &command, uio_arguments &arguments)
+void add_register(command &to, uio_arguments &arguments)
 {
-    add_place(command, arguments)->required();
-    arguments.add_count(command);
+    add_map(to, arguments);
+    to.argument("OFFSET", arguments.offset, "Offset of the register in bytes").required();
 }
 
-void add_write(CLI::App &command, uio_arguments &arguments)
+void add_read(command &to, uio_arguments &arguments)
 {
-    add_place(command, arguments)->required();
-    arguments.add_value(command);
+    add_register(to, arguments);
+    add_count(to, arguments);
 }
 
-void add_watch(CLI::App &command, uio_arguments &arguments)
+void add_write(command &to, uio_arguments &arguments)
 {
-    add_place(command, arguments)->required();
-    arguments.wait.add_watch(command);
-    arguments.add_width(command);
+    add_register(to, arguments);
+    add_value(to, arguments);
 }
 
-void add_dump(CLI::App &command, uio_arguments &arguments)
+void add_watched(command &to, uio_arguments &arguments)
 {
-    add_place(command, arguments);
-    command.add_option("LENGTH", arguments.count, "in bytes; else to the window's end");
-    arguments.add_width(command);
+    add_register(to, arguments);
+    add_watch(to, arguments.wait);
+    add_width(to, arguments);
 }
 
-void add_wait(CLI::App &command, uio_arguments &arguments)
+void add_dump(command &to, uio_arguments &arguments)
 {
-    add_node(command, arguments);
-    command.add_option("--count", arguments.count, "a line for each of so many interrupts");
-    arguments.wait.add_timeout(command);
+    add_map(to, arguments);
+    to.argument("OFFSET", arguments.offset, "Offset of the first register in bytes (default: 0)");
+    to.argument("LENGTH", arguments.count, "Number of bytes (default: to the end of the map)");
+    add_width(to, arguments);
 }
 
-constexpr command_family<uio_arguments>::entry uio_commands[] = {
-    {"list", "List the devices with a UIO driver", list, add_nothing},
-    {"info", "Show a device's directories and windows", info, add_node},
-    {"read", "Read registers", on_register<read_bank>, add_read},
-    {"write", "Write a register", on_register<write_bank>, add_write},
-    {"dump", "Print a window's registers in hexadecimal", dump, add_dump},
-    {"watch", "Print a register's changes", on_register<watch_bank>, add_watch},
-    {"wait", "Enable the interrupt and wait for it", wait, add_wait},
-};
+void add_wait(command &to, uio_arguments &arguments)
+{
+    add_node(to, arguments);
+    to.add_option("--count", "N", arguments.count,
+                  "Number of interrupts to wait for, with a line for each (default: one)");
+    add_timeout(to, arguments.wait);
+}
 
 } // namespace
 
-void add_uio_commands(CLI::App &program)
+void describe_uio(command &uio)
 {
-    command_family<uio_arguments>(program, "uio", "UIO devices, and those emulated over PCI")
-        .add(uio_commands);
+    uio.add("list", "List the devices with a UIO driver", add_nothing, list);
+    uio.add("info", "Show a device's directories and maps", add_node, info);
+    uio.add("read", "Read registers", add_read, on_register<read_bank>);
+    uio.add("write", "Write a register", add_write, on_register<write_bank>);
+    uio.add("dump", "Print a map's registers in hexadecimal", add_dump, dump);
+    uio.add("watch", "Print a register's value, and each change", add_watched,
+            on_register<watch_bank>);
+    uio.add("wait", "Enable the interrupt and wait for it", add_wait, wait);
 }
 
 } // namespace devaccess

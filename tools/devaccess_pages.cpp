@@ -1,9 +1,16 @@
-#include "tools/cli/pages.h"
+// devaccess-pages: the manual page of devaccess (man), or its Markdown page (md) with the notes on
+// standard input, out of what describes its commands to the parser.
 
-#include "tools/cli/completion.h"
+#include "tools/cli/command_tree.h"
+#include "tools/families.h"
 
 #include <algorithm>
+#include <cctype>
+#include <exception>
+#include <iostream>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -63,7 +70,7 @@ std::string name_of(const CLI::Option &option)
     if (option.get_expected_max() == 0)
         return names;
     const std::string &value = option.get_option_text();
-    return names + " " + (value.empty() ? "N" : value);
+    return names + " " + value;
 }
 
 // " CARD [HISTORY] [OPTIONS]"
@@ -99,7 +106,7 @@ std::string options_in_roff(const std::vector<const CLI::Option *> &options)
     return text;
 }
 
-constexpr char manual_head[] = R"(.\" Made by the target "pages".
+constexpr char manual_head[] = R"(.\" Made by devaccess-pages.
 .TH DEVACCESS 1 "" "common_device_access" "User Commands"
 .SH NAME
 devaccess \- reach a modular chassis's hardware from the command line
@@ -117,7 +124,7 @@ POST logs of the firmware and the inventory, through the library
 is a PCI function, dddd:bb:ss.f or bb:ss.f; leading zeros may be left out.
 .I NODE
 is a UIO node or an emulated device, sysfs_pci:REGION.SLOT[.FPGA].
-Numbers are decimal or, behind 0x, hexadecimal.
+Numbers are decimal or, after 0x, hexadecimal.
 .SH OPTIONS
 These stand anywhere on the line.
 )";
@@ -179,8 +186,6 @@ std::string section_in_markdown(const CLI::App &program, const std::string &word
     return text;
 }
 
-} // namespace
-
 std::string manual_page(CLI::App &program)
 {
     std::vector<const CLI::Option *> general;
@@ -209,7 +214,7 @@ std::string markdown_page(CLI::App &program, const std::string &notes)
         for (const auto &command : commands_of(*family))
             missing.push_back(command);
     const std::string mark = "### `";
-    std::string page = "<!-- Made by the target \"pages\" out of devaccess.in.md. -->\n";
+    std::string page = "<!-- Made by devaccess-pages from devaccess.in.md. -->\n";
     std::istringstream lines(notes);
     for (std::string line; std::getline(lines, line);) {
         if (!line.starts_with(mark)) {
@@ -229,4 +234,25 @@ std::string markdown_page(CLI::App &program, const std::string &notes)
     return page;
 }
 
+} // namespace
 } // namespace devaccess
+
+int main(int argc, char **argv)
+{
+    using namespace devaccess;
+    const std::string kind = argc == 2 ? argv[1] : "";
+    try {
+        command_tree tree(command_families);
+        if (kind == "man")
+            std::cout << manual_page(tree.program());
+        else if (kind == "md")
+            std::cout << markdown_page(tree.program(),
+                                       {std::istreambuf_iterator<char>(std::cin), {}});
+        else
+            throw std::runtime_error("usage: devaccess-pages man | md <NOTES");
+        return std::cout.flush() ? 0 : 1;
+    } catch (const std::exception &failed) {
+        std::cerr << "devaccess-pages: " << failed.what() << '\n';
+        return 1;
+    }
+}

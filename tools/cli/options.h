@@ -1,0 +1,23 @@
+// Options that commands of several families have.
+#pragma once
+
+#include "tools/base/times.h"
+#include "tools/base/waiting.h"
+#include "tools/cli/command.h"
+
+namespace devaccess
+{
+
+// Those that stand anywhere on the line. --json is only described: it has been taken off the line.
+void add_common_options(command &program);
+
+// --format: print entries of logs as JSON lines or CSV.
+void add_entry_format(command &to);
+// --since and --until
+void add_time_span(command &to, time_span &span);
+// --timeout
+void add_timeout(command &to, wait_options &wait);
+// What a command that watches a register takes.
+void add_watch(command &to, wait_options &wait);
+
+} // namespace devaccess

@@ -1,0 +1,32 @@
+// The families of commands, in the order of the help.
+#include "tools/families.h"
+
+#include "tools/machine/machine_commands.h"
+#include "tools/pci/pci_commands.h"
+#include "tools/podlog/podlog_commands.h"
+#include "tools/postlog/postlog_commands.h"
+#include "tools/registers/register_commands.h"
+
+namespace devaccess
+{
+namespace
+{
+
+constexpr command_family families[] = {
+    {"pci", "PCI functions, through sysfs", describe_pci},
+    {"uio", "UIO devices, and those emulated over PCI", describe_uio},
+    {"mem", "Physical memory, through /dev/mem", describe_mem},
+    {"podlog", "POD logs of the cards", describe_podlog},
+    {"postlog", "POST logs of the firmware", describe_postlog},
+    {"inventory", "Inventory records of the cards", describe_inventory},
+    {"collect", "Record the PCI functions, UIO devices and logs of this machine in an archive",
+     describe_collect},
+    {"metrics", "Print the state of logs and links as OpenMetrics text, for monitoring",
+     describe_metrics},
+};
+
+} // namespace
+
+const std::span<const command_family> command_families = families;
+
+} // namespace devaccess
