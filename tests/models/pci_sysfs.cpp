@@ -698,7 +698,7 @@ private:
                 continue;
             const string file = dir() + "/resource" + std::to_string(bar);
             expect_same("the window's file", "word", contents(file, 4).text.value_or(""));
-            const auto size = fs::file_size(file);
+            const auto size = static_cast<size_t>(fs::file_size(file));
             const bool stays = is_memory(static_cast<intmax_t>(size), bar) < 1;
             expect_same("whether it is left mapped", stays, is_mapped(mapped[bar]));
             if (stays)
