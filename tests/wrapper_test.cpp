@@ -9,6 +9,7 @@
 #include <ranges>
 #include <set>
 #include <sstream>
+#include <thread>
 #include <unordered_set>
 
 namespace
@@ -153,13 +154,16 @@ TEST(wrapper_uio_device, is_waited_for_as_long_as_the_limit_says)
 {
     chassis_description chassis;
     chassis.uio[0].plugged = false;
-    chassis.timeline = {{600, 0, "plug uio0"}};
     build_chassis(chassis);
     const auto begun = uio::clock::now();
     EXPECT_EQ(uio::open("/dev/uio0", 250ms).error(), (failure{"libuio_open_timed", ENOENT}));
     EXPECT_GE(uio::clock::now() - begun, 250ms) << "not a tenth of it";
-    EXPECT_LT(uio::clock::now() - begun, 600ms);
+    std::thread late([] {
+        std::this_thread::sleep_for(150ms);
+        chassis_sim::control("plug uio0");
+    });
     EXPECT_EQ(why(uio::open("/dev/uio0", 20s)), "");
+    late.join();
     EXPECT_EQ(uio::open("/dev/null", -1s).error().error, ENODEV);
 }
 
@@ -219,10 +223,14 @@ TEST(wrapper_pci_link, is_waited_for_until_the_deadline)
     const pci_id port = pci_id::parse(chassis_sim::pci_root_port).value();
     EXPECT_TRUE(wait_link_up(port) && wait_link_up_for(port, -1s));
     chassis_sim::set_link(port.str, chassis_sim::pcie_capability::link_training);
-    const auto begun = deadline_clock::now();
-    EXPECT_EQ(wait_link_up_until(port, begun + 60ms).error().error, ETIMEDOUT);
-    EXPECT_GE(deadline_clock::now() - begun, 60ms);
-    EXPECT_LT(deadline_clock::now() - begun, 400ms) << "not half a second";
+    auto shortest = deadline_clock::duration::max();
+    for (int i = 0; i < 5 && shortest >= 400ms; ++i) { // on a machine that does much else
+        const auto begun = deadline_clock::now();
+        EXPECT_EQ(wait_link_up_until(port, begun + 60ms).error().error, ETIMEDOUT);
+        shortest = std::min(shortest, deadline_clock::now() - begun);
+    }
+    EXPECT_GE(shortest, 60ms);
+    EXPECT_LT(shortest, 400ms) << "not half a second";
     chassis_sim::set_link(port.str, 0x2801);
     EXPECT_STREQ(link_reason(wait_link_up_for(port, 1s).error()),
                  "PCIe link-training stuck at asserted");
@@ -354,6 +362,19 @@ INSTANTIATE_TEST_SUITE_P(
                     on_chassis{"n10", pod_chassis::n10, 0}, on_chassis{"n4", pod_chassis::n4, 0}),
     [](const auto &one) { return one.param.name + std::string(one.param.local ? "_rpsw2" : ""); });
 
+TEST(wrapper_pod_cards, may_share_any_id_and_are_told_apart)
+{
+    build_empty("n20");
+    const storage_info_t rows[] = {{"ONE", 7, PODSTORAGE_FILE, 2, POD2NDSTORAGE_NONE, -1},
+                                   {"TWO", 7, PODSTORAGE_FILE, 3, POD2NDSTORAGE_NONE, -1}};
+    EXPECT_TRUE(configure_pod_logs(rows));
+    EXPECT_EQ(pod_card::find("ONE")->instance(), 7);
+    EXPECT_EQ(pod_card::find("TWO")->instance(), std::nullopt);
+    EXPECT_TRUE(pod_run::begin("TWO")->add("INFO: ", "", "", "of two"));
+    EXPECT_EQ(text_of_log(pod_log::file(3)), "0: INFO: of two, ");
+    EXPECT_EQ(configure_pod_logs(std::vector(23, rows[0])).error().error, EINVAL);
+}
+
 TEST(wrapper_pod_run, goes_on_while_its_log_is_looked_at_and_others_begin)
 {
     build_empty("n20");
@@ -426,6 +447,10 @@ TEST(wrapper_pod_log, is_missing_empty_or_walked_as_a_list)
     EXPECT_FALSE(pod_log::nvram().check()) << "it is being read";
     entries.close();
     EXPECT_TRUE(pod_log::nvram().check());
+    entries = pod_log::nvram().entries(2).value();
+    auto place = entries.begin();
+    podlog_nvram_close(0); // behind its back
+    EXPECT_TRUE(++place == entries.end() && entries.failed());
 }
 
 uint8_t eeprom[8300];
