@@ -509,6 +509,7 @@ TEST(wrapper_pod_status_words, are_found_by_the_cards_name_where_ids_are_shared)
     EXPECT_TRUE(words.inject_fault("SW3") && words.inject_fault("ALSW1"));
     EXPECT_TRUE(words.clear_fault("ALSW1"));
     EXPECT_EQ(words.fault("SW3").value(), pod_fault::injected);
+    EXPECT_EQ(words.fault("ALSW1").value(), pod_fault::none);
     EXPECT_EQ(words.fault("RPSW1").value(), pod_fault::none);
     EXPECT_TRUE(words.clear_all_faults());
     EXPECT_EQ(words.fault("SW3").value(), pod_fault::none);
