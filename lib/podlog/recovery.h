@@ -1,19 +1,10 @@
-// How opening an NVRAM log ends, by what the check of all its headers says. Today's check only says
-// good or bad; the other two bring a log back whose index is damaged, and are kept for a check that
-// tells them apart.
+// How opening an NVRAM log ends, by what the check of all its headers says.
 #pragma once
 
 #include "lib/podlog/ring.h"
 
 namespace device_access
 {
-
-enum class pod_headers {
-    good,
-    bad,
-    usable,   // enough to guess the current history from
-    unusable, // only a reset helps
-};
 
 class pod_log_recovery
 {

@@ -12,7 +12,14 @@
 namespace device_access
 {
 
-enum class pod_headers; // recovery.h
+// What a check of all headers says. Today's says good or bad; the other two bring a log back whose
+// index is damaged (recovery.h), and are kept for a check that tells them apart.
+enum class pod_headers {
+    good,
+    bad,
+    usable,   // enough to guess the current history from
+    unusable, // only a reset helps
+};
 
 // The log of one device: a storage, the device's id there, and its shape. Made for a call; what
 // lasts longer is kept by the storage.
