@@ -15,8 +15,8 @@ give_up() {
 # pauses.
 patiently() {
     for pause in 5 15 45 90 last; do
-        failed=$({ { "$@" 2>&1 || echo yes >&3; } | tee build/fetch.log >&2; } 3>&1)
-        [ -n "$failed" ] || return 0
+        fetching_failed=$({ { "$@" 2>&1 || echo yes >&3; } | tee build/fetch.log >&2; } 3>&1)
+        [ -n "$fetching_failed" ] || return 0
         grep -Eq 'Mirror sync|Hash Sum mismatch|unexpected size' build/fetch.log || return 1
         [ "$pause" != last ] || return 1
         say "the mirror is being synchronised: trying again in $pause s"
