@@ -54,14 +54,10 @@ TEST(uio_open, tells_each_step_and_leaves_three_descriptors)
 TEST(uio_open, counts_what_is_below_a_second_a_tenth)
 {
     start_chassis({});
-    for (const auto &[name, error] :
-         {std::pair("/dev/uio0", ENOENT), std::pair("sysfs_pci:uio_fe.sw1.vostra_lite", EINVAL)}) {
+    for (const char *name : {"/dev/uio0", "sysfs_pci:uio_fe.sw1.vostra_lite"}) {
         const timespec half_a_second = {0, 500000000};
-        const auto start = std::chrono::steady_clock::now();
-        EXPECT_OUTCOME(libuio_open_timed(name, &half_a_second), {.value = nullptr, .error = error});
-        const auto waited = std::chrono::steady_clock::now() - start;
-        EXPECT_GE(waited, milliseconds(50)) << name;
-        EXPECT_LT(waited, milliseconds(450)) << name;
+        const auto open = [&] { libuio_open_timed(name, &half_a_second); };
+        EXPECT_EQ(system_calls_of(open)["nanosleep"], 50 / 5) << name;
     }
 }
 
