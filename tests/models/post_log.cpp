@@ -96,8 +96,8 @@ private:
         for (int i = blk == OFWEVENT_LOG ? 1 : choose.between(2, 4); i > 0; --i) {
             auto &history = log.histories.emplace_back();
             for (int k = choose.below(4); k > 0; --k)
-                history.push_back({choose.bits() >> choose.of({0, 32, 34}), choose.bits() >> 33,
-                                   choose.text(30)});
+                history.push_back({choose.bits() >> choose.of({0, 32, 34}),
+                                   choose.bits() >> choose.of({1, 33}), choose.text(30)});
         }
         log.current = static_cast<uint32_t>(choose.below(static_cast<int>(log.histories.size())));
         table[blk] = {"", "",   7, 2000,          static_cast<int>(log.histories.size()),
@@ -107,6 +107,8 @@ private:
         std::strcpy(table[blk].name, blk == OFWEVENT_LOG ? "event" : "results");
         row() = table[blk];
         bytes() = log.image(order());
+        if (blk != OFWEVENT_LOG)
+            distance_ = log.log_size();
         store();
         note(printed("block %d has another log, of %zu histories", blk, log.histories.size()));
     }
@@ -169,13 +171,24 @@ private:
         note(printed("sysfs has %zu blocks", sysfs_.size()));
     }
 
+    // The first entry's message is so long that the next entry lies beyond the largest position.
+    void lead_far()
+    {
+        last_ = blk_ == OFWEVENT_LOG ? 24 : 36;
+        const auto at = static_cast<uint32_t>(last_);
+        bytes().replace(at, 40, chassis_sim::post_entry_head(order(), 1, 2, far_at - 40 - at));
+        store();
+        note(printed("an entry of block %d leads beyond the largest position", blk_));
+    }
+
     // A field of a record becomes another one, mostly with a right checksum; or something else
     // breaks.
     void damage(choices &choose)
     {
-        const uint32_t distance = 1024;
+        if (!pcie_ && choose.one_in(15))
+            return lead_far();
         const size_t header =
-            blk_ == OFWEVENT_LOG ? 0 : 12 + distance / 4 * static_cast<size_t>(choose.below(4));
+            blk_ == OFWEVENT_LOG ? 0 : 12 + distance_ * static_cast<size_t>(choose.below(4));
         const size_t at =
             choose.of({size_t{0}, header, header + 24 + 72 * static_cast<size_t>(choose.below(3))});
         const size_t length = at == 0 && blk_ != OFWEVENT_LOG ? 12 : at == header ? 24 : 40;
@@ -872,6 +885,7 @@ private:
     bool slots_[8];                               // which functions are mapped
     bool opens_;                                  // with the library's own init
     log_type_t blk_ = OFWEVENT_LOG;
+    size_t distance_ = 0; // of histories
     int busy_looks_ = 0;
     int busy_left_ = 0;
     int left_ = 0;                        // histories of a walk
