@@ -49,29 +49,25 @@ std::string parent_of(const std::string &path)
     return slash == std::string::npos ? "" : path.substr(0, slash);
 }
 
-// What is made in the directory of this path is made inside, unless there is no such directory.
-void check_parent(const std::string &path)
+// Does it in a directory that is inside; it and those above it are made where they are missing.
+template <typename Make>
+int make_in_parent(const std::string &path, Make make)
 {
     const std::string directory = parent_of(path);
-    if (!root || directory.empty() || checked.contains(directory))
-        return;
-    if (owned_fd(open_inside(directory, O_PATH | O_DIRECTORY)))
-        checked.insert(directory);
-    else if (errno != ENOENT)
-        fail_to_make("open", directory);
-}
-
-// Does it, if need be once more with all directories above that are missing.
-template <typename Make>
-int make_with_parents(const std::string &path, Make make)
-{
-    check_parent(path);
+    const bool known = !root || directory.empty() || checked.contains(directory);
+    if (!known) {
+        if (owned_fd(open_inside(directory, O_PATH | O_DIRECTORY)))
+            checked.insert(directory);
+        else if (errno == ENOENT)
+            make_directory(directory);
+        else
+            fail_to_make("open", directory);
+    }
     const int made = make();
-    if (made >= 0 || errno != ENOENT)
+    if (made >= 0 || errno != ENOENT || !known)
         return made;
     checked.clear();
-    make_directory(parent_of(path));
-    check_parent(path);
+    make_directory(directory);
     return make();
 }
 
@@ -94,7 +90,7 @@ void make_directory(const std::string &path)
 {
     if (path.empty())
         return;
-    const int made = make_with_parents(path, [&] { return ::mkdir(path.c_str(), 0755); });
+    const int made = make_in_parent(path, [&] { return ::mkdir(path.c_str(), 0755); });
     if (made != 0 && errno != EEXIST)
         fail("mkdir " + path);
     if (!root || checked.contains(path))
@@ -106,8 +102,11 @@ void make_directory(const std::string &path)
 
 void write_file(const std::string &path, std::string_view contents, mode_t mode)
 {
-    const owned_fd fd(make_with_parents(
-        path, [&] { return open_inside(path, O_WRONLY | O_CREAT | O_TRUNC, mode); }));
+    // What is new is no link and no mount.
+    owned_fd fd(make_in_parent(
+        path, [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode); }));
+    if (!fd && errno == EEXIST)
+        fd.reset(open_inside(path, O_WRONLY | O_CREAT | O_TRUNC, mode));
     if (!fd)
         fail_to_make("create", path);
     for (size_t done = 0; done < contents.size();) {
@@ -119,7 +118,7 @@ void write_file(const std::string &path, std::string_view contents, mode_t mode)
 
 void make_symlink(const std::string &path, const std::string &target)
 {
-    must(make_with_parents(path, [&] { return ::symlink(target.c_str(), path.c_str()); }),
+    must(make_in_parent(path, [&] { return ::symlink(target.c_str(), path.c_str()); }),
          "symlink " + path);
 }
 

@@ -3,6 +3,7 @@
 
 #include "sim/base/failure.h"
 
+#include <cerrno>
 #include <csignal>
 #include <exception>
 
@@ -14,7 +15,10 @@ namespace chassis_sim
 
 pid_t separately(const std::function<void()> &work)
 {
-    const pid_t pid = must(::fork(), "fork");
+    const pid_t pid = ::fork();
+    if (pid < 0 && errno == EAGAIN)
+        fail("the user has too many processes: raise the limit (ulimit -u)");
+    must(pid, "fork");
     if (pid > 0)
         return pid;
     try {

@@ -19,6 +19,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace chassis_sim
@@ -50,34 +51,43 @@ std::string asking_process::proc(const std::string &entry) const
     return "/proc/" + std::to_string(thread_) + "/" + entry;
 }
 
-owned_fd asking_process::memory(int mode) const
+// How many bytes could be copied.
+size_t asking_process::copy(bool to_client, uint64_t address, void *data, size_t size) const
 {
-    return owned_fd(::open(proc("mem").c_str(), mode | O_CLOEXEC));
+    ssize_t length;
+    if constexpr (sizeof(void *) == 8) {
+        iovec here = {data, size};
+        iovec there = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), size};
+        length = to_client ? ::process_vm_writev(thread_, &here, 1, &there, 1, 0)
+                           : ::process_vm_readv(thread_, &here, 1, &there, 1, 0);
+    } else { // pointers are too short for all addresses of others
+        const owned_fd memory(
+            ::open(proc("mem").c_str(), (to_client ? O_WRONLY : O_RDONLY) | O_CLOEXEC));
+        const auto offset = static_cast<off_t>(address);
+        length = to_client ? ::pwrite(memory.get(), data, size, offset)
+                           : ::pread(memory.get(), data, size, offset);
+    }
+    return static_cast<size_t>(std::max<ssize_t>(length, 0));
 }
 
 bool asking_process::read(uint64_t address, void *data, size_t size) const
 {
-    const ssize_t length = ::pread(memory(O_RDONLY).get(), data, size, static_cast<off_t>(address));
-    return length == static_cast<ssize_t>(size);
+    return copy(false, address, data, size) == size;
 }
 
 bool asking_process::write(uint64_t address, const void *data, size_t size) const
 {
-    const ssize_t length =
-        ::pwrite(memory(O_WRONLY).get(), data, size, static_cast<off_t>(address));
-    return length == static_cast<ssize_t>(size);
+    return copy(true, address, const_cast<void *>(data), size) == size;
 }
 
 std::string asking_process::text(uint64_t address) const
 {
-    const owned_fd from = memory(O_RDONLY);
     std::string text;
     while (text.size() < longest_path) {
         char block[256];
-        // A read stops short at a page that is not there, which may follow the text's end.
+        // A copy stops short at a page that is not there, which may follow the text's end.
         const size_t length = std::min<size_t>(sizeof block, page - address % page);
-        if (::pread(from.get(), block, length, static_cast<off_t>(address)) !=
-            static_cast<ssize_t>(length))
+        if (!read(address, block, length))
             return {};
         const size_t end = ::strnlen(block, length);
         text.append(block, end);

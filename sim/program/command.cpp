@@ -171,10 +171,10 @@ void pass_on(int signal_number, siginfo_t *how, void *)
 
 void end(const std::vector<pid_t> &helpers)
 {
-    for (const pid_t helper : helpers) {
+    for (const pid_t helper : helpers)
         ::kill(helper, SIGKILL);
+    for (const pid_t helper : helpers)
         ::waitpid(helper, nullptr, 0);
-    }
 }
 
 } // namespace
