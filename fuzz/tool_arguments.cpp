@@ -64,8 +64,8 @@ void run(std::vector<std::string> arguments)
     argv.push_back(nullptr);
     devaccess::settings = {};
     const working_directory flash;
-    const int status = devaccess::run_program(
-        devaccess::command_families, static_cast<int>(arguments.size()), argv.data());
+    const int status = devaccess::run_program(devaccess::command_families,
+                                              static_cast<int>(arguments.size()), argv.data());
     fuzz::require(status >= 0 && status <= 2);
 }
 
