@@ -21,7 +21,7 @@ dpkg-deb --field "$TRIED"/common-device-access-tools_*.deb Depends |
     grep 'libcommon-device-access0.0 (>= 0.0'
 
 # The documents lead to what is there.
-find "$root/usr/share/doc/libcommon-device-access-dev" -name '*.md' | while read -r page; do
+find "$root"/usr/share/doc/*common-device-access* -name '*.md' | while read -r page; do
     cd "$(dirname "$page")"
     grep -oE '\]\([^)#:]+' "$page" | cut -c 3- | while read -r link; do
         test -e "$link" || test -e "$root$link" || { echo "$page leads to $link" >&2; exit 1; }
