@@ -12,6 +12,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+// Whoever looks for leaks traces the process, which is traced by the chassis.
+extern "C" const char *__asan_default_options()
+{
+    return "detect_leaks=0";
+}
+
 namespace
 {
 

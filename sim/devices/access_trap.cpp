@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +15,7 @@
 #include <sys/signalfd.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace chassis_sim
 {
@@ -78,6 +80,16 @@ bool is_too_wide(const asking_process &client)
     return sizeof(machine_word) == 4 && identity[EI_CLASS] == ELFCLASS64;
 }
 
+// Whether this process traces it; the number of a thread that has ended may be another's.
+bool is_traced(pid_t thread)
+{
+    constexpr char word[] = "TracerPid:";
+    const std::string status = file_text("/proc/" + std::to_string(thread) + "/status");
+    const size_t place = status.find(word);
+    return place != std::string::npos &&
+           std::atoi(status.c_str() + place + sizeof word - 1) == ::getpid();
+}
+
 std::string name_of(pid_t thread)
 {
     std::string name = file_text("/proc/" + std::to_string(thread) + "/comm");
@@ -105,6 +117,13 @@ access_trap::access_trap(window_table &windows, register_bus &bus, event_loop &l
 int access_trap::follow(const asking_process &client)
 {
     ranges_.clear();
+    try {
+        constexpr uint8_t nop = 0x90;
+        decode(&nop, sizeof nop, true, false);
+    } catch (const failure &error) {
+        complain(error.what());
+        return EOPNOTSUPP;
+    }
     if (is_too_wide(client)) {
         complain("a chassis-sim of 32 bits cannot follow the registers of a 64-bit program");
         return EOPNOTSUPP;
@@ -118,7 +137,7 @@ int access_trap::follow(const asking_process &client)
         std::error_code gone;
         for (const auto &entry : fs::directory_iterator(tasks, gone)) {
             const pid_t thread = std::stoi(entry.path().filename());
-            if (threads_.contains(thread))
+            if (is_traced(thread))
                 continue;
             if (trace(PTRACE_SEIZE, thread, 0, reinterpret_cast<void *>(options)) != 0) {
                 const int error = errno;
@@ -176,10 +195,13 @@ void access_trap::handle_fault(pid_t thread)
     const auto address = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(fault.si_addr));
     const std::optional<met> at =
         fault.si_code > 0 ? find(thread, address) : std::nullopt; // else a process has sent it
-    if (at && answer(thread, address, *at))
-        go_on(thread);
-    else
-        go_on(thread, SIGBUS);
+    bool answered = false;
+    try {
+        answered = at && answer(thread, address, *at);
+    } catch (const std::exception &error) {
+        complain(error.what());
+    }
+    go_on(thread, answered ? 0 : SIGBUS);
 }
 
 std::vector<access_trap::range> access_trap::ranges_of(pid_t thread) const

@@ -2,6 +2,7 @@
 #include "sim/devices/event_loop.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
 
 #include <sys/epoll.h>
@@ -10,6 +11,21 @@ namespace chassis_sim
 {
 
 using std::chrono::milliseconds;
+
+namespace
+{
+
+// What goes wrong in one is said, and the loop goes on.
+void perform(const event_loop::action &what)
+{
+    try {
+        what();
+    } catch (const std::exception &error) {
+        complain(error.what());
+    }
+}
+
+} // namespace
 
 event_loop::event_loop() : events_(must(::epoll_create1(EPOLL_CLOEXEC), "epoll_create")) {}
 
@@ -46,7 +62,7 @@ void event_loop::attend(int fd, turn when)
     if (found == watchers_.end() || found->second->when != when)
         return;
     const std::shared_ptr<watcher> kept = found->second; // it may forget itself
-    kept->ready();
+    perform(kept->ready);
 }
 
 int event_loop::time_left() const
@@ -63,7 +79,7 @@ void event_loop::do_what_is_due()
     const steady::time_point now = steady::now();
     while (!timers_.empty() && timers_.begin()->first <= now) {
         const auto due = timers_.extract(timers_.begin());
-        due.mapped()();
+        perform(due.mapped());
     }
 }
 
