@@ -119,6 +119,9 @@ TEST_F(chassis_description_file, finds_register_maps_beside_it_and_prints_them_b
     EXPECT_EQ(run(printed.substr(0, printed.size() - 1), "--describe"), printed);
     EXPECT_EQ(run(text, "-- sh -c 'chassis-sim ctl set COUNT 7; chassis-sim ctl get COUNT.LOW'"),
               "0x7\n0");
+    EXPECT_EQ(run(text, "-- sh -c '(sleep .1; chassis-sim ctl set COUNT 9) & "
+                        "chassis-sim ctl wait COUNT 9 && chassis-sim ctl wait COUNT 8 20'"),
+              "chassis-sim: COUNT is still 0x9\n1");
     EXPECT_EQ(run(R"({"uio": [{"maps": [{"register_map": "none"}]}]})", "-- true"),
               "chassis-sim: /uio/0/maps/0/register_map: cannot read a register map from " + dir +
                   "/none\n125");
