@@ -270,14 +270,17 @@ TEST_F(uio_irq, a_signal_ends_a_wait)
     struct sigaction wake = {};
     wake.sa_handler = [](int) {};
     sigaction(SIGALRM, &wake, nullptr);
-    const itimerval each_30_ms = {{0, 30000}, {0, 30000}};
-    setitimer(ITIMER_REAL, &each_30_ms, nullptr);
-    EXPECT_OUTCOME(libuio_irqwait(uio_, nullptr, nullptr),
-                   {.value = -1,
-                    .error = EINTR,
-                    .out = err("irqwait: poll(,2,-1) failed: Interrupted system call")});
-    const itimerval never = {};
-    setitimer(ITIMER_REAL, &never, nullptr);
+    const auto wait = [this] {
+        const itimerval each_30_ms = {{0, 30000}, {0, 30000}};
+        const itimerval never = {};
+        setitimer(ITIMER_REAL, &each_30_ms, nullptr);
+        const int result = libuio_irqwait(uio_, nullptr, nullptr);
+        setitimer(ITIMER_REAL, &never, nullptr);
+        return result;
+    };
+    EXPECT_OUTCOME(wait(), {.value = -1,
+                            .error = EINTR,
+                            .out = err("irqwait: poll(,2,-1) failed: Interrupted system call")});
 }
 
 TEST_F(uio_irq, descriptor_0_is_never_closed_nor_watched)

@@ -131,6 +131,9 @@ void copy(char (&to)[8192], const std::string &text)
     told.opens = seen.opens;
     copy(told.err, seen.err);
     copy(told.out, seen.out);
+#ifdef COUNTS_COVERAGE // which an exit writes
+    std::exit(0);
+#endif
     ::_exit(0);
 }
 
