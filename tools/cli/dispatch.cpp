@@ -21,8 +21,6 @@ namespace devaccess
 namespace
 {
 
-enum { exit_ok = 0, exit_failed = 1, exit_usage = 2 };
-
 // "devaccess pci read", as far as the words name commands.
 std::string command_words(const CLI::App &program)
 {
@@ -88,7 +86,7 @@ int run(CLI::App &program, std::vector<std::string> words)
     } catch (const usage_error &wrong) {
         return refuse(program, wrong.what(), wrong.suggestion);
     }
-    return exit_ok;
+    return exit_done;
 }
 
 int run_and_report(CLI::App &program, std::vector<std::string> words)
@@ -97,6 +95,7 @@ int run_and_report(CLI::App &program, std::vector<std::string> words)
         return run(program, std::move(words));
     } catch (const failure &failed) {
         print_failure(command_words(program), failed.what(), failed.hint, failed.error);
+        return failed.status;
     } catch (const interrupted &by) {
         ::raise(by.signal);
     } catch (const std::exception &failed) {
@@ -127,7 +126,7 @@ int run_program(std::span<const command_family> families, int argc, char **argv)
         words.erase(words.begin());
         command_tree tree(families, words);
         complete(tree, words);
-        return exit_ok;
+        return exit_done;
     }
     if (!words.empty() && words.front() == "help") {
         words.erase(words.begin());
@@ -135,12 +134,14 @@ int run_program(std::span<const command_family> families, int argc, char **argv)
     }
     settings.as_json = take_json(words);
     command_tree tree(families, words);
-    tree.program().footer("Numbers are decimal or, after 0x, hexadecimal.\n"
-                          "Exit status: 0 done, 1 failed, 2 the command line is wrong.\n"
-                          "Examples:\n"
-                          "  devaccess pci list\n"
-                          "  devaccess pci read 0000:03:00.0 0x10 --json\n"
-                          "  devaccess podlog show RPSW1 --chassis n20");
+    tree.program().footer(
+        "Numbers are decimal or, after 0x, hexadecimal.\n"
+        "Exit status: 0 done, 1 failed, 2 the command line is wrong, 3 damage was found,\n"
+        "4 something could not be read.\n"
+        "Examples:\n"
+        "  devaccess pci list\n"
+        "  devaccess pci read 0000:03:00.0 0x10 --json\n"
+        "  devaccess podlog show RPSW1 --chassis n20");
     return run_and_report(tree.program(), words);
 }
 

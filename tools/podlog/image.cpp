@@ -81,14 +81,6 @@ log_record summed(const char *kind, size_t position, const std::string &bytes, u
     return record;
 }
 
-void refuse(log_record &record, const std::string &problem)
-{
-    if (record.state != record_state::good)
-        return;
-    record.state = record_state::bad;
-    record.problem = problem;
-}
-
 std::string fresh_header(const log_layout &layout, int history, size_t entries)
 {
     header_record header = {};
@@ -105,14 +97,6 @@ std::string fresh_header(const log_layout &layout, int history, size_t entries)
 size_t log_layout::most_entries() const
 {
     return (stride - sizeof(header_record)) / entry_stride;
-}
-
-std::string log_record::name() const
-{
-    if (!history)
-        return kind;
-    return entry ? fmt::format("entry {} of history {}", *entry, *history)
-                 : fmt::format("header of history {}", *history);
 }
 
 log_image::log_image(const log_layout &layout, std::string bytes)

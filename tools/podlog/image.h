@@ -2,6 +2,8 @@
 // and the headers say.
 #pragma once
 
+#include "tools/base/log_record.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -39,21 +41,6 @@ inline constexpr log_layout eeprom_layout = {
     "eeprom", "an EEPROM's log", 0x1FE2C363, false, 8192, 2, 44, 4080};
 
 inline constexpr size_t entry_stride = 80;
-
-enum class record_state { good, blank, bad };
-
-struct log_record {
-    const char *kind; // "index", "header" or "entry"
-    std::optional<int> history;
-    std::optional<int> entry;
-    size_t position;
-    record_state state;
-    std::optional<uint32_t> stored; // checksum
-    std::optional<uint32_t> computed;
-    std::string problem; // of a bad one
-
-    std::string name() const; // "header of history 3"
-};
 
 struct log_entry {
     time_t time;

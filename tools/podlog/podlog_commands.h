@@ -75,7 +75,5 @@ std::vector<card_status> card_statuses(const std::vector<pod_card> &cards);
 
 // A record of a log as a line of a table.
 record entry_row(const log_image &log, const log_record &slot);
-record record_row(const log_record &what);
-record_set record_rows(const std::vector<log_record> &records);
 
 } // namespace devaccess

@@ -21,31 +21,6 @@ record entry_row(const log_image &log, const log_record &slot)
     return record().add_time("time", entry.time).add_message(entry.message);
 }
 
-record record_row(const log_record &what)
-{
-    record row;
-    const auto add_sum = [&](const char *name, const std::optional<uint32_t> &sum) {
-        row.add(name, sum, sum ? hex(*sum, 8) : "-");
-    };
-    row.add("record", what.kind)
-        .add("history", what.history)
-        .add("entry", what.entry)
-        .add("position", what.position);
-    add_sum("stored", what.stored);
-    add_sum("computed", what.computed);
-    return row.add("good", what.state == record_state::good)
-        .warn_if(what.state == record_state::bad)
-        .add("problem", text_or_null(what.problem));
-}
-
-record_set record_rows(const std::vector<log_record> &records)
-{
-    record_set set = {"records", {}};
-    for (const log_record &what : records)
-        set.rows.push_back(record_row(what));
-    return set;
-}
-
 namespace
 {
 
