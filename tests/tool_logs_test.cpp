@@ -26,6 +26,7 @@ TEST(devaccess_logs, merges_filters_and_prints_logs_as_people_and_programs_read_
     follow("devaccess/timeline_follow.txt");
     start_chassis();
     follow("devaccess/timeline_of_damage.txt");
+    follow("devaccess/postlog_damage.txt");
     expect_documented();
 }
 
@@ -36,7 +37,9 @@ TEST(devaccess_logs, gives_monitoring_what_its_checkers_accept)
     for (const char *line :
          {"pod_status{card=\"ALSW1\",status=\"Failed\"} 1", "pod_fault_injected{card=\"SW1\"} 1",
           "pod_storage_good{card=\"SW2\"} 0", "pod_entries{card=\"SW1\"} 1", "post_errors 1",
-          "post_storage_good{block=\"test\"} 1", "pcie_link_width_lanes{port=\"0000:00:1c.0\"} 4"})
+          "post_storage_good{block=\"test\"} 1",
+          "post_storage_state{block=\"test\",state=\"good\"} 1",
+          "pcie_link_width_lanes{port=\"0000:00:1c.0\"} 4"})
         EXPECT_NE(read_file("/var/tmp/m.prom").find(std::string("\ndevaccess_") + line + "\n"),
                   std::string::npos)
             << line;

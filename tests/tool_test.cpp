@@ -50,7 +50,7 @@ TEST(devaccess, does_what_it_is_told_and_prints_the_documented_json)
 {
     start_chassis("n10");
     for (const auto &log : chassis_sim::sample_post_logs())
-        write_file("/var/tmp/saved/" + log.name, log.image(chassis_sim::byte_order::little));
+        write_file("/var/tmp/saved/" + log.name, log.image(chassis_sim::byte_order::big));
     follow("devaccess/commands.txt");
     expect_documented();
 }

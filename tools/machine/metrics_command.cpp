@@ -42,6 +42,7 @@ constexpr struct {
     {"pod_entries", "Entries of a card's POD log."},
     {"pod_last_entry_timestamp_seconds", "Time of the last entry of a card's POD log."},
     {"post_storage_good", "Whether all of a block of the POST log can be read."},
+    {"post_storage_state", "Whether a block of the POST log is in this state."},
     {"post_histories", "Histories of a block of the POST log."},
     {"post_entries", "Entries of a block of the POST log."},
     {"post_last_entry_timestamp_seconds", "Time of the last entry of a block of the POST log."},
@@ -151,28 +152,24 @@ void add_statuses(gauges &all, const std::vector<pod_card> &cards)
 void add_block(gauges &all, const post_block &block)
 {
     const labels of = {{"block", block.name()}};
-    int64_t entries = 0;
-    std::optional<time_t> last;
-    bool good = true;
-    try {
-        const auto histories = block.histories();
-        all.add("post_histories", of, static_cast<int64_t>(histories.size()));
-        for (const post_block::history &history : histories)
-            block.read(history.number, [&](time_t time, const std::string &) {
-                ++entries;
-                last = std::max(last.value_or(time), time);
-            });
-    } catch (const failure &) {
-        good = false;
-    }
-    all.add("post_storage_good", of, good);
-    if (!good && entries == 0)
+    const post_findings found = block.look();
+    all.add("post_storage_good", of, found.state == storage_state::good);
+    for (const storage_state state : all_storage_states)
+        all.add("post_storage_state", {{"block", block.name()}, {"state", name_of(state)}},
+                found.state == state);
+    if (!found.log)
         return;
-    all.add("post_entries", of, entries);
-    if (last)
-        all.add("post_last_entry_timestamp_seconds", of, *last);
+    const auto histories = found.log->written();
+    size_t entries = 0;
+    for (const post_history *history : histories)
+        entries += history->chain().size();
+    all.add("post_histories", of, static_cast<int64_t>(histories.size()));
+    all.add("post_entries", of, static_cast<int64_t>(entries));
+    if (!histories.empty())
+        all.add("post_last_entry_timestamp_seconds", of,
+                found.log->entry(histories.front()->chain().back()).time);
     if (block.name() == std::string("error"))
-        all.add("post_errors", {}, entries);
+        all.add("post_errors", {}, static_cast<int64_t>(entries));
 }
 
 //--- links ----------------------------------------------------------------------------------------

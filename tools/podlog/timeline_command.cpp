@@ -91,16 +91,18 @@ void add_card(timeline &merged, const log_storage &storage)
 
 void add_block(timeline &merged, const post_block &block)
 {
-    try {
-        std::vector<post_block::history> histories = block.histories();
-        std::reverse(histories.begin(), histories.end());
-        for (const post_block::history &history : histories)
-            block.read(history.number, [&](time_t time, const std::string &message) {
-                merged.add("post", block.name(), history.number, time, message);
-            });
-    } catch (const failure &failed) {
-        merged.add_problem("post", block.name(), failed.what());
-    }
+    const post_findings found = block.look();
+    if (!found.problem.empty())
+        merged.add_problem("post", block.name(), printable(found.problem));
+    if (!found.log)
+        return;
+    std::vector<const post_history *> histories = found.log->written();
+    std::reverse(histories.begin(), histories.end());
+    for (const post_history *history : histories)
+        for (const log_record &slot : history->chain()) {
+            const post_entry entry = found.log->entry(slot);
+            merged.add("post", block.name(), history->number, entry.time, entry.message);
+        }
 }
 
 void show_timeline(const timeline_arguments &arguments)
@@ -120,7 +122,7 @@ void show_timeline(const timeline_arguments &arguments)
     throw failure(
         "read all of the logs",
         fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
-        (is_pod ? podlog_command("check", arguments.place) : arguments.post.list_command()) +
+        (is_pod ? podlog_command("check", arguments.place) : arguments.post.command("check")) +
             " tells more");
 }
 

@@ -1,13 +1,18 @@
-// POST logs: postlog list, show.
+// POST logs: postlog list, show, check, save, salvage.
 #include "tools/postlog/postlog_commands.h"
 
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/base/numbers.h"
 #include "tools/base/output.h"
 #include "tools/base/times.h"
 #include "tools/cli/options.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <optional>
+
+#include <fmt/format.h>
 
 namespace devaccess
 {
@@ -17,9 +22,11 @@ namespace
 struct postlog_arguments {
     std::string block;
     std::string history;
+    std::string file;
     postlog_place place;
     time_span span;
     bool all = false;
+    bool force = false;
 };
 
 // Does this for each wanted block, and tells of the first failure at the end.
@@ -59,33 +66,76 @@ record about(const postlog_arguments &arguments)
     return record().add_hidden("block", text_or_null(arguments.block));
 }
 
+// Fails when a wrong record is of the index or of one of these histories.
+void expect_whole(const post_block &block, const post_findings &found,
+                  const std::vector<const post_history *> &histories)
+{
+    const auto wrong = found.log->wrong();
+    const auto bad = std::find_if(wrong.begin(), wrong.end(), [&](const log_record &record) {
+        return !record.history ||
+               std::any_of(histories.begin(), histories.end(), [&](const post_history *history) {
+                   return history->number == *record.history;
+               });
+    });
+    if (bad != wrong.end())
+        throw failure(fmt::format("read all of the POST {} log", block.name()),
+                      fmt::format("{}: {}", bad->name(), bad->problem), block.way_out(found), 0,
+                      exit_damaged);
+}
+
+std::vector<const post_history *> all_histories(const post_image &log)
+{
+    std::vector<const post_history *> all;
+    for (const post_history &history : log.histories())
+        all.push_back(&history);
+    return all;
+}
+
 void list(const postlog_arguments &arguments)
 {
     record_set set = {"histories", {}};
     each_block each(arguments);
     each([&](const post_block &block) {
-        for (const post_block::history &history : block.histories())
+        const post_findings found = block.expect_log();
+        for (const post_history *history : found.log->written())
             set.rows.push_back(record()
                                    .add("block", block.name())
-                                   .add("history", history.number)
-                                   .add_time("time", history.time));
+                                   .add("history", history->number)
+                                   .add_time("time", found.log->entry(history->entries[0]).time));
+        expect_whole(block, found, all_histories(*found.log));
     });
     print(about(arguments).add(std::move(set)));
     each.expect_all();
 }
 
+//--- entries --------------------------------------------------------------------------------------
+
+const post_history &history_of(const postlog_arguments &arguments, const post_block &block,
+                               const post_image &log)
+{
+    const auto number = parse_number("the history", arguments.history, INT32_MAX);
+    const auto &histories = log.histories();
+    if (number < histories.size())
+        return histories[static_cast<size_t>(number)];
+    const std::string list = block.place().command(std::string("list ") + block.name());
+    throw failure(fmt::format("read history {} of the POST {} log", number, block.name()),
+                  histories.size() == 1
+                      ? "the log has history 0 alone"
+                      : fmt::format("the log has histories 0 to {}", histories.size() - 1),
+                  list + " shows them");
+}
+
 // Oldest first.
-std::vector<int> wanted_histories(const postlog_arguments &arguments, const post_block &block)
+std::vector<const post_history *> wanted_histories(const postlog_arguments &arguments,
+                                                   const post_block &block, const post_image &log)
 {
     if (!arguments.history.empty())
-        return {static_cast<int>(parse_number("the history", arguments.history, INT32_MAX))};
-    std::vector<int> numbers;
-    for (const post_block::history &history : block.histories()) {
-        numbers.insert(numbers.begin(), history.number);
-        if (!arguments.all)
-            break;
-    }
-    return numbers;
+        return {&history_of(arguments, block, log)};
+    std::vector<const post_history *> wanted = log.written();
+    if (!arguments.all && wanted.size() > 1)
+        wanted.resize(1);
+    std::reverse(wanted.begin(), wanted.end());
+    return wanted;
 }
 
 void show(const postlog_arguments &arguments)
@@ -97,17 +147,22 @@ void show(const postlog_arguments &arguments)
     std::optional<int> only; // the one history that is shown
     each_block each(arguments);
     each([&](const post_block &block) {
-        for (const int history : wanted_histories(arguments, block)) {
-            only = arguments.block.empty() || arguments.all ? only : history;
-            block.read(history, [&](time_t time, const std::string &message) {
-                if (limits.hold(time))
+        const post_findings found = block.expect_log();
+        const auto wanted = wanted_histories(arguments, block, *found.log);
+        for (const post_history *history : wanted) {
+            only = arguments.block.empty() || arguments.all ? only : history->number;
+            for (const log_record &slot : history->chain()) {
+                const post_entry entry = found.log->entry(slot);
+                if (limits.hold(entry.time))
                     entries.rows.push_back(record()
                                                .add("block", block.name())
-                                               .add("history", history)
-                                               .add_time("time", time)
-                                               .add_message(message));
-            });
+                                               .add("history", history->number)
+                                               .add_time("time", entry.time)
+                                               .add_message(entry.message));
+            }
         }
+        // Which is the newest cannot be said where another cannot be read.
+        expect_whole(block, found, arguments.history.empty() ? all_histories(*found.log) : wanted);
     });
     if (entries.rows.empty())
         each.expect_all();
@@ -115,10 +170,114 @@ void show(const postlog_arguments &arguments)
     each.expect_all();
 }
 
+//--- check ----------------------------------------------------------------------------------------
+
+field_value order_of(const std::optional<post_image> &log)
+{
+    if (!log || log->holds_nothing())
+        return {};
+    return log->order() == byte_order::big ? "big" : "little";
+}
+
+record storage_row(const post_block &block, const post_findings &found)
+{
+    const bool good = found.state == storage_state::good;
+    return record()
+        .add("block", block.name())
+        .add("storage", block.storage())
+        .add("path", block.path())
+        .add("byte_order", order_of(found.log))
+        .add("state", name_of(found.state))
+        .warn_if(!good)
+        .add_hidden("good", good)
+        .add("histories", found.log ? found.log->written().size() : 0)
+        .add("entries", found.log ? found.log->good_entries().size() : 0)
+        .add("problem", text_or_null(printable(found.problem)));
+}
+
+void check(const postlog_arguments &arguments)
+{
+    record_set storages = {"storages", {}};
+    record_set records = {"records", {}};
+    std::string hint;                 // of the first bad one
+    exit_status status = exit_failed; // damage counts more than what could not be read
+    size_t bad = 0;
+    for (const post_block &block : open_blocks(arguments.place, arguments.block)) {
+        const post_findings found = block.look();
+        storages.rows.push_back(storage_row(block, found));
+        if (found.log && !found.log->holds_nothing())
+            for (const log_record &what : arguments.all ? found.log->records() : found.log->wrong())
+                records.rows.push_back(
+                    record().add("block", block.name()).append(record_row(what)));
+        if (found.state == storage_state::good)
+            continue;
+        if (status != exit_damaged && status_of(found.state) != exit_failed)
+            status = status_of(found.state);
+        if (bad++ == 0)
+            hint = fmt::format("of {}: {}", block.name(), block.remedy(found));
+    }
+    const size_t all = storages.rows.size();
+    record shown;
+    shown.add(std::move(storages));
+    print(add_records(shown, std::move(records)));
+    if (bad > 0)
+        throw failure("call every log good", fmt::format("{} of {} storages are not", bad, all),
+                      hint, 0, status);
+}
+
+//--- save and salvage -----------------------------------------------------------------------------
+
+void save(const postlog_arguments &arguments)
+{
+    const post_block block = open_blocks(arguments.place, arguments.block).front();
+    const std::string bytes = block.expect_bytes();
+    write_file(arguments.file, bytes, !arguments.force);
+    print_done(
+        record().add("block", block.name()).add("file", arguments.file).add("bytes", bytes.size()));
+}
+
+void print_salvaged(record shown, const post_image &log)
+{
+    record_set entries = {"entries", {}};
+    for (const log_record &slot : log.good_entries()) {
+        const post_entry entry = log.entry(slot);
+        entries.rows.push_back(record()
+                                   .add("history", *slot.history)
+                                   .add("position", slot.position)
+                                   .add_time("time", entry.time)
+                                   .add_message(entry.message));
+    }
+    shown.add("byte_order", order_of(log)).add(std::move(entries));
+    const bool has_log = !log.holds_nothing();
+    print(add_records(shown, record_rows(has_log ? log.wrong() : std::vector<log_record>())));
+}
+
+void salvage(const postlog_arguments &arguments)
+{
+    if (arguments.block.empty() == arguments.file.empty())
+        throw usage_error("either BLOCK or --file FILE says what to salvage");
+    if (arguments.file.empty()) {
+        const post_block block = open_blocks(arguments.place, arguments.block).front();
+        const post_findings found = block.judge(block.expect_bytes());
+        return print_salvaged(record().add("block", block.name()), *found.log);
+    }
+    const auto bytes = read_file(arguments.file);
+    if (!bytes)
+        throw failure("read " + arguments.file, "there is no such file",
+                      "'devaccess postlog save' makes one", ENOENT);
+    print_salvaged(record().add("file", arguments.file), saved_post_image(*bytes));
+}
+
+//--- command line ---------------------------------------------------------------------------------
+
+option add_block(command &to, postlog_arguments &arguments, const char *meaning)
+{
+    return to.argument("BLOCK", arguments.block, meaning).one_of(post_block_names);
+}
+
 void add_listed(command &to, postlog_arguments &arguments)
 {
-    to.argument("BLOCK", arguments.block, "event, test or error (default: all of them)")
-        .one_of(post_block_names);
+    add_block(to, arguments, "event, test or error (default: all of them)");
     add_post_place(to, arguments.place);
 }
 
@@ -129,6 +288,27 @@ void add_shown(command &to, postlog_arguments &arguments)
     to.add_flag("--all", arguments.all, "Show the entries of all histories");
     add_time_span(to, arguments.span);
     add_entry_format(to);
+}
+
+void add_checked(command &to, postlog_arguments &arguments)
+{
+    add_listed(to, arguments);
+    to.add_flag("--all", arguments.all, "Show the good records too");
+}
+
+void add_saved(command &to, postlog_arguments &arguments)
+{
+    add_block(to, arguments, "event, test or error").required();
+    to.argument("FILE", arguments.file, "File to make").paths().required();
+    to.add_flag("--force", arguments.force, "Replace the file if it exists");
+    add_post_place(to, arguments.place);
+}
+
+void add_salvaged(command &to, postlog_arguments &arguments)
+{
+    add_block(to, arguments, "event, test or error");
+    to.add_option("--file", "FILE", arguments.file, "Read the saved block FILE instead").paths();
+    add_post_place(to, arguments.place);
 }
 
 } // namespace
@@ -148,6 +328,10 @@ void describe_postlog(command &postlog)
 {
     postlog.add("list", "List the histories of the logs, newest first", add_listed, list);
     postlog.add("show", "Show the entries of a history", add_shown, show);
+    postlog.add("check", "Check every index, header and entry of the logs", add_checked, check);
+    postlog.add("save", "Save the bytes of a block to a file", add_saved, save);
+    postlog.add("salvage", "Show every good entry, whatever index and headers say", add_salvaged,
+                salvage);
 }
 
 } // namespace devaccess

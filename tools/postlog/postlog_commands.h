@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/cli/command.h"
-#include "tools/postlog/reader.h"
+#include "tools/postlog/blocks.h"
 
 namespace devaccess
 {
