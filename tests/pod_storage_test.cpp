@@ -77,6 +77,23 @@ TEST_P(storage, formats_adds_and_moves_on_byte_for_byte)
     EXPECT_EQ(difference(read_file(s.path), image), "");
 }
 
+#if __SIZEOF_LONG__ == 4
+TEST_P(storage, keeps_the_time_that_a_narrow_time_t_cannot_hold)
+{
+    open(s.image());
+    time_error = EOVERFLOW;
+    DOES(s.add_text("later"), 1);
+    s.close(0);
+    timespec clock = {};
+    ::clock_gettime(CLOCK_REALTIME, &clock);
+    time_t ts = 0;
+    char msg[64];
+    ASSERT_GT(s.open_log(0, 0), 0);
+    EXPECT_EQ(s.read_log(0, static_cast<int>(s.entry_at(0, 0)), &ts, msg, sizeof msg), -2);
+    EXPECT_NEAR(static_cast<double>(ts), static_cast<double>(clock.tv_sec), 60);
+}
+#endif
+
 //--- what is read ---------------------------------------------------------------------------------
 
 TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)

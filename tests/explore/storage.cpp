@@ -159,11 +159,6 @@ extern "C" time_t time(time_t *) noexcept
     return 1;
 }
 
-extern "C" int64_t __time64(int64_t *) // what time() is where time_t has 32 bits and others have 64
-{
-    return 1;
-}
-
 extern "C" int usleep(useconds_t)
 {
     return 0;

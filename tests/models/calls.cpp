@@ -35,11 +35,6 @@ extern "C" time_t time(time_t *) noexcept
     return now;
 }
 
-extern "C" int64_t __time64(int64_t *) // what time() is where time_t has 32 bits and others have 64
-{
-    return now;
-}
-
 extern "C" int usleep(useconds_t length)
 {
     sleeps.push_back(length);

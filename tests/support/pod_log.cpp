@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 
@@ -12,12 +13,10 @@
 
 extern "C" time_t time(time_t *) noexcept
 {
-    return test::now;
-}
-
-extern "C" int64_t __time64(int64_t *) // what time() is where time_t has 32 bits and others have 64
-{
-    return test::now;
+    if (test::time_error == 0)
+        return test::now;
+    errno = test::time_error;
+    return -1;
 }
 
 extern "C" int usleep(useconds_t length)

@@ -16,6 +16,7 @@ namespace test
 
 // The library's calls of time() and usleep() come here first.
 inline time_t now = 1700000000;
+inline int time_error = 0; // with which time() fails
 inline int pauses = 0;
 inline useconds_t shortest_pause = UINT_MAX;
 inline useconds_t longest_pause = 0;
