@@ -104,10 +104,11 @@ def wrapped(statement: str) -> str:
 
 
 def constants(header: Path) -> list[str]:
+    """The constants of a header, but for what differs with the width: the file is the same for all."""
     text = re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.DOTALL)
     found = re.findall(r"^#define (\w+) (\d\w*)[ \t]*$", text, re.MULTILINE)
     return [f"static const {'unsigned int' if value.endswith('u') else 'int'} {name} = {value};"
-            for name, value in found]
+            for name, value in found if name != "DEVICE_ACCESS_TIME_BITS"]
 
 
 def declarations(compiler: str, headers: list[Path]) -> Declarations:
