@@ -1,5 +1,5 @@
 # Lets Doxygen read the public headers, whose comments are plain ones: the first comment describes
-# the file, a comment belongs to every declaration below it up to the next empty line, and one behind
+# the file, a comment belongs to every declaration below it up to the next empty line, and one after
 # a field or an enumerator to that. Text is shown as it stands, whatever Doxygen could read into it;
 # parameters and a paragraph with an indented line keep their lines. Doxygen warns of an exported name
 # without a comment, because it does not know the command put there.
