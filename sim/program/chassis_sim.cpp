@@ -17,6 +17,8 @@
 #include <string_view>
 #include <vector>
 
+#include <unistd.h>
+
 namespace
 {
 
@@ -240,7 +242,8 @@ int run(int argc, char **argv)
         throw failure("this is a simulated chassis already; there is none in it");
     const std::vector<pid_t> helpers =
         recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
-    return chassis_sim::run_command(chosen.command, helpers);
+    const int status = chassis_sim::run_command(chosen.command, helpers);
+    ::_exit(status); // nobody answers this process's calls any more
 }
 
 } // namespace
