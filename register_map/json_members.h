@@ -206,6 +206,13 @@ private:
     {
         if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool>) {
             value = integer<T>(at(name), member, std::numeric_limits<T>::max());
+        } else if constexpr (std::is_same_v<T, std::vector<uint64_t>>) {
+            if (!member.is_array())
+                throw invalid(at(name) + " is no array");
+            value.clear();
+            for (const json &element : member)
+                value.push_back(integer<uint64_t>(at(name) + "/" + std::to_string(value.size()),
+                                                  element, UINT64_MAX));
         } else {
             try {
                 value = member.get<T>();
