@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <optional>
@@ -242,6 +243,8 @@ int run(int argc, char **argv)
         throw failure("this is a simulated chassis already; there is none in it");
     const std::vector<pid_t> helpers =
         recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
+    if (!recorded) // whose type its manifest may not tell
+        ::setenv("DEVACCESS_CHASSIS", chassis.logs.chassis.c_str(), 1);
     const int status = chassis_sim::run_command(chosen.command, helpers);
     ::_exit(status); // nobody answers this process's calls any more
 }
