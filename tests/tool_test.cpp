@@ -329,6 +329,40 @@ TEST(devaccess, says_where_a_log_is_damaged_and_keeps_what_is_good)
     expect_documented();
 }
 
+TEST(devaccess, tells_and_keeps_a_log_of_another_kind)
+{
+    start_chassis();
+    run("devaccess podlog prepare");
+    make_log(storages[2]);
+    follow("devaccess/podlog_foreign.txt");
+    expect_documented();
+}
+
+TEST(devaccess, finds_entries_at_any_position)
+{
+    start_chassis();
+    run("devaccess podlog prepare");
+    string log = make_log(storages[1]);
+    log.insert(50, 7, '\0'); // in the first header: all entries are 7 bytes further on
+    log.resize(devaccess::file_layout.size);
+    log[40] = 99; // and the index has part of a size
+    log[41] = 0;
+    put_bytes(storages[1].path, log);
+    follow("devaccess/podlog_strays.txt");
+    expect_documented();
+}
+
+TEST(devaccess, watches_a_device_until_it_is_removed)
+{
+    follow("devaccess/watch_of_a_removed_device.txt");
+}
+
+TEST(devaccess, needs_no_library_but_those_that_it_is_linked_with)
+{
+    start_chassis();
+    follow("devaccess/libraries.txt");
+}
+
 //--- texts ----------------------------------------------------------------------------------------
 
 TEST(devaccess, describes_every_command)

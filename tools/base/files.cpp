@@ -3,6 +3,7 @@
 
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
+#include "tools/base/output.h"
 
 #include <cstdio>
 #include <cstring>
@@ -88,6 +89,10 @@ std::optional<std::string> read_file(const std::string &path)
 
 void write_file(const std::string &path, const std::string &bytes, bool must_be_new)
 {
+    if (path == standard_output) {
+        print_text(bytes);
+        return finish_output();
+    }
     std::error_code none;
     const fs::path target = fs::exists(path, none) ? fs::canonical(path, none) : fs::path(path);
     if (fs::exists(target, none) && !fs::is_regular_file(target, none))

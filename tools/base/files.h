@@ -12,6 +12,9 @@ namespace devaccess
 std::string read_all(int descriptor, const std::string &path);
 std::optional<std::string> read_file(const std::string &path);
 
+// Stands for standard output where a file is to be written.
+inline constexpr char standard_output[] = "-";
+
 // Writes the bytes to a file beside it, which then takes the file's place: a failure leaves what
 // was there. A file that must be new is not replaced.
 void write_file(const std::string &path, const std::string &bytes, bool must_be_new);

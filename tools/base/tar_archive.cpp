@@ -1,85 +1,92 @@
-// Writes tar archives with libarchive.
+// Writes tar archives.
 #include "tools/base/tar_archive.h"
 
-#include "tools/base/errors.h"
-#include "tools/base/shared_library.h"
-
-#include <archive.h>
-#include <archive_entry.h>
+#include <algorithm>
+#include <cstring>
+#include <numeric>
 
 namespace devaccess
 {
 namespace
 {
 
-constexpr char making[] = "make the archive";
+constexpr size_t block = 512;
 
-const shared_library &libarchive()
+struct header {
+    char name[100];
+    char mode[8];
+    char owner[8];
+    char group[8];
+    char size[12];
+    char time[12];
+    char checksum[8];
+    char kind;
+    char target[100];
+    char format[8]; // "ustar  ", as GNU writes it
+    char rest[247];
+};
+static_assert(sizeof(header) == block);
+
+// In octal, before a NUL.
+template <size_t Size>
+void put_number(char (&field)[Size], unsigned long long number)
 {
-    static const shared_library library("libarchive.so.13", making);
-    return library;
+    for (size_t digit = Size - 1; digit-- > 0; number /= 8)
+        field[digit] = static_cast<char>('0' + number % 8);
 }
 
-// A function of the library that is loaded.
-#define LIBARCHIVE(function) libarchive().find<decltype(function)>(#function)
-
-la_ssize_t append(struct archive *, void *bytes, const void *more, size_t size)
+// As much as there is room for; a longer text has a record of its own before.
+template <size_t Size>
+void put_text(char (&field)[Size], const std::string &text)
 {
-    static_cast<std::string *>(bytes)->append(static_cast<const char *>(more), size);
-    return static_cast<la_ssize_t>(size);
+    std::memcpy(field, text.data(), std::min(text.size(), Size));
 }
 
 } // namespace
 
-tar_archive::tar_archive(time_t when)
-    : when_(when), archive_(LIBARCHIVE(archive_write_new)(), LIBARCHIVE(archive_write_free))
-{
-    expect_done(LIBARCHIVE(archive_write_set_format_pax_restricted)(archive_.get()));
-    expect_done(LIBARCHIVE(archive_write_open)(archive_.get(), &bytes_, nullptr, append, nullptr));
-}
-
 void tar_archive::add_file(const std::string &path, const std::string &bytes)
 {
-    const entry head = new_entry(path, AE_IFREG, 0644);
-    LIBARCHIVE(archive_entry_set_size)(head.get(), static_cast<la_int64_t>(bytes.size()));
-    write(head.get(), bytes);
+    add('0', path, "", 0644, bytes);
 }
 
 void tar_archive::add_link(const std::string &path, const std::string &target)
 {
-    const entry head = new_entry(path, AE_IFLNK, 0777);
-    LIBARCHIVE(archive_entry_set_symlink)(head.get(), target.c_str());
-    write(head.get(), "");
+    add('2', path, target, 0777, "");
+}
+
+void tar_archive::add_long(char kind, const std::string &text)
+{
+    if (text.size() > sizeof header::name)
+        add(kind, "././@LongLink", "", 0644, text + '\0');
+}
+
+void tar_archive::add(char kind, const std::string &path, const std::string &target, unsigned mode,
+                      const std::string &bytes)
+{
+    add_long('K', target);
+    add_long('L', path);
+    header head = {};
+    put_text(head.name, path);
+    put_text(head.target, target);
+    put_number(head.mode, mode);
+    put_number(head.owner, 0);
+    put_number(head.group, 0);
+    put_number(head.size, bytes.size());
+    put_number(head.time, static_cast<unsigned long long>(std::max<time_t>(when_, 0)));
+    head.kind = kind;
+    std::memcpy(head.format, "ustar  ", sizeof head.format);
+    std::memset(head.checksum, ' ', sizeof head.checksum);
+    const auto *const raw = reinterpret_cast<const unsigned char *>(&head);
+    const unsigned sum = std::accumulate(raw, raw + block, 0u);
+    head.checksum[sizeof head.checksum - 1] = '\0';
+    put_number(head.checksum, sum);
+    bytes_.append(reinterpret_cast<const char *>(&head), block).append(bytes);
+    bytes_.append((block - bytes.size() % block) % block, '\0');
 }
 
 const std::string &tar_archive::finish()
 {
-    expect_done(LIBARCHIVE(archive_write_close)(archive_.get()));
-    return bytes_;
-}
-
-tar_archive::entry tar_archive::new_entry(const std::string &path, unsigned type,
-                                          unsigned mode) const
-{
-    entry head(LIBARCHIVE(archive_entry_new)(), LIBARCHIVE(archive_entry_free));
-    LIBARCHIVE(archive_entry_set_pathname)(head.get(), path.c_str());
-    LIBARCHIVE(archive_entry_set_filetype)(head.get(), type);
-    LIBARCHIVE(archive_entry_set_perm)(head.get(), mode);
-    LIBARCHIVE(archive_entry_set_mtime)(head.get(), when_, 0);
-    return head;
-}
-
-void tar_archive::write(archive_entry *head, const std::string &bytes)
-{
-    expect_done(LIBARCHIVE(archive_write_header)(archive_.get(), head));
-    if (LIBARCHIVE(archive_write_data)(archive_.get(), bytes.data(), bytes.size()) < 0)
-        expect_done(ARCHIVE_FATAL);
-}
-
-void tar_archive::expect_done(int status) const
-{
-    if (status != ARCHIVE_OK)
-        throw failure(making, LIBARCHIVE(archive_error_string)(archive_.get()), "");
+    return bytes_.append(2 * block, '\0');
 }
 
 } // namespace devaccess

@@ -5,6 +5,7 @@
 #include "tools/base/numbers.h"
 #include "tools/base/settings.h"
 
+#include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -134,8 +135,8 @@ std::string time_problem(const std::string &text)
     return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
 }
 
-void watch_register(const std::string &name, unsigned width, const wait_options &options,
-                    const std::function<uint64_t()> &read,
+void watch_register(const std::string &name, const std::string &directory, unsigned width,
+                    const wait_options &options, const std::function<uint64_t()> &read,
                     const std::function<record(uint64_t)> &describe)
 {
     std::optional<masked_value> wanted;
@@ -146,6 +147,9 @@ void watch_register(const std::string &name, unsigned width, const wait_options 
                  options.timeout);
     std::optional<uint64_t> last;
     do {
+        if (::access(directory.c_str(), F_OK) != 0)
+            throw failure("watch " + name, "its device has been removed",
+                          "it can be watched again when the device is back", ENODEV);
         const uint64_t value = read();
         if (value != last)
             wait.print(describe(value));

@@ -61,8 +61,9 @@ struct wait_options {
 std::string time_problem(const std::string &text);
 
 // Prints what a register holds, and then each change, until the value is there or the time over.
-void watch_register(const std::string &name, unsigned width, const wait_options &options,
-                    const std::function<uint64_t()> &read,
+// Fails when the directory of its device in sysfs has gone.
+void watch_register(const std::string &name, const std::string &directory, unsigned width,
+                    const wait_options &options, const std::function<uint64_t()> &read,
                     const std::function<record(uint64_t)> &describe);
 
 } // namespace devaccess

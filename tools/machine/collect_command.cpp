@@ -101,6 +101,24 @@ public:
                 add_attribute(directory / name);
     }
 
+    // A file with the bytes behind its link, or why it is missing.
+    void add_whole(const fs::path &path)
+    {
+        std::error_code wrong;
+        const bool is_link = add_link(path);
+        const fs::path file = is_link ? fs::canonical(path, wrong) : path;
+        if (wrong)
+            return leave_out(path, "it is a link to a file that is missing");
+        if (!fs::is_regular_file(file, wrong))
+            return leave_out(path, "it is no regular file");
+        const auto size = fs::file_size(file, wrong);
+        add_attribute(file);
+        if (const auto found = files_.find(file);
+            found != files_.end() && found->second.size() < size)
+            leave_out(path, fmt::format("only its first {} bytes of {} are recorded",
+                                        found->second.size(), size));
+    }
+
     // The directories in one, as they are called there, links being recorded and followed.
     std::vector<fs::path> add_directories(const fs::path &parent)
     {
@@ -188,11 +206,14 @@ size_t add_log_files(recorder &machine)
 {
     size_t count = 0;
     std::error_code none;
-    for (const auto &entry : fs::directory_iterator("/var/pod", none)) {
+    const fs::directory_iterator files("/var/pod", none);
+    if (none && none != std::errc::no_such_file_or_directory)
+        machine.leave_out("/var/pod", none.message());
+    for (const auto &entry : files) {
         const std::string name = entry.path().filename();
         if (name.rfind("pod_", 0) != 0 || !name.ends_with(".hex"))
             continue;
-        machine.add_attributes("/var/pod", {name});
+        machine.add_whole(entry.path());
         ++count;
     }
     return count;
@@ -201,10 +222,14 @@ size_t add_log_files(recorder &machine)
 // A block of NVRAM is read through its device. Through a controller it would be written to for
 // that.
 template <typename Read>
-size_t add_block(recorder &machine, const std::string &name, Read read)
+size_t add_block(recorder &machine, const std::string &name, size_t size, Read read)
 {
     try {
-        machine.add_file("/dev/" + name, read());
+        const std::string bytes = read();
+        machine.add_file("/dev/" + name, bytes);
+        if (bytes.size() < size)
+            machine.leave_out("/dev/" + name,
+                              fmt::format("{} bytes of {} are missing", size - bytes.size(), size));
         return 1;
     } catch (const failure &failed) {
         machine.leave_out("/dev/" + name, failed.what());
@@ -215,9 +240,10 @@ size_t add_block(recorder &machine, const std::string &name, Read read)
 constexpr struct {
     const char *name;
     log_type_t number;
-} post_blocks[] = {{"nvlog-ofw-event", OFWEVENT_LOG},
-                   {"nvlog-diag-test", OFWDIAG_TEST_LOG},
-                   {"nvlog-diag-error", OFWDIAG_ERROR_LOG}};
+    size_t size;
+} post_blocks[] = {{"nvlog-ofw-event", OFWEVENT_LOG, 8192},
+                   {"nvlog-diag-test", OFWDIAG_TEST_LOG, 16384},
+                   {"nvlog-diag-error", OFWDIAG_ERROR_LOG, 32768}};
 
 std::string post_bytes(const std::string &name, log_type_t block)
 {
@@ -238,13 +264,14 @@ size_t add_blocks(recorder &machine)
         std::string name = read_file(block / "name").value_or("");
         name = name.substr(0, name.find('\n'));
         if (name == "nvlog-pod")
-            count += add_block(machine, name, [] {
+            count += add_block(machine, name, nvram_layout.size, [] {
                 const pod_card local = {"", 0, {}, PODSTORAGE_NVRAM, 0, {}};
                 return log_storage({}, local).bytes().value_or("");
             });
         for (const auto &known : post_blocks)
             if (name == known.name)
-                count += add_block(machine, name, [&] { return post_bytes(name, known.number); });
+                count += add_block(machine, name, known.size,
+                                   [&] { return post_bytes(name, known.number); });
     }
     return count;
 }
@@ -279,14 +306,18 @@ void collect(const collect_arguments &arguments)
     tar_archive archive = machine.archive(when, manifest(when, left_out));
     write_file(arguments.file, archive.finish(), !arguments.force);
     if (!left_out.rows.empty())
-        note(fmt::format("{} files could not be read; manifest.json in {} names them",
-                         left_out.rows.size(), arguments.file));
-    print(add_records(done, left_out));
+        note(
+            fmt::format("{} files could not be read whole; manifest.json in the archive names them",
+                        left_out.rows.size()));
+    if (arguments.file != standard_output)
+        print(add_records(done, left_out));
 }
 
 void add_archive(command &to, collect_arguments &arguments)
 {
-    to.argument("FILE", arguments.file, "The archive to write, in tar format").paths().required();
+    to.argument("FILE", arguments.file, "The archive to write, in tar format; - is standard output")
+        .paths()
+        .required();
     to.add_flag("--force", arguments.force, "Replace the file if it exists");
 }
 

@@ -33,9 +33,9 @@ constexpr char slot_hint[] = "slots are e.g. RP1, SW1, FT1, PM1 (--chassis n20 o
 struct inventory_slot {
     explicit inventory_slot(const inventory_arguments &arguments) : name(arguments.slot)
     {
-        if (settings.chassis == "n20" || settings.chassis == "n10")
-            SetChassisType(settings.chassis == "n20" ? ChassisType_1st_Stack
-                                                     : ChassisType_2nd_Stack);
+        const std::string chassis = chassis_type();
+        if (chassis == "n20" || chassis == "n10")
+            SetChassisType(chassis == "n20" ? ChassisType_1st_Stack : ChassisType_2nd_Stack);
         const std::string start = name.substr(0, 4);
         if (start == "rpsw" || start == "RPSW") {
             file = "/var/log/diags/RPSW.div";

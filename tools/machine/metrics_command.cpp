@@ -38,6 +38,7 @@ constexpr struct {
     {"pod_fault_injected", "Whether the fault-injection flag of a card is set."},
     {"pod_storage_good",
      "Whether the storage of a card's POD log can be read and has no bad record."},
+    {"pod_storage_state", "Whether the storage of a card's POD log is in this state."},
     {"pod_histories", "Histories of a card's POD log that have entries."},
     {"pod_entries", "Entries of a card's POD log."},
     {"pod_last_entry_timestamp_seconds", "Time of the last entry of a card's POD log."},
@@ -120,6 +121,9 @@ void add_card(gauges &all, const log_storage &storage)
     const labels of = {{"card", storage.card().name}};
     const log_findings found = storage.look();
     all.add("pod_storage_good", of, found.state == storage_state::good);
+    for (const storage_state state : all_storage_states)
+        all.add("pod_storage_state", {{"card", storage.card().name}, {"state", name_of(state)}},
+                found.state == state);
     if (!found.log)
         return;
     const auto histories = found.log->written();
@@ -234,7 +238,8 @@ void add_ports(gauges &all)
 
 void metrics(const metrics_arguments &arguments)
 {
-    const std::string file = arguments.file.empty() ? "" : fs::absolute(arguments.file).string();
+    const bool to_output = arguments.file.empty() || arguments.file == standard_output;
+    const std::string file = to_output ? "" : fs::absolute(arguments.file).string();
     gauges all;
     all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_name()}}, 1);
     const std::vector<pod_card> cards = cards_for_reading();

@@ -21,8 +21,22 @@ namespace
 
 const shared_library &libpci()
 {
-    static const shared_library library("libpci.so.3", "name PCI functions");
+    static const shared_library library("libpci.so.3", "filter PCI functions");
     return library;
+}
+
+// Without the library, functions have no names.
+bool has_libpci()
+{
+    static const bool found = [] {
+        try {
+            libpci();
+            return true;
+        } catch (const failure &) {
+            return false;
+        }
+    }();
+    return found;
 }
 
 // A function of the library that is loaded.
@@ -49,6 +63,8 @@ constexpr int list_alone = PCI_LOOKUP_NO_HWDB;
 template <typename... Ids>
 std::optional<std::string> look_up(pci_access *access, int what, Ids... ids)
 {
+    if (!access)
+        return std::nullopt;
     char buffer[256];
     const char *name = LIBPCI(pci_lookup_name)(access, buffer, sizeof buffer,
                                                what | PCI_LOOKUP_NO_NUMBERS | list_alone, ids...);
@@ -57,8 +73,11 @@ std::optional<std::string> look_up(pci_access *access, int what, Ids... ids)
 
 } // namespace
 
-pci_names::pci_names() : access_(LIBPCI(pci_alloc)())
+pci_names::pci_names()
 {
+    if (!has_libpci())
+        return;
+    access_.reset(LIBPCI(pci_alloc)());
     access_->method = PCI_ACCESS_SYS_BUS_PCI;
     access_->error = end;
     access_->warning = ignore;
@@ -88,6 +107,9 @@ std::optional<std::string> pci_names::device_class(unsigned device_class) const
 std::string pci_names::heading(unsigned vendor, unsigned device, unsigned device_class,
                                unsigned revision) const
 {
+    if (!access_)
+        return fmt::format("Class {:04x}: Vendor {:04x} Device {:04x}{}", device_class >> 8, vendor,
+                           device, revision ? fmt::format(" (rev {:02x})", revision) : "");
     char what[256];
     char name[256];
     const auto look_up_number = LIBPCI(pci_lookup_name);
@@ -101,8 +123,11 @@ std::string pci_names::heading(unsigned vendor, unsigned device, unsigned device
 }
 
 device_filter::device_filter(std::string where, std::string ids, const pci_names &names)
-    : access_(names.access_.get()), filter_(std::make_shared<pci_filter>())
+    : access_(names.access_.get())
 {
+    if (where.empty() && ids.empty())
+        return;
+    filter_ = std::make_shared<pci_filter>();
     LIBPCI(pci_filter_init)(access_, filter_.get());
     // The library writes into the texts.
     const char *problem = LIBPCI(pci_filter_parse_slot)(filter_.get(), where.data());
@@ -115,6 +140,8 @@ device_filter::device_filter(std::string where, std::string ids, const pci_names
 bool device_filter::takes(const std::string &id, unsigned vendor, unsigned device,
                           unsigned device_class) const
 {
+    if (!filter_)
+        return true;
     unsigned domain = 0, bus = 0, slot = 0, function = 0;
     std::sscanf(id.c_str(), "%x:%x:%x.%x", &domain, &bus, &slot, &function);
     pci_dev *const entry =

@@ -10,11 +10,13 @@
 #include "tools/pci/pci_commands.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <set>
 
 #include <fmt/format.h>
 #include <linux/pci_regs.h>
+#include <unistd.h>
 
 namespace devaccess
 {
@@ -67,6 +69,17 @@ void pci_read(const pci_arguments &arguments)
 namespace
 {
 
+// A file of sysfs tells its size, and takes nothing beyond it.
+void expect_within(const config_space &config, const register_place &place)
+{
+    std::error_code none;
+    const auto size = std::filesystem::file_size(pci_directory + config.id() + "/config", none);
+    if (!none && place.offset + uint64_t{place.width} / 8 > size)
+        throw failure(fmt::format("write register {:#x} of {}", place.offset, config.id()),
+                      fmt::format("its configuration space has {} bytes", size),
+                      "'devaccess pci dump' shows them");
+}
+
 struct change {
     register_place place;
     masked_value wanted;
@@ -96,19 +109,49 @@ std::vector<change> changes_of(const pci_arguments &arguments, const config_spac
 
 } // namespace
 
+namespace
+{
+
+record written(const config_space &config, const change &wanted, bool is_dry)
+{
+    const register_place &place = wanted.place;
+    std::optional<uint32_t> before; // not read unless needed: that may have effects
+    if (is_dry || !wanted.wanted.is_whole())
+        before = config.read(place.offset, place.width);
+    const auto value = static_cast<uint32_t>(wanted.wanted.applied_to(before.value_or(0)));
+    if (!is_dry)
+        config.write(place.offset, place.width, value);
+    return written_row(place, before, value);
+}
+
+// Tells what has been written before a failure.
+[[noreturn]] void fail_after(const failure &failed, const std::vector<std::string> &done)
+{
+    if (done.empty())
+        throw failed;
+    failure told = failed;
+    static_cast<std::runtime_error &>(told) = std::runtime_error(
+        fmt::format("{}, after writing {}", failed.what(), fmt::join(done, ", ")));
+    throw told;
+}
+
+} // namespace
+
 void pci_write(const pci_arguments &arguments)
 {
     const config_space config(pci_device(arguments.id));
+    const std::vector<change> changes = changes_of(arguments, config);
+    for (const change &c : changes)
+        expect_within(config, c.place);
     std::vector<record> rows;
-    for (const change &c : changes_of(arguments, config)) {
-        std::optional<uint32_t> before; // not read unless needed: that may have effects
-        if (arguments.dry_run || !c.wanted.is_whole())
-            before = config.read(c.place.offset, c.place.width);
-        const auto value = static_cast<uint32_t>(c.wanted.applied_to(before.value_or(0)));
-        if (!arguments.dry_run)
-            config.write(c.place.offset, c.place.width, value);
-        rows.push_back(written_row(c.place, before, value));
-    }
+    std::vector<std::string> done;
+    for (const change &c : changes)
+        try {
+            rows.push_back(written(config, c, arguments.dry_run));
+            done.push_back(c.place.name.empty() ? hex(c.place.offset) : c.place.name);
+        } catch (const failure &failed) {
+            fail_after(failed, arguments.dry_run ? std::vector<std::string>() : done);
+        }
     (arguments.dry_run ? static_cast<void (*)(const record &)>(print)
                        : print_done)(registers_record(config.id(), std::move(rows)));
 }
@@ -119,8 +162,8 @@ void pci_watch(const pci_arguments &arguments)
     const std::string &text = arguments.registers[0];
     const register_place place = find_register(config, text, arguments.width);
     watch_register(
-        fmt::format("{} of {}", text, config.id()), place.width, arguments.wait,
-        [&] { return config.read(place.offset, place.width); },
+        fmt::format("{} of {}", text, config.id()), pci_directory + config.id(), place.width,
+        arguments.wait, [&] { return config.read(place.offset, place.width); },
         [&](uint64_t value) { return register_row(place, static_cast<uint32_t>(value)); });
 }
 
@@ -203,7 +246,13 @@ std::vector<config_space> configs_of(const pci_arguments &arguments)
         configs = read_dump(arguments.file);
     else
         for (const sysfs_pci_identity_t &device : pci_devices())
-            configs.push_back(held_by(device));
+            try {
+                configs.push_back(held_by(device));
+            } catch (const failure &failed) {
+                if (::access((pci_directory + std::string(device.str)).c_str(), F_OK) == 0)
+                    throw;
+                note(std::string(device.str) + " has been removed meanwhile");
+            }
     return configs;
 }
 
@@ -224,7 +273,7 @@ void pci_dump(const pci_arguments &arguments)
     }
     if (!arguments.other.empty())
         write_file(arguments.other, text, false);
-    if (settings.as_json)
+    if (settings.as_json && arguments.other != standard_output)
         print(record().add("file", text_or_null(arguments.other)).add(std::move(functions)));
     else if (arguments.other.empty())
         print_text(text);

@@ -92,6 +92,25 @@ std::string fresh_header(const log_layout &layout, int history, size_t entries)
     return bytes_of(header);
 }
 
+// Puts the two neighbours with the fewest entries together or, where none fit, drops the oldest.
+void merge_or_drop(std::vector<std::vector<size_t>> &runs, size_t most)
+{
+    size_t best = runs.size();
+    size_t fewest = most;
+    for (size_t i = 0; i + 1 < runs.size(); ++i)
+        if (const size_t both = runs[i].size() + runs[i + 1].size(); both <= fewest) {
+            fewest = both;
+            best = i;
+        }
+    if (best == runs.size()) {
+        runs.erase(runs.begin());
+        return;
+    }
+    const auto next = runs.begin() + static_cast<std::ptrdiff_t>(best) + 1;
+    runs[best].insert(runs[best].end(), next->begin(), next->end());
+    runs.erase(next);
+}
+
 } // namespace
 
 size_t log_layout::most_entries() const
@@ -176,7 +195,8 @@ uint32_t log_image::fault_mask() const
 
 bool log_image::is_blank() const
 {
-    return records().empty();
+    const size_t there = bytes_.size() - missing_;
+    return records().empty() || bytes_.find_first_not_of('\xff') >= there;
 }
 
 bool log_image::holds_nothing() const
@@ -262,10 +282,43 @@ std::vector<log_record> log_image::good_entries() const
     return found;
 }
 
+size_t log_image::count_good() const
+{
+    const auto all = records();
+    return static_cast<size_t>(std::count_if(all.begin(), all.end(), [](const log_record &record) {
+        return record.state == record_state::good;
+    }));
+}
+
+std::vector<log_record> log_image::strays() const
+{
+    std::vector<bool> taken(bytes_.size());
+    for (const log_record &slot : good_entries())
+        std::fill_n(taken.begin() + static_cast<std::ptrdiff_t>(slot.position),
+                    sizeof(entry_record), true);
+    std::vector<log_record> found;
+    for (size_t at = 0; at + entry_stride <= bytes_.size(); ++at) {
+        const auto entry = record_at<entry_record>(bytes_, at);
+        const auto high = static_cast<uint32_t>(entry.epoch_time >> 32);
+        if (entry.entry_size != message_size || (high != 0 && high != UINT32_MAX) || taken[at] ||
+            taken[at + sizeof entry - 1] || checksum_of(entry) != entry.log_checksum)
+            continue;
+        found.push_back(
+            {"entry", {}, {}, at, record_state::good, entry.log_checksum, entry.log_checksum, ""});
+        at += sizeof entry - 1;
+    }
+    return found;
+}
+
+time_t log_image::time_at(size_t position) const
+{
+    return static_cast<time_t>(
+        static_cast<uint32_t>(record_at<entry_record>(bytes_, position).epoch_time));
+}
+
 log_entry log_image::entry(const log_record &slot) const
 {
-    const auto record = record_at<entry_record>(bytes_, slot.position);
-    return {static_cast<time_t>(static_cast<uint32_t>(record.epoch_time)),
+    return {time_at(slot.position),
             bytes_.substr(slot.position + sizeof(entry_record), message_size)};
 }
 
@@ -333,8 +386,58 @@ std::string log_image::rebuilt(const log_history &history) const
            entries;
 }
 
+// Runs of entries that stood one after another, oldest first, each in a history of its own as far
+// as there are so many; if not, short neighbours share one, and of what is still too much the
+// oldest goes.
+std::string log_image::written_anew(const std::vector<log_record> &strays) const
+{
+    std::vector<std::vector<size_t>> runs;
+    for (const log_history &history : histories_) {
+        std::vector<size_t> run;
+        for (const log_record &slot : history.slots)
+            if (slot.state == record_state::good)
+                run.push_back(slot.position);
+        if (!run.empty())
+            runs.push_back(run);
+    }
+    for (const log_record &stray : strays) {
+        const bool goes_on = &stray != &strays.front() &&
+                             runs.back().back() + entry_stride == stray.position &&
+                             runs.back().size() < layout_.most_entries();
+        if (!goes_on)
+            runs.emplace_back();
+        runs.back().push_back(stray.position);
+    }
+    std::stable_sort(runs.begin(), runs.end(), [&](const auto &one, const auto &other) {
+        return time_at(one.front()) < time_at(other.front());
+    });
+    while (runs.size() > static_cast<size_t>(layout_.histories))
+        merge_or_drop(runs, layout_.most_entries());
+
+    std::string bytes = bytes_;
+    const auto put = [&](size_t position, const std::string &part) {
+        bytes.replace(position, part.size(), part);
+    };
+    runs.resize(static_cast<size_t>(layout_.histories));
+    int current = 0;
+    for (int number = 0; number < layout_.histories; ++number) {
+        const auto &run = runs[static_cast<size_t>(number)];
+        std::string entries;
+        for (const size_t position : run)
+            entries += bytes_.substr(position, entry_stride);
+        entries.resize(layout_.most_entries() * entry_stride);
+        const size_t counted = std::min(run.size(), layout_.most_entries() - 1);
+        put(layout_.header_position(number), fresh_header(layout_, number, counted) + entries);
+        current = run.empty() ? current : number;
+    }
+    put(index_position, sealed_index(current));
+    return bytes;
+}
+
 std::string log_image::repaired() const
 {
+    if (const auto found = strays(); !found.empty())
+        return written_anew(found);
     std::string bytes = bytes_;
     const auto put = [&](size_t position, const std::string &part) {
         bytes.replace(position, part.size(), part);
@@ -347,23 +450,15 @@ std::string log_image::repaired() const
     return bytes;
 }
 
-const log_layout &likely_layout(const std::string &bytes)
+likely_log recognise(const std::string &bytes)
 {
-    const log_layout *likely = &nvram_layout;
-    size_t most = 0;
+    likely_log likely = {&nvram_layout, 0, 0};
     for (const log_layout *layout : {&nvram_layout, &file_layout, &eeprom_layout}) {
         const log_image image(*layout, bytes);
-        const auto records = image.records();
-        const auto good = static_cast<size_t>(
-            std::count_if(records.begin(), records.end(), [](const log_record &record) {
-                return record.state == record_state::good;
-            }));
-        if (good > most) {
-            most = good;
-            likely = layout;
-        }
+        if (const size_t good = image.count_good(); good > likely.good_records)
+            likely = {layout, good, image.good_entries().size()};
     }
-    return *likely;
+    return likely;
 }
 
 } // namespace devaccess

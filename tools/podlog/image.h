@@ -69,7 +69,7 @@ public:
     uint32_t status_word(int index) const;
     uint32_t fault_mask() const;
 
-    bool is_blank() const;      // no record at all
+    bool is_blank() const;      // no record at all, or erased: all ones
     bool holds_nothing() const; // no record of a log of this layout
     std::vector<log_record> wrong() const;
     bool is_good() const { return missing_ == 0 && wrong().empty(); }
@@ -82,6 +82,9 @@ public:
     // Entries as readers of a history find them, and all that are good.
     std::vector<log_record> chain(const log_history &history) const;
     std::vector<log_record> good_entries() const;
+    // Good entries, of the right size, at other positions than those where entries stand.
+    std::vector<log_record> strays() const;
+    size_t count_good() const; // records
     log_entry entry(const log_record &slot) const;
 
     // The histories that have entries, newest first.
@@ -90,7 +93,8 @@ public:
     // Whether readers find nothing of a history because its header, or its first entry, is bad.
     bool is_unreadable(const log_history &history) const;
 
-    // A log without wrong records that has every good entry.
+    // A log without wrong records that has every good entry, and the strays for which there is
+    // room.
     std::string repaired() const;
 
 private:
@@ -100,8 +104,10 @@ private:
     bool expects_entry(const log_history &history, size_t slot) const;
     bool is_consistent(const log_history &history) const;
     std::string rebuilt(const log_history &history) const;
+    std::string written_anew(const std::vector<log_record> &strays) const;
     std::string sealed_index(int current) const;
     int latest_history() const;
+    time_t time_at(size_t position) const;
 
     log_layout layout_;
     size_t missing_;
@@ -110,7 +116,12 @@ private:
     std::vector<log_history> histories_;
 };
 
-// The layout, of the three, by which the bytes hold most good records.
-const log_layout &likely_layout(const std::string &bytes);
+// What the bytes hold by the layout, of the three, by which most of their records are good.
+struct likely_log {
+    const log_layout *layout;
+    size_t good_records;
+    size_t entries;
+};
+likely_log recognise(const std::string &bytes);
 
 } // namespace devaccess

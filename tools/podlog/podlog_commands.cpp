@@ -2,13 +2,17 @@
 #include "tools/podlog/podlog_commands.h"
 
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/base/numbers.h"
 #include "tools/base/settings.h"
 #include "tools/base/suggest.h"
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
+#include <filesystem>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -91,8 +95,6 @@ std::string remedy_hint(const log_storage &storage, const log_findings &found)
                               storage.place());
     };
     switch (found.way_out) {
-    case remedy::check_name:
-        return "is the name right?";
     case remedy::try_again:
         return "its records are good; is another program using it?";
     case remedy::salvage:
@@ -100,7 +102,12 @@ std::string remedy_hint(const log_storage &storage, const log_findings &found)
     case remedy::prepare:
         return with("prepare") + " makes a log of it";
     case remedy::prepare_over:
-        return with("prepare", " --yes") + " replaces what is there by a log";
+        return with("prepare", " --yes") + " saves what is there and makes a log in its place";
+    case remedy::salvage_foreign:
+        return with("salvage") + " shows its entries, " +
+               (storage.is_eeprom()
+                    ? with("copy", " --force") + " replaces it by a log"
+                    : with("prepare", " --yes") + " saves it and makes a log in its place");
     case remedy::copy:
         return with("copy") + " makes a log of it";
     case remedy::copy_over:
@@ -120,31 +127,59 @@ std::string way_out(const log_storage &storage, const log_findings &found)
     return (has_more ? check : "") + remedy_hint(storage, found);
 }
 
+log_findings expect_readable(const log_storage &storage)
+{
+    try {
+        return storage.judge(storage.bytes());
+    } catch (failure &failed) {
+        failed.status = status_of(state_of_error(failed.error));
+        throw;
+    }
+}
+
+std::string save_aside(const log_storage &storage, const log_findings &found,
+                       const std::string &file)
+{
+    std::string target = file;
+    const std::string name = fmt::format("/var/tmp/podlog-{}-{:%Y%m%dT%H%M%SZ}",
+                                         storage.card().name, fmt::gmtime(std::time(nullptr)));
+    for (int copy = 1; target.empty(); ++copy) {
+        const std::string next = copy == 1 ? name + ".bin" : fmt::format("{}-{}.bin", name, copy);
+        if (!std::filesystem::exists(next))
+            target = next;
+    }
+    write_file(target, found.bytes(), true);
+    note("what was there is saved in " + target);
+    return target;
+}
+
 log_findings expect_log(const log_storage &storage)
 {
-    log_findings found = storage.judge(storage.bytes());
+    log_findings found = expect_readable(storage);
     if (found.holds_log)
         return found;
     const std::string what = "read the POD log of " + storage.card().name;
     if (found.state == storage_state::missing)
         throw failure(what, fmt::format("{}: {}", storage.path(), std::strerror(ENOENT)),
                       way_out(storage, found), ENOENT);
-    const bool is_empty = found.state == storage_state::empty;
-    throw failure(what, storage.path() + (is_empty ? " is blank" : " holds no POD log"),
-                  way_out(storage, found));
+    throw failure(what,
+                  found.state == storage_state::empty ? storage.path() + " is blank"
+                  : found.foreign                     ? storage.path() + ": " + found.problem
+                                                      : storage.path() + " holds no POD log",
+                  way_out(storage, found), 0, status_of(found.state));
 }
 
 void fail_on(const log_storage &storage, const std::string &what, const outcome &how)
 {
     if (!storage.is_device())
         ::close(storage.open(true)); // tells of a right that is missing
-    const log_findings found = storage.judge(storage.bytes());
+    const log_findings found = expect_readable(storage);
     const auto wrong = found.log ? found.log->wrong() : std::vector<log_record>();
     std::string why = how.said.empty() && !wrong.empty() ? "" : how.why();
     if (!wrong.empty())
         why += fmt::format("{}{}: {}", why.empty() ? "" : ": ", wrong.front().name(),
                            wrong.front().problem);
-    throw failure(what, why, way_out(storage, found));
+    throw failure(what, why, way_out(storage, found), 0, status_of(found.state));
 }
 
 //--- options --------------------------------------------------------------------------------------

@@ -39,8 +39,15 @@ std::string podlog_command(const std::string &words, const log_place &place = {}
 std::string remedy_hint(const log_storage &storage, const log_findings &found);
 std::string way_out(const log_storage &storage, const log_findings &found);
 
+// What is there; fails when it cannot be read.
+log_findings expect_readable(const log_storage &storage);
 // What is there, which has a log, but maybe a damaged one; fails when there is none.
 log_findings expect_log(const log_storage &storage);
+
+// Saves what is in a storage before it is overwritten, in the file or else in one of /var/tmp, and
+// tells so. The file.
+std::string save_aside(const log_storage &storage, const log_findings &found,
+                       const std::string &file = "");
 
 // A call of the library on the storage has failed. The library says nothing of a bad header; this
 // does.

@@ -47,7 +47,7 @@ int unreadable(const log_image &log)
 }
 
 // Fails when something of the log could not be read.
-void expect_readable(const log_storage &storage, const log_findings &found)
+void expect_all_readable(const log_storage &storage, const log_findings &found)
 {
     const log_image &log = *found.log;
     const int count = unreadable(log);
@@ -58,7 +58,8 @@ void expect_readable(const log_storage &storage, const log_findings &found)
     const auto wrong = log.wrong();
     if (!wrong.empty())
         why += fmt::format(" ({}: {})", wrong.front().name(), wrong.front().problem);
-    throw failure("read all of the log of " + storage.card().name, why, way_out(storage, found));
+    throw failure("read all of the log of " + storage.card().name, why, way_out(storage, found), 0,
+                  exit_damaged);
 }
 
 record &add_unreadable(record &shown, const log_image &log)
@@ -93,7 +94,7 @@ void list(const list_arguments &arguments)
     }
     record shown = about(storage);
     print(add_unreadable(shown, log).add(std::move(set)));
-    expect_readable(storage, found);
+    expect_all_readable(storage, found);
 }
 
 //--- entries --------------------------------------------------------------------------------------
@@ -131,7 +132,8 @@ void expect_whole(const log_storage &storage, const log_findings &found, const l
     if (bad != wrong.end())
         throw failure(
             fmt::format("read all of history {} of {}", history.number, storage.card().name),
-            fmt::format("{}: {}", bad->name(), bad->problem), way_out(storage, found));
+            fmt::format("{}: {}", bad->name(), bad->problem), way_out(storage, found), 0,
+            exit_damaged);
 }
 
 // Which entries are shown, and how.
@@ -234,7 +236,7 @@ void show(const show_arguments &arguments)
     for (const log_history *history : histories)
         expect_whole(storage, found, *history);
     if (arguments.history.empty())
-        expect_readable(storage, found);
+        expect_all_readable(storage, found);
 }
 
 //--- check ----------------------------------------------------------------------------------------
@@ -252,8 +254,9 @@ record storage_row(const log_storage &storage, const log_findings &found)
         .add("card", storage.card().name)
         .add("storage", storage.layout().name)
         .add("path", storage.path())
-        .add("good", good)
+        .add("state", name_of(found.state))
         .warn_if(!good)
+        .add_hidden("good", good)
         .add("histories", found.log ? found.log->written().size() : 0)
         .add("entries", found.log ? found.log->good_entries().size() : 0)
         .add("problem", text_or_null(printable(found.problem)));
@@ -261,7 +264,7 @@ record storage_row(const log_storage &storage, const log_findings &found)
 
 std::vector<log_record> records_to_show(const log_findings &found, bool all)
 {
-    if (!found.log || found.log->is_blank())
+    if (!found.log || found.log->is_blank() || found.foreign)
         return {};
     return all ? found.log->records() : found.log->wrong();
 }
@@ -280,13 +283,18 @@ void check(const check_arguments &arguments)
     record_set records = {"records", {}};
     std::string hint; // of the first bad one
     size_t bad = 0;
+    exit_status status = exit_failed; // damage counts more than what could not be read
     for (const pod_card &card : checked_cards(arguments)) {
         const log_storage storage(arguments.place, card);
         const log_findings found = storage.look();
         storages.rows.push_back(storage_row(storage, found));
         for (const log_record &what : records_to_show(found, arguments.all))
             records.rows.push_back(record().add("card", card.name).append(record_row(what)));
-        if (found.state != storage_state::good && bad++ == 0)
+        if (found.state == storage_state::good)
+            continue;
+        if (status != exit_damaged && status_of(found.state) != exit_failed)
+            status = status_of(found.state);
+        if (bad++ == 0)
             hint = fmt::format("of {}: {}", card.name, remedy_hint(storage, found));
     }
     const size_t all = storages.rows.size();
@@ -295,7 +303,7 @@ void check(const check_arguments &arguments)
     print(add_records(shown, std::move(records)));
     if (bad > 0)
         throw failure("call every log good", fmt::format("{} of {} storages are not", bad, all),
-                      hint);
+                      hint, 0, status);
 }
 
 //--- command line ---------------------------------------------------------------------------------

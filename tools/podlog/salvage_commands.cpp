@@ -3,11 +3,9 @@
 #include "tools/base/files.h"
 #include "tools/podlog/podlog_commands.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <ctime>
-#include <filesystem>
 
-#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 namespace devaccess
@@ -18,7 +16,7 @@ namespace
 // What is in a storage that is there.
 log_findings expect_bytes(const log_storage &storage)
 {
-    log_findings found = storage.judge(storage.bytes());
+    log_findings found = expect_readable(storage);
     if (!found.log)
         throw failure("read " + storage.path(), "it is missing", way_out(storage, found), ENOENT);
     return found;
@@ -38,6 +36,8 @@ void save(const save_arguments &arguments)
     const log_storage storage = storage_for_reading(arguments.card, arguments.place);
     const std::string bytes = expect_bytes(storage).bytes();
     write_file(arguments.target, bytes, !arguments.force);
+    if (arguments.target == standard_output)
+        return;
     print_done(record()
                    .add_hidden("table", table_name())
                    .add("card", storage.card().name)
@@ -62,8 +62,14 @@ std::vector<log_record> bad_records(const log_image &log)
 void print_salvaged(record shown, const log_image &log)
 {
     record_set entries = {"entries", {}};
-    for (const log_record &slot : log.good_entries())
-        entries.rows.push_back(record().add("history", *slot.history).append(entry_row(log, slot)));
+    std::vector<log_record> found = log.good_entries();
+    const std::vector<log_record> strays = log.strays();
+    found.insert(found.end(), strays.begin(), strays.end());
+    for (const log_record &slot : found)
+        entries.rows.push_back(record()
+                                   .add("history", slot.history)
+                                   .add("position", slot.position)
+                                   .append(entry_row(log, slot)));
     shown.add("storage", log.layout().name).add(std::move(entries));
     print(add_records(shown, record_rows(bad_records(log))));
 }
@@ -78,12 +84,13 @@ void salvage(const salvage_arguments &arguments)
             throw failure("read " + arguments.file, "there is no such file",
                           "'devaccess podlog save' makes one", ENOENT);
         print_salvaged(record().add("file", arguments.file),
-                       log_image(likely_layout(*bytes), *bytes));
+                       log_image(*recognise(*bytes).layout, *bytes));
         return;
     }
     const log_storage storage = storage_for_reading(arguments.card, arguments.place);
+    const log_findings found = expect_bytes(storage);
     print_salvaged(record().add_hidden("table", table_name()).add("card", storage.card().name),
-                   *expect_bytes(storage).log);
+                   found.foreign ? log_image(*found.foreign, found.bytes()) : *found.log);
 }
 
 //--- repair ---------------------------------------------------------------------------------------
@@ -95,22 +102,11 @@ struct repair_arguments {
     bool yes = false;
 };
 
-std::string file_to_save_to(const std::string &target, const log_storage &storage)
-{
-    if (!target.empty())
-        return target;
-    const std::string name = fmt::format("/var/tmp/podlog-{}-{:%Y%m%dT%H%M%SZ}",
-                                         storage.card().name, fmt::gmtime(std::time(nullptr)));
-    std::string file = name + ".bin";
-    for (int copy = 2; std::filesystem::exists(file); ++copy)
-        file = fmt::format("{}-{}.bin", name, copy);
-    return file;
-}
-
 std::string plan_of(const log_image &log)
 {
     return fmt::format("{} of its records are bad; {} entries would be kept",
-                       log.wrong().size() + (log.missing() > 0 ? 1 : 0), log.good_entries().size());
+                       log.wrong().size() + (log.missing() > 0 ? 1 : 0),
+                       log_image(log.layout(), log.repaired()).good_entries().size());
 }
 
 // Only a device that ends too early takes less than what is written.
@@ -123,10 +119,11 @@ void write_repaired(const log_storage &storage)
     } catch (const failure &failed) {
         if (!storage.is_device())
             throw;
-        throw failure("repair the log of " + storage.card().name, failed.what(),
-                      podlog_command("salvage " + storage.card().name, storage.place()) +
-                          " shows what can be read; does the device have all its bytes?",
-                      failed.error);
+        throw failure(
+            "repair the log of " + storage.card().name, failed.what(),
+            podlog_command("salvage " + storage.card().name, storage.place()) +
+                " shows what can be read; no command helps until the device has all its bytes",
+            0, exit_damaged);
     }
 }
 
@@ -137,6 +134,9 @@ void print_repaired(const log_storage &storage, const log_image &before, const s
     shown.add("card", storage.card().name)
         .add("saved", text_or_null(file))
         .add("entries", now.good_entries().size());
+    const size_t all = before.good_entries().size() + before.strays().size();
+    const size_t kept = std::min(all, now.good_entries().size());
+    kept < all ? shown.add("left_over", all - kept) : shown.add_hidden("left_over", 0);
     print(add_records(shown, record_rows(bad_records(before))));
 }
 
@@ -146,16 +146,15 @@ void repair(const repair_arguments &arguments)
     const log_findings found = expect_bytes(storage);
     const std::string what = "repair the log of " + storage.card().name;
     if (!found.holds_log)
-        throw failure(what, "it holds nothing of a log", way_out(storage, found));
+        throw failure(what, found.foreign ? found.problem : "it holds nothing of a log",
+                      way_out(storage, found), 0, status_of(found.state));
     if (found.state == storage_state::good) {
         print_repaired(storage, *found.log, "");
         return;
     }
     if (!arguments.yes)
         throw failure(what, plan_of(*found.log), remedy_hint(storage, found));
-    const std::string file = file_to_save_to(arguments.target, storage);
-    write_file(file, found.bytes(), true);
-    note("what was there is saved in " + file);
+    const std::string file = save_aside(storage, found, arguments.target);
     write_repaired(storage);
     print_repaired(storage, *found.log, file);
 }
@@ -174,20 +173,43 @@ std::string loss_of(const log_storage &storage, const log_image &log)
                        storage.is_nvram() ? ", the status words and the fault flags" : "");
 }
 
+// Fails, before anything is changed, when the device ends too early.
+void expect_room(const log_storage &storage, const log_findings &found, const std::string &what)
+{
+    try {
+        storage.rewrite([&](const std::string &bytes) {
+            return bytes + std::string(found.log->missing(), '\0');
+        });
+    } catch (const failure &) {
+        throw failure(what, found.problem,
+                      podlog_command("salvage " + storage.card().name, storage.place()) +
+                          " shows what can be read; no command helps until the device has all its "
+                          "bytes",
+                      0, exit_damaged);
+    }
+}
+
 void reset(const reset_arguments &arguments)
 {
     const log_storage storage = storage_for_writing(arguments.card, {});
-    const log_image log(storage.layout(), storage.bytes().value_or(""));
+    const log_findings found = expect_readable(storage);
+    const log_image log(found.foreign ? *found.foreign : storage.layout(), found.bytes());
     const std::string what = "reset the log of " + storage.card().name;
     if (!arguments.yes)
         throw failure(what, loss_of(storage, log) + " would be lost",
                       podlog_command("save " + storage.card().name + " FILE") + " keeps them, " +
-                          podlog_command("reset " + storage.card().name + " --yes") + " goes on");
+                          podlog_command("reset " + storage.card().name + " --yes") +
+                          " saves them in /var/tmp and goes on");
+    if (found.log && found.log->missing() > 0)
+        expect_room(storage, found, what);
+    const bool has_something = found.log && found.state != storage_state::empty;
+    const std::string file = has_something ? save_aside(storage, found) : "";
     if (const std::string lack = reset_storage(storage, what); !lack.empty())
         throw failure(what, lack, "does the storage have all its bytes, and the disk room?");
     note("lost: " + loss_of(storage, log));
     print_done(record()
                    .add("card", storage.card().name)
+                   .add("saved", text_or_null(file))
                    .add("lost_histories", log.written().size())
                    .add("lost_entries", log.good_entries().size()));
 }
@@ -197,7 +219,7 @@ void reset(const reset_arguments &arguments)
 void add_saved(command &to, save_arguments &arguments)
 {
     add_card(to, arguments.card).required();
-    to.argument("FILE", arguments.target, "File to make").paths().required();
+    to.argument("FILE", arguments.target, "File to make; - is standard output").paths().required();
     to.add_flag("--force", arguments.force, "Replace the file if it exists");
     add_places(to, arguments.place);
 }

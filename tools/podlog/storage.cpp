@@ -22,16 +22,14 @@ namespace
 
 constexpr char nvram_path[] = "/dev/nvlog-pod";
 
-// By the ids of the library's files.
+// By the ids of the library's files; empty where it has none of that number.
 std::string file_name(int id)
 {
     constexpr const char *names[] = {"alsw1", "alsw2", "sw1",  "sw2",  "sw3",      "sw4",
                                      "ft1",   "ft2",   "pem1", "pem2", "pem3",     "pem4",
                                      "pem5",  "pem6",  "pem7", "pem8", "rpsw_mate"};
-    if (id < 0 || id >= static_cast<int>(std::size(names)))
-        throw failure(fmt::format("find POD file {}", id), "the library has none of that number",
-                      "a card of the chassis has one: --chassis says which chassis this is");
-    return fmt::format("pod_{}.hex", names[id]);
+    const bool is_known = id >= 0 && id < static_cast<int>(std::size(names));
+    return is_known ? fmt::format("pod_{}.hex", names[id]) : "";
 }
 
 std::string path_of(const log_place &place, const pod_card &card)
@@ -41,7 +39,8 @@ std::string path_of(const log_place &place, const pod_card &card)
     if (card.storage == PODSTORAGE_NVRAM)
         return place.nvram.empty() ? nvram_path : place.nvram;
     const std::string directory = place.pod_directory.empty() ? "/var/pod" : place.pod_directory;
-    return directory + "/" + file_name(card.storage_id);
+    const std::string name = file_name(card.storage_id);
+    return name.empty() ? "" : directory + "/" + name;
 }
 
 int open_nvram(bool writable)
@@ -96,6 +95,10 @@ int log_storage::open(bool writable) const
 
 std::optional<std::string> log_storage::bytes() const
 {
+    if (path_.empty())
+        throw failure(fmt::format("find POD file {}", card_.storage_id),
+                      "the library has none of that number",
+                      "a card of the chassis has one: --chassis says which chassis this is");
     if (!is_device()) {
         std::optional<std::string> found = read_file(path_);
         const std::string &directory = place_.pod_directory;
@@ -129,6 +132,24 @@ log_findings log_storage::look() const
     }
 }
 
+namespace
+{
+
+std::string problem_of(const log_image &log, bool holds_log)
+{
+    if (log.is_blank())
+        return "blank";
+    if (log.missing() > 0)
+        return fmt::format("{} bytes of {} are missing", log.missing(), log.layout().size);
+    if (!holds_log)
+        return "it holds no POD log";
+    const auto wrong = log.wrong();
+    return fmt::format("{} bad record{}, first the {}: {}", wrong.size(),
+                       wrong.size() == 1 ? "" : "s", wrong.front().name(), wrong.front().problem);
+}
+
+} // namespace
+
 log_findings log_storage::judge(std::optional<std::string> bytes) const
 {
     if (!bytes) {
@@ -137,19 +158,24 @@ log_findings log_storage::judge(std::optional<std::string> bytes) const
     }
     log_findings found = {storage_state::good, "", remedy::none, log_image(*layout_, *bytes)};
     const log_image &log = *found.log;
-    found.holds_log = !log.is_blank() && !log.holds_nothing();
     found.way_out = way_out(log);
+    found.holds_log = !log.is_blank() && (!log.holds_nothing() || !log.strays().empty());
     if (log.is_good())
         return found;
-    found.state = log.is_blank()    ? storage_state::empty
-                  : found.holds_log ? storage_state::damaged
-                                    : storage_state::foreign;
-    const auto wrong = log.wrong();
-    found.problem = log.is_blank() ? "blank"
-                    : log.missing() > 0
-                        ? fmt::format("{} bytes of {} are missing", log.missing(), layout_->size)
-                        : fmt::format("{} bad records, first the {}: {}", wrong.size(),
-                                      wrong.front().name(), wrong.front().problem);
+    found.problem = problem_of(log, found.holds_log);
+    if (log.is_blank()) {
+        found.state = storage_state::empty;
+        return found;
+    }
+    found.state = found.holds_log ? storage_state::damaged : storage_state::foreign;
+    const likely_log likely = recognise(*bytes);
+    if (log.index().state == record_state::good || likely.good_records <= log.count_good())
+        return found;
+    found.foreign = likely.layout;
+    found.holds_log = false;
+    found.state = storage_state::foreign;
+    found.problem = fmt::format("it is {} with {} entries", likely.layout->title, likely.entries);
+    found.way_out = remedy::salvage_foreign;
     return found;
 }
 
@@ -159,7 +185,7 @@ remedy log_storage::way_out(const log_image &log) const
         return remedy::salvage;
     if (log.is_blank())
         return is_eeprom() ? remedy::copy : remedy::prepare;
-    if (log.holds_nothing())
+    if (log.holds_nothing() && log.strays().empty())
         return is_eeprom() ? remedy::copy_over : remedy::prepare_over;
     return log.is_good() ? remedy::try_again : remedy::repair;
 }

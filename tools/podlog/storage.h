@@ -23,14 +23,14 @@ struct log_place {
 // What can be done about a storage.
 enum class remedy {
     none,
-    check_name,
     try_again,
     salvage, // it is a copy: its entries can be read
     prepare,
-    prepare_over, // what is there is lost
+    prepare_over, // what is there is saved, and replaced
     copy,
     copy_over,
     repair,
+    salvage_foreign,
 };
 
 // What a storage holds, as far as it can be read.
@@ -38,10 +38,11 @@ struct log_findings {
     storage_state state;
     std::string problem; // empty when it holds a good log
     remedy way_out = remedy::none;
-    std::optional<log_image> log = {}; // nothing when there are no bytes
-    int error = 0;                     // errno, when it cannot be read
-    std::string advice = {};           // on what kept it from being read
-    bool holds_log = false;            // of the layout that the storage has
+    std::optional<log_image> log = {};   // nothing when there are no bytes
+    int error = 0;                       // errno, when it cannot be read
+    std::string advice = {};             // on what kept it from being read
+    const log_layout *foreign = nullptr; // another kind of log
+    bool holds_log = false;              // of the layout that the storage has
 
     // The bytes that are there, without those that the log was filled up with.
     std::string bytes() const;

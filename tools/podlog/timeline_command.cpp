@@ -39,11 +39,19 @@ public:
                                       .add_message(message)});
     }
 
-    void add_problem(const char *log, const std::string &source, const std::string &problem)
+    void add_problem(const char *log, const std::string &source, storage_state state,
+                     const std::string &problem)
     {
-        problems_.rows.push_back(
-            record().add("log", log).add("source", source).add("problem", problem));
+        problems_.rows.push_back(record()
+                                     .add("log", log)
+                                     .add("source", source)
+                                     .add("state", name_of(state))
+                                     .add("problem", problem));
+        if (status_ != exit_damaged)
+            status_ = status_of(state);
     }
+    // By the problems; damage counts more than what could not be read.
+    exit_status status() const { return status_; }
 
     // Entries of one moment stay as the logs have them.
     record_set entries()
@@ -67,6 +75,7 @@ private:
     time_limits limits_;
     std::vector<entry> entries_;
     record_set problems_ = {"problems", {}};
+    exit_status status_ = exit_failed;
 };
 
 // A card that has never written is no problem: it may not be there.
@@ -77,7 +86,7 @@ void add_card(timeline &merged, const log_storage &storage)
     const bool is_unused = found.state == storage_state::empty ||
                            (found.state == storage_state::missing && found.advice.empty());
     if (!found.problem.empty() && !is_unused)
-        merged.add_problem("pod", card, printable(found.problem));
+        merged.add_problem("pod", card, found.state, printable(found.problem));
     if (!found.log)
         return;
     std::vector<const log_history *> histories = found.log->written();
@@ -93,7 +102,7 @@ void add_block(timeline &merged, const post_block &block)
 {
     const post_findings found = block.look();
     if (!found.problem.empty())
-        merged.add_problem("post", block.name(), printable(found.problem));
+        merged.add_problem("post", block.name(), found.state, printable(found.problem));
     if (!found.log)
         return;
     std::vector<const post_history *> histories = found.log->written();
@@ -123,7 +132,8 @@ void show_timeline(const timeline_arguments &arguments)
         "read all of the logs",
         fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
         (is_pod ? podlog_command("check", arguments.place) : arguments.post.command("check")) +
-            " tells more");
+            " tells more",
+        0, merged.status());
 }
 
 void add_options(command &to, timeline_arguments &arguments)

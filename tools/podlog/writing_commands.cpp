@@ -2,6 +2,7 @@
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/base/numbers.h"
+#include "tools/base/waiting.h"
 #include "tools/podlog/podlog_commands.h"
 
 #include <device_access/pod_log.h>
@@ -9,10 +10,14 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 namespace devaccess
 {
@@ -21,14 +26,29 @@ namespace
 
 constexpr size_t longest_message = 63;
 
+// A log to which entries can be added. By an index that is not the configured one the library
+// would find, and overwrite, other places than those where the entries are.
+log_findings expect_writable(const log_storage &storage, const std::string &what)
+{
+    log_findings found = expect_log(storage);
+    const log_record &index = found.log->index();
+    if (index.state != record_state::good)
+        throw failure(what, "index: " + index.problem, way_out(storage, found), 0, exit_damaged);
+    return found;
+}
+
 // Makes a call on the card's log, which is open for writing meanwhile.
 template <typename Call>
 void write_to(const log_storage &storage, const std::string &what, Call call)
 {
     const int id = storage.card().id;
     const auto ready = ask_log([&] { return podlog_init(id, 0); });
-    if (ready.result != 1)
+    if (ready.result != 1) {
+        if (storage.is_device() && storage.judge(storage.bytes()).state == storage_state::good)
+            throw failure(what, storage.path() + ": another program has it open",
+                          "try again when that is done", EBUSY, exit_unreadable);
         fail_on(storage, what, ready);
+    }
     answer<int> written;
     {
         const opened log([id] { podlog_close(id); });
@@ -47,6 +67,7 @@ struct add_arguments {
     std::string diagnostic;
     std::string result;
     bool strict = false;
+    double wait = 1; // seconds
 };
 
 // A level that ends in a letter or digit gets what parts it from the rest.
@@ -88,20 +109,22 @@ void warn(const add_arguments &arguments, bool applies, const std::string &loss,
     note(loss + "; " + hint);
 }
 
-void add(const add_arguments &arguments)
+void add_once(const add_arguments &arguments)
 {
     const log_storage storage = storage_for_writing(arguments.card, {});
     add_arguments words = arguments;
     words.level = separated(arguments.level);
     const std::string whole = composed(words);
     const bool is_cut = whole.size() > longest_message;
-    const bool replaces = replaces_one(*expect_log(storage).log);
+    const std::string what = "add to the log of " + storage.card().name;
+    const log_findings found = expect_writable(storage, what);
+    const bool replaces = replaces_one(*found.log);
     warn(arguments, is_cut,
          fmt::format("the entry has {} characters and is cut to {}", whole.size(), longest_message),
          "write less");
     warn(arguments, replaces, "the history is full: its last entry is replaced",
          podlog_command("next " + storage.card().name) + " starts the next one");
-    write_to(storage, "add to the log of " + storage.card().name, [&](int id) {
+    write_to(storage, what, [&](int id) {
         return podlog_add(id, or_null(words.level), or_null(words.diagnostic),
                           or_null(words.result), "%s", words.text.c_str());
     });
@@ -112,6 +135,22 @@ void add(const add_arguments &arguments)
                    .add("replaced", replaces));
 }
 
+// Programs that add at once each have the NVRAM for a moment.
+void add(const add_arguments &arguments)
+{
+    using clock = std::chrono::steady_clock;
+    const auto until = clock::now() + std::chrono::duration<double>(arguments.wait);
+    while (true) {
+        try {
+            return add_once(arguments);
+        } catch (const failure &failed) {
+            if (failed.error != EBUSY || clock::now() >= until)
+                throw;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5 + ::getpid() % 10));
+    }
+}
+
 struct next_arguments {
     std::string card;
 };
@@ -119,8 +158,9 @@ struct next_arguments {
 void next(const next_arguments &arguments)
 {
     const log_storage storage = storage_for_writing(arguments.card, {});
-    expect_log(storage);
-    write_to(storage, "start the next history of " + storage.card().name, podlog_use_nxt_log);
+    const std::string what = "start the next history of " + storage.card().name;
+    expect_writable(storage, what);
+    write_to(storage, what, podlog_use_nxt_log);
     print_done(record()
                    .add("card", storage.card().name)
                    .add("history", expect_log(storage).log->current()));
@@ -163,11 +203,14 @@ struct copy_arguments {
 // What the file holds, when that is an EEPROM's log or nothing.
 std::string eeprom_to_fill(const copy_arguments &arguments, const log_storage &storage)
 {
-    const log_findings found = storage.judge(storage.bytes());
+    const log_findings found = expect_readable(storage);
     const std::string bytes = found.bytes();
     const bool is_blank = found.state == storage_state::empty;
     if (bytes.empty() || arguments.force)
         return found.holds_log ? bytes : "";
+    const bool is_erased = bytes.find_first_not_of(bytes[0]) == bytes.npos;
+    if (is_blank && is_erased && bytes.size() < eeprom_layout.size)
+        return "";
     if (bytes.size() != eeprom_layout.size || (!found.holds_log && !is_blank))
         throw failure("copy to " + storage.path(),
                       "it is neither empty nor an EEPROM's log of 8192 bytes",
@@ -257,19 +300,29 @@ struct prepare_arguments {
     bool yes = false;
 };
 
-const char *prepare_one(const log_storage &storage, bool yes)
+struct preparation {
+    const char *done;
+    std::string saved = {}; // the file with what was there before
+};
+
+preparation prepare_one(const log_storage &storage, bool yes)
 {
-    const log_findings found = storage.judge(storage.bytes());
+    const log_findings found = expect_readable(storage);
     if (found.state == storage_state::good)
-        return "kept";
+        return {"kept"};
     const std::string what = "prepare the log of " + storage.card().name;
     if (found.holds_log)
-        throw failure(what, "it holds a log, which is damaged", way_out(storage, found));
-    if (found.state == storage_state::foreign && !yes)
-        throw failure(what, "it would erase " + contents_of(*found.log), way_out(storage, found));
+        throw failure(what, "it holds a log, which is damaged", way_out(storage, found), 0,
+                      exit_damaged);
+    const bool is_foreign = found.state == storage_state::foreign;
+    if (is_foreign && !yes)
+        throw failure(what,
+                      found.foreign ? found.problem : "it would erase " + contents_of(*found.log),
+                      way_out(storage, found), 0, exit_damaged);
+    const std::string saved = is_foreign ? save_aside(storage, found) : "";
     const bool is_there = found.log.has_value();
     is_there ? format(storage) : create(storage);
-    return is_there ? "formatted" : "created";
+    return {is_there ? "formatted" : "created", saved};
 }
 
 void prepare(const prepare_arguments &arguments)
@@ -281,14 +334,17 @@ void prepare(const prepare_arguments &arguments)
     std::optional<failure> first;
     for (const pod_card &card : cards) {
         const log_storage storage({}, card);
-        const char *done = "failed";
+        preparation done = {"failed"};
         try {
             done = prepare_one(storage, arguments.yes);
         } catch (const failure &failed) {
             first = first ? first : failed;
         }
-        set.rows.push_back(
-            record().add("card", card.name).add("path", storage.path()).add("done", done));
+        set.rows.push_back(record()
+                               .add("card", card.name)
+                               .add("path", storage.path())
+                               .add("done", done.done)
+                               .add("saved", text_or_null(done.saved)));
     }
     print_done(record().add(std::move(set)));
     if (first)
@@ -304,6 +360,10 @@ void add_added(command &to, add_arguments &arguments)
     to.add_option("--level", "LEVEL", arguments.level, "Event level, e.g. INFO");
     to.add_option("--diag", "NAME", arguments.diagnostic, "Name of the diagnostic");
     to.add_option("--result", "RESULT", arguments.result, "Result of the diagnostic");
+    to.add_option("--wait", "SECONDS", arguments.wait,
+                  "Wait this long for an NVRAM that another program uses")
+        .check(time_problem)
+        .show_default();
     to.add_flag("--strict", arguments.strict, "Fail instead of cutting or replacing an entry");
 }
 

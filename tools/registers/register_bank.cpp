@@ -153,7 +153,7 @@ void watch_bank(const register_bank &bank, uint64_t place, const bank_arguments 
     const unsigned width = arguments.width;
     const size_t offset = offset_in(bank, place, width / 8, width);
     watch_register(
-        fmt::format("{:#x} of {}", place, bank.name), width, arguments.wait,
+        fmt::format("{:#x} of {}", place, bank.name), bank.directory, width, arguments.wait,
         [&] { return read_register(bank.window, offset, width); },
         [&](uint64_t value) { return value_row(bank, place, width, value); });
 }

@@ -32,6 +32,7 @@ struct register_bank {
     const char *place; // "offset" or "address"
     uint64_t start;    // of the window, as places count
     device_access::window window;
+    std::string directory = "/"; // in sysfs, which goes with the device
 };
 
 // How many registers, bytes or the like; none is too few.

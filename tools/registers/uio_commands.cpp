@@ -173,7 +173,8 @@ public:
                           "'devaccess uio info " + node_ + "' shows its maps", mapped.error);
         record identity;
         identity.add("node", node_).add("map", map);
-        return {fmt::format("map {} of {}", map, node_), identity, "offset", 0, *window};
+        return {fmt::format("map {} of {}", map, node_), identity, "offset", 0, *window,
+                libuio_get_sys_class_dir(device_->get())};
     }
 
 private:
