@@ -276,6 +276,8 @@ void access_trap::move(pid_t thread, user_regs_struct &registers, const memory_o
         bus_.write(*at.window, at.offset, operand.width, low(value, operand.width), thread);
         return;
     }
+    if (!of_move) // a move from memory has a register that it goes to
+        return;
     uint64_t value = bus_.read(*at.window, at.offset, operand.width, thread);
     if (operand.extends_sign && value >> (8 * operand.width - 1))
         value |= ~low(~uint64_t{0}, operand.width);

@@ -21,7 +21,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr int cannot_control = 125; // outside a chassis
-constexpr uint64_t longest_wait = 24 * 60 * 60 * 1000;
+constexpr uint64_t longest_wait = uint64_t{24} * 60 * 60 * 1000;
 
 uint64_t number(const std::string &text)
 {

@@ -35,10 +35,10 @@ public:
             made.push_back(std::visit(*this, element.get()));
         return made;
     }
-    json operator()(const field_value::object &members) const
+    json operator()(const std::shared_ptr<const field_value::object> &members) const
     {
         json made = json::object();
-        for (const member &one : members)
+        for (const member &one : *members)
             made[one.name] = std::visit(*this, one.is.get());
         return made;
     }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -31,8 +32,8 @@ class field_value
 public:
     using array = std::vector<field_value>;
     using object = std::vector<member>;
-    using kind =
-        std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string, array, object>;
+    using kind = std::variant<std::nullptr_t, bool, int64_t, uint64_t, double, std::string, array,
+                              std::shared_ptr<const object>>; // a member is not complete here
 
     field_value() = default;
     field_value(std::nullptr_t) {}
@@ -65,7 +66,10 @@ struct member {
 };
 
 inline field_value::field_value(array elements) : is_(std::move(elements)) {}
-inline field_value::field_value(object members) : is_(std::move(members)) {}
+inline field_value::field_value(object members)
+    : is_(std::make_shared<const object>(std::move(members)))
+{
+}
 
 // Null where the text is empty.
 inline field_value text_or_null(const std::string &text)
