@@ -357,11 +357,13 @@ TEST(devaccess, watches_a_device_until_it_is_removed)
     follow("devaccess/watch_of_a_removed_device.txt");
 }
 
+#if !defined __SANITIZE_ADDRESS__ // whose runtime needs more than its libraries
 TEST(devaccess, needs_no_library_but_those_that_it_is_linked_with)
 {
     start_chassis();
     follow("devaccess/libraries.txt");
 }
+#endif
 
 //--- texts ----------------------------------------------------------------------------------------
 

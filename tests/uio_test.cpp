@@ -156,6 +156,7 @@ TEST(uio_faults, an_unmapping_that_fails_is_noted_and_forgotten)
                                  EXPECT_EQ(seen.seen, (outcome{nullptr, EIO, line}));
                              }),
               1);
+    libuio_close(uio);
 }
 
 //--- interrupts and removal -----------------------------------------------------------------------

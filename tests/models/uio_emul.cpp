@@ -414,11 +414,12 @@ private:
         if (S_ISDIR(status.st_mode))
             return EISDIR;
         const auto end = static_cast<uint64_t>(status.st_size);
-        length = map.size == whole ? static_cast<size_t>(end) : map.size;
-        if (map.size == whole && end > SIZE_MAX)
-            return ENOMEM;
-        const bool fits = map.offset < end && map.offset + uint64_t{length} <= end;
-        return fits && map.offset % 4096 == 0 && length % 4096 == 0 && length > 0 ? 0 : EINVAL;
+        const uint64_t wanted = map.size == whole ? end : map.size;
+        length = static_cast<size_t>(wanted);
+        const bool fits = map.offset < end && map.offset + wanted <= end;
+        if (!fits || map.offset % 4096 != 0 || wanted % 4096 != 0 || wanted == 0)
+            return EINVAL;
+        return wanted > SIZE_MAX ? ENOMEM : 0;
     }
 
     void map(choices &choose)

@@ -25,7 +25,11 @@ public:
 
     uint64_t bits();
     int below(int bound);
-    int between(int first, int last) { return first + below(last - first + 1); }
+    int between(int first, int last) // both are possible, and the distance may be more than an int
+    {
+        const auto count = static_cast<uint64_t>(int64_t{last} - first + 1);
+        return static_cast<int>(first + static_cast<int64_t>(bits() % count));
+    }
     bool one_in(int count) { return below(count) == 0; }
     int hostile();                 // small numbers, the limits of all widths and signs, and any
     std::string text(int longest); // letters
