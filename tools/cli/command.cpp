@@ -18,7 +18,7 @@ option &option::required()
 
 option &option::check(std::function<std::string(const std::string &)> problem)
 {
-    is_->check(problem);
+    is_->check(std::move(problem));
     return *this;
 }
 
