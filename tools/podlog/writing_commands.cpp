@@ -204,7 +204,7 @@ struct copy_arguments {
 std::string eeprom_to_fill(const copy_arguments &arguments, const log_storage &storage)
 {
     const log_findings found = expect_readable(storage);
-    const std::string bytes = found.bytes();
+    std::string bytes = found.bytes();
     const bool is_blank = found.state == storage_state::empty;
     if (bytes.empty() || arguments.force)
         return found.holds_log ? bytes : "";
