@@ -92,8 +92,8 @@ TEST_F(chassis_description_file, that_cannot_be_is_told_by_the_member_and_why)
         {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
              {"offset": 16, "value": 1}]}]}]})",
          "/uio/0/maps/0/registers/0/offset lies outside the window"},
-        {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [{"name": "GO", "offset": 0,
-             "on_write": [{"interrupt": "uio1"}]}]}]}]})",
+        {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
+             {"name": "GO", "offset": 0, "on_write": [{"interrupt": "uio1"}]}]}]}]})",
          "/uio/0/maps/0/registers/0/on_write/0/interrupt names 'uio1', which there is none of"},
         {R"({"faults": [{"device": "uio9", "call": "read", "error": "EIO"}]})",
          "/faults/0/device names 'uio9', which there is none of"},

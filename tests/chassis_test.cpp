@@ -289,8 +289,8 @@ TEST(chassis, functions_have_what_tools_read_of_those_of_a_machine)
     const string names =
         "ari_enabled broken_parity_status class config consistent_dma_mask_bits d3cold_allowed "
         "device dma_mask_bits driver_override enable irq local_cpulist local_cpus modalias "
-        "msi_bus numa_node power power_state remove rescan resource revision subsystem subsystem_device "
-        "subsystem_vendor uevent vendor";
+        "msi_bus numa_node power power_state remove rescan resource revision subsystem "
+        "subsystem_device subsystem_vendor uevent vendor";
     for (const auto &function : fs::directory_iterator("/sys/bus/pci/devices"))
         for (const string &name : test::words(names))
             EXPECT_TRUE(fs::exists(function.path() / name)) << function << name << " is missing";
