@@ -5,17 +5,17 @@
 #include "tools/base/output.h"
 #include "tools/base/settings.h"
 #include "tools/machine/machine_commands.h"
-#include "tools/pci/config_space.h"
+#include "tools/pci/link.h"
 #include "tools/podlog/podlog_commands.h"
 #include "tools/postlog/postlog_commands.h"
 
 #include <algorithm>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <map>
 
 #include <fmt/format.h>
-#include <linux/pci_regs.h>
 
 namespace devaccess
 {
@@ -34,6 +34,7 @@ constexpr struct {
     const char *help;
 } metric_families[] = {
     {"build_info", "Version of devaccess, and the table of cards that it used."},
+    {"last_run_timestamp_seconds", "When all of these were read."},
     {"pod_status", "Whether this is the result of a card's power-on diagnostics."},
     {"pod_fault_injected", "Whether the fault-injection flag of a card is set."},
     {"pod_storage_good",
@@ -48,19 +49,35 @@ constexpr struct {
     {"post_entries", "Entries of a block of the POST log."},
     {"post_last_entry_timestamp_seconds", "Time of the last entry of a block of the POST log."},
     {"post_errors", "Entries of the POST log of errors."},
+    {"pcie_link_info", "What is at the other end of a PCI Express port's link, and in which slot."},
     {"pcie_link_up", "Whether the link of a PCI Express port is up."},
     {"pcie_link_speed_transfers_per_second", "Speed of a port's link; 0 when it is down."},
     {"pcie_link_width_lanes", "Width of a port's link; 0 when it is down."},
     {"pcie_link_max_speed_transfers_per_second", "Highest speed of a port's link."},
     {"pcie_link_max_width_lanes", "Greatest width of a port's link."},
+    {"pcie_link_possible_speed_transfers_per_second",
+     "Highest speed that both ends of a link can."},
+    {"pcie_link_possible_width_lanes", "Greatest width that both ends of a link can."},
+    {"pcie_errors", "Errors of a function that the kernel has counted."},
 };
 
 using labels = std::vector<std::pair<std::string, std::string>>;
 
+// The value of a label, in which there are no line breaks.
+std::string escaped(const std::string &value)
+{
+    std::string text;
+    for (const char c : value) {
+        if (c == '"' || c == '\\')
+            text += '\\';
+        text += c;
+    }
+    return text;
+}
+
 class gauges
 {
 public:
-    // Labels need no escapes: they are words of ours, and names of PCI functions.
     void add(const std::string &family, const labels &of, int64_t value)
     {
         samples_[family].push_back({of, value});
@@ -75,7 +92,8 @@ public:
             for (const sample &one : samples_of(family.name)) {
                 std::string list;
                 for (const auto &[name, value] : one.of)
-                    list += fmt::format("{}{}=\"{}\"", list.empty() ? "" : ",", name, value);
+                    list +=
+                        fmt::format("{}{}=\"{}\"", list.empty() ? "" : ",", name, escaped(value));
                 text += fmt::format("devaccess_{}{} {}\n", family.name,
                                     list.empty() ? "" : "{" + list + "}", one.value);
             }
@@ -178,59 +196,58 @@ void add_block(gauges &all, const post_block &block)
 
 //--- links ----------------------------------------------------------------------------------------
 
-int64_t transfers_per_second(uint32_t code)
+void add_link(gauges &all, const pcie_link &link, const std::map<std::string, std::string> &slots)
 {
-    constexpr int64_t speeds[] = {0,           2500000000,  5000000000, 8000000000,
-                                  16000000000, 32000000000, 64000000000};
-    return code < std::size(speeds) ? speeds[code] : 0;
-}
-
-const found_capability *pcie_of(const capability_list &list)
-{
-    for (const found_capability &capability : list.found)
-        if (!capability.extended && capability.id == PCI_CAP_ID_EXP)
-            return &capability;
-    return nullptr;
-}
-
-void add_port(gauges &all, const config_space &config)
-{
-    const capability_list list = capabilities_of(config);
-    const found_capability *const pcie = pcie_of(list);
-    if (!pcie)
-        return;
-    const uint32_t at = pcie->offset;
-    const uint32_t type = (config.read(at + PCI_EXP_FLAGS, 16) & PCI_EXP_FLAGS_TYPE) >> 4;
-    if (type != PCI_EXP_TYPE_ROOT_PORT && type != PCI_EXP_TYPE_DOWNSTREAM)
-        return;
-    const uint32_t able = config.read(at + PCI_EXP_LNKCAP, 32);
-    const uint32_t status = config.read(at + PCI_EXP_LNKSTA, 16);
-    const uint32_t width = (status & PCI_EXP_LNKSTA_NLW) >> PCI_EXP_LNKSTA_NLW_SHIFT;
-    const bool reports_active = able & PCI_EXP_LNKCAP_DLLLARC;
-    const bool up = (status & PCI_EXP_LNKSTA_LT) == 0 && width > 0 &&
-                    (!reports_active || (status & PCI_EXP_LNKSTA_DLLLA) != 0);
-    const labels of = {{"port", config.id()}};
-    all.add("pcie_link_up", of, up);
+    const link_end &port = link.port;
+    const labels of = {{"port", port.id}};
+    const std::string other = link.other ? link.other->id : "";
+    const auto slot = slots.find(other.substr(0, other.find('.')));
+    all.add(
+        "pcie_link_info",
+        {{"port", port.id}, {"device", other}, {"slot", slot == slots.end() ? "" : slot->second}},
+        1);
+    all.add("pcie_link_up", of, port.is_up);
     all.add("pcie_link_speed_transfers_per_second", of,
-            up ? transfers_per_second(status & PCI_EXP_LNKSTA_CLS) : 0);
-    all.add("pcie_link_width_lanes", of, up ? width : 0);
-    all.add("pcie_link_max_speed_transfers_per_second", of,
-            transfers_per_second(able & PCI_EXP_LNKCAP_SLS));
-    all.add("pcie_link_max_width_lanes", of, (able & PCI_EXP_LNKCAP_MLW) >> 4);
+            port.is_up ? transfers_per_second(port.now.speed) : 0);
+    all.add("pcie_link_width_lanes", of, port.is_up ? port.now.width : 0);
+    all.add("pcie_link_max_speed_transfers_per_second", of, transfers_per_second(port.most.speed));
+    all.add("pcie_link_max_width_lanes", of, port.most.width);
+    if (const auto possible = link.possible()) {
+        all.add("pcie_link_possible_speed_transfers_per_second", of,
+                transfers_per_second(possible->speed));
+        all.add("pcie_link_possible_width_lanes", of, possible->width);
+    }
 }
 
-void add_ports(gauges &all)
+void add_errors(gauges &all, const std::string &id)
 {
-    std::vector<std::string> ids;
+    for (const char *severity : {"correctable", "nonfatal", "fatal"})
+        if (const auto counters = read_file(pci_directory + id + "/aer_dev_" + severity))
+            if (const auto total = total_errors(*counters))
+                all.add("pcie_errors", {{"device", id}, {"severity", severity}},
+                        static_cast<int64_t>(std::min<uint64_t>(*total, INT64_MAX)));
+}
+
+void add_functions(gauges &all)
+{
+    std::vector<config_space> functions;
     std::error_code none;
     for (const auto &entry : fs::directory_iterator(pci_directory, none))
-        ids.push_back(entry.path().filename());
-    std::sort(ids.begin(), ids.end());
-    for (const std::string &id : ids)
         try {
-            if (const auto config = read_file(pci_directory + id + "/config"))
-                add_port(all, config_space(id, *config));
-        } catch (const failure &) { // it has gone, or shows too little
+            const std::string id = entry.path().filename();
+            if (auto config = read_file(pci_directory + id + "/config"))
+                functions.emplace_back(id, std::move(*config));
+        } catch (const failure &) { // it has gone
+        }
+    std::sort(functions.begin(), functions.end(),
+              [](const auto &one, const auto &other) { return one.id() < other.id(); });
+    const auto slots = physical_slots();
+    for (const pcie_link &link : links_among(functions))
+        add_link(all, link, slots);
+    for (const config_space &function : functions)
+        try {
+            add_errors(all, function.id());
+        } catch (const failure &) { // these too
         }
 }
 
@@ -242,13 +259,14 @@ void metrics(const metrics_arguments &arguments)
     const std::string file = to_output ? "" : fs::absolute(arguments.file).string();
     gauges all;
     all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_name()}}, 1);
+    all.add("last_run_timestamp_seconds", {}, ::time(nullptr));
     const std::vector<pod_card> cards = cards_for_reading();
     add_statuses(all, cards);
     for (const pod_card &card : cards)
         add_card(all, log_storage({}, card));
     for (const post_block &block : open_blocks(arguments.post))
         add_block(all, block);
-    add_ports(all);
+    add_functions(all);
     if (!file.empty())
         write_file(file, all.text(), false);
     if (settings.as_json)

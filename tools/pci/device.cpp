@@ -3,11 +3,15 @@
 
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
+#include "tools/base/output.h"
 
 #include <device_access/device_access.hpp>
 
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string_view>
 
 #include <fmt/format.h>
@@ -70,6 +74,29 @@ std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge
     if (!listed.result)
         fail("list PCI devices", listed, "is /sys mounted?");
     return devices;
+}
+
+std::map<std::string, std::string> physical_slots()
+{
+    std::map<std::string, std::string> slots;
+    std::error_code none;
+    for (const auto &slot : std::filesystem::directory_iterator("/sys/bus/pci/slots", none)) {
+        std::string address;
+        std::getline(std::ifstream(slot.path() / "address"), address);
+        slots.emplace(address, printable(slot.path().filename()));
+    }
+    return slots;
+}
+
+std::optional<uint64_t> total_errors(const std::string &counters)
+{
+    std::istringstream words(counters);
+    for (std::string word; words >> word;) {
+        uint64_t total = 0;
+        if (word.starts_with("TOTAL_ERR_") && words >> total)
+            return total;
+    }
+    return std::nullopt;
 }
 
 std::string pci_resource::kind() const

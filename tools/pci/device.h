@@ -4,6 +4,7 @@
 #include <device_access/pci_sysfs.h>
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,6 +21,12 @@ sysfs_pci_identity_t pci_device(const std::string &text);
 
 // Those of the machine, or behind a bridge.
 std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge = nullptr);
+
+// Names of the slots, by the address of what is in them, "0000:03:00".
+std::map<std::string, std::string> physical_slots();
+
+// The total of a file with the kernel's counters of errors, "aer_dev_fatal" of a function's.
+std::optional<uint64_t> total_errors(const std::string &counters);
 
 struct pci_resource {
     int bar;

@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <optional>
 
@@ -57,19 +56,6 @@ std::optional<std::string> driver_of(const sysfs_pci_identity_t &device)
     const fs::path link =
         fs::read_symlink(std::string(pci_directory) + device.str + "/driver", none);
     return none ? std::nullopt : std::optional(printable(link.filename()));
-}
-
-// Names of the slots, by the address of what is in them, "0000:03:00".
-std::map<std::string, std::string> physical_slots()
-{
-    std::map<std::string, std::string> slots;
-    std::error_code none;
-    for (const auto &slot : fs::directory_iterator("/sys/bus/pci/slots", none)) {
-        std::string address;
-        std::getline(std::ifstream(slot.path() / "address"), address);
-        slots.emplace(address, printable(slot.path().filename()));
-    }
-    return slots;
 }
 
 // A number with its name; programs get them apart.
