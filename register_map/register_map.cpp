@@ -5,6 +5,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace register_map
 {
@@ -97,6 +101,77 @@ void read_bits(reader &members, field &one)
         throw invalid(members.at("bits") + " are no bits of a register");
 }
 
+//--- arrays ---------------------------------------------------------------------------------------
+
+// What stands for the elements of an array in place of the %s of its name.
+std::vector<std::string> index_words(const std::string &text, uint64_t count,
+                                     const std::string &where)
+{
+    std::vector<std::string> words;
+    unsigned first = 0, last = 0;
+    char from = 0, to = 0, rest = 0;
+    if (text.empty() || std::sscanf(text.c_str(), "%9u-%9u%c", &first, &last, &rest) == 2) {
+        for (uint64_t i = 0; i < count && (text.empty() || first + i <= last); ++i)
+            words.push_back(std::to_string(first + i));
+    } else if (std::sscanf(text.c_str(), "%c-%c%c", &from, &to, &rest) == 2) {
+        for (int letter = from; letter <= to; ++letter)
+            words.push_back(std::string(1, static_cast<char>(letter)));
+    } else {
+        for (size_t begin = 0, end = 0; end != text.npos; begin = end + 1) {
+            end = text.find(',', begin);
+            words.push_back(text.substr(begin, end - begin));
+        }
+    }
+    if (words.size() != count || (!text.empty() && last != 0 && last - first + 1 != count))
+        throw invalid(where + " does not have as many words as dim says");
+    return words;
+}
+
+// Adds one, or what an array of it stands for, by the members dim, dimIncrement and dimIndex. The
+// increment is added to the place of each.
+template <typename Part, typename Move>
+void add_elements(reader &members, const Part &one, std::vector<Part> &to, Move move)
+{
+    uint32_t count = 0;
+    uint64_t increment = 0;
+    std::string index;
+    members.hex("dim", count);
+    members.hex("dimIncrement", increment);
+    members("dimIndex", index);
+    if (count == 0)
+        return to.push_back(one);
+    const size_t mark = one.name.find("%s");
+    if (mark == one.name.npos)
+        throw invalid(members.at("name") + " of an array has no %s");
+    if (count > most_parts || increment > UINT32_MAX)
+        throw invalid(members.at("dim") + " is too large");
+    const std::vector<std::string> words = index_words(index, count, members.at("dimIndex"));
+    for (uint64_t i = 0; i < count; ++i) {
+        to.push_back(one);
+        to.back().name.replace(mark, 2, words[i]);
+        move(to.back(), i * increment);
+    }
+}
+
+// The elements of a list, each with its own reader.
+template <typename Take>
+void for_each_element(reader &members, const char *name, Take take)
+{
+    const json *const list = members.find(name);
+    if (!list)
+        return;
+    const std::string where = members.at(name);
+    if (!list->is_array())
+        throw invalid(where + " is no array");
+    for (size_t i = 0; i < list->size(); ++i) {
+        reader inner((*list)[i], where + "/" + std::to_string(i));
+        take(inner, i);
+        inner.finish();
+    }
+}
+
+//--- fields ---------------------------------------------------------------------------------------
+
 void visit_field(reader &members, field &one, const behaviour &whole)
 {
     members("name", one.name);
@@ -170,12 +245,30 @@ void visit(writer &members, write_action &action)
     members.unless_empty("interrupt", action.interrupt);
 }
 
-} // namespace
+//--- registers ------------------------------------------------------------------------------------
 
+void read_fields(reader &members, reg &one)
+{
+    if (members.find("fields"))
+        one.fields.clear();
+    for_each_element(members, "fields", [&](reader &inner, size_t) {
+        field part;
+        visit_field(inner, part, one.bits);
+        add_elements(inner, part, one.fields, [&](field &moved, uint64_t bits) {
+            if (moved.msb + bits > 63)
+                throw invalid(inner.at("dim") + ": there are no such bits of a register");
+            moved.lsb += static_cast<unsigned>(bits);
+            moved.msb += static_cast<unsigned>(bits);
+        });
+    });
+}
+
+// What is not said is as it is already.
 void visit(reader &members, reg &one)
 {
     members("name", one.name);
     members("description", one.description);
+    members.hex("map", one.window);
     members.hex("offset", one.offset);
     uint32_t width = one.width(); // in bytes, as presets of plain memory have it
     members("width", width);
@@ -183,36 +276,26 @@ void visit(reader &members, reg &one)
     members("size", one.size);
     members.hex("value", one.reset);
     members.hex("reset", one.reset);
+    const behaviour before = one.bits;
     visit_behaviour(members, one.bits);
-    if (const json *const fields = members.find("fields")) {
-        const std::string where = members.at("fields");
-        if (!fields->is_array())
-            throw invalid(where + " is no array");
-        for (const json &element : *fields) {
-            reader inner(element, where + "/" + std::to_string(one.fields.size()));
-            visit_field(inner, one.fields.emplace_back(), one.bits);
-            inner.finish();
-        }
-    }
+    for (field &inherited : one.fields)
+        if (inherited.bits == before)
+            inherited.bits = one.bits;
+    read_fields(members, one);
     members("fifo", one.fifo);
     members("counts_per_ms", one.counts_per_ms);
-    const json *const actions = members.find("on_write");
-    if (!actions)
-        return;
-    const std::string where = members.at("on_write");
-    if (!actions->is_array())
-        throw invalid(where + " is no array");
-    for (const json &element : *actions) {
-        reader inner(element, where + "/" + std::to_string(one.on_write.size()));
-        visit(inner, one.on_write.emplace_back());
-        inner.finish();
-    }
+    if (members.find("on_write"))
+        one.on_write.clear();
+    for_each_element(members, "on_write",
+                     [&](reader &inner, size_t) { visit(inner, one.on_write.emplace_back()); });
 }
 
-void visit(writer &members, reg &one)
+json register_json(reg &one)
 {
+    writer members;
     members.unless_empty("name", one.name);
     members.unless_empty("description", one.description);
+    members.unless_empty("map", one.window);
     members.hex("offset", one.offset);
     members("size", one.size);
     members.hex("reset", one.reset);
@@ -226,6 +309,68 @@ void visit(writer &members, reg &one)
         visit(inner, action);
         members.raw("on_write").push_back(inner.take());
     }
+    return members.take();
+}
+
+size_t parts_of(const reg &one)
+{
+    size_t parts = 1 + one.fields.size() + one.on_write.size();
+    for (const field &part : one.fields)
+        parts += part.values.size();
+    return parts;
+}
+
+} // namespace
+
+void visit_registers(reader &members, const char *name, std::vector<reg> &registers)
+{
+    registers.clear();
+    std::map<std::string, reg> earlier; // that others can be derived from, arrays by their %s
+    size_t parts = 0;
+    for_each_element(members, name, [&](reader &inner, size_t i) {
+        reg one;
+        std::string origin;
+        inner("derivedFrom", origin);
+        if (!origin.empty()) {
+            const auto found = earlier.find(origin);
+            if (found == earlier.end())
+                throw invalid(inner.at("derivedFrom") + ": there is no register '" + origin +
+                              "' before it");
+            one = found->second;
+            one.name.clear();
+        }
+        visit(inner, one);
+        one.element = static_cast<uint32_t>(i);
+        earlier.emplace(one.name, one);
+        uint64_t count = 1;
+        inner.hex("dim", count);
+        parts += parts_of(one) * std::clamp<uint64_t>(count, 1, most_parts);
+        if (parts > most_parts)
+            throw invalid(inner.at("name") + ": there are more than " + std::to_string(most_parts) +
+                          " registers, fields and words");
+        add_elements(inner, one, registers, [&](reg &moved, uint64_t bytes) {
+            if (moved.offset + bytes > UINT32_MAX)
+                throw invalid(inner.at("dim") + " leads out of the window");
+            moved.offset += static_cast<uint32_t>(bytes);
+        });
+    });
+}
+
+void visit_registers(writer &members, const char *name, std::vector<reg> &registers)
+{
+    if (registers.empty())
+        return;
+    json list = json::array();
+    for (reg &one : registers)
+        list.push_back(register_json(one));
+    members.raw(name) = std::move(list);
+}
+
+const std::string *field::word(uint64_t value) const
+{
+    const auto found = std::find_if(values.begin(), values.end(),
+                                    [&](const auto &one) { return one.second == value; });
+    return found == values.end() ? nullptr : &found->first;
 }
 
 const field *reg::find(const std::string &field_name) const
@@ -242,11 +387,35 @@ bool reg::behaves() const
                        [](const field &f) { return f.bits != behaviour(); });
 }
 
+bool reg::reading_changes() const
+{
+    return fifo != 0 || bits.read_action != read_action::none ||
+           std::any_of(fields.begin(), fields.end(),
+                       [](const field &f) { return f.bits.read_action != read_action::none; });
+}
+
+bool reg::is_readable() const
+{
+    const auto readable = [](const behaviour &b) {
+        return b.access != access::write_only && b.access != access::write_once;
+    };
+    return readable(bits) || std::any_of(fields.begin(), fields.end(),
+                                         [&](const field &f) { return readable(f.bits); });
+}
+
 const reg *map::find(const std::string &register_name) const
 {
     const auto found = std::find_if(registers.begin(), registers.end(),
                                     [&](const reg &r) { return r.name == register_name; });
     return found == registers.end() ? nullptr : &*found;
+}
+
+size_t map::windows() const
+{
+    std::set<uint32_t> numbers;
+    for (const reg &one : registers)
+        numbers.insert(one.window);
+    return numbers.size();
 }
 
 bool behave(const std::vector<reg> &registers)
@@ -258,97 +427,204 @@ bool behave(const std::vector<reg> &registers)
 namespace
 {
 
-void require(bool good, const std::string &what)
-{
-    if (!good)
-        throw invalid(what);
-}
-
 bool is_name(const std::string &text)
 {
-    return !text.empty() && text.find_first_of(" ./\t\n") == std::string::npos;
+    return !text.empty() && text.find_first_of(" .=/%\t\n") == std::string::npos;
 }
 
-void check_fields(const reg &one, const std::string &where)
+// Collects what is wrong with a list of registers.
+class checker
 {
-    std::set<std::string> names;
-    for (size_t i = 0; i < one.fields.size(); ++i) {
-        const std::string at = where + "/fields/" + std::to_string(i);
-        require(is_name(one.fields[i].name), at + "/name is no name");
-        require(names.insert(one.fields[i].name).second, at + "/name stands there twice");
-        require(one.fields[i].msb < one.size, at + "/bits lie outside the register");
+public:
+    checker(const std::vector<reg> &registers, std::string where, uint64_t size)
+        : registers_(registers), where_(std::move(where)), size_(size)
+    {
+        for (const reg &one : registers)
+            by_name_.emplace(one.name, &one);
     }
-}
 
-// "REGISTER" or "REGISTER.FIELD".
-bool is_target(const std::vector<reg> &registers, const std::string &target)
-{
-    const size_t dot = target.find('.');
-    const auto found = std::find_if(registers.begin(), registers.end(), [&](const reg &one) {
-        return one.name == target.substr(0, dot);
-    });
-    return found != registers.end() &&
-           (dot == std::string::npos || found->find(target.substr(dot + 1)));
-}
-
-void check_actions(const std::vector<reg> &registers, const reg &one, const std::string &where)
-{
-    for (size_t i = 0; i < one.on_write.size(); ++i) {
-        const std::string at = where + "/on_write/" + std::to_string(i);
-        for (const auto &[name, value] : one.on_write[i].when_fields)
-            require(one.find(name), at + "/when: there is no field '" + name + "'");
-        for (const change &set : one.on_write[i].set)
-            require(is_target(registers, set.target),
-                    at + "/set: there is no register '" + set.target + "'");
-        require(one.on_write[i].after_ms <= 86400000, at + "/after_ms is longer than a day");
+    std::vector<std::string> run()
+    {
+        for (const reg &one : registers_)
+            check_register(one);
+        return std::move(faults_);
     }
+
+private:
+    static constexpr size_t most_faults = 20;
+
+    bool require(bool good, const std::string &what)
+    {
+        if (!good && faults_.size() < most_faults)
+            faults_.push_back(what);
+        return good;
+    }
+
+    void check_register(const reg &one)
+    {
+        const std::string at = where_ + "/" + std::to_string(one.element);
+        if (!require(one.size == 8 || one.size == 16 || one.size == 32 || one.size == 64,
+                     at + "/size is not 8, 16, 32 or 64"))
+            return;
+        require(one.name.empty() ? !one.behaves() : is_name(one.name), at + "/name is no name");
+        require(one.name.empty() || names_.insert(one.name).second,
+                at + "/name stands there twice");
+        require(!one.behaves() || one.offset % one.width() == 0,
+                at + "/offset is no multiple of the register's size");
+        require(size_ == 0 || uint64_t{one.offset} + one.width() <= size_,
+                at + "/offset lies outside the window");
+        require(one.window < 64, at + "/map is higher than 63");
+        require(one.size == 64 || one.reset >> one.size == 0, at + "/reset is too large");
+        require(one.fifo <= 65536, at + "/fifo is longer than 65536");
+        check_fields(one, at);
+        check_actions(one, at);
+    }
+
+    void check_fields(const reg &one, const std::string &where)
+    {
+        std::set<std::string> names;
+        for (size_t i = 0; i < one.fields.size() && faults_.size() < most_faults; ++i) {
+            const field &part = one.fields[i];
+            const std::string at = where + "/fields/" + std::to_string(i);
+            require(is_name(part.name), at + "/name is no name");
+            require(names.insert(part.name).second, at + "/name stands there twice");
+            require(part.msb < one.size, at + "/bits lie outside the register");
+            for (size_t k = 0; k < i; ++k)
+                require(!overlap(part, one.fields[k]),
+                        at + "/bits are also those of " + one.fields[k].name);
+            for (const auto &[word, value] : part.values)
+                require(value <= part.mask() >> part.lsb,
+                        at + "/values/" + word + " is larger than the field");
+        }
+    }
+
+    // What can only be read and what can only be written may be different things.
+    static bool overlap(const field &a, const field &b)
+    {
+        const auto is_one_way = [](const field &read, const field &written) {
+            return read.bits.access == access::read_only &&
+                   written.bits.access == access::write_only;
+        };
+        return (a.mask() & b.mask()) != 0 && !is_one_way(a, b) && !is_one_way(b, a);
+    }
+
+    void check_actions(const reg &one, const std::string &where)
+    {
+        for (size_t i = 0; i < one.on_write.size() && faults_.size() < most_faults; ++i) {
+            const std::string at = where + "/on_write/" + std::to_string(i);
+            for (const auto &[name, value] : one.on_write[i].when_fields)
+                require(one.find(name), at + "/when: there is no field '" + name + "'");
+            for (const change &set : one.on_write[i].set)
+                require(is_target(set.target),
+                        at + "/set: there is no register '" + set.target + "'");
+            require(one.on_write[i].after_ms <= 86400000, at + "/after_ms is longer than a day");
+        }
+    }
+
+    // "REGISTER" or "REGISTER.FIELD".
+    bool is_target(const std::string &target) const
+    {
+        const size_t dot = target.find('.');
+        const auto found = by_name_.find(target.substr(0, dot));
+        return found != by_name_.end() &&
+               (dot == std::string::npos || found->second->find(target.substr(dot + 1)));
+    }
+
+    const std::vector<reg> &registers_;
+    std::string where_;
+    uint64_t size_;
+    std::unordered_map<std::string, const reg *> by_name_;
+    std::unordered_set<std::string> names_;
+    std::vector<std::string> faults_;
+};
+
+// No text of a map is nested deeply; one that is takes sixty times its size to be parsed.
+bool is_shallow(const std::string &text)
+{
+    constexpr int deepest = 1000;
+    int depth = 0;
+    bool in_string = false;
+    for (size_t i = 0; i < text.size() && depth <= deepest; ++i) {
+        if (text[i] == '"')
+            in_string = !in_string;
+        else if (in_string)
+            i += text[i] == '\\';
+        else
+            depth += (text[i] == '[' || text[i] == '{') - (text[i] == ']' || text[i] == '}');
+    }
+    return depth <= deepest;
+}
+
+json parsed(const std::string &file)
+{
+    std::error_code none;
+    std::ifstream stream(file, std::ios::binary);
+    if (!std::filesystem::is_regular_file(file, none) || !stream)
+        throw invalid("cannot read a register map from " + file);
+    if (std::filesystem::file_size(file, none) > most_bytes)
+        throw invalid(file + " is larger than " + std::to_string(most_bytes) + " bytes");
+    const std::string text(std::istreambuf_iterator<char>(stream), {});
+    json document = json(json::value_t::discarded);
+    if (is_shallow(text))
+        document = json::parse(text, nullptr, false, true);
+    if (document.is_discarded())
+        throw invalid(file + " is no JSON text");
+    return document;
 }
 
 } // namespace
 
 void check(const std::vector<reg> &registers, const std::string &where, uint64_t size)
 {
-    std::set<std::string> names;
-    for (size_t i = 0; i < registers.size(); ++i) {
-        const reg &one = registers[i];
-        const std::string at = where + "/" + std::to_string(i);
-        require(one.size == 8 || one.size == 16 || one.size == 32 || one.size == 64,
-                at + "/size is not 8, 16, 32 or 64");
-        require(one.name.empty() ? !one.behaves() : is_name(one.name), at + "/name is no name");
-        require(one.name.empty() || names.insert(one.name).second, at + "/name stands there twice");
-        require(!one.behaves() || one.offset % one.width() == 0,
-                at + "/offset is no multiple of the register's size");
-        require(size == 0 || uint64_t{one.offset} + one.width() <= size,
-                at + "/offset lies outside the window");
-        require(one.size == 64 || one.reset >> one.size == 0, at + "/reset is too large");
-        require(one.fifo <= 65536, at + "/fifo is longer than 65536");
-        check_fields(one, at);
-        check_actions(registers, one, at);
-    }
+    const std::vector<std::string> faults = checker(registers, where, size).run();
+    if (!faults.empty())
+        throw invalid(faults.front());
 }
 
-map read(const std::string &file)
+map read(const std::string &file, std::vector<std::string> &faults)
 {
-    std::error_code none;
-    std::ifstream stream(file, std::ios::binary);
-    if (!std::filesystem::is_regular_file(file, none) || !stream)
-        throw invalid("cannot read a register map from " + file);
-    const json document =
-        json::parse(std::istreambuf_iterator<char>(stream), {}, nullptr, false, true);
-    if (document.is_discarded())
-        throw invalid(file + " is no JSON text");
+    const json document = parsed(file);
     map made;
     try {
         reader members(document, "");
         members("name", made.name);
         members("description", made.description);
-        members.list("registers", made.registers);
+        uint64_t address = 0;
+        members.hex("address", address);
+        if (members.find("address"))
+            made.address = address;
+        members.hex("size", made.size);
+        visit_registers(members, "registers", made.registers);
         members.finish();
-        check(made.registers, "/registers", 0);
     } catch (const invalid &wrong) {
         throw invalid(file + ": " + wrong.what());
     }
+    for (const std::string &fault : checker(made.registers, "/registers", made.size).run())
+        faults.push_back(file + ": " + fault);
     return made;
+}
+
+map read(const std::string &file)
+{
+    std::vector<std::string> faults;
+    map made = read(file, faults);
+    if (!faults.empty())
+        throw invalid(faults.front());
+    return made;
+}
+
+std::string text_of(const map &written)
+{
+    map copy = written;
+    writer members;
+    members.unless_empty("name", copy.name);
+    members.unless_empty("description", copy.description);
+    if (copy.address)
+        members.hex("address", *copy.address);
+    if (copy.size != 0)
+        members.hex("size", copy.size);
+    visit_registers(members, "registers", copy.registers);
+    return members.take().dump(2, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
 } // namespace register_map

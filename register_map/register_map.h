@@ -47,6 +47,8 @@ struct field {
 
     uint64_t mask() const { return (~uint64_t{0} >> (63 - (msb - lsb))) << lsb; }
     uint64_t of(uint64_t value) const { return (value & mask()) >> lsb; }
+    // The word for a value; NULL: it has none.
+    const std::string *word(uint64_t value) const;
 };
 
 // A register or a field of one, and what it becomes.
@@ -67,6 +69,7 @@ struct write_action {
 struct reg {
     std::string name;
     std::string description;
+    uint32_t window = 0; // of the device: the number of a UIO device's map, or of a BAR
     uint32_t offset = 0; // in bytes
     uint32_t size = 32;  // in bits
     uint64_t reset = 0;
@@ -75,25 +78,46 @@ struct reg {
     uint32_t fifo = 0;          // so many words wait between writes and reads
     uint32_t counts_per_ms = 0; // it counts up by itself
     std::vector<write_action> on_write;
+    uint32_t element = 0; // of the list that it was read from, where an array is one element
 
     uint32_t width() const { return size / 8; }
     const field *find(const std::string &field_name) const;
 
     // Whether reads and writes of it do more than those of memory.
     bool behaves() const;
+    // Whether a read changes what a later one finds.
+    bool reading_changes() const;
+    // Whether some of its bits can be read.
+    bool is_readable() const;
 };
 
 struct map {
     std::string name; // of the kind of device
     std::string description;
+    std::optional<uint64_t> address; // of the window in physical memory
+    uint64_t size = 0;               // of each window in bytes; 0: not known
     std::vector<reg> registers;
 
     const reg *find(const std::string &register_name) const;
+    // How many windows have registers.
+    size_t windows() const;
 };
 
 bool behave(const std::vector<reg> &registers);
 
+// A map has at most so many registers, fields and words together, and its text so many bytes: what
+// it needs of time and memory has a limit.
+inline constexpr size_t most_parts = 262144;
+inline constexpr size_t most_bytes = 16 << 20;
+
 // Reads a map from a file. Throws a std::runtime_error whose line says what is wrong, and where.
 map read(const std::string &file);
+
+// The same, but for what is wrong with registers that could be read: a line for each of the first
+// faults, with the JSON path of the member.
+map read(const std::string &file, std::vector<std::string> &faults);
+
+// The JSON text that read() takes.
+std::string text_of(const map &written);
 
 } // namespace register_map

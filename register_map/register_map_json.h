@@ -7,8 +7,10 @@
 namespace register_map
 {
 
-void visit(json_members::reader &members, reg &one);
-void visit(json_members::writer &members, reg &one);
+// The member of this name, a list of registers; arrays and derived registers are read as what they
+// stand for.
+void visit_registers(json_members::reader &members, const char *name, std::vector<reg> &registers);
+void visit_registers(json_members::writer &members, const char *name, std::vector<reg> &registers);
 
 // What a list of registers must be: names once, each in the window, and known where one names
 // another. size: of the window in bytes; 0: not known.

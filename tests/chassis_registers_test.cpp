@@ -1,5 +1,5 @@
 // Registers that behave: what a description says of them is what any program finds.
-#include "register_map/register_map.h"
+#include "register_map/lookup.h"
 #include "sim/devices/memory.h"
 #include "sim/devices/register_window.h"
 #include "support/test.h"
@@ -136,6 +136,18 @@ TEST(register_map, says_what_is_wrong_with_a_map_and_where)
         {R"({"name": "A", "offset": 0, "on_write": [{"when": {"F": 1}}]})",
          "/registers/0/on_write/0/when: there is no field 'F'"},
         {R"({"name": "A", "offset": 0, "reads": 1})", "unknown member /registers/0/reads"},
+        {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "7:4"},
+                                                  {"name": "G", "bits": "4"}]})",
+         "/registers/0/fields/1/bits are also those of F"},
+        {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "0", "values": {"x": 2}}]})",
+         "/registers/0/fields/0/values/x is larger than the field"},
+        {R"({"name": "A%s", "offset": 0, "dim": 3, "dimIndex": "A-B"})",
+         "/registers/0/dimIndex does not have as many words as dim says"},
+        {R"({"name": "A", "offset": 0, "dim": 2})", "/registers/0/name of an array has no %s"},
+        {R"({"name": "A%s", "offset": 0, "dim": 1000000, "dimIncrement": 4})",
+         "/registers/0/dim is too large"},
+        {R"({"name": "A", "derivedFrom": "B", "offset": 0})",
+         "/registers/0/derivedFrom: there is no register 'B' before it"},
     };
     for (const auto &[text, line] : wrong) {
         string said = "nothing";
@@ -146,6 +158,28 @@ TEST(register_map, says_what_is_wrong_with_a_map_and_where)
         }
         EXPECT_TRUE(said.ends_with(": " + line)) << said;
     }
+}
+
+TEST(register_map, names_arrays_and_derived_registers_and_decodes_their_fields)
+{
+    register_map::map map;
+    map.registers = registers_of(R"(
+        {"name": "CH[%s]", "dim": 2, "dimIncrement": "0x10", "offset": 0, "map": 1, "fields": [
+            {"name": "ON%s", "bits": "8", "dim": 2, "dimIncrement": 4, "dimIndex": "A-B"},
+            {"name": "MODE", "bits": "2:1", "values": {"slow": 0, "fast": 1}}]},
+        {"name": "COPY", "derivedFrom": "CH[%s]", "offset": "0x80", "access": "read-only"})");
+    const register_map::index names(map);
+    const auto place = names.find("ch[1].onb");
+    ASSERT_TRUE(place && place->part);
+    EXPECT_EQ(place->is->offset, 0x10u);
+    EXPECT_EQ(place->mask(), 0x1000u);
+    EXPECT_EQ(names.at(1, 0x11, 8), place->is); // a byte of it
+    EXPECT_EQ(names.at(0, 0x10, 32), nullptr);
+    const auto byte = register_map::fields_of(*names.find("COPY")->is, 0x80, 8, 0xfa);
+    ASSERT_EQ(byte.size(), 1u); // the others lie in the next byte
+    EXPECT_EQ(*byte[0].word, "fast");
+    EXPECT_EQ(byte[0].is->bits.access, register_map::access::read_only);
+    EXPECT_FALSE(names.find("COPY.ON"));
 }
 
 //--- a program at a window ------------------------------------------------------------------------

@@ -87,7 +87,7 @@ void visit(V &v, pci_window &window)
     v.hex("size", window.size);
     v.hex("flags", window.flags);
     v.unless_empty("register_map", window.register_map);
-    v.list("registers", window.registers);
+    register_map::visit_registers(v, "registers", window.registers);
 }
 
 template <typename V>
@@ -153,7 +153,7 @@ void visit(V &v, uio_map &map)
     visit_line(v, "offset", map.offset);
     visit_line(v, "size", map.size);
     v.unless_empty("register_map", map.register_map);
-    v.list("registers", map.registers);
+    register_map::visit_registers(v, "registers", map.registers);
 }
 
 template <typename V>
@@ -228,7 +228,7 @@ void visit(V &v, memory_range &range)
     v.hex("size", range.size);
     visit_bytes(v, "bytes", range.contents);
     v.unless_empty("register_map", range.register_map);
-    v.list("registers", range.registers);
+    register_map::visit_registers(v, "registers", range.registers);
 }
 
 template <typename V>
@@ -250,15 +250,18 @@ void visit(V &v, chassis_description &chassis)
 namespace
 {
 
-// Adds the registers of a map's file to those that stand in the description.
+// Adds the registers of a map's file to those that stand in the description; of a file with those
+// of several windows, those of this one.
 void load(std::string &file, std::vector<register_map::reg> &registers, const std::string &where,
-          const std::filesystem::path &directory)
+          const std::filesystem::path &directory, uint32_t window = 0)
 {
     if (file.empty())
         return;
     try {
         const register_map::map map = register_map::read(directory / file);
-        registers.insert(registers.end(), map.registers.begin(), map.registers.end());
+        for (const register_map::reg &one : map.registers)
+            if (one.window == window || map.windows() == 1)
+                registers.push_back(one);
     } catch (const std::runtime_error &error) {
         throw invalid(where + "/register_map: " + error.what());
     }
@@ -269,13 +272,17 @@ void load_register_maps(chassis_description &chassis, const std::filesystem::pat
 {
     const auto at = [](const char *list, size_t i) { return list + std::to_string(i); };
     for (size_t i = 0; i < chassis.uio.size(); ++i)
-        for (size_t k = 0; k < chassis.uio[i].maps.size(); ++k)
-            load(chassis.uio[i].maps[k].register_map, chassis.uio[i].maps[k].registers,
-                 at("/uio/", i) + at("/maps/", k), directory);
+        for (size_t k = 0; k < chassis.uio[i].maps.size(); ++k) {
+            uio_map &map = chassis.uio[i].maps[k];
+            unsigned number = 0;
+            std::sscanf(map.name.c_str(), "map%3u", &number);
+            load(map.register_map, map.registers, at("/uio/", i) + at("/maps/", k), directory,
+                 number);
+        }
     const auto load_of = [&](pci_function &function, const std::string &where) {
         for (size_t k = 0; k < function.windows.size(); ++k)
             load(function.windows[k].register_map, function.windows[k].registers,
-                 where + at("/bars/", k), directory);
+                 where + at("/bars/", k), directory, static_cast<uint32_t>(k));
     };
     for (size_t i = 0; i < chassis.functions.size(); ++i)
         load_of(chassis.functions[i], at("/functions/", i));
