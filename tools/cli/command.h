@@ -33,8 +33,7 @@ struct listed_command {
 };
 
 // What there is besides CLI11's own description: values for the completion, and the commands below
-// each that were listed. CLI11 gets those that a line needs: to describe all of a family takes
-// longer than most of its commands.
+// each that were listed.
 struct command_notes {
     choosers values;
     std::map<const CLI::App *, std::vector<listed_command>> listed;

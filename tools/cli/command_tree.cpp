@@ -1,4 +1,4 @@
-// Builds the commands that a line needs.
+// Builds all commands, or the one that a line needs.
 #include "tools/cli/command_tree.h"
 
 #include "tools/cli/options.h"
@@ -11,47 +11,15 @@ namespace devaccess
 namespace
 {
 
-// The words that are neither options nor values of these options.
-std::vector<std::string> plain_words(const CLI::App &program, const std::vector<std::string> &words)
+void add_families(command &program, std::span<const command_family> families)
 {
-    std::vector<std::string> plain;
-    for (size_t i = 0; i < words.size(); ++i) {
-        if (!words[i].starts_with('-')) {
-            plain.push_back(words[i]);
-            continue;
-        }
-        const CLI::Option *const option = program.get_option_no_throw(words[i]);
-        i += option && option->get_expected_max() > 0;
-    }
-    return plain;
+    for (const command_family &family : families)
+        program.add_family(family.name, family.description, family.describe);
 }
 
 } // namespace
 
-command_tree::command_tree(std::span<const command_family> families,
-                           const std::vector<std::string> &words)
-{
-    describe_program(families);
-    CLI::App *last = &program_;
-    for (const std::string &word : plain_words(program_, words)) {
-        const auto &below = notes_.listed[last];
-        const auto named = std::find_if(below.begin(), below.end(),
-                                        [&](const auto &one) { return one.name == word; });
-        if (named == below.end())
-            break;
-        last = &add(*last, *named);
-    }
-    for (const listed_command &below : notes_.listed[last])
-        last->add_subcommand(below.name, below.description);
-}
-
 command_tree::command_tree(std::span<const command_family> families)
-{
-    describe_program(families);
-    add_all(program_);
-}
-
-void command_tree::describe_program(std::span<const command_family> families)
 {
     program_.name("devaccess");
     program_.description("Reach a modular chassis's hardware through its hardware-access library.");
@@ -61,22 +29,53 @@ void command_tree::describe_program(std::span<const command_family> families)
     command program(program_, notes_);
     add_common_options(program);
     program.footer("Also --json, --verbose and others; see devaccess --help."); // of every command
-    for (const command_family &family : families)
-        program.add_family(family.name, family.description, family.describe);
+    add_families(program, families);
+    add_below(program_);
+    program.footer(
+        "Numbers are decimal or, after 0x, hexadecimal.\n"
+        "Exit status: 0 done, 1 failed, 2 the command line is wrong, 3 damage was found,\n"
+        "4 something could not be read.\n"
+        "Examples:\n"
+        "  devaccess pci list\n"
+        "  devaccess pci read 0000:03:00.0 0x10 --json\n"
+        "  devaccess podlog show RPSW1 --chassis n20");
 }
 
-CLI::App &command_tree::add(CLI::App &parent, const listed_command &below)
+void command_tree::add_below(CLI::App &parent)
 {
-    CLI::App &added = *parent.add_subcommand(below.name, below.description);
-    command described(added, notes_);
-    below.describe(described);
-    return added;
+    for (const listed_command &below : std::vector(notes_.listed[&parent])) {
+        CLI::App &added = *parent.add_subcommand(below.name, below.description);
+        command described(added, notes_);
+        below.describe(described);
+        add_below(added);
+    }
 }
 
-void command_tree::add_all(CLI::App &parent)
+named_command::named_command(std::span<const command_family> families,
+                             std::vector<std::string> &words)
 {
-    for (const listed_command &below : std::vector(notes_.listed[&parent]))
-        add_all(add(parent, below));
+    parser_->require_subcommand(1);
+    command program(*parser_, notes_);
+    add_families(program, families);
+    auto word = words.begin();
+    for (; word != words.end(); ++word) {
+        std::vector<listed_command> below = std::move(notes_.listed[parser_.get()]);
+        const auto named = std::find_if(below.begin(), below.end(),
+                                        [&](const auto &one) { return one.name == *word; });
+        if (named == below.end())
+            break;
+        parser_ = std::make_unique<parser>();
+        command described(*parser_, notes_);
+        named->describe(described);
+        name_ += ' ' + *word;
+    }
+    words.erase(words.begin(), word);
+}
+
+void named_command::run(std::vector<std::string> words)
+{
+    std::reverse(words.begin(), words.end());
+    parser_->parse(std::move(words));
 }
 
 const CLI::Option *find_option(const CLI::App *command, const std::string &name)

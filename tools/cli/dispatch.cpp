@@ -9,6 +9,7 @@
 #include "tools/base/waiting.h"
 #include "tools/cli/command_tree.h"
 #include "tools/cli/completion.h"
+#include "tools/cli/options.h"
 
 #include <algorithm>
 #include <csignal>
@@ -50,9 +51,9 @@ bool take_json(std::vector<std::string> &words)
     return found;
 }
 
-int refuse(const CLI::App &program, const std::string &message, const std::string &suggestion = "")
+int refuse(const std::string &command, const std::string &message,
+           const std::string &suggestion = "")
 {
-    const std::string command = command_words(program);
     print_failure(command, message,
                   suggestion + (suggestion.empty() ? "see " : "See ") + command + " --help", 0);
     return exit_usage;
@@ -61,47 +62,63 @@ int refuse(const CLI::App &program, const std::string &message, const std::strin
 // A misspelt command or option counts as an argument that is left over.
 int refuse(CLI::App &program, const CLI::ParseError &wrong)
 {
+    const std::string command = command_words(program);
     const std::vector<std::string> left = program.remaining(true);
     const std::string word = left.empty() ? "" : left.front();
     if (word.starts_with("--"))
-        return refuse(program, "'" + word + "' is no option",
+        return refuse(command, "'" + word + "' is no option",
                       did_you_mean(word, option_names(&named_last(program))));
     if (!left.empty() && wrong.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
-        return refuse(program, "'" + word + "' is no command",
+        return refuse(command, "'" + word + "' is no command",
                       did_you_mean(word, command_names(named_last(program))));
-    return refuse(program, wrong.what());
+    return refuse(command, wrong.what());
 }
 
-int run(CLI::App &program, std::vector<std::string> words)
+// Does the work, and reports its failure as the command's; answers with the exit status.
+template <typename Work, typename Name>
+int run_and_report(Work work, Name command)
 {
     try {
-        std::reverse(words.begin(), words.end());
-        program.parse(std::move(words));
+        work();
         finish_output();
-    } catch (const CLI::Success &asked) { // for help or the version
-        program.exit(asked);
-        finish_output();
-    } catch (const CLI::ParseError &wrong) {
-        return refuse(program, wrong);
+        return exit_done;
     } catch (const usage_error &wrong) {
-        return refuse(program, wrong.what(), wrong.suggestion);
-    }
-    return exit_done;
-}
-
-int run_and_report(CLI::App &program, std::vector<std::string> words)
-{
-    try {
-        return run(program, std::move(words));
+        return refuse(command(), wrong.what(), wrong.suggestion);
     } catch (const failure &failed) {
-        print_failure(command_words(program), failed.what(), failed.hint, failed.error);
+        print_failure(command(), failed.what(), failed.hint, failed.error);
         return failed.status;
     } catch (const interrupted &by) {
         ::raise(by.signal);
+    } catch (const CLI::Error &) {
+        throw;
     } catch (const std::exception &failed) {
-        print_failure(command_words(program), failed.what(), "", 0);
+        print_failure(command(), failed.what(), "", 0);
     }
     return exit_failed;
+}
+
+// For a line that is right and wants no help.
+int run_named(std::span<const command_family> families, const std::vector<std::string> &words)
+{
+    std::vector<std::string> left = take_common_options(words);
+    named_command named(families, left);
+    return run_and_report([&] { named.run(std::move(left)); }, [&] { return named.name(); });
+}
+
+// For any line: help is given and errors are explained by the tree of all commands.
+int run_of_all(std::span<const command_family> families, std::vector<std::string> words)
+{
+    command_tree tree(families);
+    CLI::App &program = tree.program();
+    try {
+        std::reverse(words.begin(), words.end());
+        return run_and_report([&] { program.parse(std::move(words)); },
+                              [&] { return command_words(program); });
+    } catch (const CLI::Success &asked) { // for help or the version
+        return run_and_report([&] { program.exit(asked); }, [&] { return command_words(program); });
+    } catch (const CLI::ParseError &wrong) {
+        return refuse(program, wrong);
+    }
 }
 
 // What is closed stays useless, rather than become the number of a file that is opened next.
@@ -124,7 +141,7 @@ int run_program(std::span<const command_family> families, int argc, char **argv)
     std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     if (!words.empty() && words.front() == "--complete") {
         words.erase(words.begin());
-        command_tree tree(families, words);
+        command_tree tree(families);
         complete(tree, words);
         return exit_done;
     }
@@ -133,16 +150,13 @@ int run_program(std::span<const command_family> families, int argc, char **argv)
         words.push_back("--help");
     }
     settings.as_json = take_json(words);
-    command_tree tree(families, words);
-    tree.program().footer(
-        "Numbers are decimal or, after 0x, hexadecimal.\n"
-        "Exit status: 0 done, 1 failed, 2 the command line is wrong, 3 damage was found,\n"
-        "4 something could not be read.\n"
-        "Examples:\n"
-        "  devaccess pci list\n"
-        "  devaccess pci read 0000:03:00.0 0x10 --json\n"
-        "  devaccess podlog show RPSW1 --chassis n20");
-    return run_and_report(tree.program(), words);
+    const program_settings before = settings;
+    try {
+        return run_named(families, words);
+    } catch (const CLI::Error &) {
+        settings = before;
+        return run_of_all(families, words);
+    }
 }
 
 } // namespace devaccess

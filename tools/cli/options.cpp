@@ -3,29 +3,89 @@
 
 #include "tools/base/settings.h"
 
+#include <algorithm>
 #include <iterator>
-
-#include <fmt/format.h>
+#include <set>
+#include <span>
 
 namespace devaccess
 {
 
+namespace
+{
+
+struct common_option {
+    const char *short_name; // or nullptr
+    const char *name;
+    bool *flag;
+    const char *meaning;
+    // Those that have a value:
+    std::string *value = nullptr;
+    const char *placeholder = nullptr;
+    std::span<const char *const> values = {};
+};
+
+constexpr const char *colours[] = {"auto", "always", "never"};
+
+constexpr common_option common_options[] = {
+    {nullptr, "--json", &settings.as_json, "Print JSON instead of tables"},
+    {"-v", "--verbose", &settings.verbose,
+     "Print the library's own messages on standard error too"},
+    {nullptr, "--color", nullptr,
+     "Colour the output: always, never, or auto, which is on a terminal", &settings.colour, "WHEN",
+     colours},
+    {nullptr, "--local", &settings.local_time,
+     "Print times in this machine's time zone instead of UTC"},
+    {nullptr, "--chassis", nullptr, "Chassis type: n20, n10 or n4 (default: $DEVACCESS_CHASSIS)",
+     &settings.chassis, "TYPE", chassis_types},
+    {nullptr, "--rp2", &settings.is_rp2, "Use the cards as the software on RPSW2 sees them"},
+};
+
+const common_option *find_common(const std::string &word)
+{
+    for (const common_option &option : common_options)
+        if (word == option.name || (option.short_name && word == option.short_name))
+            return &option;
+    return nullptr;
+}
+
+} // namespace
+
 void add_common_options(command &program)
 {
-    program.add_flag("--json", settings.as_json, "Print JSON instead of tables");
-    program.add_flag("-v,--verbose", settings.verbose,
-                     "Print the library's own messages on standard error too");
-    program
-        .add_option("--color", "WHEN", settings.colour,
-                    "Colour the output: always, never, or auto, which is on a terminal")
-        .one_of({"auto", "always", "never"});
-    program.add_flag("--local", settings.local_time,
-                     "Print times in this machine's time zone instead of UTC");
-    program
-        .add_option("--chassis", "TYPE", settings.chassis,
-                    fmt::format("Chassis type: n20, n10 or n4 (default: ${})", chassis_variable))
-        .one_of({std::begin(chassis_types), std::end(chassis_types)});
-    program.add_flag("--rp2", settings.is_rp2, "Use the cards as the software on RPSW2 sees them");
+    for (const common_option &option : common_options) {
+        const std::string names =
+            (option.short_name ? option.short_name + std::string(",") : "") + option.name;
+        if (option.flag)
+            program.add_flag(names.c_str(), *option.flag, option.meaning);
+        else
+            program.add_option(names.c_str(), option.placeholder, *option.value, option.meaning)
+                .one_of({option.values.begin(), option.values.end()});
+    }
+}
+
+std::vector<std::string> take_common_options(const std::vector<std::string> &words)
+{
+    std::vector<std::string> left;
+    std::set<const common_option *> taken;
+    auto word = words.begin();
+    for (; word != words.end() && *word != "--"; ++word) {
+        const common_option *const option = find_common(*word);
+        const auto value = option && option->value ? std::next(word) : word;
+        const bool is_right = option && value != words.end() &&
+                              (option->flag || std::ranges::count(option->values, *value) > 0);
+        if (!is_right || !taken.insert(option).second) {
+            left.push_back(*word);
+            continue;
+        }
+        if (option->flag)
+            *option->flag = true;
+        else
+            *option->value = *value;
+        word = value;
+    }
+    left.insert(left.end(), word, words.end());
+    return left;
 }
 
 void add_entry_format(command &to)

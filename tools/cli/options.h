@@ -10,6 +10,9 @@ namespace devaccess
 
 // Those that stand anywhere on the line. --json is only described: it has been taken off the line.
 void add_common_options(command &program);
+// Heeds them, and leaves the other words; and those that are not as they should be, for a parser to
+// tell what is wrong.
+std::vector<std::string> take_common_options(const std::vector<std::string> &words);
 
 // --format: print entries of logs as JSON lines or CSV.
 void add_entry_format(command &to);
