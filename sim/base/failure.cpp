@@ -4,9 +4,24 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace chassis_sim
 {
+namespace
+{
+
+std::string one_line(std::string text)
+{
+    for (char &byte : text)
+        if (static_cast<unsigned char>(byte) < ' ' || byte == '\x7f')
+            byte = '?';
+    return text;
+}
+
+} // namespace
+
+failure::failure(std::string text) : std::runtime_error(one_line(std::move(text))) {}
 
 void fail(const std::string &what)
 {

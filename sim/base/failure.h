@@ -7,9 +7,10 @@
 namespace chassis_sim
 {
 
-// What keeps a chassis from being built, or a device from coming or going. The text is one line.
+// What keeps a chassis from being built, or a device from coming or going. The text is one line:
+// control characters, which a name in it may have, become question marks.
 struct failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    explicit failure(std::string text);
 };
 
 // Throws the failure "WHAT: strerror(errno)".

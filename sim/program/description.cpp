@@ -308,13 +308,17 @@ chassis_description parse_description(const std::string &text, const std::string
     const json document = json::parse(text, nullptr, false, true);
     if (document.is_discarded())
         throw failure(name + " is no JSON text");
-    chassis_description chassis;
-    reader members(document, "");
-    visit(members, chassis);
-    members.finish();
-    load_register_maps(chassis, std::filesystem::path(name).parent_path());
-    check(chassis);
-    return chassis;
+    try {
+        chassis_description chassis;
+        reader members(document, "");
+        visit(members, chassis);
+        members.finish();
+        load_register_maps(chassis, std::filesystem::path(name).parent_path());
+        check(chassis);
+        return chassis;
+    } catch (const invalid &error) {
+        throw failure(error.what());
+    }
 }
 
 chassis_description read_description(const std::string &path)
