@@ -27,6 +27,7 @@ TEST(devaccess_logs, merges_filters_and_prints_logs_as_people_and_programs_read_
     start_chassis();
     follow("devaccess/timeline_of_damage.txt");
     follow("devaccess/postlog_damage.txt");
+    follow("devaccess/timeline_since_last.txt");
     expect_documented();
 }
 

@@ -9,7 +9,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 
@@ -274,6 +276,13 @@ std::string printable(const std::string &bytes)
     return shown;
 }
 
+bool tells_failure(const std::string &message)
+{
+    const std::string capitals = in_capitals(message);
+    return capitals.find("FAIL") != capitals.npos || capitals.starts_with("ERROR") ||
+           capitals.starts_with("E:");
+}
+
 record &record::add(const std::string &name, const field_value &is)
 {
     return add(name, is, is.text());
@@ -299,10 +308,7 @@ record &record::warn_if(bool is_bad)
 record &record::add_message(const std::string &bytes)
 {
     const std::string text = printable(bytes);
-    const std::string capitals = in_capitals(text);
-    const bool tells_failure = capitals.find("FAIL") != text.npos ||
-                               capitals.rfind("ERROR", 0) == 0 || capitals.rfind("E:", 0) == 0;
-    return add("message", text).warn_if(tells_failure);
+    return add("message", text).warn_if(tells_failure(text));
 }
 
 record &record::add_hidden(const std::string &name, const field_value &is)
@@ -411,6 +417,15 @@ void finish_output()
     if (!std::cout.flush())
         throw failure("write standard output", "what it leads to takes no more",
                       "is a disk full, or the output closed?");
+}
+
+void settle_output()
+{
+    finish_output();
+    // Neither a pipe nor a terminal can do that.
+    if (::fsync(STDOUT_FILENO) != 0 && errno != EINVAL && errno != EROFS)
+        throw failure("write standard output", std::strerror(errno),
+                      "is the disk full, or does it fail?", errno);
 }
 
 void print_error_line(const std::string &text)

@@ -24,6 +24,9 @@ std::string hex(uint64_t value, int digits = 1);
 // as "\xNN". What comes from a device cannot steer a terminal, break a line or look like an escape.
 std::string printable(const std::string &bytes);
 
+// Whether an entry of a log, by its message, is about something that has failed.
+bool tells_failure(const std::string &message);
+
 struct member;
 
 // What a member of a JSON object can be; a default one is null.
@@ -145,8 +148,9 @@ void print_line(const record &what);
 // Text that is laid out already.
 void print_text(const std::string &text);
 
-// Writes out what has been printed.
+// Writes out what has been printed; to the disk, too, where it leads to a file.
 void finish_output();
+void settle_output();
 
 void print_error_line(const std::string &text);
 

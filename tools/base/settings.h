@@ -11,7 +11,7 @@ struct program_settings {
     bool verbose = false;
     bool local_time = false;
     std::string colour = "auto"; // or "always", "never"
-    std::string entries_as;      // "jsonl" or "csv"; empty: as all else
+    std::string entries_as;      // "jsonl", "csv", "export"; empty: as all else
     std::string chassis;         // "n20", "n10", "n4"; empty: not said
     bool is_rp2 = false;
 };

@@ -88,14 +88,29 @@ std::vector<std::string> take_common_options(const std::vector<std::string> &wor
     return left;
 }
 
+namespace
+{
+
+void add_format(command &to, const char *meaning, const std::vector<std::string> &formats)
+{
+    to.add_option("--format", "FORMAT", settings.entries_as, meaning)
+        .one_of(formats)
+        .check([](const std::string &format) {
+            return settings.as_json && format != "jsonl" ? format + " is no JSON" : "";
+        });
+}
+
+} // namespace
+
 void add_entry_format(command &to)
 {
-    to.add_option("--format", "FORMAT", settings.entries_as,
-                  "Print entries as JSON lines (jsonl) or as CSV (csv)")
-        .one_of({"jsonl", "csv"})
-        .check([](const std::string &format) {
-            return settings.as_json && format == "csv" ? "csv is no JSON" : "";
-        });
+    add_format(to, "Print entries as JSON lines (jsonl) or as CSV (csv)", {"jsonl", "csv"});
+}
+
+void add_timeline_format(command &to)
+{
+    add_format(to, "Print entries as JSON lines (jsonl), as CSV (csv), or for the journal (export)",
+               {"jsonl", "csv", "export"});
 }
 
 void add_time_span(command &to, time_span &span)

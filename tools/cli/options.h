@@ -14,8 +14,9 @@ void add_common_options(command &program);
 // tell what is wrong.
 std::vector<std::string> take_common_options(const std::vector<std::string> &words);
 
-// --format: print entries of logs as JSON lines or CSV.
+// --format: print entries of logs as JSON lines or CSV; or in the journal's format, too.
 void add_entry_format(command &to);
+void add_timeline_format(command &to);
 // --since and --until
 void add_time_span(command &to, time_span &span);
 // --timeout
