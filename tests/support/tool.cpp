@@ -36,14 +36,19 @@ namespace
 
 json documents; // all that was printed as JSON, behind its command
 
-// A JSON document is kept, and shown as one.
+// A JSON document is kept, and shown as one; so are JSON lines kept.
 void note_document(const string &line, string &text)
 {
     const json document = json::parse(text, nullptr, false);
-    if (!document.is_object())
+    if (document.is_object()) {
+        documents.push_back({line, document});
+        text = document.dump(1) + "\n";
         return;
-    documents.push_back({line, document});
-    text = document.dump(1) + "\n";
+    }
+    std::istringstream lines(text);
+    for (string one; std::getline(lines, one);)
+        if (const json object = json::parse(one, nullptr, false); object.is_object())
+            documents.push_back({line, object});
 }
 
 // Without what is another thing in another run or another build.
@@ -120,6 +125,7 @@ schema.pop('anyOf')
 for line, document in json.load(open('/var/tmp/documents')):
     name = max((n for n in schema['$defs'] if n in line.replace('--json ', '')), key=len)
     name += ' --follow' * ('--follow' in line)
+    name = 'problem' if 'problem' in document else name
     schema['$ref'] = '#/$defs/' + name.replace(' ', '%20')
     jsonschema.validate(document, schema)
     print(name)

@@ -5,6 +5,7 @@
 #include "tools/base/errors.h"
 #include "tools/base/output.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -20,15 +21,75 @@ namespace
 
 namespace fs = std::filesystem;
 
-constexpr size_t most_bytes = 65536;
-
-[[noreturn]] void give_up(const std::string &verb, const std::string &path, int error)
+[[noreturn]] void give_up(const std::string &verb, const std::string &path, int error,
+                          exit_status status = exit_failed)
 {
     throw failure(verb + " " + path, std::strerror(error),
                   error == ENOSPC   ? "make room on that file system"
                   : error == ENOENT ? "is the directory there?"
                                     : "is it a file, and the name right?",
-                  error);
+                  error, status);
+}
+
+[[noreturn]] void refuse_to_read(const std::string &path, int error)
+{
+    give_up("read", path, error, status_of(state_of_error(error)));
+}
+
+[[noreturn]] void refuse_irregular(const std::string &path)
+{
+    throw failure("read " + path, "it is no regular file", "is the name right? Only files are read",
+                  EINVAL, exit_unreadable);
+}
+
+bool is_standard_input(const std::string &path)
+{
+    return path == standard_stream || path == "/dev/stdin";
+}
+
+// A stream that whoever started the program has given it is waited for.
+bool is_own_stream(const std::string &path)
+{
+    return is_standard_input(path) || path.starts_with("/dev/fd/") ||
+           path.starts_with("/proc/self/fd/");
+}
+
+int open_to_read(const std::string &path)
+{
+    if (is_standard_input(path))
+        return ::dup(STDIN_FILENO);
+    const int no_waiting = is_own_stream(path) ? 0 : O_NONBLOCK;
+    return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | no_waiting);
+}
+
+bool is_stream(int descriptor)
+{
+    struct stat status = {};
+    return ::fstat(descriptor, &status) == 0 &&
+           (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode) || ::isatty(descriptor));
+}
+
+// Of a stream what comes next, else what stands at the position.
+ssize_t read_some(int descriptor, bool from_stream, char *to, size_t room, size_t position)
+{
+    return from_stream ? ::read(descriptor, to, room)
+                       : ::pread(descriptor, to, room, static_cast<off_t>(position));
+}
+
+std::string read_up_to(int descriptor, const std::string &path, size_t most, bool from_stream)
+{
+    std::string bytes;
+    for (ssize_t more = 1; more > 0 && bytes.size() < most;) {
+        const size_t size = bytes.size();
+        bytes.resize(std::min(most, size + longest_log));
+        more = read_some(descriptor, from_stream, bytes.data() + size, bytes.size() - size, size);
+        if (more < 0 && errno == ESPIPE)
+            refuse_irregular(path);
+        if (more < 0)
+            refuse_to_read(path, errno);
+        bytes.resize(size + static_cast<size_t>(more));
+    }
+    return bytes;
 }
 
 bool write_all(int descriptor, const std::string &bytes, off_t position)
@@ -61,35 +122,32 @@ bool take_after(int descriptor, const fs::path &target)
 
 std::string read_all(int descriptor, const std::string &path)
 {
-    std::string bytes(most_bytes, '\0');
-    size_t size = 0;
-    while (size < bytes.size()) {
-        const ssize_t n =
-            ::pread(descriptor, bytes.data() + size, bytes.size() - size, static_cast<off_t>(size));
-        if (n < 0)
-            give_up("read", path, errno);
-        if (n == 0)
-            break;
-        size += static_cast<size_t>(n);
-    }
-    bytes.resize(size);
-    return bytes;
+    return read_up_to(descriptor, path, longest_log, false);
 }
 
-std::optional<std::string> read_file(const std::string &path)
+std::optional<std::string> read_file(const std::string &path, size_t most)
 {
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    const int descriptor = open_to_read(path);
     if (descriptor < 0 && errno == ENOENT)
         return std::nullopt;
+    if (descriptor < 0 && errno == ENXIO)
+        refuse_irregular(path); // a socket
     if (descriptor < 0)
-        give_up("open", path, errno);
+        refuse_to_read(path, errno);
     const opened file([descriptor] { ::close(descriptor); });
-    return read_all(descriptor, path);
+    return read_up_to(descriptor, path, most, is_own_stream(path) && is_stream(descriptor));
+}
+
+void expect_regular(const std::string &path)
+{
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+        refuse_irregular(path);
 }
 
 void write_file(const std::string &path, const std::string &bytes, bool must_be_new)
 {
-    if (path == standard_output) {
+    if (path == standard_stream) {
         print_text(bytes);
         return finish_output();
     }

@@ -1,19 +1,28 @@
 // Files that the tool itself reads and writes.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 
 namespace devaccess
 {
 
-// The bytes of an open file, or of the file of this name; nothing when there is none. At most as
-// many as the largest log could have.
-std::string read_all(int descriptor, const std::string &path);
-std::optional<std::string> read_file(const std::string &path);
+// As many bytes as the largest log could have.
+inline constexpr size_t longest_log = 65536;
 
-// Stands for standard output where a file is to be written.
-inline constexpr char standard_output[] = "-";
+// The bytes of an open file, or of the file of this name; nothing when there is none. At most so
+// many. Nothing is waited for: a FIFO, a socket or a terminal is refused, unless it is one of the
+// program's own streams.
+std::string read_all(int descriptor, const std::string &path);
+std::optional<std::string> read_file(const std::string &path, size_t most = longest_log);
+
+// Fails when there is something of this name that is no regular file.
+void expect_regular(const std::string &path);
+
+// Stands for standard output where a file is to be written, and for standard input where one is
+// read.
+inline constexpr char standard_stream[] = "-";
 
 // Writes the bytes to a file beside it, which then takes the file's place: a failure leaves what
 // was there. A file that must be new is not replaced.

@@ -373,12 +373,22 @@ void print(record_set set)
     print(record().add(std::move(set)));
 }
 
+// Of JSON lines that have been printed.
+static bool has_lines = false;
+static bool has_told_problems = false;
+
 void print_entries(record about, record_set entries)
 {
     if (settings.entries_as.empty()) {
         print(about.add(std::move(entries)));
         return;
     }
+    for (const record_set &set : about.sets_)
+        for (const record &problem : set.rows)
+            if (settings.entries_as == "jsonl") {
+                print_line(problem);
+                has_told_problems = true;
+            }
     for (const record &entry : entries.rows)
         print_line(entry);
 }
@@ -398,6 +408,7 @@ void print_line(const record &what)
         print_csv_row(what, false);
     } else if (settings.as_json || settings.entries_as == "jsonl") {
         std::cout << serialized(what, -1) << '\n';
+        has_lines = true;
     } else {
         cells values;
         for (const record::field &f : what.fields_for_people())
@@ -444,14 +455,18 @@ void print_failure(const std::string &command, const std::string &message, const
 {
     const std::string text = printable(message);
     const std::string advice = printable(hint);
+    const auto as_object = [&](const char *name) {
+        return serialized(record()
+                              .add(name, text)
+                              .add("command", command)
+                              .add("errno", error ? field_value(error) : field_value())
+                              .add("hint", advice),
+                          -1);
+    };
+    if ((has_lines || settings.entries_as == "jsonl") && !has_told_problems)
+        std::cout << as_object("problem") << std::endl;
     if (settings.as_json)
-        std::cerr << serialized(record()
-                                    .add("message", text)
-                                    .add("command", command)
-                                    .add("errno", error ? field_value(error) : field_value())
-                                    .add("hint", advice),
-                                -1)
-                  << '\n';
+        std::cerr << as_object("message") << '\n';
     else
         print_error_line(advice.empty() ? text : text + "; " + advice);
 }

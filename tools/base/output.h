@@ -123,6 +123,7 @@ private:
     friend void print_table(const record_set &set);
     friend void print_csv_row(const record &row, bool is_heading);
     friend void print_line(const record &what);
+    friend void print_entries(record about, record_set entries);
     std::vector<field> fields_for_people() const;
 
     std::vector<field> fields_;
@@ -135,7 +136,8 @@ record &add_records(record &shown, record_set records);
 void print(const record &what);
 void print(record_set set);
 
-// What they are about, and entries of logs; or these alone, a line each, as JSON or CSV.
+// What they are about, and entries of logs; or these alone, a line each, as JSON or CSV. As JSON,
+// so are the records of what they are about, which are problems.
 void print_entries(record about, record_set entries);
 
 // What a command has written: programs are told, people see nothing.
@@ -157,7 +159,8 @@ void print_error_line(const std::string &text);
 // A remark for people, on standard error.
 void note(const std::string &text);
 
-// The failure of a command ("devaccess pci read").
+// The failure of a command ("devaccess pci read"). Where it has printed JSON lines, it is one of
+// them too, unless the problems have been.
 void print_failure(const std::string &command, const std::string &message, const std::string &hint,
                    int error);
 

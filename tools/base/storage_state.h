@@ -53,6 +53,16 @@ constexpr exit_status status_of(storage_state state)
     }
 }
 
+// What a program ends with that met both: damage counts more than what could not be read, and that
+// more than what is not there.
+constexpr exit_status worse_of(exit_status one, exit_status other)
+{
+    constexpr auto weight = [](exit_status status) {
+        return status == exit_damaged ? exit_unreadable + 1 : static_cast<int>(status);
+    };
+    return weight(one) < weight(other) ? other : one;
+}
+
 // By the errno of a call that could not open or read it.
 storage_state state_of_error(int error);
 

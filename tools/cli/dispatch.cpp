@@ -65,12 +65,19 @@ int refuse(CLI::App &program, const CLI::ParseError &wrong)
     const std::string command = command_words(program);
     const std::vector<std::string> left = program.remaining(true);
     const std::string word = left.empty() ? "" : left.front();
-    if (word.starts_with("--"))
+    const CLI::App &named = named_last(program);
+    if (word.starts_with('-')) {
+        const std::string suggestion = did_you_mean(word, option_names(&named));
+        const bool takes_text =
+            !named.get_options([](const CLI::Option *option) { return option->get_positional(); })
+                 .empty();
         return refuse(command, "'" + word + "' is no option",
-                      did_you_mean(word, option_names(&named_last(program))));
+                      suggestion.empty() && takes_text ? "a word that begins with - goes after --. "
+                                                       : suggestion);
+    }
     if (!left.empty() && wrong.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
         return refuse(command, "'" + word + "' is no command",
-                      did_you_mean(word, command_names(named_last(program))));
+                      did_you_mean(word, command_names(named)));
     return refuse(command, wrong.what());
 }
 

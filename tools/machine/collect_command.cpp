@@ -1,6 +1,5 @@
 // Records a machine: its PCI functions, UIO devices and logs, in an archive whose paths are those
 // of the machine.
-#include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/base/output.h"
@@ -8,8 +7,7 @@
 #include "tools/base/tar_archive.h"
 #include "tools/machine/machine_commands.h"
 #include "tools/podlog/storage.h"
-
-#include <device_access/post_log_nvram.h>
+#include "tools/postlog/blocks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -237,28 +235,12 @@ size_t add_block(recorder &machine, const std::string &name, size_t size, Read r
     }
 }
 
-constexpr struct {
-    const char *name;
-    log_type_t number;
-    size_t size;
-} post_blocks[] = {{"nvlog-ofw-event", OFWEVENT_LOG, 8192},
-                   {"nvlog-diag-test", OFWDIAG_TEST_LOG, 16384},
-                   {"nvlog-diag-error", OFWDIAG_ERROR_LOG, 32768}};
-
-std::string post_bytes(const std::string &name, log_type_t block)
-{
-    int descriptor = -1;
-    const auto found = ask([&] { return postlog_nvram_open_dev_file(block, &descriptor); });
-    if (found.result != 1)
-        fail("open " + name, found, "");
-    const opened device([descriptor] { ::close(descriptor); });
-    return read_all(descriptor, name);
-}
+constexpr size_t post_sizes[] = {8192, 16384, 32768}; // of the blocks event, test and error
 
 size_t add_blocks(recorder &machine)
 {
     size_t count = 0;
-    postlog_map_def_nvram_access();
+    const std::vector<post_block> post_blocks = open_blocks({});
     for (const fs::path &block : machine.add_directories("/sys/class/zmt_nvram")) {
         machine.add_attributes(block, nvram_attributes);
         std::string name = read_file(block / "name").value_or("");
@@ -268,10 +250,10 @@ size_t add_blocks(recorder &machine)
                 const pod_card local = {"", 0, {}, PODSTORAGE_NVRAM, 0, {}};
                 return log_storage({}, local).bytes().value_or("");
             });
-        for (const auto &known : post_blocks)
-            if (name == known.name)
-                count += add_block(machine, name, known.size,
-                                   [&] { return post_bytes(name, known.number); });
+        for (size_t i = 0; i < post_blocks.size(); ++i)
+            if ("/dev/" + name == post_blocks[i].path())
+                count += add_block(machine, name, post_sizes[i],
+                                   [&] { return post_blocks[i].expect_bytes(); });
     }
     return count;
 }
@@ -309,7 +291,7 @@ void collect(const collect_arguments &arguments)
         note(
             fmt::format("{} files could not be read whole; manifest.json in the archive names them",
                         left_out.rows.size()));
-    if (arguments.file != standard_output)
+    if (arguments.file != standard_stream)
         print(add_records(done, left_out));
 }
 

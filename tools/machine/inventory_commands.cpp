@@ -1,6 +1,7 @@
 // Inventory records: inventory show, store, clear.
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/base/output.h"
 #include "tools/base/settings.h"
 #include "tools/machine/machine_commands.h"
@@ -78,6 +79,7 @@ void print_record(const inventory_slot &slot, const diag_inventory_t &content,
 void show(const inventory_arguments &arguments)
 {
     const inventory_slot slot(arguments);
+    expect_regular(slot.file); // the library would wait for the other end of a FIFO
     diag_inventory_t content = {};
     const auto found = ask([&] { return diag_inventory_get_all(slot.name.c_str(), &content); });
     if (found.result != 1)
@@ -97,6 +99,8 @@ std::optional<diag_inventory_t> stored_record(const inventory_slot &slot)
 void store(const inventory_arguments &arguments)
 {
     const inventory_slot slot(arguments);
+    expect_regular(slot.file);
+    expect_regular("/flash/diags/aaa"); // where each record is written first
     diag_inventory_t content = {};
     fill(content.serNo, "the serial number", arguments.serial);
     fill(content.prodCode, "the product code", arguments.product);

@@ -255,7 +255,7 @@ void add_functions(gauges &all)
 
 void metrics(const metrics_arguments &arguments)
 {
-    const bool to_output = arguments.file.empty() || arguments.file == standard_output;
+    const bool to_output = arguments.file.empty() || arguments.file == standard_stream;
     const std::string file = to_output ? "" : fs::absolute(arguments.file).string();
     gauges all;
     all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_name()}}, 1);

@@ -8,7 +8,7 @@
 #include "tools/base/suggest.h"
 #include "tools/pci/device.h"
 
-#include <device_access/device_access.hpp>
+#include <device_access/pci_sysfs.h>
 
 #include <algorithm>
 #include <bit>
@@ -25,12 +25,25 @@ namespace devaccess
 
 //--- access ---------------------------------------------------------------------------------------
 
-config_space::config_space(const sysfs_pci_identity_t &device) : id_(device.str)
+config_space::config_space(const sysfs_pci_identity_t &device, bool for_writing) : id_(device.str)
 {
-    const auto found = ask([&] { return pci_config_open(&device); });
-    if (!found.result)
-        fail("open the configuration space of " + id_, found, list_hint);
-    handle_.reset(found.result);
+    const std::string what = "open the configuration space of " + id_;
+    const auto found = ask([&] { return sysfs_pci_open("config", O_RDONLY | O_CLOEXEC, &device); });
+    if (found.result < 0)
+        fail(what, found, list_hint);
+    file_.reset(new int(found.result));
+    if (!for_writing)
+        return;
+    const auto writable = ask([&] { return pci_config_open(&device); });
+    if (!writable.result)
+        fail(what, writable, list_hint);
+    writable_.reset(writable.result);
+}
+
+void config_space::closing::operator()(const int *descriptor) const
+{
+    ::close(*descriptor);
+    delete descriptor;
 }
 
 std::optional<uint32_t> config_space::try_read(uint32_t offset, unsigned width) const
@@ -44,12 +57,13 @@ std::optional<uint32_t> config_space::try_read(uint32_t offset, unsigned width) 
             value = value << 8 | static_cast<unsigned char>(bytes_[offset + i]);
         return value;
     }
-    const auto read = width == 8    ? pci_config_read8
-                      : width == 16 ? pci_config_read16
-                                    : pci_config_read32;
+    errno = EINVAL;
+    if (offset % (width / 8) != 0)
+        return std::nullopt;
     errno = ENODATA;
-    const uint32_t value = read(offset, handle_.get());
-    return errno == 0 ? std::optional(value) : std::nullopt;
+    uint32_t value = 0; // the machine is little-endian, as the space is
+    const ssize_t size = width / 8;
+    return ::pread(*file_, &value, width / 8, offset) == size ? std::optional(value) : std::nullopt;
 }
 
 uint32_t config_space::read(uint32_t offset, unsigned width) const
@@ -63,7 +77,7 @@ uint32_t config_space::read(uint32_t offset, unsigned width) const
 void config_space::write(uint32_t offset, unsigned width, uint32_t value) const
 {
     errno = ENODATA;
-    void *handle = handle_.get();
+    void *handle = writable_.get();
     const int result = width == 8 ? pci_config_write8(static_cast<uint8_t>(value), offset, handle)
                        : width == 16
                            ? pci_config_write16(static_cast<uint16_t>(value), offset, handle)
@@ -90,12 +104,7 @@ std::string config_space::all_bytes() const
 {
     if (!is_device())
         return bytes_;
-    const auto device = device_access::pci_id::parse(id_).value_or(device_access::pci_id());
-    const auto file = ask([&] { return sysfs_pci_open("config", O_RDONLY | O_CLOEXEC, &device); });
-    if (file.result < 0)
-        fail("open the configuration space of " + id_, file, list_hint);
-    const opened closed([&] { ::close(file.result); });
-    return read_all(file.result, "the configuration space of " + id_);
+    return read_all(*file_, "the configuration space of " + id_);
 }
 
 //--- capabilities ---------------------------------------------------------------------------------

@@ -18,13 +18,14 @@ namespace devaccess
 class config_space
 {
 public:
-    explicit config_space(const sysfs_pci_identity_t &device);
+    // Reading asks for no right to write: without special rights the kernel shows 64 bytes.
+    explicit config_space(const sysfs_pci_identity_t &device, bool for_writing = false);
     config_space(std::string id, std::string bytes) : id_(std::move(id)), bytes_(std::move(bytes))
     {
     }
 
     const std::string &id() const { return id_; }
-    bool is_device() const { return handle_ != nullptr; }
+    bool is_device() const { return file_ != nullptr; }
 
     // Nothing when the register cannot be read; errno is then ENODATA when it lies beyond the end.
     std::optional<uint32_t> try_read(uint32_t offset, unsigned width) const;
@@ -39,7 +40,11 @@ private:
 
     std::string id_;
     std::string bytes_;
-    std::unique_ptr<void, decltype(&pci_config_close)> handle_ = {nullptr, pci_config_close};
+    struct closing {
+        void operator()(const int *descriptor) const;
+    };
+    std::unique_ptr<const int, closing> file_; // nullptr: what a file has kept
+    std::unique_ptr<void, decltype(&pci_config_close)> writable_ = {nullptr, pci_config_close};
 };
 
 //--- registers ------------------------------------------------------------------------------------

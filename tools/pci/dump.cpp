@@ -2,13 +2,14 @@
 #include "tools/pci/dump.h"
 
 #include "tools/base/errors.h"
+#include "tools/base/files.h"
 #include "tools/pci/device.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 #include <fmt/format.h>
 #include <linux/pci_regs.h>
@@ -19,6 +20,7 @@ namespace
 {
 
 constexpr size_t config_space_size = PCI_CFG_SPACE_EXP_SIZE;
+constexpr size_t most_of_a_dump = size_t{1} << 28; // bytes
 
 // "1f0: 86 80 ..."; false when it is no such line. Bytes follow what is there.
 bool take_bytes(const std::string &line, std::string &bytes)
@@ -54,13 +56,13 @@ std::string dump_of(const config_space &config, const pci_names &names)
 
 std::vector<config_space> read_dump(const std::string &path)
 {
-    std::ifstream file(path);
-    if (!file)
-        throw failure("read " + path, std::strerror(errno), "is it a file, and the name right?",
-                      errno);
     std::error_code none;
-    if (std::filesystem::is_character_file(path, none)) // whose only line may be endless
-        file.close();
+    const bool is_endless = std::filesystem::is_character_file(path, none);
+    const auto text = is_endless ? "" : read_file(path, most_of_a_dump);
+    if (!text)
+        throw failure("read " + path, std::strerror(ENOENT), "is it a file, and the name right?",
+                      ENOENT);
+    std::istringstream file(*text);
     std::vector<config_space> functions;
     std::string id, bytes;
     const auto finish = [&] {

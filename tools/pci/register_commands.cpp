@@ -139,7 +139,7 @@ record written(const config_space &config, const change &wanted, bool is_dry)
 
 void pci_write(const pci_arguments &arguments)
 {
-    const config_space config(pci_device(arguments.id));
+    const config_space config(pci_device(arguments.id), !arguments.dry_run);
     const std::vector<change> changes = changes_of(arguments, config);
     for (const change &c : changes)
         expect_within(config, c.place);
@@ -234,7 +234,11 @@ namespace
 config_space held_by(const sysfs_pci_identity_t &device)
 {
     const config_space config(device);
-    return {config.id(), config.all_bytes()};
+    const std::string bytes = config.all_bytes();
+    if (bytes.size() < PCI_STD_HEADER_SIZEOF)
+        throw failure("read the configuration space of " + config.id(),
+                      fmt::format("only {} bytes are shown", bytes.size()), list_hint);
+    return {config.id(), bytes};
 }
 
 std::vector<config_space> configs_of(const pci_arguments &arguments)
@@ -273,7 +277,7 @@ void pci_dump(const pci_arguments &arguments)
     }
     if (!arguments.other.empty())
         write_file(arguments.other, text, false);
-    if (settings.as_json && arguments.other != standard_output)
+    if (settings.as_json && arguments.other != standard_stream)
         print(record().add("file", text_or_null(arguments.other)).add(std::move(functions)));
     else if (arguments.other.empty())
         print_text(text);

@@ -24,6 +24,7 @@ constexpr size_t unsealed_index_size = sizeof(file_log_index_t);
 constexpr size_t index_position = 32;
 constexpr size_t message_size = entry_stride - sizeof(entry_record);
 constexpr uint32_t header_version = 0x1122;
+constexpr int most_histories = 200;
 
 // After the log in NVRAM: 8 status words, and then the fault mask.
 constexpr size_t status_words_at = nvram_layout.size - 72;
@@ -66,19 +67,27 @@ bool is_zero(const std::string &bytes)
     return bytes.find_first_not_of('\0') == bytes.npos;
 }
 
-// A record whose checksum alone has been looked at.
-log_record summed(const char *kind, size_t position, const std::string &bytes, uint32_t stored,
-                  uint32_t computed)
+// The layout with histories of the size that the index says, as many as fill the storage; nothing
+// when they do not.
+std::optional<log_layout> resized(log_layout layout, const std::string &bytes)
 {
-    log_record record = {kind, {}, {}, position, record_state::good, stored, computed, ""};
-    if (is_zero(bytes)) {
-        record.state = record_state::blank;
-        record.problem = "blank";
-    } else if (stored != computed) {
-        record.state = record_state::bad;
-        record.problem = "bad checksum";
+    const auto index = record_at<index_record>(bytes, index_position);
+    const bool is_whole = !layout.sealed_index || checksum_of(index) == index.checksum;
+    if (index.magic != layout.magic || !is_whole || index.log_size == layout.stride ||
+        index.log_size < sizeof(header_record) + 2 * entry_stride)
+        return std::nullopt;
+    layout.stride = index.log_size;
+    layout.size = bytes.size();
+    layout.histories = 0;
+    for (; layout.histories < most_histories; ++layout.histories) {
+        const size_t position = layout.header_position(layout.histories);
+        const auto header = record_at<header_record>(bytes, position);
+        if (header.log_size != layout.stride || header.start != position + sizeof header ||
+            checksum_of(header) != header.header_checksum)
+            break;
     }
-    return record;
+    const size_t end = layout.header_position(layout.histories + 2);
+    return layout.histories >= 2 && end > bytes.size() ? std::optional(layout) : std::nullopt;
 }
 
 std::string fresh_header(const log_layout &layout, int history, size_t entries)
@@ -126,6 +135,25 @@ log_image::log_image(const log_layout &layout, std::string bytes)
     index_ = decode_index();
     for (int number = 0; number < layout.histories; ++number)
         histories_.push_back(decode_history(number));
+}
+
+// A record whose checksum alone has been looked at.
+log_record log_image::summed(const char *kind, size_t position, const std::string &bytes,
+                             uint32_t stored, uint32_t computed) const
+{
+    log_record record = {kind, {}, {}, position, record_state::good, stored, computed, ""};
+    if (is_zero(bytes)) {
+        record.state = record_state::blank;
+        record.problem = "blank";
+        if (position + bytes.size() > bytes_.size() - missing_) {
+            record.problem = "beyond the end";
+            record.stored = record.computed = std::nullopt;
+        }
+    } else if (stored != computed) {
+        record.state = record_state::bad;
+        record.problem = "bad checksum";
+    }
+    return record;
 }
 
 log_record log_image::decode_index() const
@@ -196,7 +224,9 @@ uint32_t log_image::fault_mask() const
 bool log_image::is_blank() const
 {
     const size_t there = bytes_.size() - missing_;
-    return records().empty() || bytes_.find_first_not_of('\xff') >= there;
+    const bool has_room = there >= index_position + unsealed_index_size;
+    return (has_room ? records().empty() : is_zero(bytes_)) ||
+           bytes_.find_first_not_of('\xff') >= there;
 }
 
 bool log_image::holds_nothing() const
@@ -452,12 +482,17 @@ std::string log_image::repaired() const
 
 likely_log recognise(const std::string &bytes)
 {
-    likely_log likely = {&nvram_layout, 0, 0};
-    for (const log_layout *layout : {&nvram_layout, &file_layout, &eeprom_layout}) {
-        const log_image image(*layout, bytes);
+    likely_log likely = {nvram_layout, 0, 0};
+    const auto try_layout = [&](const log_layout &layout) {
+        const log_image image(layout, bytes);
         if (const size_t good = image.count_good(); good > likely.good_records)
             likely = {layout, good, image.good_entries().size()};
-    }
+    };
+    for (const log_layout &layout : {nvram_layout, file_layout, eeprom_layout})
+        try_layout(layout);
+    for (const log_layout &layout : {nvram_layout, file_layout})
+        if (const auto other_size = resized(layout, bytes))
+            try_layout(*other_size);
     return likely;
 }
 

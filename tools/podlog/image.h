@@ -69,7 +69,7 @@ public:
     uint32_t status_word(int index) const;
     uint32_t fault_mask() const;
 
-    bool is_blank() const;      // no record at all, or erased: all ones
+    bool is_blank() const;      // no record, as far as it has room for one, or erased: all ones
     bool holds_nothing() const; // no record of a log of this layout
     std::vector<log_record> wrong() const;
     bool is_good() const { return missing_ == 0 && wrong().empty(); }
@@ -98,6 +98,8 @@ public:
     std::string repaired() const;
 
 private:
+    log_record summed(const char *kind, size_t position, const std::string &bytes, uint32_t stored,
+                      uint32_t computed) const;
     log_record decode_index() const;
     log_history decode_history(int number) const;
     log_record decode_entry(int history, int slot, size_t position) const;
@@ -116,9 +118,10 @@ private:
     std::vector<log_history> histories_;
 };
 
-// What the bytes hold by the layout, of the three, by which most of their records are good.
+// What the bytes hold by the layout by which most of their records are good: one of the three, or
+// one with histories of the size that the index says, when they fill the storage so.
 struct likely_log {
-    const log_layout *layout;
+    log_layout layout;
     size_t good_records;
     size_t entries;
 };

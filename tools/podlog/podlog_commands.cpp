@@ -99,15 +99,25 @@ std::string remedy_hint(const log_storage &storage, const log_findings &found)
         return "its records are good; is another program using it?";
     case remedy::salvage:
         return with("salvage") + " shows what can be read";
+    case remedy::no_repair:
+        return with("salvage") + " shows what can be read; no command helps until the device has "
+                                 "all its bytes";
     case remedy::prepare:
         return with("prepare") + " makes a log of it";
     case remedy::prepare_over:
         return with("prepare", " --yes") + " saves what is there and makes a log in its place";
     case remedy::salvage_foreign:
-        return with("salvage") + " shows its entries, " +
-               (storage.is_eeprom()
-                    ? with("copy", " --force") + " replaces it by a log"
-                    : with("prepare", " --yes") + " saves it and makes a log in its place");
+    case remedy::salvage_post: {
+        const std::string shown =
+            (found.foreign ? with("salvage")
+                           : "'devaccess postlog salvage --file " + storage.path() + "'") +
+            " shows its entries";
+        return storage.is_copy() ? shown
+               : storage.is_eeprom()
+                   ? shown + ", " + with("copy", " --force") + " replaces it by a log"
+                   : shown + ", " + with("prepare", " --yes") +
+                         " saves it and makes a log in its place";
+    }
     case remedy::copy:
         return with("copy") + " makes a log of it";
     case remedy::copy_over:
@@ -140,6 +150,7 @@ log_findings expect_readable(const log_storage &storage)
 std::string save_aside(const log_storage &storage, const log_findings &found,
                        const std::string &file)
 {
+    ::close(storage.open(true)); // what cannot be written needs no copy
     std::string target = file;
     const std::string name = fmt::format("/var/tmp/podlog-{}-{:%Y%m%dT%H%M%SZ}",
                                          storage.card().name, fmt::gmtime(std::time(nullptr)));
@@ -160,11 +171,14 @@ log_findings expect_log(const log_storage &storage)
         return found;
     const std::string what = "read the POD log of " + storage.card().name;
     if (found.state == storage_state::missing)
-        throw failure(what, fmt::format("{}: {}", storage.path(), std::strerror(ENOENT)),
+        throw failure(what,
+                      found.way_out == remedy::none
+                          ? found.problem
+                          : fmt::format("{}: {}", storage.path(), std::strerror(ENOENT)),
                       way_out(storage, found), ENOENT);
     throw failure(what,
                   found.state == storage_state::empty ? storage.path() + " is blank"
-                  : found.foreign                     ? storage.path() + ": " + found.problem
+                  : found.names_kind()                ? storage.path() + ": " + found.problem
                                                       : storage.path() + " holds no POD log",
                   way_out(storage, found), 0, status_of(found.state));
 }

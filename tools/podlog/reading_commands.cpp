@@ -264,7 +264,7 @@ record storage_row(const log_storage &storage, const log_findings &found)
 
 std::vector<log_record> records_to_show(const log_findings &found, bool all)
 {
-    if (!found.log || found.log->is_blank() || found.foreign)
+    if (!found.log || found.log->is_blank() || found.names_kind())
         return {};
     return all ? found.log->records() : found.log->wrong();
 }
@@ -283,7 +283,7 @@ void check(const check_arguments &arguments)
     record_set records = {"records", {}};
     std::string hint; // of the first bad one
     size_t bad = 0;
-    exit_status status = exit_failed; // damage counts more than what could not be read
+    exit_status status = exit_failed;
     for (const pod_card &card : checked_cards(arguments)) {
         const log_storage storage(arguments.place, card);
         const log_findings found = storage.look();
@@ -292,8 +292,7 @@ void check(const check_arguments &arguments)
             records.rows.push_back(record().add("card", card.name).append(record_row(what)));
         if (found.state == storage_state::good)
             continue;
-        if (status != exit_damaged && status_of(found.state) != exit_failed)
-            status = status_of(found.state);
+        status = worse_of(status, status_of(found.state));
         if (bad++ == 0)
             hint = fmt::format("of {}: {}", card.name, remedy_hint(storage, found));
     }

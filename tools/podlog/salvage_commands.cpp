@@ -22,6 +22,14 @@ log_findings expect_bytes(const log_storage &storage)
     return found;
 }
 
+// Fails, before anything is changed, where no log can be made.
+void expect_room(const log_storage &storage, const log_findings &found, const std::string &what)
+{
+    if (found.way_out == remedy::no_repair || found.way_out == remedy::none)
+        throw failure(what, found.problem, remedy_hint(storage, found), found.error,
+                      status_of(found.state));
+}
+
 //--- save -----------------------------------------------------------------------------------------
 
 struct save_arguments {
@@ -36,7 +44,7 @@ void save(const save_arguments &arguments)
     const log_storage storage = storage_for_reading(arguments.card, arguments.place);
     const std::string bytes = expect_bytes(storage).bytes();
     write_file(arguments.target, bytes, !arguments.force);
-    if (arguments.target == standard_output)
+    if (arguments.target == standard_stream)
         return;
     print_done(record()
                    .add_hidden("table", table_name())
@@ -84,7 +92,7 @@ void salvage(const salvage_arguments &arguments)
             throw failure("read " + arguments.file, "there is no such file",
                           "'devaccess podlog save' makes one", ENOENT);
         print_salvaged(record().add("file", arguments.file),
-                       log_image(*recognise(*bytes).layout, *bytes));
+                       log_image(recognise(*bytes).layout, *bytes));
         return;
     }
     const log_storage storage = storage_for_reading(arguments.card, arguments.place);
@@ -109,24 +117,6 @@ std::string plan_of(const log_image &log)
                        log_image(log.layout(), log.repaired()).good_entries().size());
 }
 
-// Only a device that ends too early takes less than what is written.
-void write_repaired(const log_storage &storage)
-{
-    try {
-        storage.rewrite([&](const std::string &bytes) {
-            return log_image(storage.layout(), bytes).repaired();
-        });
-    } catch (const failure &failed) {
-        if (!storage.is_device())
-            throw;
-        throw failure(
-            "repair the log of " + storage.card().name, failed.what(),
-            podlog_command("salvage " + storage.card().name, storage.place()) +
-                " shows what can be read; no command helps until the device has all its bytes",
-            0, exit_damaged);
-    }
-}
-
 void print_repaired(const log_storage &storage, const log_image &before, const std::string &file)
 {
     const log_image now(storage.layout(), storage.bytes().value_or(""));
@@ -146,16 +136,18 @@ void repair(const repair_arguments &arguments)
     const log_findings found = expect_bytes(storage);
     const std::string what = "repair the log of " + storage.card().name;
     if (!found.holds_log)
-        throw failure(what, found.foreign ? found.problem : "it holds nothing of a log",
+        throw failure(what, found.names_kind() ? found.problem : "it holds nothing of a log",
                       way_out(storage, found), 0, status_of(found.state));
     if (found.state == storage_state::good) {
         print_repaired(storage, *found.log, "");
         return;
     }
+    expect_room(storage, found, what);
     if (!arguments.yes)
         throw failure(what, plan_of(*found.log), remedy_hint(storage, found));
     const std::string file = save_aside(storage, found, arguments.target);
-    write_repaired(storage);
+    storage.rewrite(
+        [&](const std::string &bytes) { return log_image(storage.layout(), bytes).repaired(); });
     print_repaired(storage, *found.log, file);
 }
 
@@ -173,22 +165,6 @@ std::string loss_of(const log_storage &storage, const log_image &log)
                        storage.is_nvram() ? ", the status words and the fault flags" : "");
 }
 
-// Fails, before anything is changed, when the device ends too early.
-void expect_room(const log_storage &storage, const log_findings &found, const std::string &what)
-{
-    try {
-        storage.rewrite([&](const std::string &bytes) {
-            return bytes + std::string(found.log->missing(), '\0');
-        });
-    } catch (const failure &) {
-        throw failure(what, found.problem,
-                      podlog_command("salvage " + storage.card().name, storage.place()) +
-                          " shows what can be read; no command helps until the device has all its "
-                          "bytes",
-                      0, exit_damaged);
-    }
-}
-
 void reset(const reset_arguments &arguments)
 {
     const log_storage storage = storage_for_writing(arguments.card, {});
@@ -200,8 +176,7 @@ void reset(const reset_arguments &arguments)
                       podlog_command("save " + storage.card().name + " FILE") + " keeps them, " +
                           podlog_command("reset " + storage.card().name + " --yes") +
                           " saves them in /var/tmp and goes on");
-    if (found.log && found.log->missing() > 0)
-        expect_room(storage, found, what);
+    expect_room(storage, found, what);
     const bool has_something = found.log && found.state != storage_state::empty;
     const std::string file = has_something ? save_aside(storage, found) : "";
     if (const std::string lack = reset_storage(storage, what); !lack.empty())

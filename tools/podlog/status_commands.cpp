@@ -63,7 +63,8 @@ log_image nvram_contents(const log_storage &nvram)
 {
     const log_findings found = expect_log(nvram);
     if (found.log->missing() > 0)
-        throw failure("read " + nvram.path(), found.problem, way_out(nvram, found));
+        throw failure("read " + nvram.path(), found.problem, way_out(nvram, found), 0,
+                      exit_damaged);
     return *found.log;
 }
 

@@ -4,12 +4,14 @@
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
 #include "tools/base/output.h"
+#include "tools/postlog/blocks.h"
 
 #include <device_access/pod_log_file.h>
 #include <device_access/pod_log_nvram.h>
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -19,6 +21,8 @@ namespace devaccess
 {
 namespace
 {
+
+namespace fs = std::filesystem;
 
 constexpr char nvram_path[] = "/dev/nvlog-pod";
 
@@ -56,6 +60,31 @@ int open_nvram(bool writable)
     fail(what, found, "is the module of the NVRAM loaded? /sys/class/zmt_nvram shows its blocks");
 }
 
+// The first link on the way to the file that leads to nothing.
+std::optional<fs::path> dangling_link(const fs::path &path)
+{
+    std::error_code none;
+    fs::path so_far;
+    for (const fs::path &part : path) {
+        so_far /= part;
+        if (fs::is_symlink(so_far, none) && !fs::exists(so_far, none))
+            return so_far;
+    }
+    return std::nullopt;
+}
+
+// Where the link leads; another file itself.
+fs::path target_of(const fs::path &path)
+{
+    std::error_code none;
+    return path.parent_path() / (fs::is_symlink(path, none) ? fs::read_symlink(path, none) : path);
+}
+
+std::string hint_on(int error)
+{
+    return error == EROFS ? "no command helps until that file system is writable" : "";
+}
+
 } // namespace
 
 int secondary_of(const pod_card &card)
@@ -87,9 +116,10 @@ int log_storage::open(bool writable) const
 {
     if (is_device())
         return open_nvram(writable);
-    const int descriptor = ::open(path_.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+    const int descriptor =
+        ::open(path_.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NONBLOCK);
     if (descriptor < 0)
-        throw failure("open " + path_, std::strerror(errno), "", errno);
+        throw failure("open " + path_, std::strerror(errno), hint_on(errno), errno);
     return descriptor;
 }
 
@@ -152,10 +182,8 @@ std::string problem_of(const log_image &log, bool holds_log)
 
 log_findings log_storage::judge(std::optional<std::string> bytes) const
 {
-    if (!bytes) {
-        const log_image nothing(*layout_, "");
-        return {storage_state::missing, "missing", way_out(nothing), {}, ENOENT};
-    }
+    if (!bytes)
+        return judge_missing();
     log_findings found = {storage_state::good, "", remedy::none, log_image(*layout_, *bytes)};
     const log_image &log = *found.log;
     found.way_out = way_out(log);
@@ -163,26 +191,67 @@ log_findings log_storage::judge(std::optional<std::string> bytes) const
     if (log.is_good())
         return found;
     found.problem = problem_of(log, found.holds_log);
-    if (log.is_blank()) {
-        found.state = storage_state::empty;
+    found.state = log.is_blank()    ? storage_state::empty
+                  : found.holds_log ? storage_state::damaged
+                                    : storage_state::foreign;
+    if (!log.is_blank())
+        name_kind(*bytes, found);
+    return found;
+}
+
+// A link that leads to where a file can be made does as well as none.
+log_findings log_storage::judge_missing() const
+{
+    log_findings found = {
+        storage_state::missing, "missing", way_out(log_image(*layout_, "")), {}, ENOENT};
+    const auto link = dangling_link(path_);
+    if (!link)
         return found;
-    }
-    found.state = found.holds_log ? storage_state::damaged : storage_state::foreign;
-    const likely_log likely = recognise(*bytes);
-    if (log.index().state == record_state::good || likely.good_records <= log.count_good())
+    std::error_code none;
+    const fs::path target = target_of(*link);
+    const bool is_file = *link == path_;
+    if (is_file && fs::is_directory(target.parent_path(), none))
         return found;
-    found.foreign = likely.layout;
+    found.way_out = remedy::none;
+    found.problem =
+        fmt::format("the link {} leads to {}, which is missing", link->string(), target.string());
+    found.advice = fmt::format("make the directory {}, or remove the link",
+                               (is_file ? target.parent_path() : target).string());
+    return found;
+}
+
+// Where more is found of another kind of log, it is that.
+void log_storage::name_kind(const std::string &bytes, log_findings &found) const
+{
+    const log_image &log = *found.log;
+    const likely_log likely = recognise(bytes);
+    const post_image post = saved_post_image(bytes);
+    const size_t most = std::max(log.count_good(), likely.good_records);
+    const bool is_post = post.good_records() > most;
+    if (log.index().state == record_state::good || (most == log.count_good() && !is_post))
+        return;
+    if (!is_post)
+        found.foreign = likely.layout;
     found.holds_log = false;
     found.state = storage_state::foreign;
-    found.problem = fmt::format("it is {} with {} entries", likely.layout->title, likely.entries);
-    found.way_out = remedy::salvage_foreign;
-    return found;
+    const bool is_resized = likely.layout.title == layout_->title;
+    found.problem =
+        is_post ? fmt::format("it is a block of the POST log with {} entries",
+                              post.good_entries().size())
+                : fmt::format("it is {}{} with {} entries", likely.layout.title,
+                              is_resized ? fmt::format(" of histories of {} bytes, not {},",
+                                                       likely.layout.stride, layout_->stride)
+                                         : "",
+                              likely.entries);
+    found.way_out = is_post ? remedy::salvage_post : remedy::salvage_foreign;
 }
 
 remedy log_storage::way_out(const log_image &log) const
 {
-    if (!place_.nvram.empty() || !place_.pod_directory.empty())
+    if (is_copy())
         return remedy::salvage;
+    if (is_device() && log.missing() > 0 && !fs::is_regular_file(path_))
+        return remedy::no_repair;
     if (log.is_blank())
         return is_eeprom() ? remedy::copy : remedy::prepare;
     if (log.holds_nothing() && log.strays().empty())
@@ -205,6 +274,13 @@ void reset_nvram()
     ask_log([] { return podlog_nvram_reset(0); });
 }
 
+// Fails where the directory takes no such file.
+void expect_place(const fs::path &file)
+{
+    if (::access(target_of(file).parent_path().c_str(), W_OK) != 0 && errno != ENOENT)
+        throw failure("make " + file.string(), std::strerror(errno), hint_on(errno), errno);
+}
+
 void reset_file(const log_storage &storage, const std::string &what)
 {
     if (storage.bytes())
@@ -214,8 +290,10 @@ void reset_file(const log_storage &storage, const std::string &what)
         });
     const int id = storage.card().storage_id;
     const auto ready = ask_log([id] { return podlog_file_init(id, 0); });
-    if (ready.result != 1)
+    if (ready.result != 1) {
+        expect_place(storage.path());
         fail(what, ready, "is the disk full?");
+    }
     const opened file([id] { podlog_file_close(id); });
     ask_log([id] { return podlog_file_reset(id); });
 }

@@ -24,13 +24,15 @@ struct log_place {
 enum class remedy {
     none,
     try_again,
-    salvage, // it is a copy: its entries can be read
+    salvage,   // it is a copy: its entries can be read
+    no_repair, // the same of a device that ends too early
     prepare,
     prepare_over, // what is there is saved, and replaced
     copy,
     copy_over,
     repair,
     salvage_foreign,
+    salvage_post, // by the commands for POST logs
 };
 
 // What a storage holds, as far as it can be read.
@@ -38,12 +40,16 @@ struct log_findings {
     storage_state state;
     std::string problem; // empty when it holds a good log
     remedy way_out = remedy::none;
-    std::optional<log_image> log = {};   // nothing when there are no bytes
-    int error = 0;                       // errno, when it cannot be read
-    std::string advice = {};             // on what kept it from being read
-    const log_layout *foreign = nullptr; // another kind of log
-    bool holds_log = false;              // of the layout that the storage has
+    std::optional<log_image> log = {};      // nothing when there are no bytes
+    int error = 0;                          // errno, when it cannot be read
+    std::string advice = {};                // on what kept it from being read
+    std::optional<log_layout> foreign = {}; // another kind of log
+    bool holds_log = false;                 // of the layout that the storage has
 
+    bool names_kind() const
+    {
+        return way_out == remedy::salvage_foreign || way_out == remedy::salvage_post;
+    }
     // The bytes that are there, without those that the log was filled up with.
     std::string bytes() const;
 };
@@ -61,6 +67,7 @@ public:
     bool is_nvram() const { return layout_ == &nvram_layout; }
     bool is_eeprom() const { return layout_ == &eeprom_layout; }
     bool is_device() const { return is_nvram() && place_.nvram.empty(); }
+    bool is_copy() const { return !place_.nvram.empty() || !place_.pod_directory.empty(); }
 
     // Its bytes; nothing when the file is missing.
     std::optional<std::string> bytes() const;
@@ -77,6 +84,8 @@ public:
     void rewrite(const std::function<std::string(const std::string &)> &change) const;
 
 private:
+    log_findings judge_missing() const;
+    void name_kind(const std::string &bytes, log_findings &found) const;
     remedy way_out(const log_image &log) const;
 
     log_place place_;

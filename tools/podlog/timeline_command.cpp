@@ -55,10 +55,9 @@ public:
                                      .add("source", source)
                                      .add("state", name_of(state))
                                      .add("problem", problem));
-        if (status_ != exit_damaged)
-            status_ = status_of(state);
+        status_ = worse_of(status_, status_of(state));
     }
-    // By the problems; damage counts more than what could not be read.
+    // By the worst problem.
     exit_status status() const { return status_; }
 
     // Entries of one moment stay as the logs have them.

@@ -215,10 +215,11 @@ std::string eeprom_to_fill(const copy_arguments &arguments, const log_storage &s
         throw failure("copy to " + storage.path(),
                       "it is neither empty nor an EEPROM's log of 8192 bytes",
                       podlog_command("copy " + storage.card().name + " --force", storage.place()) +
-                          " overwrites it");
+                          " overwrites it",
+                      0, status_of(found.state));
     if (found.state == storage_state::damaged)
         throw failure("copy to " + storage.path(), "the log in it is damaged",
-                      way_out(storage, found));
+                      way_out(storage, found), 0, exit_damaged);
     return bytes;
 }
 
@@ -283,14 +284,14 @@ void format(const log_storage &storage)
                                          : "is the disk full?");
 }
 
-// A file of which not all could be made leaves nothing behind.
+// A file of which not all could be made leaves nothing behind, but a link to it stays.
 void create(const log_storage &storage)
 {
     try {
         format(storage);
     } catch (const failure &) {
         std::error_code ignored;
-        std::filesystem::remove(storage.path(), ignored);
+        std::filesystem::remove(std::filesystem::canonical(storage.path(), ignored), ignored);
         throw;
     }
 }
@@ -311,14 +312,16 @@ preparation prepare_one(const log_storage &storage, bool yes)
     if (found.state == storage_state::good)
         return {"kept"};
     const std::string what = "prepare the log of " + storage.card().name;
-    if (found.holds_log)
-        throw failure(what, "it holds a log, which is damaged", way_out(storage, found), 0,
-                      exit_damaged);
+    if (found.way_out == remedy::none)
+        throw failure(what, found.problem, found.advice, ENOENT);
+    if (found.holds_log || found.way_out == remedy::no_repair)
+        throw failure(what, found.holds_log ? "it holds a log, which is damaged" : found.problem,
+                      way_out(storage, found), 0, exit_damaged);
     const bool is_foreign = found.state == storage_state::foreign;
     if (is_foreign && !yes)
-        throw failure(what,
-                      found.foreign ? found.problem : "it would erase " + contents_of(*found.log),
-                      way_out(storage, found), 0, exit_damaged);
+        throw failure(
+            what, found.names_kind() ? found.problem : "it would erase " + contents_of(*found.log),
+            way_out(storage, found), 0, exit_damaged);
     const std::string saved = is_foreign ? save_aside(storage, found) : "";
     const bool is_there = found.log.has_value();
     is_there ? format(storage) : create(storage);
@@ -338,7 +341,9 @@ void prepare(const prepare_arguments &arguments)
         try {
             done = prepare_one(storage, arguments.yes);
         } catch (const failure &failed) {
+            const exit_status so_far = first ? first->status : exit_failed;
             first = first ? first : failed;
+            first->status = worse_of(so_far, failed.status);
         }
         set.rows.push_back(record()
                                .add("card", card.name)

@@ -10,6 +10,7 @@
 
 #include <device_access/post_log_nvram_pcie_access.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -84,6 +85,13 @@ int open_device(log_type_t block, const std::string &path)
     }
 }
 
+// The magic numbers of POD logs stand after 32 bytes.
+bool is_pod_log(const std::string &bytes)
+{
+    const std::string magic = bytes.substr(std::min<size_t>(bytes.size(), 32), 4);
+    return magic == "\x65\xc3\xe2\x1f" || magic == "\x63\xc3\xe2\x1f";
+}
+
 post_findings judge_post(int histories, const std::string &bytes)
 {
     post_findings found = {storage_state::good, "", post_image(histories, bytes)};
@@ -94,7 +102,9 @@ post_findings judge_post(int histories, const std::string &bytes)
     found.state = log.is_blank()        ? storage_state::empty
                   : log.holds_nothing() ? storage_state::foreign
                                         : storage_state::damaged;
-    found.problem = log.is_blank() ? "blank"
+    found.is_pod_log = log.holds_nothing() && is_pod_log(bytes);
+    found.problem = log.is_blank()     ? "blank"
+                    : found.is_pod_log ? "it is a POD log"
                     : log.holds_nothing()
                         ? "it holds no POST log"
                         : fmt::format("{} bad record{}, first the {}: {}", wrong.size(),
@@ -236,6 +246,8 @@ std::string post_block::remedy(const post_findings &found) const
         return place_.command(std::string("salvage ") + name()) + " shows what can be read";
     if (found.state == storage_state::empty)
         return "the firmware has written no log there";
+    if (found.is_pod_log && place_.pcie.empty())
+        return "'devaccess podlog salvage --file " + path() + "' shows its entries";
     return place_.pcie.empty() ? "is it the block's device, or a copy of it?"
                                : "is it the window of an NVRAM controller?";
 }

@@ -27,6 +27,7 @@ struct post_findings {
     storage_state state;
     std::string problem; // empty when it holds a good log
     std::optional<post_image> log = {};
+    bool is_pod_log = false;
     int error = 0;           // errno, when it cannot be read
     std::string advice = {}; // on what kept it from being read
 };

@@ -29,7 +29,8 @@ struct postlog_arguments {
     bool force = false;
 };
 
-// Does this for each wanted block, and tells of the first failure at the end.
+// Does this for each wanted block, and tells of the first failure at the end, with the status of
+// the worst.
 class each_block
 {
 public:
@@ -45,7 +46,9 @@ public:
             try {
                 work(block);
             } catch (const failure &failed) {
+                const exit_status so_far = first_ ? first_->status : exit_failed;
                 first_ = first_ ? first_ : failed;
+                first_->status = worse_of(so_far, failed.status);
             }
         }
     }
@@ -199,8 +202,8 @@ void check(const postlog_arguments &arguments)
 {
     record_set storages = {"storages", {}};
     record_set records = {"records", {}};
-    std::string hint;                 // of the first bad one
-    exit_status status = exit_failed; // damage counts more than what could not be read
+    std::string hint; // of the first bad one
+    exit_status status = exit_failed;
     size_t bad = 0;
     for (const post_block &block : open_blocks(arguments.place, arguments.block)) {
         const post_findings found = block.look();
@@ -211,8 +214,7 @@ void check(const postlog_arguments &arguments)
                     record().add("block", block.name()).append(record_row(what)));
         if (found.state == storage_state::good)
             continue;
-        if (status != exit_damaged && status_of(found.state) != exit_failed)
-            status = status_of(found.state);
+        status = worse_of(status, status_of(found.state));
         if (bad++ == 0)
             hint = fmt::format("of {}: {}", block.name(), block.remedy(found));
     }
