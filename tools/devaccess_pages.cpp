@@ -141,6 +141,12 @@ one object, says what, why and what to try.
 .TP
 .B 2
 The command line is wrong.
+.TP
+.B 3
+Damage was found, after what could be read has been printed.
+.TP
+.B 4
+Something could not be read: it is busy, forbidden or unreachable.
 .SH FILES
 .TP
 .I share/common_device_access/devaccess.schema.json
