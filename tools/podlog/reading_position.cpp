@@ -115,7 +115,8 @@ void reading_position::save() const
     for (const auto &[log, entries] : now_)
         for (const auto &[sum, count] : entries)
             known[log][sum] = std::max(known[log][sum], count);
-    std::string text = std::string(first_line) + '\n';
+    std::string text = first_line;
+    text += '\n';
     for (const auto &[log, entries] : known)
         for (const auto &[sum, count] : entries)
             text += fmt::format("{:016x} {} {}\n", sum, count, log);
