@@ -1,6 +1,7 @@
 // What devaccess reads, decodes, compares and writes of hardware registers.
 #include "support/tool.h"
 
+#include <filesystem>
 #include <unistd.h>
 
 namespace
@@ -54,6 +55,16 @@ TEST(devaccess_pci, reads_writes_dumps_and_watches_mapped_registers)
     follow("devaccess/registers_terminal.txt");
     chassis_sim::write_file("/dev/mem", std::string(0x3000, '\0'));
     follow("devaccess/mem.txt");
+    expect_documented();
+}
+
+TEST(devaccess_pci, names_registers_of_devices_that_have_a_map)
+{
+    start_chassis();
+    std::filesystem::copy(SOURCE "/tests/expected/devaccess/maps", "/var/tmp/maps");
+    ::setenv("DEVACCESS_MAPS", "/var/tmp/none:/var/tmp/maps", 1);
+    chassis_sim::write_file("/dev/mem", std::string(0x3000, '\0'));
+    follow("devaccess/named_registers.txt");
     expect_documented();
 }
 

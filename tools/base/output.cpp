@@ -1,4 +1,4 @@
-// Prints records as tables, CSV and JSON; the only file that knows a JSON library.
+// Prints records as tables, CSV and JSON.
 #include "tools/base/output.h"
 
 #include "tools/base/errors.h"
@@ -80,6 +80,11 @@ std::string serialized(const record &what, int indent)
 std::string record::as_json(int indent) const
 {
     return dump(json_writer()(*this), indent);
+}
+
+std::string document_of(const record &what)
+{
+    return serialized(what, 2) + '\n';
 }
 
 std::string field_value::text() const
@@ -363,7 +368,7 @@ record &add_records(record &shown, record_set records)
 void print(const record &what)
 {
     if (settings.as_json)
-        std::cout << serialized(what, 2) << '\n';
+        std::cout << document_of(what);
     else
         what.print_as_text();
 }

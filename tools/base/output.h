@@ -136,6 +136,9 @@ record &add_records(record &shown, record_set records);
 void print(const record &what);
 void print(record_set set);
 
+// The JSON text that --json would print.
+std::string document_of(const record &what);
+
 // What they are about, and entries of logs; or these alone, a line each, as JSON or CSV. As JSON,
 // so are the records of what they are about, which are problems.
 void print_entries(record about, record_set entries);

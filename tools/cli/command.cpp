@@ -40,10 +40,17 @@ option &option::takes_one()
     return *this;
 }
 
-option &option::choices(chooser words)
+option &option::proposals(chooser words)
 {
     notes_->values[is_] = std::move(words);
-    return check([](const std::string &word) { return word.empty() ? "it is empty" : ""; });
+    return *this;
+}
+
+option &option::choices(chooser words)
+{
+    return proposals(std::move(words)).check([](const std::string &word) {
+        return word.empty() ? "it is empty" : "";
+    });
 }
 
 option &option::paths()

@@ -17,7 +17,7 @@ class Option;
 namespace devaccess
 {
 
-// Options on the line so far, by name, "--chassis".
+// Options and arguments on the line so far, by name: "--chassis", "NODE".
 using given_options = std::map<std::string, std::string>;
 // What an option or argument can be, for the completion.
 using chooser = std::function<std::vector<std::string>(const given_options &)>;
@@ -56,6 +56,8 @@ public:
     option &excludes(const option &other);
     option &takes_one();
 
+    // What the completion offers.
+    option &proposals(chooser words);
     // For these the value cannot be empty, as a script's variable can be: no card, say, would mean
     // all of them.
     option &choices(chooser words);

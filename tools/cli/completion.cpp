@@ -38,6 +38,16 @@ void pass_option(place &here, const std::string &word)
         here.expecting = option;
 }
 
+// Keeps an argument under its name.
+void pass_argument(place &here, const std::string &word)
+{
+    size_t position = 0;
+    for (const CLI::Option *option : here.command->get_options())
+        if (option->get_positional() && position++ == here.arguments)
+            here.given[option->get_name(true)] = word;
+    ++here.arguments;
+}
+
 void pass(place &here, const std::string &word)
 {
     if (here.expecting) {
@@ -49,7 +59,7 @@ void pass(place &here, const std::string &word)
                    here.arguments == 0 ? child(*here.command, word) : nullptr) {
         here.command = command;
     } else {
-        ++here.arguments;
+        pass_argument(here, word);
     }
 }
 

@@ -130,6 +130,12 @@ void add_watch(command &to, wait_options &wait)
 {
     to.add_option("--until", "VALUE[/MASK]", wait.until,
                   "End when the register holds this value, in the bits of the mask");
+    add_every(to, wait);
+    add_timeout(to, wait);
+}
+
+void add_every(command &to, wait_options &wait)
+{
     to.add_option("--every", "MS", wait.every, "Milliseconds between two reads")
         .check([](const std::string &text) {
             return text.size() <= 7 && text.find_first_not_of("0123456789") == text.npos &&
@@ -138,7 +144,6 @@ void add_watch(command &to, wait_options &wait)
                        : "'" + text + "' is no number from 0 to 3600000";
         })
         .show_default();
-    add_timeout(to, wait);
 }
 
 } // namespace devaccess

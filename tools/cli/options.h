@@ -21,6 +21,8 @@ void add_timeline_format(command &to);
 void add_time_span(command &to, time_span &span);
 // --timeout
 void add_timeout(command &to, wait_options &wait);
+// --every
+void add_every(command &to, wait_options &wait);
 // What a command that watches a register takes.
 void add_watch(command &to, wait_options &wait);
 

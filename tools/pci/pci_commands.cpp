@@ -407,6 +407,16 @@ std::vector<std::string> device_names(const given_options &)
 
 void add_nothing(command &, pci_arguments &) {}
 
+} // namespace
+
+option add_id(command &to, std::string &id)
+{
+    return to.argument("ID", id, "PCI function, e.g. 0000:03:00.0").choices(device_names);
+}
+
+namespace
+{
+
 void add_filters(command &to, pci_arguments &arguments)
 {
     to.add_option("-s,--slot", "WHERE", arguments.slot_filter,
@@ -417,7 +427,7 @@ void add_filters(command &to, pci_arguments &arguments)
 
 option add_id(command &to, pci_arguments &arguments)
 {
-    return to.argument("ID", arguments.id, "PCI function, e.g. 0000:03:00.0").choices(device_names);
+    return add_id(to, arguments.id);
 }
 
 void add_device(command &to, pci_arguments &arguments)
@@ -505,6 +515,7 @@ void describe_pci(command &pci)
             pci_link_wait);
     pci.add("children", "List the functions below a bridge", add_device, pci_children);
     pci.add_family("bridge", "Hot-swap bridges", describe_bridge);
+    pci.add_family("bar", "Memory resources, mapped", describe_bar);
 }
 
 } // namespace devaccess

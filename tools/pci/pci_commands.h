@@ -24,6 +24,8 @@ struct pci_arguments {
 };
 
 void describe_pci(command &pci);
+void describe_bar(command &bar);
+option add_id(command &to, std::string &id);
 
 // The function that they name, of the machine or of the file.
 config_space config_of(const pci_arguments &arguments);

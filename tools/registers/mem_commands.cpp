@@ -1,11 +1,13 @@
-// Physical memory: mem read, write, dump.
+// Physical memory: mem read, write, dump, watch, show, diff.
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
 #include "tools/base/numbers.h"
-#include "tools/registers/register_bank.h"
 #include "tools/registers/register_commands.h"
+#include "tools/registers/source_commands.h"
 
 #include <device_access/mmap_device.h>
+
+#include <memory>
 
 #include <fmt/format.h>
 #include <sys/mman.h>
@@ -15,8 +17,6 @@ namespace devaccess
 {
 namespace
 {
-
-using mem_arguments = bank_arguments;
 
 constexpr uint32_t longest_access = 1u << 30;
 
@@ -53,64 +53,61 @@ private:
     void *base_;
 };
 
-uint64_t address_of(const mem_arguments &arguments)
+class memory : public register_source
 {
-    return parse_number("the address", arguments.offset, UINT64_MAX);
-}
+public:
+    explicit memory(const register_arguments &arguments) : base_(arguments.base) {}
 
-void read(const mem_arguments &arguments)
-{
-    const uint64_t count =
-        arguments.count.empty() ? 1 : parse_count("the count", arguments.count, longest_access);
-    const mapped_memory memory(address_of(arguments), count * arguments.width / 8);
-    read_bank(memory.bank(), address_of(arguments), arguments);
-}
+    std::string name() const override { return "memory"; }
+    record identity() const override { return {}; }
+    const char *window_word() const override { return nullptr; }
+    std::vector<std::string> map_names() const override { return {}; }
+    uint64_t most_bytes() const override { return longest_access; }
+    uint64_t dumped_bytes(const register_bank &, uint64_t) const override { return length; }
 
-void write(const mem_arguments &arguments)
-{
-    const mapped_memory memory(address_of(arguments), arguments.width / 8);
-    write_bank(memory.bank(), address_of(arguments), arguments);
-}
+    register_bank bank(unsigned, uint64_t place, uint64_t bytes) override
+    {
+        mapped_ = std::make_unique<mapped_memory>(place, bytes == 0 ? length : bytes);
+        return mapped_->bank();
+    }
 
-void dump(const mem_arguments &arguments)
-{
-    const uint64_t bytes =
-        arguments.count.empty() ? 256 : parse_count("the length", arguments.count, longest_access);
-    const mapped_memory memory(address_of(arguments), bytes);
-    dump_bank(memory.bank(), address_of(arguments), bytes, arguments.width);
-}
+    register_bank bank_of(const register_map::map &map, unsigned window) override
+    {
+        if (window != 0)
+            throw usage_error("only registers of map 0 have an address");
+        if (base_.empty() && !map.address)
+            throw usage_error("the map says no address; --base ADDRESS does");
+        const uint64_t address =
+            base_.empty() ? *map.address : parse_number("the base", base_, UINT64_MAX);
+        uint64_t end = 1;
+        for (const register_map::reg &one : map.registers)
+            end = std::max(end, one.offset + uint64_t{one.width()});
+        register_bank made = bank(window, address, end);
+        made.origin = address;
+        return made;
+    }
 
-void add_address(command &to, mem_arguments &arguments)
-{
-    to.argument("ADDRESS", arguments.offset, "Physical address in bytes").required();
-}
+    static std::vector<std::string> map_names_of_device(const std::string &) { return {}; }
+    static constexpr char place_words[] = "ADDRESS";
+    static constexpr char device_word[] = "";
+    static void add_device(command &to, register_arguments &arguments)
+    {
+        to.add_option("--base", "ADDRESS", arguments.base,
+                      "Where named registers begin (default: the map's address)");
+    }
 
-void add_read(command &to, mem_arguments &arguments)
-{
-    add_address(to, arguments);
-    add_count(to, arguments);
-}
+private:
+    static constexpr uint64_t length = 256; // of a dump
 
-void add_write(command &to, mem_arguments &arguments)
-{
-    add_address(to, arguments);
-    add_value(to, arguments);
-}
-
-void add_dump(command &to, mem_arguments &arguments)
-{
-    add_address(to, arguments);
-    to.argument("LENGTH", arguments.count, "Number of bytes (default: 256)");
-    add_width(to, arguments);
-}
+    std::string base_;
+    std::unique_ptr<mapped_memory> mapped_;
+};
 
 } // namespace
 
 void describe_mem(command &mem)
 {
-    mem.add("read", "Read registers", add_read, read);
-    mem.add("write", "Write a register", add_write, write);
-    mem.add("dump", "Print registers in hexadecimal", add_dump, dump);
+    add_register_commands<memory>(mem);
 }
 
 } // namespace devaccess

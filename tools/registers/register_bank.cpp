@@ -11,8 +11,6 @@
 
 namespace devaccess
 {
-namespace
-{
 
 uint64_t read_register(const device_access::window &window, size_t offset, unsigned width)
 {
@@ -43,7 +41,6 @@ void write_register(const device_access::window &window, size_t offset, unsigned
     }
 }
 
-// Where registers lie in the window; refuses what does not fit.
 size_t offset_in(const register_bank &bank, uint64_t place, uint64_t bytes, unsigned width)
 {
     if (place % (width / 8) != 0)
@@ -62,6 +59,9 @@ int digits_of(unsigned width)
 {
     return static_cast<int>(width / 4);
 }
+
+namespace
+{
 
 record value_row(const register_bank &bank, uint64_t place, unsigned width, uint64_t value)
 {
@@ -86,28 +86,6 @@ record_set rows_of(const register_bank &bank, uint64_t place, uint64_t count, un
 
 } // namespace
 
-void add_width(command &to, bank_arguments &arguments)
-{
-    to.add_option("--width", "BITS", arguments.width, "Width of the register in bits")
-        .one_of({"8", "16", "32", "64"})
-        .show_default();
-}
-
-void add_count(command &to, bank_arguments &arguments)
-{
-    to.argument("COUNT", arguments.count, "Number of consecutive registers to read (default: one)");
-    add_width(to, arguments);
-}
-
-void add_value(command &to, bank_arguments &arguments)
-{
-    to.argument("VALUE", arguments.value,
-                "Value to write; with VALUE/MASK, only the bits of the mask change")
-        .required();
-    to.add_flag("--dry-run", arguments.dry_run, "Only show what would be written");
-    add_width(to, arguments);
-}
-
 uint64_t parse_count(const std::string &name, const std::string &text, uint64_t max)
 {
     const uint64_t count = parse_number(name, text, max);
@@ -116,44 +94,45 @@ uint64_t parse_count(const std::string &name, const std::string &text, uint64_t 
     return count;
 }
 
-void read_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments)
+void read_bank(const register_bank &bank, uint64_t place, const std::string &count_text,
+               unsigned width)
 {
     record shown = bank.identity;
-    if (arguments.count.empty()) {
-        offset_in(bank, place, arguments.width / 8, arguments.width);
-        print(shown.append(rows_of(bank, place, 1, arguments.width).rows[0]));
+    if (count_text.empty()) {
+        offset_in(bank, place, width / 8, width);
+        print(shown.append(rows_of(bank, place, 1, width).rows[0]));
         return;
     }
-    const auto count = parse_count("the count", arguments.count, UINT32_MAX);
-    print(shown.add(rows_of(bank, place, count, arguments.width)));
+    const auto count = parse_count("the count", count_text, UINT32_MAX);
+    print(shown.add(rows_of(bank, place, count, width)));
 }
 
-void write_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments)
+void write_bank(const register_bank &bank, uint64_t place, const std::string &text, unsigned width,
+                bool is_dry)
 {
-    const unsigned width = arguments.width;
-    const masked_value wanted = parse_masked(arguments.value, highest(width));
+    const masked_value wanted = parse_masked(text, highest(width));
     const size_t offset = offset_in(bank, place, width / 8, width);
     std::optional<uint64_t> before; // not read unless needed: that may have effects
-    if (arguments.dry_run || !wanted.is_whole())
+    if (is_dry || !wanted.is_whole())
         before = read_register(bank.window, offset, width);
     const uint64_t value = wanted.applied_to(before.value_or(0));
-    if (!arguments.dry_run)
+    if (!is_dry)
         write_register(bank.window, offset, width, value);
     record shown = bank.identity;
     shown.add("before", before, before ? hex(*before, digits_of(width)) : "-")
         .append(value_row(bank, place, width, value));
-    if (arguments.dry_run)
+    if (is_dry)
         print(shown);
     else
         print_done(shown);
 }
 
-void watch_bank(const register_bank &bank, uint64_t place, const bank_arguments &arguments)
+void watch_bank(const register_bank &bank, uint64_t place, unsigned width,
+                const wait_options &options)
 {
-    const unsigned width = arguments.width;
     const size_t offset = offset_in(bank, place, width / 8, width);
     watch_register(
-        fmt::format("{:#x} of {}", place, bank.name), bank.directory, width, arguments.wait,
+        fmt::format("{:#x} of {}", place, bank.name), bank.directory, width, options,
         [&] { return read_register(bank.window, offset, width); },
         [&](uint64_t value) { return value_row(bank, place, width, value); });
 }

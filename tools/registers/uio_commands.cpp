@@ -1,12 +1,12 @@
-// UIO devices: uio list, info, read, write, dump, watch, wait.
+// UIO devices: uio list, info, wait, and the device behind the commands on registers.
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
 #include "tools/base/numbers.h"
 #include "tools/base/output.h"
 #include "tools/base/waiting.h"
 #include "tools/cli/options.h"
-#include "tools/registers/register_bank.h"
 #include "tools/registers/register_commands.h"
+#include "tools/registers/source_commands.h"
 
 #include <device_access/device_access.hpp>
 #include <device_access/libuio_emul.h>
@@ -32,9 +32,10 @@ namespace
 
 namespace fs = std::filesystem;
 
-struct uio_arguments : bank_arguments {
+struct uio_arguments {
     std::string node;
-    std::string map;
+    std::string count;
+    wait_options wait;
 };
 
 constexpr char list_hint[] = "'devaccess uio list' shows the devices";
@@ -109,14 +110,21 @@ void list(const uio_arguments &)
     print(std::move(set));
 }
 
-// "uio0" and "0" stand for /dev/uio0, "name:regs" for the device of that name.
+std::vector<std::string> nodes_of(const std::string &name)
+{
+    std::vector<std::string> nodes;
+    for (const fs::path &directory : class_directories())
+        if (first_line(directory / "name") == name)
+            nodes.push_back("/dev/" + directory.filename().string());
+    return nodes;
+}
+
+// "uio0" and "0" stand for /dev/uio0, "name:regs" for the device of that name, and so does "regs"
+// where that cannot be anything else.
 std::string node_of(const std::string &name)
 {
     if (name.starts_with("name:")) {
-        std::vector<std::string> nodes;
-        for (const fs::path &directory : class_directories())
-            if (first_line(directory / "name") == name.substr(5))
-                nodes.push_back("/dev/" + directory.filename().string());
+        const std::vector<std::string> nodes = nodes_of(name.substr(5));
         if (nodes.size() != 1)
             throw failure("find the UIO device " + name,
                           nodes.empty() ? "there is none of that name"
@@ -127,12 +135,38 @@ std::string node_of(const std::string &name)
     }
     const bool is_number = name.find_first_not_of("0123456789") == name.npos;
     const bool is_short = name.starts_with("uio") || (is_number && !name.empty());
-    return is_short ? (is_number ? "/dev/uio" : "/dev/") + name : name;
+    if (is_short)
+        return (is_number ? "/dev/uio" : "/dev/") + name;
+    const bool may_be_name = name.find('/') == name.npos && !libuio_is_emul(name.c_str());
+    const std::vector<std::string> nodes =
+        may_be_name ? nodes_of(name) : std::vector<std::string>();
+    return nodes.size() == 1 ? nodes[0] : name;
 }
 
-class uio_device
+// What maps of it are called: the device's name, or that of the register block; and, behind a PCI
+// function, what that says of itself.
+std::vector<std::string> map_names_of(const std::string &node)
+{
+    std::vector<std::string> names;
+    fs::path device;
+    if (libuio_is_emul(node.c_str())) {
+        const size_t begin = node.find(':') + 1;
+        names.push_back(node.substr(begin, node.find('.', begin) - begin));
+    } else {
+        std::error_code none;
+        const fs::path directory = "/sys/class/uio" / fs::weakly_canonical(node, none).filename();
+        names.push_back(first_line(directory / "name"));
+        device = directory / "device";
+    }
+    for (const std::string &name : register_map::names_of_pci(device))
+        names.push_back(name);
+    return names;
+}
+
+class uio_device : public register_source
 {
 public:
+    explicit uio_device(const register_arguments &arguments) : uio_device(arguments.device) {}
     explicit uio_device(const std::string &name) : node_(node_of(name))
     {
         const auto found = ask([&] {
@@ -144,7 +178,7 @@ public:
         if (!found.result)
             fail_to_open(found.error);
     }
-    ~uio_device()
+    ~uio_device() override
     {
         ask([&] {
             device_.reset();
@@ -158,7 +192,22 @@ public:
     device_access::uio *operator->() { return &*device_; }
     const std::string &node() const { return node_; }
 
-    register_bank bank(unsigned map) // valid while this lives
+    std::string name() const override { return node_; }
+    record identity() const override { return record().add("node", node_); }
+    const char *window_word() const override { return "map"; }
+    std::vector<std::string> map_names() const override { return map_names_of(node_); }
+    static std::vector<std::string> map_names_of_device(const std::string &name)
+    {
+        return map_names_of(node_of(name));
+    }
+
+    static constexpr char place_words[] = "MAP OFFSET";
+    static constexpr char device_word[] = "NODE";
+    static void add_device(command &to, register_arguments &arguments);
+
+    unsigned highest_window() const override { return LIBUIO_MAX_MAPS - 1; }
+
+    register_bank bank(unsigned map, uint64_t, uint64_t) override
     {
         std::optional<device_access::window> window;
         const auto mapped = ask([&] {
@@ -171,9 +220,11 @@ public:
             throw failure(fmt::format("map window {} of {}", map, node_),
                           mapped.error ? std::strerror(mapped.error) : "there is none",
                           "'devaccess uio info " + node_ + "' shows its maps", mapped.error);
-        record identity;
-        identity.add("node", node_).add("map", map);
-        return {fmt::format("map {} of {}", map, node_), identity, "offset", 0, *window,
+        return {fmt::format("map {} of {}", map, node_),
+                identity().add("map", map),
+                "offset",
+                0,
+                *window,
                 libuio_get_sys_class_dir(device_->get())};
     }
 
@@ -221,37 +272,6 @@ void info(const uio_arguments &arguments)
               .add("device_directory", libuio_get_sys_device_dir(uio))
               .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
               .add(std::move(maps)));
-}
-
-//--- registers ------------------------------------------------------------------------------------
-
-unsigned map_of(const uio_arguments &arguments)
-{
-    return static_cast<unsigned>(parse_number("the map", arguments.map, LIBUIO_MAX_MAPS - 1));
-}
-
-uint64_t offset_of(const uio_arguments &arguments)
-{
-    return parse_number("the offset", arguments.offset, SIZE_MAX);
-}
-
-template <void (*act)(const register_bank &, uint64_t, const bank_arguments &)>
-void on_register(const uio_arguments &arguments)
-{
-    uio_device device(arguments.node);
-    act(device.bank(map_of(arguments)), offset_of(arguments), arguments);
-}
-
-void dump(const uio_arguments &arguments)
-{
-    uio_device device(arguments.node);
-    const register_bank bank = device.bank(map_of(arguments));
-    const uint64_t offset = offset_of(arguments);
-    uint64_t bytes = bank.window.size() - std::min<uint64_t>(offset, bank.window.size());
-    bytes -= bytes % (arguments.width / 8);
-    if (!arguments.count.empty())
-        bytes = parse_count("the length", arguments.count, SIZE_MAX);
-    dump_bank(bank, offset, bytes, arguments.width);
 }
 
 //--- interrupts -----------------------------------------------------------------------------------
@@ -334,53 +354,19 @@ std::vector<std::string> node_names(const given_options &)
     return names;
 }
 
+constexpr char node_meaning[] =
+    "/dev/uioN, uioN, N, a device's name, or sysfs_pci:REGION.SLOT[.FPGA]";
+
 void add_nothing(command &, uio_arguments &) {}
 
 void add_node(command &to, uio_arguments &arguments)
 {
-    to.argument("NODE", arguments.node,
-                "/dev/uioN, uioN, N, name:NAME, or sysfs_pci:REGION.SLOT[.FPGA]")
-        .choices(node_names)
-        .required();
+    to.argument("NODE", arguments.node, node_meaning).choices(node_names).required();
 }
 
-void add_map(command &to, uio_arguments &arguments)
+void uio_device::add_device(command &to, register_arguments &arguments)
 {
-    add_node(to, arguments);
-    to.argument("MAP", arguments.map, "Number of the map").required();
-}
-
-void add_register(command &to, uio_arguments &arguments)
-{
-    add_map(to, arguments);
-    to.argument("OFFSET", arguments.offset, "Offset of the register in bytes").required();
-}
-
-void add_read(command &to, uio_arguments &arguments)
-{
-    add_register(to, arguments);
-    add_count(to, arguments);
-}
-
-void add_write(command &to, uio_arguments &arguments)
-{
-    add_register(to, arguments);
-    add_value(to, arguments);
-}
-
-void add_watched(command &to, uio_arguments &arguments)
-{
-    add_register(to, arguments);
-    add_watch(to, arguments.wait);
-    add_width(to, arguments);
-}
-
-void add_dump(command &to, uio_arguments &arguments)
-{
-    add_map(to, arguments);
-    to.argument("OFFSET", arguments.offset, "Offset of the first register in bytes (default: 0)");
-    to.argument("LENGTH", arguments.count, "Number of bytes (default: to the end of the map)");
-    add_width(to, arguments);
+    to.argument("NODE", arguments.device, node_meaning).choices(node_names).required();
 }
 
 void add_wait(command &to, uio_arguments &arguments)
@@ -397,11 +383,7 @@ void describe_uio(command &uio)
 {
     uio.add("list", "List the devices with a UIO driver", add_nothing, list);
     uio.add("info", "Show a device's directories and maps", add_node, info);
-    uio.add("read", "Read registers", add_read, on_register<read_bank>);
-    uio.add("write", "Write a register", add_write, on_register<write_bank>);
-    uio.add("dump", "Print a map's registers in hexadecimal", add_dump, dump);
-    uio.add("watch", "Print a register's value, and each change", add_watched,
-            on_register<watch_bank>);
+    add_register_commands<uio_device>(uio);
     uio.add("wait", "Enable the interrupt and wait for it", add_wait, wait);
 }
 
