@@ -97,7 +97,7 @@ public:
     reader(const json &object, std::string where) : object_(object), where_(std::move(where))
     {
         if (!object_.is_object())
-            throw invalid((where_.empty() ? "the description" : where_) + " is no object");
+            throw invalid((where_.empty() ? "the description" : where_) + " is not an object");
     }
 
     template <typename T>
@@ -139,7 +139,7 @@ public:
         if (!member)
             return;
         if (!member->is_array())
-            throw invalid(at(name) + " is no array");
+            throw invalid(at(name) + " is not an array");
         for (const json &element : *member) {
             reader inner(element, at(name) + "/" + std::to_string(values.size()));
             visit(inner, values.emplace_back());
@@ -185,7 +185,7 @@ public:
         const unsigned long long value = std::strtoull(text.c_str(), &end, 16);
         if (!text.starts_with("0x") || text.size() < 3 || *end != '\0' || errno != 0 ||
             value > most)
-            throw invalid(where + " is no number");
+            throw invalid(where + " is not a number");
         return static_cast<T>(value);
     }
 
@@ -197,7 +197,7 @@ private:
             (member.is_number_unsigned()
                  ? member.get<uint64_t>() > uint64_t(most)
                  : member.get<int64_t>() < int64_t(std::numeric_limits<T>::min())))
-            throw invalid(where + " is no number that is possible here");
+            throw invalid(where + " is out of range");
         return member.get<T>();
     }
 
@@ -208,7 +208,7 @@ private:
             value = integer<T>(at(name), member, std::numeric_limits<T>::max());
         } else if constexpr (std::is_same_v<T, std::vector<uint64_t>>) {
             if (!member.is_array())
-                throw invalid(at(name) + " is no array");
+                throw invalid(at(name) + " is not an array");
             value.clear();
             for (const json &element : member)
                 value.push_back(integer<uint64_t>(at(name) + "/" + std::to_string(value.size()),

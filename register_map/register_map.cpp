@@ -98,7 +98,7 @@ void read_bits(reader &members, field &one)
             throw invalid(members.at("bits") + " cannot be '" + bits + "'");
     }
     if (one.msb < one.lsb || one.msb > 63)
-        throw invalid(members.at("bits") + " are no bits of a register");
+        throw invalid(members.at("bits") + " are not bits of a register");
 }
 
 //--- arrays ---------------------------------------------------------------------------------------
@@ -162,7 +162,7 @@ void for_each_element(reader &members, const char *name, Take take)
         return;
     const std::string where = members.at(name);
     if (!list->is_array())
-        throw invalid(where + " is no array");
+        throw invalid(where + " is not an array");
     for (size_t i = 0; i < list->size(); ++i) {
         reader inner((*list)[i], where + "/" + std::to_string(i));
         take(inner, i);
@@ -466,11 +466,11 @@ private:
         if (!require(one.size == 8 || one.size == 16 || one.size == 32 || one.size == 64,
                      at + "/size is not 8, 16, 32 or 64"))
             return;
-        require(one.name.empty() ? !one.behaves() : is_name(one.name), at + "/name is no name");
+        require(one.name.empty() ? !one.behaves() : is_name(one.name), at + "/name is not a name");
         require(one.name.empty() || names_.insert(one.name).second,
                 at + "/name stands there twice");
         require(!one.behaves() || one.offset % one.width() == 0,
-                at + "/offset is no multiple of the register's size");
+                at + "/offset is not a multiple of the register's size");
         require(size_ == 0 || uint64_t{one.offset} + one.width() <= size_,
                 at + "/offset lies outside the window");
         require(one.window < 64, at + "/map is higher than 63");
@@ -486,7 +486,7 @@ private:
         for (size_t i = 0; i < one.fields.size() && faults_.size() < most_faults; ++i) {
             const field &part = one.fields[i];
             const std::string at = where + "/fields/" + std::to_string(i);
-            require(is_name(part.name), at + "/name is no name");
+            require(is_name(part.name), at + "/name is not a name");
             require(names.insert(part.name).second, at + "/name stands there twice");
             require(part.msb < one.size, at + "/bits lie outside the register");
             for (size_t k = 0; k < i; ++k)
@@ -568,7 +568,7 @@ json parsed(const std::string &file)
     if (is_shallow(text))
         document = json::parse(text, nullptr, false, true);
     if (document.is_discarded())
-        throw invalid(file + " is no JSON text");
+        throw invalid(file + " is not JSON");
     return document;
 }
 

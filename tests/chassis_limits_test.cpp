@@ -57,13 +57,13 @@ TEST_F(chassis_description_file, leads_to_no_file_outside_the_chassis)
           string("/var"), string("var/x"), string("/sys//x")})
         EXPECT_EQ(run(R"({"eeproms": [{"path": ")" + path + "\"}]}", "-- true"),
                   "chassis-sim: /eeproms/0/path '" + path +
-                      "' is no file in /sys, /dev, /var or /flash\n125");
+                      "' is not a file in /sys, /dev, /var or /flash\n125");
     const string link = run(R"({"eeproms": [{"path": "/var/run/x/new"}]})", "-- true");
     EXPECT_EQ(link, "chassis-sim: /var/run/x leads out of the chassis\n125");
     for (const string name : {"../../x", "..", "", "a b"})
         EXPECT_EQ(
             run(R"({"slots": [{"name": ")" + name + R"(", "address": "0000:03:00"}]})", "-- true"),
-            "chassis-sim: /slots/0/name is no name\n125");
+            "chassis-sim: /slots/0/name is not a name\n125");
     const string outside = "../../../.." + dir;
     EXPECT_EQ(run("{}", "-- chassis-sim ctl link " + outside + " up"),
               "chassis-sim: there is no function '" + outside + "'\n1");
@@ -79,7 +79,7 @@ TEST_F(chassis_description_file, that_cannot_be_is_told_by_the_member_and_why)
         {R"({"functions": [)" + function + "," + function + "]}",
          "/functions/1/id '0000:00:01.0' is there already"},
         {R"({"functions": [{"id": "0000:01:00.0", "parent": "0000:00:01.0"}]})",
-         "/functions/0/parent names '0000:00:01.0', which is no function before it"},
+         "/functions/0/parent names '0000:00:01.0', which is not a function before it"},
         {R"({"functions": [{"id": "0000:00:01.0", "capabilities": ["pm", "pm"]}]})",
          "/functions/0/capabilities/1 is there already"},
         {R"({"functions": [{"id": "0000:00:01.0", "config": [{"offset": 255, "value": 1}]}]})",
@@ -88,19 +88,19 @@ TEST_F(chassis_description_file, that_cannot_be_is_told_by_the_member_and_why)
          "/functions/0/bars are more than six"},
         {R"({"uio": [{"number": 1}, {"number": 1}]})", "/uio/1/number 1 is there already"},
         {R"({"uio": [{"number": 64}]})", "/uio/0/number is larger than 63"},
-        {R"({"uio": [{"maps": [{"map": "../map0"}]}]})", "/uio/0/maps/0/map is no name"},
+        {R"({"uio": [{"maps": [{"map": "../map0"}]}]})", "/uio/0/maps/0/map is not a name"},
         {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
              {"offset": 16, "value": 1}]}]}]})",
          "/uio/0/maps/0/registers/0/offset lies outside the window"},
         {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
              {"name": "GO", "offset": 0, "on_write": [{"interrupt": "uio1"}]}]}]}]})",
-         "/uio/0/maps/0/registers/0/on_write/0/interrupt names 'uio1', which there is none of"},
+         "/uio/0/maps/0/registers/0/on_write/0/interrupt names 'uio1', which does not exist"},
         {R"({"faults": [{"device": "uio9", "call": "read", "error": "EIO"}]})",
-         "/faults/0/device names 'uio9', which there is none of"},
+         "/faults/0/device names 'uio9', which does not exist"},
         {R"({"memory": [{"address": "0x1001", "size": 16}]})",
          "/memory/0/address is no multiple of 4096"},
         {R"({"memory": [{"address": 4096, "size": 1, "bytes": "abc"}]})",
-         "/memory/0/bytes is no text of bytes, two digits each"},
+         "/memory/0/bytes is not a string of bytes, two hexadecimal digits each"},
         {R"({"timeline": [{"at_ms": 86400001, "do": "plug uio0"}]})",
          "/timeline/0/at_ms is not between 0 and a day"},
     };

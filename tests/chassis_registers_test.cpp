@@ -119,10 +119,10 @@ TEST(register_window, counter_counts_on_from_what_is_written)
 TEST(register_map, says_what_is_wrong_with_a_map_and_where)
 {
     const string wrong[][2] = {
-        {R"({"offset": 0, "fifo": 2})", "/registers/0/name is no name"},
+        {R"({"offset": 0, "fifo": 2})", "/registers/0/name is not a name"},
         {R"({"name": "A", "offset": 0, "size": 24})", "/registers/0/size is not 8, 16, 32 or 64"},
         {R"({"name": "A", "offset": 2, "access": "read-only"})",
-         "/registers/0/offset is no multiple of the register's size"},
+         "/registers/0/offset is not a multiple of the register's size"},
         {R"({"name": "A", "offset": 0}, {"name": "A", "offset": 4})",
          "/registers/1/name stands there twice"},
         {R"({"name": "A", "offset": 0, "access": "never"})",
@@ -130,7 +130,7 @@ TEST(register_map, says_what_is_wrong_with_a_map_and_where)
         {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "32"}]})",
          "/registers/0/fields/0/bits lie outside the register"},
         {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "0:7"}]})",
-         "/registers/0/fields/0/bits are no bits of a register"},
+         "/registers/0/fields/0/bits are not bits of a register"},
         {R"({"name": "A", "offset": 0, "on_write": [{"set": {"B": 1}}]})",
          "/registers/0/on_write/0/set: there is no register 'B'"},
         {R"({"name": "A", "offset": 0, "on_write": [{"when": {"F": 1}}]})",

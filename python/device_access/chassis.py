@@ -206,7 +206,7 @@ class Chassis(Owner):
         self.control("interrupt", device)
 
     def remove(self, device: str) -> None:
-        """A UIO device, or a PCI function and what is behind it, leaves its bus."""
+        """A UIO device, or a PCI function and what is below it, leaves its bus."""
         self.control("remove", device)
 
     def plug(self, device: str) -> None:

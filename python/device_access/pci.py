@@ -39,7 +39,7 @@ class Function:
 
     def __init__(self, address: str) -> None:
         if not _ADDRESS.fullmatch(address):
-            raise ValueError(f"'{address}' is no address of a PCI function, such as 0000:03:00.0")
+            raise ValueError(f"'{address}' is not a PCI address, such as 0000:03:00.0")
         self.address = (address if len(address) == 12 else "0000:" + address).lower()
         self.identity = ffi.new("sysfs_pci_identity_t *", {"str": self.address.encode()})
 
@@ -145,7 +145,7 @@ class Function:
         return int(ask(_c.lib.qel_pci_hotswap_bridge_usable, self.identity).result) == 0
 
     def switch_on(self) -> list[Function]:
-        """Switches a hot-swap bridge on: the functions that appear behind it in half a second."""
+        """Switches a hot-swap bridge on; the functions that appear below it in half a second."""
         answer = ask(_c.lib.qel_pci_hotswap_bridge_enable, self.identity)
         return list(_identities(answer, self.address))
 

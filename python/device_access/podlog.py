@@ -187,7 +187,7 @@ class PodLogs:
 
     def __init__(self, chassis: str, is_rp2: bool = False) -> None:
         if chassis not in _CHASSIS:
-            raise ValueError(f"'{chassis}' is no chassis; there are {', '.join(_CHASSIS)}")
+            raise ValueError(f"'{chassis}' is not a chassis; there are {', '.join(_CHASSIS)}")
         ask(_c.lib.podlog_config_pod_storage_n20_n10, _CHASSIS[chassis], int(is_rp2))
         self.cards = _register_cards()
 

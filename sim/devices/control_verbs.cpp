@@ -37,7 +37,7 @@ int number_of(const std::string &text)
     const char *end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
     if (rest != end || error != std::errc())
-        throw failure("'" + text + "' is no number");
+        throw failure("'" + text + "' is not a number");
     return number;
 }
 
@@ -70,7 +70,7 @@ uint64_t register_value_of(const std::string &text)
     errno = 0;
     const uint64_t value = std::strtoull(text.c_str(), &end, 0);
     if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0)
-        throw failure("'" + text + "' is no number");
+        throw failure("'" + text + "' is not a number");
     return value;
 }
 

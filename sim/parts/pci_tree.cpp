@@ -395,7 +395,7 @@ void set_link(const std::string &id, uint16_t link_status)
         throw failure(id + " has no PCI Express capability");
     const int type = config[pcie + 2] >> 4 & 0xf;
     if (type != pcie_capability::root_port && type != pcie_capability::downstream_port)
-        throw failure(id + " is no port");
+        throw failure(id + " is not a port");
     write_config16(id, pcie + link_status_register, link_status);
     write_link_attributes(fs::canonical(pci_link(id)), "current", link_status);
 }

@@ -137,13 +137,13 @@ void add_log_options(CLI::App &app, settings &chosen)
                    "empty: no card has logged yet, the NVRAM is blank.\n"
                    "sample: two runs of each card's diagnostics, and status\n"
                    "words in the NVRAM; ALSW2 failed. This is the default.\n"
-                   "Else a file: the bytes of the NVRAM nvlog-pod; the other\n"
+                   "Otherwise a file: the bytes of the NVRAM nvlog-pod; the other\n"
                    "cards as in sample")
         ->option_text("WHICH");
     app.add_option("--post-log", chosen.post_log,
                    "empty: the firmware has never logged.\n"
                    "sample: a few starts. This is the default.\n"
-                   "Else a directory with the bytes of the blocks, in files\n"
+                   "Otherwise a directory with the bytes of the blocks, in files\n"
                    "nvlog-ofw-event, nvlog-diag-test and nvlog-diag-error")
         ->option_text("WHICH");
 }
@@ -156,7 +156,7 @@ void add_fault_option(CLI::App &app, settings &chosen)
                    "reached.\n"
                    "link-stuck: the link of the PCI port 0000:00:1c.0 never\n"
                    "comes up.\n"
-                   "bridge-empty: nothing appears behind the hot-swap bridge\n"
+                   "bridge-empty: nothing appears below the hot-swap bridge\n"
                    "0000:00:1e.0 when it is enabled")
         ->option_text("NAME")
         ->allow_extra_args(false)
@@ -196,7 +196,7 @@ bool parse(CLI::App &app, int argc, char **argv)
         const std::vector<std::string> words = app.remaining();
         const auto word = std::find_if(words.begin(), words.end(),
                                        [](const std::string &w) { return w != "--"; });
-        throw failure("there is no option " + *word);
+        throw failure("unknown option " + *word);
     } catch (const CLI::ParseError &error) {
         if (error.get_exit_code() != 0)
             throw;
@@ -240,7 +240,7 @@ int run(int argc, char **argv)
     if (chosen.command.empty())
         throw failure("command is required");
     if (fs::exists(chassis_sim::control_path))
-        throw failure("this is a simulated chassis already; there is none in it");
+        throw failure("this is a simulated chassis already; another cannot run inside it");
     const std::vector<pid_t> helpers =
         recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
     if (!recorded) // whose type its manifest may not tell

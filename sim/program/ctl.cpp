@@ -29,7 +29,7 @@ uint64_t number(const std::string &text)
     errno = 0;
     const uint64_t value = std::strtoull(text.c_str(), &end, 0);
     if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0)
-        throw failure("'" + text + "' is no number");
+        throw failure("'" + text + "' is not a number");
     return value;
 }
 

@@ -62,7 +62,7 @@ void visit_bytes(reader &members, const char *name, std::string &bytes)
     members(name, text);
     std::erase(text, ' ');
     if (text.size() % 2 != 0 || text.find_first_not_of("0123456789abcdefABCDEF") != text.npos)
-        throw invalid(members.at(name) + " is no text of bytes, two digits each");
+        throw invalid(members.at(name) + " is not a string of bytes, two hexadecimal digits each");
     bytes.clear();
     for (size_t i = 0; i < text.size(); i += 2)
         bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
@@ -307,7 +307,7 @@ chassis_description parse_description(const std::string &text, const std::string
 {
     const json document = json::parse(text, nullptr, false, true);
     if (document.is_discarded())
-        throw failure(name + " is no JSON text");
+        throw failure(name + " is not JSON");
     try {
         chassis_description chassis;
         reader members(document, "");

@@ -86,7 +86,7 @@ private:
 
 void checker::check_id(const string &id, const string &where)
 {
-    require(is_pci_id(id), where, "'" + id + "' is no PCI address");
+    require(is_pci_id(id), where, "'" + id + "' is not a PCI address");
     require(ids_.insert(id).second, where, "'" + id + "' is there already");
 }
 
@@ -97,7 +97,7 @@ void checker::check_interrupts(const std::vector<register_map::reg> &registers, 
             const string &device = registers[i].on_write[k].interrupt;
             require(device.empty() || devices_.contains(device),
                     at(at(where, i) + "/on_write", k) + "/interrupt",
-                    "names '" + device + "', which there is none of");
+                    "names '" + device + "', which does not exist");
         }
 }
 
@@ -138,14 +138,14 @@ void checker::check_parts(const pci_function &f, const string &where)
 void checker::check_function(const pci_function &f, const string &where)
 {
     require(f.parent.empty() || ids_.contains(f.parent), where + "/parent",
-            "names '" + f.parent + "', which is no function before it");
+            "names '" + f.parent + "', which is not a function before it");
     check_id(f.id, where + "/id");
     check_parts(f, where);
 }
 
 void checker::check_fpga_card(const fpga_card &card, const string &where)
 {
-    require(is_name(card.slot), where + "/slot", "is no name");
+    require(is_name(card.slot), where + "/slot", "is not a name");
     check_id(card.port, where + "/port");
     check_id(card.id, where + "/id");
     require(!card.bar_sizes.empty() && card.bar_sizes.size() <= bar_count &&
@@ -182,14 +182,14 @@ void checker::check_old_registers(const uio_description &uio, const string &wher
 
 void checker::check_uio(const uio_description &uio, const string &where)
 {
-    require(is_name(uio.label), where + "/name", "is no name");
+    require(is_name(uio.label), where + "/name", "is not a name");
     require(uio.irq_delay_ms >= -1 && uio.irq_delay_ms <= longest_time, where + "/irq_delay_ms",
             "is not between -1 and a day");
     std::set<string> names;
     for (size_t i = 0; i < uio.maps.size(); ++i) {
         const uio_map &map = uio.maps[i];
         const string place = at(where + "/maps", i);
-        require(is_name(map.name), place + "/map", "is no name");
+        require(is_name(map.name), place + "/map", "is not a name");
         require(names.insert(map.name).second, place + "/map",
                 "'" + map.name + "' is there already");
         const auto range = map_range(map.name, map.size);
@@ -240,7 +240,7 @@ void checker::check_faults(const chassis_description &chassis)
         const call_fault &fault = chassis.faults[i];
         const string where = at("/faults", i);
         require(known.contains(fault.device), where + "/device",
-                "names '" + fault.device + "', which there is none of");
+                "names '" + fault.device + "', which does not exist");
         const bool is_uio = devices_.contains(fault.device);
         require(fault.call == "open" || fault.call == "read" || fault.call == "write" ||
                     (fault.call == "mmap" && is_uio),
@@ -264,7 +264,7 @@ void checker::check_times(const std::vector<timed_line> &lines)
 void checker::check_eeprom(const chassis_description::eeprom &eeprom, const string &where)
 {
     require(is_own_path(eeprom.path), where + "/path",
-            "'" + eeprom.path + "' is no file in /sys, /dev, /var or /flash");
+            "'" + eeprom.path + "' is not a file in /sys, /dev, /var or /flash");
     require(paths_.insert(eeprom.path).second, where + "/path", "is there already");
     require(eeprom.size <= largest_eeprom, where + "/size", "is larger than 16 MiB");
 }
@@ -282,11 +282,11 @@ void checker::check(const chassis_description &chassis)
         check_function(chassis.functions[i], at("/functions", i));
     std::set<string> slots;
     for (size_t i = 0; i < chassis.slots.size(); ++i) {
-        require(is_name(chassis.slots[i].name), at("/slots", i) + "/name", "is no name");
+        require(is_name(chassis.slots[i].name), at("/slots", i) + "/name", "is not a name");
         require(slots.insert(chassis.slots[i].name).second, at("/slots", i) + "/name",
                 "'" + chassis.slots[i].name + "' is there already");
         require(is_pci_id(chassis.slots[i].address + ".0"), at("/slots", i) + "/address",
-                "'" + chassis.slots[i].address + "' is no address of a slot");
+                "'" + chassis.slots[i].address + "' is not the address of a slot");
     }
     std::set<string> cards;
     for (size_t i = 0; i < chassis.fpga_cards.size(); ++i) {

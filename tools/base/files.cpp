@@ -25,9 +25,9 @@ namespace fs = std::filesystem;
                           exit_status status = exit_failed)
 {
     throw failure(verb + " " + path, std::strerror(error),
-                  error == ENOSPC   ? "make room on that file system"
+                  error == ENOSPC   ? "free some space on that file system"
                   : error == ENOENT ? "is the directory there?"
-                                    : "is it a file, and the name right?",
+                                    : "is it a file, and is the name right?",
                   error, status);
 }
 
@@ -38,8 +38,8 @@ namespace fs = std::filesystem;
 
 [[noreturn]] void refuse_irregular(const std::string &path)
 {
-    throw failure("read " + path, "it is no regular file", "is the name right? Only files are read",
-                  EINVAL, exit_unreadable);
+    throw failure("read " + path, "it is not a regular file",
+                  "is the name right? Only files are read", EINVAL, exit_unreadable);
 }
 
 bool is_standard_input(const std::string &path)
@@ -154,7 +154,7 @@ void write_file(const std::string &path, const std::string &bytes, bool must_be_
     std::error_code none;
     const fs::path target = fs::exists(path, none) ? fs::canonical(path, none) : fs::path(path);
     if (fs::exists(target, none) && !fs::is_regular_file(target, none))
-        throw failure("write " + path, "it is no regular file", "name another file");
+        throw failure("write " + path, "it is not a regular file", "name another file");
     std::string temporary = target.string() + ".XXXXXX";
     const int descriptor = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (descriptor < 0)
@@ -168,8 +168,8 @@ void write_file(const std::string &path, const std::string &bytes, bool must_be_
     const int error = errno;
     ::unlink(temporary.c_str());
     if (error == EEXIST)
-        throw failure("write " + path, "there is such a file",
-                      "name another; save and collect also take --force", error);
+        throw failure("write " + path, "the file exists already",
+                      "choose another name; save and collect also accept --force", error);
     give_up("write", path, error);
 }
 

@@ -21,7 +21,7 @@ unsigned long long parse_number(const std::string &name, const std::string &text
     unsigned long long value = 0;
     const auto [end, error] = std::from_chars(first, last, value, is_hex ? 16 : 10);
     if (error == std::errc::invalid_argument || end != last)
-        throw usage_error(fmt::format("{} '{}' is no number; write 26 or 0x1a", name, text));
+        throw usage_error(fmt::format("{} '{}' is not a number; write 26 or 0x1a", name, text));
     if (error == std::errc::result_out_of_range || value > max)
         throw usage_error(fmt::format("{} {} is too large; at most {:#x}", name, text, max));
     return value;

@@ -431,7 +431,7 @@ void print_text(const std::string &text)
 void finish_output()
 {
     if (!std::cout.flush())
-        throw failure("write standard output", "what it leads to takes no more",
+        throw failure("write standard output", "not all of it could be written",
                       "is a disk full, or the output closed?");
 }
 

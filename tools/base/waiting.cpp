@@ -132,7 +132,7 @@ std::string time_problem(const std::string &text)
     const double seconds = std::strtod(text.c_str(), &end);
     const bool good =
         !text.empty() && *end == '\0' && std::isfinite(seconds) && seconds >= 0 && seconds <= 1e9;
-    return good ? "" : "'" + text + "' is no number of seconds from 0 to 1e9";
+    return good ? "" : "'" + text + "' is not a number of seconds from 0 to 1e9";
 }
 
 void watch_register(const std::string &name, const std::string &directory, unsigned width,

@@ -71,12 +71,12 @@ int refuse(CLI::App &program, const CLI::ParseError &wrong)
         const bool takes_text =
             !named.get_options([](const CLI::Option *option) { return option->get_positional(); })
                  .empty();
-        return refuse(command, "'" + word + "' is no option",
+        return refuse(command, "unknown option '" + word + "'",
                       suggestion.empty() && takes_text ? "a word that begins with - goes after --. "
                                                        : suggestion);
     }
     if (!left.empty() && wrong.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
-        return refuse(command, "'" + word + "' is no command",
+        return refuse(command, "unknown command '" + word + "'",
                       did_you_mean(word, command_names(named)));
     return refuse(command, wrong.what());
 }

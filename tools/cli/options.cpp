@@ -96,7 +96,7 @@ void add_format(command &to, const char *meaning, const std::vector<std::string>
     to.add_option("--format", "FORMAT", settings.entries_as, meaning)
         .one_of(formats)
         .check([](const std::string &format) {
-            return settings.as_json && format != "jsonl" ? format + " is no JSON" : "";
+            return settings.as_json && format != "jsonl" ? format + " is not JSON" : "";
         });
 }
 
@@ -141,7 +141,7 @@ void add_every(command &to, wait_options &wait)
             return text.size() <= 7 && text.find_first_not_of("0123456789") == text.npos &&
                            !text.empty() && std::stoul(text) <= 3600000
                        ? ""
-                       : "'" + text + "' is no number from 0 to 3600000";
+                       : "'" + text + "' is not a number from 0 to 3600000";
         })
         .show_default();
 }

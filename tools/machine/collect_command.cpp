@@ -108,7 +108,7 @@ public:
         if (wrong)
             return leave_out(path, "it is a link to a file that is missing");
         if (!fs::is_regular_file(file, wrong))
-            return leave_out(path, "it is no regular file");
+            return leave_out(path, "it is not a regular file");
         const auto size = fs::file_size(file, wrong);
         add_attribute(file);
         if (const auto found = files_.find(file);

@@ -44,7 +44,8 @@ struct inventory_slot {
         }
         const SLOT_INFO *slot = GetSlotByName(name.c_str());
         if (slot->slotN == -1)
-            throw failure("find the slot " + name, "the chassis has none of that name", slot_hint);
+            throw failure("find the slot " + name, "the chassis has no slot of that name",
+                          slot_hint);
         file = fmt::format("/flash/diags/{}.div", slot->slot_name);
     }
 

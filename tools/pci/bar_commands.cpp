@@ -52,7 +52,7 @@ public:
             fail(what, mapped, "is a driver using it, or the kernel strict with such memory?");
         const auto window = mapped_.back().bar(bar);
         if (!window)
-            throw failure(what, "there is none, or it is no memory",
+            throw failure(what, "there is none, or it is not memory",
                           "'devaccess pci show " + name() + "' shows its resources");
         return {fmt::format("BAR {} of {}", bar, name()),
                 identity().add("bar", bar),

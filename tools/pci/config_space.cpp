@@ -91,7 +91,8 @@ void config_space::fail_on(const char *verb, uint32_t offset, unsigned width) co
     const int error = errno;
     const std::string what = fmt::format("{} register {:#x} of {}", verb, offset, id_);
     if (error == ENODATA && !is_device())
-        throw failure(what, "the file does not have it", "'lspci -xxxx' as root keeps all of it");
+        throw failure(what, "the file does not contain it",
+                      "'lspci -xxxx' as root keeps all of it");
     if (error == ENODATA)
         throw failure(what, "it lies beyond the end of the configuration space",
                       "without special rights the kernel shows only the first 64 bytes");
@@ -283,7 +284,7 @@ register_place place_in(const found_capability &capability, uint32_t offset)
 
 [[noreturn]] void refuse_name(const std::string &name)
 {
-    throw usage_error(fmt::format("'{}' is no register", name),
+    throw usage_error(fmt::format("'{}' is not a register", name),
                       did_you_mean(name, register_names()));
 }
 

@@ -70,7 +70,7 @@ std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge
         return found.has_value();
     });
     if (!listed.result && bridge)
-        fail("list the devices behind " + std::string(bridge->str), listed, list_hint);
+        fail("list the devices below " + std::string(bridge->str), listed, list_hint);
     if (!listed.result)
         fail("list PCI devices", listed, "is /sys mounted?");
     return devices;

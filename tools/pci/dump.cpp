@@ -60,7 +60,7 @@ std::vector<config_space> read_dump(const std::string &path)
     const bool is_endless = std::filesystem::is_character_file(path, none);
     const auto text = is_endless ? "" : read_file(path, most_of_a_dump);
     if (!text)
-        throw failure("read " + path, std::strerror(ENOENT), "is it a file, and the name right?",
+        throw failure("read " + path, std::strerror(ENOENT), "is it a file, and is the name right?",
                       ENOENT);
     std::istringstream file(*text);
     std::vector<config_space> functions;

@@ -329,7 +329,7 @@ void pci_link_wait(const pci_arguments &arguments)
     const std::string what = "see the link of " + arguments.id + " up";
     if (waited.result > 0)
         throw failure(what, pcie_config_link_strerror(waited.result),
-                      "is there a card behind the port, with power?");
+                      "is a card plugged into the port, and powered?");
     if (waited.result < 0 && waited.error == ENOENT &&
         sysfs_pci_access("vendor", R_OK, &device) == 0)
         throw failure(what, "it has no PCI Express capability",
@@ -348,8 +348,8 @@ namespace
                                  const outcome &how)
 {
     if (how.error == ENODEV)
-        throw failure(what, "no device appeared behind it in half a second",
-                      "is a card in that slot, and has it power?", ENODEV);
+        throw failure(what, "no device appeared below it within half a second",
+                      "is a card in that slot, and is it powered?", ENODEV);
     if (how.error == ENOENT && sysfs_pci_access("vendor", R_OK, &device) == 0)
         throw failure(what, "it has no attribute 'bridge_enable'",
                       "hot-swap bridges have one once the module qel_pci_hotswap is loaded",

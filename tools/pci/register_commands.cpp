@@ -34,7 +34,7 @@ config_space config_of(const pci_arguments &arguments)
     for (config_space &function : functions)
         if (function.id() == id)
             return std::move(function);
-    throw failure(fmt::format("find {} in {}", id, arguments.file), "it is not there",
+    throw failure(fmt::format("find {} in {}", id, arguments.file), "the file does not contain it",
                   "without ID it must hold one function");
 }
 
@@ -408,11 +408,11 @@ void pci_diff(const pci_arguments &arguments)
     add_ids(shown, "only_in_b", only_in_b);
     print(shown.add(std::move(differences)));
     if (count != 0)
-        throw failure("call them alike",
+        throw failure("match the two sides",
                       fmt::format("{} difference{}", count, count == 1 ? "" : "s"),
                       "standard output lists them");
     if (!cut.empty())
-        throw failure("call them alike", "one side has fewer bytes of " + cut,
+        throw failure("match the two sides", "one side has fewer bytes of " + cut,
                       "'lspci -xxxx' as root keeps all of it");
 }
 

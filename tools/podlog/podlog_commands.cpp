@@ -57,7 +57,7 @@ pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
     std::vector<std::string> names;
     for (const pod_card &card : cards)
         names.push_back(card.name);
-    throw failure("find the card " + name, "this chassis has none of that name",
+    throw failure("find the card " + name, "this chassis has no card of that name",
                   did_you_mean(name, names) + podlog_command("cards", place) + " shows the cards");
 }
 

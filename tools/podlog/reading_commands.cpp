@@ -301,8 +301,8 @@ void check(const check_arguments &arguments)
     shown.add_hidden("table", table_name()).add(std::move(storages));
     print(add_records(shown, std::move(records)));
     if (bad > 0)
-        throw failure("call every log good", fmt::format("{} of {} storages are not", bad, all),
-                      hint, 0, status);
+        throw failure("confirm that all logs are good",
+                      fmt::format("{} of {} storages are not", bad, all), hint, 0, status);
 }
 
 //--- command line ---------------------------------------------------------------------------------

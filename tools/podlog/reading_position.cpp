@@ -83,7 +83,7 @@ reading_position::reading_position(std::string file) : file_(std::move(file))
         before_[log][sum] = count;
     }
     if (!is_position)
-        throw failure("read " + file_, "it is no file that --since-last has written",
+        throw failure("read " + file_, "--since-last has not written it",
                       "name another file, which need not exist yet");
 }
 

@@ -136,7 +136,7 @@ void repair(const repair_arguments &arguments)
     const log_findings found = expect_bytes(storage);
     const std::string what = "repair the log of " + storage.card().name;
     if (!found.holds_log)
-        throw failure(what, found.names_kind() ? found.problem : "it holds nothing of a log",
+        throw failure(what, found.names_kind() ? found.problem : "it contains no log data",
                       way_out(storage, found), 0, status_of(found.state));
     if (found.state == storage_state::good) {
         print_repaired(storage, *found.log, "");
@@ -180,7 +180,7 @@ void reset(const reset_arguments &arguments)
     const bool has_something = found.log && found.state != storage_state::empty;
     const std::string file = has_something ? save_aside(storage, found) : "";
     if (const std::string lack = reset_storage(storage, what); !lack.empty())
-        throw failure(what, lack, "does the storage have all its bytes, and the disk room?");
+        throw failure(what, lack, "is the storage complete, and is there space on the disk?");
     note("lost: " + loss_of(storage, log));
     print_done(record()
                    .add("card", storage.card().name)

@@ -44,7 +44,7 @@ std::vector<mapped_card> mapped_cards(const std::string &name = "")
         return cards;
     std::erase_if(cards, [&](const mapped_card &card) { return card.name != in_capitals(name); });
     if (cards.empty())
-        throw failure("find the status of " + name, "the NVRAM has no word for it",
+        throw failure("find the status of " + name, "the NVRAM has no status word for it",
                       podlog_command("status") + " shows the cards");
     return cards;
 }

@@ -56,7 +56,7 @@ int open_nvram(bool writable)
         return descriptor;
     const std::string what = fmt::format("open {}", nvram_path);
     if (found.said.empty())
-        throw failure(what, "another program has it open", "try again when that is done", EBUSY);
+        throw failure(what, "another program has it open", "try again when it has finished", EBUSY);
     fail(what, found, "is the module of the NVRAM loaded? /sys/class/zmt_nvram shows its blocks");
 }
 
@@ -127,7 +127,7 @@ std::optional<std::string> log_storage::bytes() const
 {
     if (path_.empty())
         throw failure(fmt::format("find POD file {}", card_.storage_id),
-                      "the library has none of that number",
+                      "the library has no file of that number",
                       "a card of the chassis has one: --chassis says which chassis this is");
     if (!is_device()) {
         std::optional<std::string> found = read_file(path_);

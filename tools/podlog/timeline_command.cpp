@@ -144,7 +144,7 @@ void add_block(timeline &merged, const post_block &block)
 void show_timeline(const timeline_arguments &arguments)
 {
     if (!arguments.since_last.empty() && !arguments.span.until.empty())
-        throw usage_error("--since-last goes on to the last entry, and takes no --until");
+        throw usage_error("--since-last reads up to the last entry; --until does not go with it");
     timeline merged(arguments.span, arguments.since_last);
     for (const pod_card &card : cards_for_reading())
         add_card(merged, log_storage(arguments.place, card));
@@ -165,7 +165,7 @@ void show_timeline(const timeline_arguments &arguments)
         return;
     throw failure(
         "read all of the logs",
-        fmt::format("{} of them are damaged or out of reach", problems.rows.size()),
+        fmt::format("{} of them are damaged or unreadable", problems.rows.size()),
         (is_pod ? podlog_command("check", arguments.place) : arguments.post.command("check")) +
             " tells more",
         0, merged.status());

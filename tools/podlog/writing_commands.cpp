@@ -46,7 +46,7 @@ void write_to(const log_storage &storage, const std::string &what, Call call)
     if (ready.result != 1) {
         if (storage.is_device() && storage.judge(storage.bytes()).state == storage_state::good)
             throw failure(what, storage.path() + ": another program has it open",
-                          "try again when that is done", EBUSY, exit_unreadable);
+                          "try again when it has finished", EBUSY, exit_unreadable);
         fail_on(storage, what, ready);
     }
     answer<int> written;
@@ -206,11 +206,11 @@ std::string eeprom_to_fill(const copy_arguments &arguments, const log_storage &s
     const log_findings found = expect_readable(storage);
     std::string bytes = found.bytes();
     const bool is_blank = found.state == storage_state::empty;
+    const bool is_erased = is_blank && bytes.find_first_not_of(bytes[0]) == bytes.npos;
+    if (arguments.force ? !found.holds_log : is_erased && bytes.size() < eeprom_layout.size)
+        bytes.clear();
     if (bytes.empty() || arguments.force)
-        return found.holds_log ? bytes : "";
-    const bool is_erased = bytes.find_first_not_of(bytes[0]) == bytes.npos;
-    if (is_blank && is_erased && bytes.size() < eeprom_layout.size)
-        return "";
+        return bytes;
     if (bytes.size() != eeprom_layout.size || (!found.holds_log && !is_blank))
         throw failure("copy to " + storage.path(),
                       "it is neither empty nor an EEPROM's log of 8192 bytes",

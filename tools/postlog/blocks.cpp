@@ -59,7 +59,8 @@ void map_controller(const std::string &place)
     if (mapped.result != 0)
         fail(what, mapped, "mapping device memory needs special rights");
     if (!windows[bar])
-        throw failure(what, "it is no memory", "'devaccess pci show' shows a function's resources");
+        throw failure(what, "it is not memory",
+                      "'devaccess pci show' shows a function's resources");
     postlog_map_pcie_nvram_access(windows[bar]);
 }
 
@@ -80,7 +81,7 @@ int open_device(log_type_t block, const std::string &path)
                           "them",
                           found.error);
         if (std::chrono::steady_clock::now() > deadline)
-            throw failure(what, "another program has it open", "try again when that is done",
+            throw failure(what, "another program has it open", "try again when it has finished",
                           EBUSY);
     }
 }

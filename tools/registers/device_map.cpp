@@ -31,7 +31,7 @@ register_map::place device_map::find(const std::string &name) const
 {
     if (const auto found = index_.find(name))
         return *found;
-    throw usage_error(fmt::format("'{}' is no register or field in {}", name, file_),
+    throw usage_error(fmt::format("'{}' is not a register or field in {}", name, file_),
                       did_you_mean(name, names()));
 }
 

@@ -35,7 +35,7 @@ public:
         const auto mapped = ask([&] { return mmap_device_open(start_, size_); });
         if (!mapped.result || mapped.result == MAP_FAILED)
             fail(what, mapped,
-                 "kernels built with strict protection of /dev/mem only give what is no memory");
+                 "a kernel with CONFIG_STRICT_DEVMEM gives access to device registers only");
         base_ = mapped.result;
     }
     ~mapped_memory() { mmap_device_close(base_, size_); }

@@ -51,7 +51,7 @@ size_t offset_in(const register_bank &bank, uint64_t place, uint64_t bytes, unsi
     if (place < bank.start || least > size || place - bank.start > size - least)
         throw failure(fmt::format("reach {} {:#x} of {}", bank.place, place, bank.name),
                       fmt::format("the window has {:#x} bytes", size),
-                      "ask for less, or nearer to its beginning");
+                      "read fewer registers, or at a lower offset");
     return static_cast<size_t>(place - bank.start);
 }
 

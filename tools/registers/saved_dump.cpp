@@ -127,7 +127,7 @@ void diff_dumps(const diff_arguments &arguments)
     const size_t count = differences.rows.size();
     print(record().add("a", arguments.a).add("b", arguments.b).add(std::move(differences)));
     if (count != 0)
-        throw failure("call them alike",
+        throw failure("match the two sides",
                       fmt::format("{} difference{}", count, count == 1 ? "" : "s"),
                       "standard output lists them");
 }

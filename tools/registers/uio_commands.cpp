@@ -127,7 +127,7 @@ std::string node_of(const std::string &name)
         const std::vector<std::string> nodes = nodes_of(name.substr(5));
         if (nodes.size() != 1)
             throw failure("find the UIO device " + name,
-                          nodes.empty() ? "there is none of that name"
+                          nodes.empty() ? "no device has that name"
                                         : "several have that name: " +
                                               fmt::format("{}", fmt::join(nodes, ", ")),
                           list_hint);
@@ -218,7 +218,7 @@ public:
         });
         if (!window)
             throw failure(fmt::format("map window {} of {}", map, node_),
-                          mapped.error ? std::strerror(mapped.error) : "there is none",
+                          mapped.error ? std::strerror(mapped.error) : "there is no such map",
                           "'devaccess uio info " + node_ + "' shows its maps", mapped.error);
         return {fmt::format("map {} of {}", map, node_),
                 identity().add("map", map),
