@@ -5,6 +5,7 @@
 //     explore_log [--histories N] [--entries N] [--cuts N] [--storage nvram|file|eeprom]
 #include "explore/reference.h"
 #include "explore/storage.h"
+#include "explore/tool.h"
 
 #include <chrono>
 #include <cstdio>
@@ -23,12 +24,19 @@ namespace explore
 namespace
 {
 
+predicted of_tool(const layout &, const contents &)
+{
+    return {};
+}
+
 // What may be done to a log. One that is not the ring's own changes the image by storage::write().
-// Of some logs nothing is predicted.
+// Of some logs nothing is predicted. What the tool does is judged by what it leaves.
 struct operation {
     const char *name;
     int (*run)(storage &log);
-    std::optional<prediction> (*predict)(const layout &where, const contents &log);
+    predicted (*predict)(const layout &where, const contents &log);
+    std::string (*object)(const layout &where, const std::string &before,
+                          const std::string &after) = nullptr;
 };
 constexpr operation operations[] = {
     {"init", [](storage &log) { return log.init(); }, of_init},
@@ -38,6 +46,8 @@ constexpr operation operations[] = {
     {"set status", [](storage &log) { return log.set_status(); }, of_set_status},
     {"reset", [](storage &log) { return log.reset(); }, of_reset},
     {"add raw b", [](storage &log) { return log.add_raw("b"); }, of_add_raw_b},
+    {"repair", repair, of_tool, objection_to_repair},
+    {"prepare", prepare, of_tool, objection_to_prepare},
 };
 
 // Two independent sums over the bytes of an image, which a changed byte changes at once. The bytes
@@ -137,6 +147,7 @@ private:
     void cut_here(size_t id, const cause &how, const change *within, const contents &before);
     void check_reader(size_t id);
     void check_entered(size_t id);
+    void check_made(size_t id, const operation &one, size_t after);
     size_t reach(size_t from, const cause &how);
     void set(size_t position, char byte);
     void set(size_t position, const std::string &bytes);
@@ -153,6 +164,7 @@ private:
     std::deque<state> states_;
     std::unordered_map<fingerprint, size_t, hash> known_;
     uint64_t steps_ = 0;
+    bool is_cut_ = false; // any operation before
     std::string failure_;
     const std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
 };
@@ -188,6 +200,7 @@ bool exploration::run()
         };
         from_each(SIZE_MAX, &exploration::take);
         const size_t end = states_.size();
+        is_cut_ = true;
         if (cuts < cuts_)
             from_each(end, &exploration::cut);
         first = end;
@@ -218,6 +231,8 @@ void exploration::check_reader(size_t id)
         fail(id, "a reader finds \"" + seen + "\" instead of \"" + found(where_, log) + "\"");
     if (seen.size() >= storage::longest_log)
         fail(id, "a reader comes to no end: " + seen);
+    if (const auto wrong = objection_to_check(where_, image_, log, seen, is_cut_); !wrong.empty())
+        fail(id, wrong);
 }
 
 void exploration::set(size_t position, char byte)
@@ -246,7 +261,7 @@ bool exploration::is_possible(size_t id, const operation &one) const
 {
     if (one.predict == of_add_raw_b && where_.storage != kind::eeprom)
         return false;
-    return one.predict == of_init || states_[id].log.index != index_state::blank;
+    return one.predict == of_init || one.object || states_[id].log.index != index_state::blank;
 }
 
 int exploration::make(size_t id, const operation &one)
@@ -279,6 +294,8 @@ void exploration::take(size_t id, const operation &one)
         fail(id, what + "leaves another log");
     if (one.predict == of_next && result == 1)
         check_entered(after);
+    if (one.object && result == 1)
+        check_made(id, one, after);
 }
 
 // Takes the operation's writes one after another, and stops within each.
@@ -347,6 +364,19 @@ void exploration::check_entered(size_t id)
     const std::string entered = std::to_string(static_cast<int>(image_[36])) + ": a, ";
     if (added == -1 || !seen.starts_with(entered))
         fail(id, "an add is not found in the history that was entered, but " + seen);
+}
+
+// What the tool has made loses nothing, and a reader finds what is added to it.
+void exploration::check_made(size_t id, const operation &one, size_t after)
+{
+    const std::string before = unpacked(states_[id].packed, where_.size());
+    if (const std::string wrong = one.object(where_, before, image_); !wrong.empty())
+        fail(id, std::string(one.name) + " " + wrong);
+    storage_.image = image_;
+    const int added = storage_.add("c");
+    const std::string seen = storage_.found();
+    if (added == -1 || !seen.substr(0, seen.find(',')).ends_with("c"))
+        fail(after, "an add is not found, but " + seen);
 }
 
 std::string exploration::path_to(size_t id) const

@@ -119,6 +119,17 @@ int storage::reset()
     return result;
 }
 
+void storage::write(const std::string &bytes)
+{
+    for (size_t at = 0; at < bytes.size(); ++at) {
+        const size_t begin = at;
+        while (at < bytes.size() && image[at] != bytes[at])
+            ++at;
+        if (at > begin)
+            write_bytes(static_cast<int64_t>(begin), &bytes[begin], at - begin);
+    }
+}
+
 std::string storage::found()
 {
     std::vector<int> numbers; // a log is open for one purpose at a time

@@ -67,7 +67,8 @@ public:
     int add_raw(const char *text); // EEPROMs have that
     int next();
     int set_status();
-    int reset(); // brings back what does not open, too
+    int reset();                          // brings back what does not open, too
+    void write(const std::string &bytes); // what differs, as far as it differs in one write each
 
     // More text than any log has.
     static constexpr size_t longest_log = 200;

@@ -124,7 +124,7 @@ void merge_or_drop(std::vector<std::vector<size_t>> &runs, size_t most)
 
 size_t log_layout::most_entries() const
 {
-    return (stride - sizeof(header_record)) / entry_stride;
+    return (stride - 1 - sizeof(header_record)) / entry_stride;
 }
 
 log_image::log_image(const log_layout &layout, std::string bytes)
@@ -236,6 +236,11 @@ bool log_image::holds_nothing() const
     });
     return record_at<uint32_t>(bytes_, index_position) != layout_.magic && !headers &&
            good_entries().empty();
+}
+
+bool log_image::holds_log() const
+{
+    return !is_blank() && (!holds_nothing() || !strays().empty());
 }
 
 std::vector<log_record> log_image::records() const

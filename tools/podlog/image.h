@@ -29,7 +29,8 @@ struct log_layout {
     {
         return first_header + static_cast<size_t>(history) * stride;
     }
-    // Of a history; the header stops counting before the last, which every further entry replaces.
+    // Of a history, after whose last entry one byte at least stays free. The header stops counting
+    // before the last, which every further entry replaces.
     size_t most_entries() const;
 };
 
@@ -71,6 +72,7 @@ public:
 
     bool is_blank() const;      // no record, as far as it has room for one, or erased: all ones
     bool holds_nothing() const; // no record of a log of this layout
+    bool holds_log() const;     // maybe a damaged one, also at other positions
     std::vector<log_record> wrong() const;
     bool is_good() const { return missing_ == 0 && wrong().empty(); }
     std::vector<log_record> records() const; // all that are not blank

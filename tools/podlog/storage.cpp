@@ -187,7 +187,7 @@ log_findings log_storage::judge(std::optional<std::string> bytes) const
     log_findings found = {storage_state::good, "", remedy::none, log_image(*layout_, *bytes)};
     const log_image &log = *found.log;
     found.way_out = way_out(log);
-    found.holds_log = !log.is_blank() && (!log.holds_nothing() || !log.strays().empty());
+    found.holds_log = log.holds_log();
     if (log.is_good())
         return found;
     found.problem = problem_of(log, found.holds_log);
