@@ -1,9 +1,12 @@
 // The programs devaccess and chassis-sim, as people and scripts run them.
+#include "support/log_text.h"
 #include "support/tool.h"
 
 #include "tools/podlog/image.h"
+#include "tools/postlog/image.h"
 
 #include <device_access/pod_log.h>
+#include <device_access/post_log.hpp>
 
 #include <csignal>
 #include <filesystem>
@@ -372,6 +375,99 @@ TEST(devaccess, describes_every_command)
     ::setenv("NOTES", SOURCE "/docs/devaccess.in.md", 1);
     ::setenv("SCHEMA", SCHEMA, 1);
     follow("devaccess/pages.txt");
+}
+
+//--- POST logs ------------------------------------------------------------------------------------
+
+// A block that is read from memory, and what the library and the tool make of its bytes.
+struct post_sample {
+    const chassis_sim::post_block log = {
+        "", 1024, 32, 1, {{{1, 5, "a"}, {2, 6, "b"}}, {{3, 7, "c"}}, {}, {{4, 8, "d"}}}};
+    const string good = log.image(chassis_sim::byte_order::little);
+    std::vector<std::pair<size_t, size_t>> records = {{0, 12}}; // position and size
+    std::vector<size_t> entries;                                // their positions
+    postlog::nvram_dev_info_t table[3] = {};
+    string now = good;
+
+    post_sample()
+    {
+        for (size_t history = 0; history < log.histories.size(); ++history) {
+            records.emplace_back(log.header_position(history), 24);
+            for (size_t entry = 0; entry < log.histories[history].size(); ++entry) {
+                entries.push_back(log.entry_position(history, entry));
+                records.emplace_back(entries.back(), 40);
+            }
+        }
+        table[1] = {"", "", 0, 1024, 4, 32, ~31u, 0, ::memfd_create("block", 0), 0};
+        postlog_map_nvram_access(
+            table, [](log_type_t) { return 1; }, post_dev_file_nvram_mem_rd, [](log_type_t) {},
+            postlog_dev_rd_log_index, postlog_dev_rd_log_header, postlog_dev_rd_log,
+            postlog_dev_validate_log_header, postlog_dev_validate_log_entry);
+        check("all of it");
+    }
+
+    void set(size_t position, int byte) { now[position] = static_cast<char>(byte); }
+
+    bool is_damaged() const
+    {
+        const bool other_current = now.substr(4, 4) != good.substr(4, 4) && now[4] < 4 &&
+                                   now[4] >= 0 && now.substr(5, 3) == good.substr(5, 3);
+        return std::any_of(records.begin(), records.end(), [&](const auto &one) {
+            const auto [position, size] = one;
+            const bool is_same = now.compare(position, size, good, position, size) == 0;
+            return !is_same && (position > 0 || !other_current || now[8] != good[8]);
+        });
+    }
+
+    // No checksum covers messages.
+    bool is_written(const string &text) const
+    {
+        return std::any_of(entries.begin(), entries.end(),
+                           [&](size_t at) { return now.substr(at + 40, 32).c_str() == text; });
+    }
+
+    void check(const string &what)
+    {
+        ASSERT_EQ(::pwrite(table[1].fd, now.data(), now.size(), 0), 1024);
+        const string seen = test::log_text(device_access::post_log(device_access::post_block(1)));
+        std::istringstream parts(test::replaced(seen, "[0-9]+: ?|!|, ", "|"));
+        for (string part; std::getline(parts, part, '|');)
+            EXPECT_TRUE(part.empty() || is_written(part)) << what << ": " << seen;
+        const devaccess::post_image image(4, now);
+        string shown;
+        for (const auto *history : image.written()) {
+            shown += std::to_string(history->number) + ":";
+            for (const auto &slot : history->chain())
+                shown.append(shown.back() == ':' ? " " : "|")
+                    .append(image.entry(slot).message.c_str());
+            shown += ", ";
+        }
+        for (const auto &slot : image.good_entries())
+            EXPECT_EQ(std::count(entries.begin(), entries.end(), slot.position), 1) << what;
+        EXPECT_TRUE(!image.wrong().empty() || seen == shown) << what << ": " << seen << shown;
+        EXPECT_EQ(image.wrong().empty(), !is_damaged()) << what;
+    }
+};
+
+TEST(devaccess, names_every_damage_of_a_post_log_and_shows_what_was_written_alone)
+{
+    post_sample sample;
+    for (size_t at = 0; at < sample.good.size(); ++at)
+        for (const int byte : {0, 0x7f, 0xff, sample.good[at] ^ 1, sample.good[at] ^ 0x80,
+                               sample.good[at] + 1, sample.good[at] - 1}) {
+            sample.set(at, byte);
+            sample.check("byte " + std::to_string(at));
+            sample.set(at, sample.good[at]);
+        }
+    for (const auto &[first, size] : sample.records)
+        for (const auto &[second, other_size] : sample.records)
+            for (size_t at = first; first < second && at < first + size; ++at)
+                for (const size_t other : {second, second + other_size / 2}) {
+                    sample.now[at] ^= 0x20;
+                    sample.now[other] ^= 0x04;
+                    sample.check("bytes " + std::to_string(at) + ", " + std::to_string(other));
+                    sample.now = sample.good;
+                }
 }
 
 //--- chassis-sim ----------------------------------------------------------------------------------
