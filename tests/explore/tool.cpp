@@ -111,8 +111,13 @@ std::string objection_to_repair(const layout &where, const std::string &before,
         return "";
     if (!repaired.is_good())
         return "leaves bad records, first the " + repaired.wrong().front().name();
-    if (bytes_of(repaired, repaired.good_entries()) != searched(before))
-        return "loses entries";
+    const auto kept = bytes_of(repaired, repaired.good_entries());
+    const auto all = searched(before);
+    if (!std::includes(all.begin(), all.end(), kept.begin(), kept.end()))
+        return "makes entries up";
+    const size_t room = size_t{where.histories} * where.entries;
+    if (kept.size() < std::min(all.size(), room))
+        return "keeps " + std::to_string(kept.size()) + " entries of " + std::to_string(all.size());
     return "";
 }
 

@@ -101,8 +101,10 @@ std::string fresh_header(const log_layout &layout, int history, size_t entries)
     return bytes_of(header);
 }
 
-// Puts the two neighbours with the fewest entries together or, where none fit, drops the oldest.
-void merge_or_drop(std::vector<std::vector<size_t>> &runs, size_t most)
+using entry_runs = std::vector<std::vector<size_t>>;
+
+// Puts the two neighbours with the fewest entries together; false where none fit.
+bool merge_shortest(entry_runs &runs, size_t most)
 {
     size_t best = runs.size();
     size_t fewest = most;
@@ -111,13 +113,31 @@ void merge_or_drop(std::vector<std::vector<size_t>> &runs, size_t most)
             fewest = both;
             best = i;
         }
-    if (best == runs.size()) {
-        runs.erase(runs.begin());
-        return;
-    }
+    if (best == runs.size())
+        return false;
     const auto next = runs.begin() + static_cast<std::ptrdiff_t>(best) + 1;
     runs[best].insert(runs[best].end(), next->begin(), next->end());
     runs.erase(next);
+    return true;
+}
+
+// At most so many runs of at most so many entries: the newest, in the same order.
+void fit(entry_runs &runs, size_t histories, size_t most)
+{
+    while (runs.size() > histories && merge_shortest(runs, most)) {
+    }
+    if (runs.size() <= histories)
+        return;
+    std::vector<size_t> all;
+    for (const auto &run : runs)
+        all.insert(all.end(), run.begin(), run.end());
+    runs.clear();
+    const size_t room = histories * most;
+    for (size_t i = all.size() - std::min(all.size(), room); i < all.size(); ++i) {
+        if (runs.empty() || runs.back().size() == most)
+            runs.emplace_back();
+        runs.back().push_back(all[i]);
+    }
 }
 
 } // namespace
@@ -422,11 +442,11 @@ std::string log_image::rebuilt(const log_history &history) const
 }
 
 // Runs of entries that stood one after another, oldest first, each in a history of its own as far
-// as there are so many; if not, short neighbours share one, and of what is still too much the
-// oldest goes.
+// as there are so many; if not, short neighbours share one and, where none fit, each is filled; of
+// what is still too much the oldest goes.
 std::string log_image::written_anew(const std::vector<log_record> &strays) const
 {
-    std::vector<std::vector<size_t>> runs;
+    entry_runs runs;
     for (const log_history &history : histories_) {
         std::vector<size_t> run;
         for (const log_record &slot : history.slots)
@@ -446,8 +466,7 @@ std::string log_image::written_anew(const std::vector<log_record> &strays) const
     std::stable_sort(runs.begin(), runs.end(), [&](const auto &one, const auto &other) {
         return time_at(one.front()) < time_at(other.front());
     });
-    while (runs.size() > static_cast<size_t>(layout_.histories))
-        merge_or_drop(runs, layout_.most_entries());
+    fit(runs, static_cast<size_t>(layout_.histories), layout_.most_entries());
 
     std::string bytes = bytes_;
     const auto put = [&](size_t position, const std::string &part) {
