@@ -84,23 +84,24 @@ int pod_storage::add_parts(const char *level, const char *diag, const char *ret,
 }
 
 // As a walk wants it.
-struct device_0 {
+struct device {
     const pod_log_calls &calls;
+    int id;
 
-    int open_dir() const { return calls.open_dir(0); }
-    int read_dir(int history, time_t *time) const { return calls.read_dir(0, history, time); }
-    void close_dir() const { calls.close_dir(0); }
-    int open_log(int history) const { return calls.open_log(0, history); }
+    int open_dir() const { return calls.open_dir(id); }
+    int read_dir(int history, time_t *time) const { return calls.read_dir(id, history, time); }
+    void close_dir() const { calls.close_dir(id); }
+    int open_log(int history) const { return calls.open_log(id, history); }
     int read_log(int position, time_t *time, char *text, uint32_t size) const
     {
-        return calls.read_log(0, position, time, text, size);
+        return calls.read_log(id, position, time, text, size);
     }
-    void close_log(int) const { calls.close(0); }
+    void close_log(int) const { calls.close(id); }
 };
 
-std::string pod_storage::text() const
+std::string pod_storage::text(int id) const
 {
-    return log_text(device_0{*this});
+    return log_text(device{*this, id});
 }
 
 std::string words(std::initializer_list<uint32_t> values)

@@ -65,7 +65,7 @@ struct pod_storage : pod_log_calls {
 
     int add_parts(const char *level, const char *diag, const char *ret, const char *fmt, ...) const;
     int add_text(const char *text) const { return add_parts(text, nullptr, nullptr, ""); }
-    std::string text() const;
+    std::string text(int id = 0) const;
 };
 extern const pod_storage pod_storages[3]; // NVRAM, file, EEPROM
 void PrintTo(const pod_storage &storage, std::ostream *stream);

@@ -133,6 +133,29 @@ streams output_of(const std::function<void()> &code)
     return {seen.out, seen.err};
 }
 
+static std::string indented(const std::string &text, const char *mark)
+{
+    std::istringstream lines(text);
+    std::string all;
+    for (std::string line; std::getline(lines, line);)
+        all.append(mark).append(line).append(lines.eof() ? "\\\n" : "\n");
+    return all;
+}
+
+result transcript::call(const std::string &what, const std::function<result()> &call)
+{
+    const outcome seen = outcome_of(call);
+    const intmax_t value = seen.value.number;
+    text_ += what + (value > 0xFFFFFF ? printed(" = 0x%jx", uintmax_t(value))
+                                      : " = " + std::to_string(value));
+    if (shows_errno && value < 0 && seen.error != untouched)
+        text_ += std::string(", ") + std::strerror(seen.error);
+    if (seen.opens != 0)
+        text_ += printed(", %+ld descriptors", seen.opens);
+    text_ += "\n" + indented(seen.err, "  ! ") + indented(seen.out, "  ");
+    return seen.value;
+}
+
 testing::AssertionResult is_expected(const std::string &name, const std::string &text)
 {
     const std::string path = EXPECTED_TEXTS "/" + name;
@@ -168,7 +191,9 @@ std::string short_lines(const std::string &text)
     static const std::regex prefix("(^|\n)(?:log\\[([A-Z_]+)\\]: lib/device_access/libuio|"
                                    "\\[([0-9]+)\\], lib/device_access/pci_sysfs)"
                                    ":[0-9]+:(\\w+)\\(\\): ");
-    return std::regex_replace(text, prefix, "$1$2$3 $4: ");
+    static const std::regex instance("instance\\(0x[0-9a-f]+\\)");
+    return std::regex_replace(std::regex_replace(text, prefix, "$1$2$3 $4: "), instance,
+                              "instance");
 }
 
 std::string replaced(const std::string &text, const char *pattern, const char *by)

@@ -72,6 +72,23 @@ inline outcome positional(result value, const std::string &err = "", const std::
 testing::AssertionResult is_expected(const std::string &name, const std::string &text);
 #define EXPECT_TEXT(name, text) EXPECT_TRUE(test::is_expected(name, text))
 
+// What calls do, one after another, as a text that is compared with a file: "CALL = RESULT", and
+// after it what is not nothing: the errno of a failure, descriptors, and the lines that the call
+// wrote, "! " before those of standard error. One that is not ended ends in a backslash.
+class transcript
+{
+public:
+    bool shows_errno = true;
+    result call(const std::string &what, const std::function<result()> &call);
+    void note(const std::string &what) { text_ += what + "\n"; }
+    const std::string &text() const { return text_; }
+
+private:
+    std::string text_;
+};
+#define SHOW(transcript, ...)                                                                      \
+    (transcript).call(#__VA_ARGS__, [&] { return test::value_of([&] { return __VA_ARGS__; }); })
+
 // What a piece of code writes to standard output and to standard error.
 struct streams {
     std::string out, err;
