@@ -1,5 +1,5 @@
-// Emulated UIO devices: the blocks of each FPGA, and failing calls. What names and ranges may be,
-// the model in tests/models tries. This program defines libuio_log, so diagnostics are on.
+// Emulated UIO devices: the blocks of each FPGA, what names lead to, what is mapped, and failing
+// calls. This program defines libuio_log, so diagnostics are on.
 #include "support/uio.h"
 
 #include <utility>
@@ -47,7 +47,7 @@ const std::string device_dir = pci_link("0000:00:01.0") + "/0000:01:00.0";
 void start_chassis(const std::string &slot, uint8_t code = 0xff)
 {
     enter_private_root();
-    add_fpga_card(card_in(slot, 1, code));
+    add_fpga_card(card_in(slot, 1, static_cast<uint8_t>(code)));
 }
 
 libuio_dev_t *open_block(const std::string &name)
@@ -96,6 +96,120 @@ TEST(uio_emul, knows_the_register_blocks_of_every_fpga)
         EXPECT_TEXT("fpga/" + type + ".txt", blocks_of(card));
 }
 
+//--- names ----------------------------------------------------------------------------------------
+
+std::string lasting(const std::string &text)
+{
+    return replaced(replaced(text, "realloc \\([0-9]+", "realloc (SIZE"), "addr=0x[0-9a-f]+",
+                    "addr=ADDRESS");
+}
+
+void show_opening(transcript &seen, const std::string &name)
+{
+    libuio_dev_t *uio = nullptr;
+    seen.call(name, [&] { return uio = open_block(name); });
+    if (!uio)
+        return;
+    const std::string dir = libuio_get_sys_device_dir(uio);
+    EXPECT_EQ(dir, libuio_get_sys_class_dir(uio));
+    EXPECT_EQ("sysfs_pci:" + name, libuio_get_real_devnode(uio));
+    EXPECT_EQ(printed("%d %d %d", uio->uio_fd, uio->gone_fd, uio->tmr_fd), "-1 -1 0");
+    EXPECT_OUTCOME(libuio_irqwait(uio, nullptr, nullptr), {.value = -1, .error = EBADF});
+    seen.note("  in " + dir + ": " + maps_text(uio));
+    const auto enabled = [&] { return read_file(dir + "/enable").substr(0, 1); };
+    seen.note("  enabled: " + enabled());
+    output_of([&] { libuio_close(uio); });
+    seen.note("  and when it is closed: " + enabled());
+}
+
+TEST(uio_emul, finds_blocks_by_their_names)
+{
+    enter_private_root();
+    for (unsigned int number = 1; const std::string &slot : words("rpsw peer sw1 alsw1"))
+        add_fpga_card(card_in(slot, number++, 1));
+    write_file(pci_link("0000:0d:00.0") + "/enable", "0\n");
+    for (const std::string &slot : words("rpsw2 self"))
+        add_hotswap_name(slot, "0000:00:02.0"); // the peer's
+    for (const std::string &slot : words("RPSW xrpsw sw345678901234567890"))
+        add_hotswap_name(slot, "0000:00:01.0");
+    add_hotswap_name("sw2", "0000:00:09.0"); // which is not there
+    add_hotswap_name("sw3", "");
+    transcript seen;
+    for (const std::string &name :
+         words("uio_glb.rpsw.zarnik uio_glb.rpsw2.zarnik uio_glb.rpsw2.zarnik2 uio_fe.rpsw2.zarnik "
+               "uio_fe.self.zarnik uio_glb.self.zarnik uio_cmneqp.rpsw2.zarnik2 uio_fe.sw1.v "
+               "uio_glb.rpsw uio_cma.rpsw.pellum uio_cma.self.pellum "
+               "uio_cma.peer.pellum uio_cma.rpsw.pellum2 uio_nvram.rpsw2.pellum2 "
+               "uio_fe.sw1 UIO_FE.sw1 uio_fe.SW1 uio_fe.RPSW.Zarnik uio_fe.xrpsw.zarnik "
+               "uio_fe.sw1.VOSTRA_lite uio_fe.sw1.vostra .uio_fe..sw1...vostra_lite "
+               "uio_fe.sw1.vostra_lite.x uio_fe.sw1.vostra_litex uio_fe.sw1. uio_fe. uio_fe . "
+               "uio_fe.sw345678901234567890xyz uio_fe.sw1.vostra_lite45678901234567890 "
+               "uio_fe45678901234567890.sw1 uio_fex.sw1 uio_f.sw1 fe.sw1 uio-fe.sw1 uio_.sw1 "
+               "uio_fe.sw2 uio_fe.sw3 uio_fe.sw4 uio_cma.alsw1 uio_cma.alsw1.vostrat"))
+        show_opening(seen, name);
+    for (const char *name :
+         {"", " uio_fe.sw1", "uio_fe.sw1 y", "uio_fe.sw1.vostra_lite\ty", "uio_fe .sw1", "\n"})
+        show_opening(seen, name);
+    EXPECT_TEXT("uio_emul/names.txt", lasting(seen.text()));
+
+    for (const char *name : {static_cast<const char *>(nullptr), "/dev/uio0", "sysfs_pci",
+                             "Sysfs_pci:uio_fe.sw1", " sysfs_pci:uio_fe.sw1"}) {
+        EXPECT_EQ(libuio_is_emul(name), 0u);
+        EXPECT_OUTCOME(libuio_emul_open_timed(name, &no_wait), {.value = nullptr, .error = EINVAL});
+    }
+    EXPECT_EQ(libuio_is_emul("sysfs_pci:"), 1u);
+    EXPECT_OUTCOME(libuio_emul_mmap(nullptr, 0), {.value = -1, .error = EINVAL});
+    EXPECT_OUTCOME(libuio_emul_device_enable(nullptr, 1), {.value = -1, .error = EINVAL});
+}
+
+TEST(uio_emul, asks_the_fpga_what_it_is)
+{
+    enter_private_root();
+    transcript seen;
+    for (unsigned int number = 1; const std::string &slot : words("rpsw sw1 alsw1")) {
+        const fpga_card card = card_in(slot, number++);
+        add_fpga_card(card);
+        for (const int code : {0x00, 0x01, 0x11, 0x12, 0x22, 0xff}) {
+            std::string registers(4096, '\x12');
+            registers[0x2a] = static_cast<char>(code);
+            write_file(pci_link(card.port) + "/" + card.id + "/resource0", registers);
+            seen.note(printed("code 0x%x", static_cast<unsigned int>(code)));
+            for (const std::string &block : words("fe glb mdio flash cma"))
+                show_opening(seen, "uio_" + block + "." + slot);
+        }
+    }
+    EXPECT_TEXT("uio_emul/codes.txt", lasting(seen.text()));
+}
+
+TEST(uio_emul, takes_the_first_device_behind_the_port)
+{
+    start_chassis("sw1");
+    const std::string port = pci_link("0000:00:01.0");
+    transcript seen;
+    const auto show = [&](const std::string &what) {
+        seen.note(what);
+        show_opening(seen, "uio_fe.sw1");
+    };
+    for (const std::string &name : words("0000:00:01.0:pcie001 0000:ff:00.0 0001:00:00.0 power"))
+        make_directory(port + "/" + name);
+    make_symlink(port + "/0000:00:00.1", device_dir);
+    write_file(port + "/0000:00:00.0", "not a directory");
+    show("not another domain, a file, a link or the port's own service");
+    fs::resize_file(device_dir + "/resource0", 4095);
+    show("a resource that is too small");
+    fs::remove(device_dir + "/resource0");
+    show("without a resource");
+    fs::remove(device_dir + "/enable");
+    show("without enable");
+    make_directory(device_dir + "/enable");
+    show("enable is a directory");
+    fs::remove_all(device_dir);
+    show("the next device");
+    fs::remove_all(port + "/0000:ff:00.0");
+    show("no device");
+    EXPECT_TEXT("uio_emul/devices.txt", lasting(seen.text()));
+}
+
 //--- each failing call ----------------------------------------------------------------------------
 
 const char *enabled; // the first byte of the device's "enable"
@@ -127,6 +241,85 @@ TEST(uio_emul, each_failing_call_gives_its_errno_and_leaves_nothing_and_the_devi
 }
 
 //--- mapping --------------------------------------------------------------------------------------
+
+TEST(uio_emul, maps_ranges_of_resources)
+{
+    enter_private_root();
+    add_fpga_card(card_in("alsw1"));
+    libuio_dev_t *uio = opened("sysfs_pci:uio_cma.alsw1.vostra2");
+    transcript seen;
+    const auto show = [&](const std::string &what, size_t mask) {
+        seen.note(what);
+        SHOW(seen, libuio_mmap(uio, mask));
+        seen.note("  " + maps_text(uio));
+    };
+    show("but the first", 1);
+    show("and that", 0);
+    show("once more", 2);
+    EXPECT_OUTCOME(libuio_munmap(uio, 6), {});
+    seen.note("unmapped but 1 and 2: " + maps_text(uio));
+    for (unsigned int i = 0; i < uio->map_count; ++i)
+        if (const libuio_map_t &map = uio->map[i]; map.addr) {
+            static_cast<char *>(map.addr)[map.size - 1] = 'A';
+            EXPECT_EQ(
+                read_file(device_dir + printed("/resource%u", map.bar))[map.offset + map.size - 1],
+                'A');
+        }
+    libuio_munmap(uio, 0);
+    const libuio_map_t good = uio->map[1];
+    for (const auto &[offset, size] :
+         std::vector<std::pair<unsigned int, size_t>>{{0x800, 0x1000},
+                                                      {0x1000, 100},
+                                                      {0x1000, 0},
+                                                      {0xfffff000, 0x1000},
+                                                      {0x3f000, 0x2000},
+                                                      {0x40000, 0x1000},
+                                                      {0x3f000, 0x1000}}) {
+        uio->map[1].offset = offset;
+        uio->map[1].size = size;
+        show("another range", ~size_t{2});
+    }
+    libuio_munmap(uio, 0);
+    uio->map[1] = good;
+    fs::remove(device_dir + "/resource0");
+    show("without its resource", 1);
+    make_directory(device_dir + "/resource0");
+    show("which is a directory", 1);
+    for (const int32_t value : {0, -1, 0, 1, 0, 0x100}) {
+        SHOW(seen, libuio_emul_device_enable(uio, value));
+        seen.note("  enabled: " + read_file(device_dir + "/enable").substr(0, 1));
+    }
+    libuio_close(uio);
+    EXPECT_EQ(read_file(device_dir + "/enable")[0], '0');
+    EXPECT_TEXT("uio_emul/ranges.txt", lasting(seen.text()));
+}
+
+TEST(uio_emul, maps_physical_memory_and_what_an_address_has_room_for)
+{
+    start_chassis("rpsw");
+    write_file("/dev/mem", "");
+    fs::resize_file("/dev/mem", 0xb4000);
+    libuio_dev_t *uio = opened("sysfs_pci:uio_cma.rpsw.pellum"); // 0x1000 bytes at 0xb2000
+    EXPECT_EQ(libuio_mmap(uio, 0), 1);
+    static_cast<char *>(uio->map[0].addr)[1] = 'm';
+    EXPECT_EQ(read_file("/dev/mem")[0xb2001], 'm');
+    libuio_close(uio);
+    uio = opened("sysfs_pci:uio_fe.rpsw.zarnik"); // a whole resource
+    fs::resize_file(device_dir + "/resource1", 0x1'0000'0000);
+    const bool is_wide = sizeof(size_t) == 8;
+    output_of([&] { EXPECT_EQ(libuio_mmap(uio, 2), is_wide); });
+    EXPECT_EQ(errno == ENOMEM, !is_wide);
+    libuio_munmap(uio, 0);
+    uio->map[0].offset = 0xfffff000;
+    uio->map[0].size = 0x1000;
+    output_of([&] { EXPECT_EQ(libuio_mmap(uio, 2), 1); });
+    static_cast<char *>(uio->map[0].addr)[0x400] = 'e';
+    char byte;
+    const int fd = ::open((device_dir + "/resource1").c_str(), O_RDONLY);
+    EXPECT_EQ(::pread(fd, &byte, 1, 0xfffff400), 1);
+    EXPECT_EQ(byte, 'e');
+    libuio_close(uio);
+}
 
 TEST(uio_emul, maps_what_there_is_of_a_resource)
 {

@@ -148,7 +148,7 @@ result transcript::call(const std::string &what, const std::function<result()> &
     const intmax_t value = seen.value.number;
     text_ += what + (value > 0xFFFFFF ? printed(" = 0x%jx", uintmax_t(value))
                                       : " = " + std::to_string(value));
-    if (shows_errno && value < 0 && seen.error != untouched)
+    if (shows_errno && value <= 0 && seen.error != untouched && seen.error != 0)
         text_ += std::string(", ") + std::strerror(seen.error);
     if (seen.opens != 0)
         text_ += printed(", %+ld descriptors", seen.opens);
