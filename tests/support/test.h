@@ -73,8 +73,8 @@ testing::AssertionResult is_expected(const std::string &name, const std::string 
 #define EXPECT_TEXT(name, text) EXPECT_TRUE(test::is_expected(name, text))
 
 // What calls do, one after another, as a text that is compared with a file: "CALL = RESULT", and
-// after it what is not nothing: errno after -1, 0 and NULL, descriptors, and the lines that the call
-// wrote, "! " before those of standard error. One that is not ended ends in a backslash.
+// after it what is not nothing: errno after -1, 0 and NULL, descriptors, and the lines that the
+// call wrote, "! " before those of standard error. One that is not ended ends in a backslash.
 class transcript
 {
 public:
