@@ -1,5 +1,5 @@
-// The scan of a machine's functions, hot-swap bridges, and failing calls. What the tree, attributes
-// and windows may be, the model in tests/models tries.
+// PCI functions in sysfs: the scan, lists, attributes and windows; hot-swap bridges, and failing
+// calls. What the scan finds and attributes say, the model in tests/models tries, too.
 #include "support/pci.h"
 
 #include <device_access/qel_pci_hotswap.h>
@@ -183,21 +183,139 @@ TEST_F(pci_sysfs, scans_a_device_in_20_system_calls)
     EXPECT_LE(count() - one, 100 * 20 + 10);
 }
 
-TEST_F(pci_sysfs, copes_with_4096_devices)
+TEST_F(pci_sysfs, lists_what_is_named_like_a_function)
 {
-    for (int n = 0; n < 4096; ++n)
-        make_directory(bus + "/" + function_id(n));
-    const std::string log = output_of([] { sysfs_pci_info_init(); }).out;
-    EXPECT_TRUE(log.starts_with("7 sysfs_pci_arraylist_create: # of elements is 4098\n\n"
-                                "3 sysfs_fill_attribute: Error opening the file_entry, " +
-                                bus + "/0000:0f:1f.7/device\n"))
-        << "from the last to the first: " << log.substr(0, 200);
-    const std::string list = taken(sysfs_pci_list());
-    EXPECT_EQ(list.size(), 4096u * 13);
-    EXPECT_EQ(list.substr(4095 * 13), "0000:0f:1f.7 ");
+    transcript seen;
+    SHOW(seen, sysfs_pci_list());
+    for (const std::string &parent : {bus, dir})
+        for (const char *name : {"0000:00:1f.3", "fFfF:aB:Cd.7", "0000:03:00.8", "0000:03:00.",
+                                 "0000-03:00.0", "0000:03:00.0x", "000g:03:00.0", "0000:03 00.0"})
+            make_directory(parent + "/" + name);
+    write_file(bus + "/0000:00:00.0", "a file");
+    seen.note(taken(sysfs_pci_list()));
+    seen.note(taken(sysfs_pci_children_list(&ident)));
+    for (const std::string name :
+         {"0000:00:1f.3", "0000:00:00.0", "0000:00:1f.4", "0000:03:00.0x"}) {
+        sysfs_pci_identity_t id = {};
+        name.copy(id.str, sizeof id.str); // the last has no NUL
+        seen.note(name);
+        SHOW(seen, sysfs_pci_children_list(&id));
+    }
+    EXPECT_TEXT("pci/lists.txt", seen.text());
+}
+
+TEST_F(pci_sysfs, reads_the_numbers_of_an_identity)
+{
+    transcript seen;
+    for (const char *text : {"0000:00:1f.3", "fFfF:aB:Cd.7", "\x7f~zZ:@[:`{.!", ""}) {
+        sysfs_pci_identity_t id = {};
+        std::strcpy(id.str, text);
+        seen.note(text);
+        SHOW(seen, sysfs_pci_identity_domain(&id));
+        SHOW(seen, sysfs_pci_identity_bus(&id));
+        SHOW(seen, sysfs_pci_identity_slot(&id));
+        SHOW(seen, sysfs_pci_identity_function(&id));
+        SHOW(seen, sysfs_pci_identity_devfn(&id));
+        for (const auto &[first, last] : {std::pair{0, 3}, {6, 12}, {3, 3}, {12, 6}})
+            SHOW(seen, sysfs_pci_identity_atox(first, last, &id));
+    }
+    EXPECT_TEXT("pci/identities.txt", seen.text());
 }
 
 //--- attributes and windows -----------------------------------------------------------------------
+
+TEST_F(pci_sysfs, builds_paths_in_what_room_there_is)
+{
+    transcript seen;
+    for (const char *name : {"config", "", static_cast<const char *>(nullptr)})
+        for (const int room : {-1, 0, 1, 500}) {
+            char buffer[1000] = {};
+            std::memset(buffer, '#', sizeof buffer - 1);
+            const size_t size = dir.size() + (name ? 1 + std::strlen(name) : 0);
+            seen.note(printed("%s, with %d bytes more", name ? name : "NULL", room));
+            SHOW(seen, sysfs_pci_abspath(buffer, size + static_cast<size_t>(room), name, &ident));
+            seen.note(printed("  %s and %zu", buffer, std::string(buffer, 999).find("##")));
+        }
+    char *const own = sysfs_pci_abspath(nullptr, 20, "config", &ident);
+    EXPECT_EQ(own, dir + "/config");
+    std::memset(own + std::strlen(own), 'x', 20); // there is room
+    std::free(own);
+    SHOW(seen, sysfs_pci_abspath(nullptr, 20, "config", nobody));
+    EXPECT_TEXT("pci/paths.txt", seen.text());
+}
+
+TEST_F(pci_sysfs, opens_and_stores_attributes)
+{
+    make_directory(dir + "/directory");
+    transcript seen;
+    for (const char *name :
+         {static_cast<const char *>(nullptr), "", "absent", "directory", "text"}) {
+        seen.note(name ? name : "NULL");
+        const auto told = [&] { return "  " + read_file(dir + "/text"); };
+        write_file(dir + "/text", "a longer text than most");
+        for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR}) {
+            const int fd = sysfs_pci_open(name, flags, &ident);
+            EXPECT_TRUE(fd < 0 || (::fcntl(fd, F_GETFL) & O_ACCMODE) == flags);
+            ::close(fd);
+            SHOW(seen, sysfs_pci_open(name, flags, &ident) >= 0 ? 1 : 0);
+        }
+        SHOW(seen, sysfs_pci_access(name, R_OK, &ident));
+        SHOW(seen, sysfs_pci_store(nullptr, name, &ident));
+        SHOW(seen, sysfs_pci_store("", name, &ident));
+        SHOW(seen, sysfs_pci_store("shorter", name, &ident));
+        seen.note(told());
+        for (const int64_t value : {int64_t{-1}, int64_t{0}, int64_t{9}, int64_t{10}, INT64_MAX}) {
+            SHOW(seen, sysfs_pci_store_num(value, name, &ident));
+            seen.note(told());
+        }
+    }
+    EXPECT_TEXT("pci/attributes.txt", seen.text());
+}
+
+bool is_mapped(const void *address)
+{
+    return ::msync(const_cast<void *>(address), 1, MS_ASYNC) == 0;
+}
+
+TEST_F(pci_sysfs, maps_windows_that_are_memory)
+{
+    transcript seen;
+    make_directory(dir);
+    const auto show = [&](const char *what, uint32_t mask) {
+        void *bars[6];
+        seen.note(what);
+        SHOW(seen, sysfs_pci_mmap(bars, mask, &ident) == 0 ? 1 : -1);
+        std::string mapped = "  mapped:", left = "  left mapped:";
+        void *const before[6] = {bars[0], bars[1], bars[2], bars[3], bars[4], bars[5]};
+        for (int bar = 0; bar < 6; ++bar)
+            mapped += before[bar] && is_mapped(before[bar]) ? printed(" %d", bar) : "";
+        if (before[5] && is_mapped(before[5]))
+            static_cast<char *>(before[5])[4095] = 'w';
+        sysfs_pci_munmap(bars, &ident);
+        for (int bar = 0; bar < 6; ++bar) {
+            left += before[bar] && is_mapped(before[bar]) ? printed(" %d", bar) : "";
+            mapped += bars[bar] ? " and not emptied" : "";
+        }
+        seen.note(mapped + "\n" + left);
+    };
+    for (const auto &[bar, size] : std::vector<std::pair<int, size_t>>{
+             {0, 0}, {1, 127}, {2, 128}, {3, 256}, {4, 257}, {5, 4096}})
+        write_file(dir + printed("/resource%d", bar), std::string(size, '\0'));
+    show("without a configuration space", 0);
+    for (const char kind : {'\0', '\1', '\2', '\xff'}) {
+        write_file(dir + "/config", std::string(0x40, kind));
+        show(printed("registers are 0x%x", static_cast<uint8_t>(kind)).c_str(), 0);
+    }
+    EXPECT_EQ(read_file(dir + "/resource5")[4095], 'w');
+    write_file(dir + "/config", std::string(0x1c, '\0'));
+    show("a configuration space that ends before window 3", 0);
+    show("but 2 and 4", 0x14);
+    fs::remove(dir + "/resource2");
+    show("2 is missing", 0);
+    make_directory(dir + "/resource2");
+    show("2 is a directory", 0);
+    EXPECT_TEXT("pci/windows.txt", seen.text());
+}
 
 TEST_F(pci_sysfs, a_file_that_takes_a_part_of_a_text_has_failed)
 {
@@ -253,41 +371,23 @@ int install(int opts = 0)
     return qel_pci_hotswap_install(static_cast<qel_pci_hotswap_options_t>(opts));
 }
 
-TEST_F(qel_pci_hotswap, runs_the_module_loader_with_the_option)
+TEST_F(qel_pci_hotswap, runs_the_module_loader_and_logs_what_becomes_of_it)
 {
     const syslog_socket log;
-    for (const auto &[opts, option] : {std::pair<int, std::string>{0, ""},
-                                       {1, "pcie_only"},
-                                       {2, "pciehp_only"},
-                                       {3, ""},
-                                       {-1, ""}}) {
-        fs::remove(chassis_sim::modprobe_log);
-        chassis_sim::replace_modprobe();
-        EXPECT_OUTCOME(install(opts), {.error = any_error, .opens = opts == 0}); // opens the log
-        EXPECT_EQ(read_file(chassis_sim::modprobe_log), "[/sbin/modprobe][-s][qel_pci_hotswap" +
-                                                            (option.empty() ? "" : "][" + option) +
-                                                            "]\n");
-        EXPECT_EQ(log.take(),
-                  "<29>" + program + command + (option.empty() ? "" : " " + option) + "\n");
-    }
-}
-
-TEST_F(qel_pci_hotswap, logs_the_status_of_a_loader_that_fails)
-{
-    const syslog_socket log;
-    for (const std::string status : {"255", "1"}) {
-        chassis_sim::replace_modprobe("exit " + status);
-        EXPECT_EQ(install(2), -1);
-        const std::string line = "<29>" + program + command + " pciehp_only";
-        EXPECT_EQ(log.take(), line + "\n" + line + " exited with status " + status + "\n");
-    }
-}
-
-// A shell that still waits for the loader reports a killed one as an exit: kill it too.
-TEST_F(qel_pci_hotswap, takes_a_killed_loader_for_a_success)
-{
-    chassis_sim::replace_modprobe("[ $(cat /proc/$PPID/comm) = sh ] && kill -9 $PPID; kill -9 $$");
-    EXPECT_EQ(install(), 0);
+    transcript seen;
+    // A shell that still waits for the loader reports a killed one as an exit: kill it too.
+    for (const std::string ending :
+         {"exit 0", "exit 1", "exit 255",
+          "[ $(cat /proc/$PPID/comm) = sh ] && kill -9 $PPID; kill -9 $$"})
+        for (const int opts : {0, 1, 2, 3, -1}) {
+            seen.note(printed("option %d, a loader that ends with ", opts) + ending);
+            fs::remove(chassis_sim::modprobe_log);
+            chassis_sim::replace_modprobe(ending);
+            EXPECT_EQ(install(opts), ending == "exit 1" || ending == "exit 255" ? -1 : 0);
+            seen.note(read_file(chassis_sim::modprobe_log) +
+                      replaced(log.take(), program.c_str(), "PROGRAM"));
+        }
+    EXPECT_TEXT("pci/loader.txt", seen.text());
 }
 
 TEST_F(qel_pci_hotswap, logs_what_it_cannot_spawn)

@@ -19,7 +19,7 @@ namespace
 using namespace chassis_sim;
 namespace fs = std::filesystem;
 using std::string;
-using std::to_string;
+using test::transcript;
 
 constexpr log_type_t event = OFWEVENT_LOG;
 constexpr log_type_t results = OFWDIAG_TEST_LOG;
@@ -126,14 +126,6 @@ const post_block ring = {"",
                           {{0x540000000, 7, "newest"}},
                           {},
                           {{3000, 8, "older"}}}};
-const string calculated = "post_get_log_hdr_pos: calcuated hdr position ";
-const string exceeds = " exceeds to storage size! index log_size = ";
-
-string not_mapped(const string &routine, const string &what = "access")
-{
-    return "ERROR: " + routine + ": no actual nvram " + what + " function mapped!\n";
-}
-
 //--- either way -----------------------------------------------------------------------------------
 
 TEST_P(post_either_way, the_logs_of_a_chassis_are_walked_and_read)
@@ -147,86 +139,85 @@ TEST_P(post_either_way, the_logs_of_a_chassis_are_walked_and_read)
     EXPECT_EQ(log_of(results), "1: newest, 0: oldest|last of it, 3: older, ");
     time_t time = 1;
     char message[7];
-    DOES(postlog_nvram_read_dir(results, 2, &time), -2);
+    EXPECT_EQ(postlog_nvram_read_dir(results, 2, &time), -2);
     EXPECT_EQ(time, 0) << "an empty history";
-    DOES(postlog_nvram_open_dir(results), 1);
-    DOES(postlog_nvram_read_dir(results, 1, &time), 0);
+    EXPECT_EQ(postlog_nvram_open_dir(results), 1);
+    EXPECT_EQ(postlog_nvram_read_dir(results, 1, &time), 0);
     EXPECT_EQ(time, 0x40000000) << "without the upper bits";
-    DOES(postlog_nvram_open_log(results, 0), 36);
-    DOES(postlog_nvram_read_log(results, 36, &time, message, 7), 108);
+    EXPECT_EQ(postlog_nvram_open_log(results, 0), 36);
+    EXPECT_EQ(postlog_nvram_read_log(results, 36, &time, message, 7), 108);
     EXPECT_EQ(time, 1000);
 }
 
 TEST_P(post_either_way, the_librarys_table_says_how_large_blocks_are)
 {
-    pcie ? postlog_map_pcie_nvram_access(controller.base()) : postlog_map_def_nvram_access();
-    for (const log_type_t blk : {event, results, errors})
-        fs::remove(nvram_class_dir(blk) + "/size");
-    for (const log_type_t blk : {results, errors}) {
-        test::output_of([&] { EXPECT_EQ(postlog_nvram_init(blk), 1); });
-        const auto current = [&](uint32_t history, uint32_t distance) {
-            load(blk, post_index(order, history, distance));
-            return post_get_curr_log_hdr_pos(blk);
-        };
-        const uint32_t size = blk == results && !pcie ? 0x4000 : 0x8000;
-        DOES(current(1, size - 12), -1,
-             calculated + test::printed("0x%x%s0x%x\n", size, exceeds.c_str(), size - 12));
-        DOES(current(9, 0x100), 0x90C);
-        DOES(current(10, 9), -1, "", "post_get_log_hdr_pos: index 0xa exceeds the maximum 0x9! ");
-        postlog_nvram_close(blk);
-    }
-    // Where sysfs says nothing, the table's address is shown with an entry that is not there.
-    const char *const addresses[] = {"f0004000", "f0006000", "f000a000"};
+    const auto use_library_table = [this] {
+        pcie ? postlog_map_pcie_nvram_access(controller.base()) : postlog_map_def_nvram_access();
+    };
+    transcript seen;
     for (const log_type_t blk : {event, results, errors}) {
+        use_library_table();
+        // Where sysfs says nothing, the table's address is shown with an entry that is not there.
+        fs::remove(nvram_class_dir(blk) + "/size");
         load(blk, (blk == event ? "" : post_index(order, 0, 64)) + post_header(order, 1, 40));
-        const string said = test::output_of([=] { postlog_nvram_open_log(blk, 0); }).err;
-        EXPECT_EQ(said.find(string("OFW base = ") + addresses[blk]) == string::npos, pcie) << said;
+        SHOW(seen, postlog_nvram_open_log(blk, 0));
+        use_library_table();
+        load(blk, image);
+        SHOW(seen, postlog_nvram_init(blk));
+        const uint32_t size = blk == results && !pcie ? 0x4000 : 0x8000;
+        for (const auto &[history, distance] :
+             std::vector<std::pair<uint32_t, uint32_t>>{{1, size - 12}, {9, 0x100}, {10, 9}}) {
+            load(blk, post_index(order, history, distance));
+            SHOW(seen, post_get_curr_log_hdr_pos(blk));
+        }
+        SHOW(seen, postlog_nvram_close(blk));
     }
+    use_library_table();
     // The size limits how much of a message without an end is taken for one.
     load(event,
          post_header(order, 1, 40) + post_entry_head(order, 1, 2, 0x10000) + string(0x4000, 'x'));
-    const auto dump = test::output_of([] { postlog_nvram_dump_all_log_msgs(event); });
-    EXPECT_NE(dump.out.find("= " + string(0x2000, 'x') + "\n"), string::npos);
+    SHOW(seen, postlog_nvram_dump_all_log_msgs(event));
+    EXPECT_TEXT(pcie ? "post/sizes_pcie.txt" : "post/sizes.txt", seen.text());
 }
 
 //--- device files ---------------------------------------------------------------------------------
 
 TEST(post_access, nothing_is_mapped_at_first)
 {
-    const string init = not_mapped("postlog_nvram_init", "'init'");
-    DOES(postlog_nvram_open_log(event, 0), -1, init);
-    DOES(postlog_nvram_open_dir(event), -1, init, "postlog_nvram_open_dir: cannot open device!!\n");
-    DOES(postlog_nvram_dump_all_log_msgs(event), -1, init);
-    DOES(post_nvram_mem_rd(event, 0, nullptr, 1), 0, not_mapped("post_nvram_mem_rd", "'read'"));
-    DOES(postlog_nvram_close_log(event, 0), 1, not_mapped("postlog_nvram_close", "'close'"));
-    DOES(postlog_rd_log_index(event, 0, nullptr), -1, not_mapped("postlog_rd_log_index"));
-    DOES(postlog_rd_log_header(event, 0, nullptr), -1, not_mapped("postlog_rd_log_header"));
-    DOES(postlog_rd_log(event, 0, nullptr), -1, not_mapped("postlog_rd_log"));
-    DOES(postlog_validate_log_header(nullptr), -1, not_mapped("postlog_validate_log_header"));
-    DOES(postlog_validate_log_entry(nullptr), -1, not_mapped("postlog_validate_log_entry"));
+    transcript seen;
+    SHOW(seen, postlog_nvram_open_log(event, 0));
+    SHOW(seen, postlog_nvram_open_dir(event));
+    SHOW(seen, postlog_nvram_dump_all_log_msgs(event));
+    SHOW(seen, post_nvram_mem_rd(event, 0, nullptr, 1));
+    SHOW(seen, postlog_nvram_close_log(event, 0));
+    SHOW(seen, postlog_rd_log_index(event, 0, nullptr));
+    SHOW(seen, postlog_rd_log_header(event, 0, nullptr));
+    SHOW(seen, postlog_rd_log(event, 0, nullptr));
+    SHOW(seen, postlog_validate_log_header(nullptr));
+    SHOW(seen, postlog_validate_log_entry(nullptr));
+    EXPECT_TEXT("post/nothing_mapped.txt", seen.text());
 }
 
 TEST_F(post_device, a_block_that_cannot_be_opened_is_reported)
 {
     make_symlink("/dev/dangling", "/dev/nowhere/at-all");
     fs::remove(nvram_class_dir(2) + "/dev");
-    const string failure = "ERROR postlog_dev_file_nvram_init: cannot open the device file!\n";
+    transcript seen;
     const auto open = [](const char *path, const char *name) {
         std::strcpy(table[event].path, path);
         std::strcpy(table[event].name, name);
         return postlog_nvram_init(event);
     };
-    DOES(open("/dev/x", "unknown"), -1, failure);
-    DOES(open("/dev/x", "nvlog-diag-error"), -1, failure); // its device number is missing
-    DOES(open("/dev/no/x", "nvlog-ofw-event"), -1,
-         "mknod(/dev/no/x) failed: No such file or directory\n" + failure);
-    DOES(open("/dev/dangling", "nvlog-ofw-event"), -1,
-         "ERROR: cannot open newly created dev file /dev/dangling!\n" + failure);
+    SHOW(seen, open("/dev/x", "unknown"));
+    SHOW(seen, open("/dev/x", "nvlog-diag-error")); // its device number is missing
+    SHOW(seen, open("/dev/no/x", "nvlog-ofw-event"));
+    SHOW(seen, open("/dev/dangling", "nvlog-ofw-event"));
     for (const int none : {-1, 3, INT_MIN, INT_MAX})
-        DOES(postlog_nvram_init(static_cast<log_type_t>(none)), -1, failure);
+        SHOW(seen, postlog_nvram_init(static_cast<log_type_t>(none)));
     postlog_map_nvram_access(table, postlog_dev_file_nvram_init, nullptr, close_block, nullptr,
                              nullptr, nullptr, nullptr, nullptr);
-    DOES(postlog_nvram_init(results), -1, not_mapped("postlog_rd_log_index"));
+    SHOW(seen, postlog_nvram_init(results));
+    EXPECT_TEXT("post/not_opened.txt", seen.text());
 }
 
 TEST_F(post_device, devices_are_opened_exclusively_while_that_is_possible)
@@ -276,19 +267,17 @@ TEST_F(post_device, a_failed_read_is_the_result_and_closes_what_was_opened)
 TEST_F(post_controller, closed_blocks_stay_closed)
 {
     postlog_map_pcie_nvram_access(controller.base());
-    DOES(postlog_nvram_open_dir(event), 0);
-    DOES(postlog_nvram_close_dir(event), 1);
+    transcript seen;
+    SHOW(seen, postlog_nvram_open_dir(event));
+    SHOW(seen, postlog_nvram_close_dir(event));
     load(errors, "\x01\x02\x03\x04");
-    test::output_of([] { EXPECT_EQ(postlog_nvram_init(errors), -1); }); // closes, too
+    SHOW(seen, postlog_nvram_init(errors)); // closes, too
     postlog_map_pcie_nvram_access(controller.base());
     for (const int blk : {0, 2, 3, -1})
-        DOES(postlog_pcie_nvram_rd(static_cast<log_type_t>(blk), 24, nullptr, 1), 0,
-             "ERROR: postlog_pcie_nvram_rd(): cannot access device!\n");
+        SHOW(seen, postlog_pcie_nvram_rd(static_cast<log_type_t>(blk), 24, nullptr, 1));
     for (const int blk : {0, 3})
-        DOES(postlog_pcie_nvram_init(static_cast<log_type_t>(blk)), -1,
-             "pcie_nvram_read(): argument error \n"
-             "ERROR: postlog_pcie_rd_log_header(): POST NVRAM Read error!\n"
-             "ERROR postlog_pcie_nvram_init: cannot read from the device file!\n");
+        SHOW(seen, postlog_pcie_nvram_init(static_cast<log_type_t>(blk)));
+    EXPECT_TEXT("post/closed.txt", seen.text());
 }
 
 } // namespace

@@ -3,11 +3,13 @@
 #include "support/uio.h"
 
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <limits>
 #include <set>
 #include <utility>
 
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/time.h>
@@ -97,6 +99,53 @@ TEST(uio_open, composes_a_device_number_the_simple_way)
     EXPECT_EQ(seen.err, debug("make_class_dir: Made /sys/class/uio/uio7"));
 }
 
+//--- attributes and lines -------------------------------------------------------------------------
+
+TEST(uio_attribute, is_opened_below_the_devices_directory)
+{
+    start_chassis();
+    libuio_dev_t *const uio = opened("/dev/uio0");
+    transcript seen;
+    const auto show = [&](const char *name, int flags) {
+        seen.note(name ? name : "NULL");
+        SHOW(seen, libuio_open_device_attr(uio, name, flags) >= 0 ? 1 : -1);
+    };
+    for (const char *name : {static_cast<const char *>(nullptr), "uevent", "none", "/etc/passwd",
+                             "uevent/x", "uio_maps/x", "."})
+        show(name, O_RDONLY | O_CLOEXEC);
+    show(".", O_RDWR);
+    const char *const dir = std::exchange(uio->sys_device_dir, nullptr);
+    for (const char *name : {"uevent", "/etc/passwd", static_cast<const char *>(nullptr)})
+        show(name, O_RDONLY);
+    uio->sys_device_dir = "/sys/gone";
+    show("uevent", O_RDONLY);
+    uio->sys_device_dir = dir;
+    EXPECT_TEXT("uio/attributes.txt", seen.text());
+    const int fd = libuio_open_device_attr(uio, "uevent", O_RDWR);
+    EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDWR);
+    libuio_close(uio);
+}
+
+TEST(uio_lines, go_to_one_of_the_streams_as_far_as_they_fit)
+{
+    const std::string prefix = "log[word]: lib/device_access/libuio:7:";
+    for (const int level : {INT_MIN, 0, 3, 5, 6, 7, INT_MAX})
+        for (const size_t length : {9, 440, 470, 472, 473, 474, 475, 600}) {
+            const std::string function(length, 'f');
+            std::string line = "lib/device_access/libuio:7:" + function + "(): ";
+            line = line.substr(0, 509) + (line.size() < 509 ? "text %s" : "");
+            line = "log[word]: " + line.substr(0, 509) + "\n";
+            outcome expected;
+            (level <= 5 ? expected.out : expected.err) = short_lines(line);
+            EXPECT_OUTCOME(libuio_pr(level, "word", 7, function.c_str(), "text %s", "%s"),
+                           {expected});
+        }
+    output_of([] {
+        libuio_pr(3, "word", 7, "function", "text");
+        EXPECT_EQ(__fpending(stdout), 0u) << "nothing waits in a buffer";
+    });
+}
+
 //--- each failing call ----------------------------------------------------------------------------
 
 // A client's whole round; 0, or the errno of the call that failed.
@@ -118,26 +167,6 @@ TEST(uio_faults, each_failing_call_gives_its_errno_and_one_line_and_leaves_nothi
     device.irq_delay_ms = 0;
     start_chassis({device});
     expect_failures("uio", EIO, round);
-}
-
-// The C library's own search of a directory takes no such care.
-TEST(uio_faults, no_clean_up_hides_the_errno_of_the_failing_step)
-{
-    start_chassis();
-    const auto judge = [](const run &seen) {
-        const bool of_search = seen.seen.out.find("opendir") != std::string::npos;
-        const std::set<std::string> goes_on = {"open /sys/class/uio/uio0/dev", "read", "close",
-                                               "getdents64"};
-        const int error = goes_on.contains(seen.failed)           ? EXDEV
-                          : seen.failed.starts_with("allocation") ? ENOMEM
-                                                                  : EIO;
-        if (!of_search) {
-            EXPECT_EQ(seen.seen.error, error) << seen;
-        }
-    };
-    EXPECT_GT(fail_each_call(
-                  EIO, [] { return open_now("/dev/uio0"); }, judge, EXDEV),
-              20);
 }
 
 TEST(uio_faults, an_unmapping_that_fails_is_noted_and_forgotten)
@@ -194,23 +223,6 @@ protected:
 
     libuio_dev_t *uio_;
 };
-
-TEST_F(uio_irq, an_interrupt_stays_pending_until_it_is_counted)
-{
-    control("interrupt uio0");
-    EXPECT_OUTCOME(libuio_irqwait(uio_, nullptr, nullptr), {});
-    EXPECT_OUTCOME(libuio_irqwait(uio_, nullptr, nullptr), {});
-    expect_interrupt(nullptr, 1);
-    expect_timeout(no_wait);
-}
-
-TEST_F(uio_irq, an_interrupt_wins_over_a_deadline_that_is_past)
-{
-    for (uint32_t number = 1; const timespec &deadline : {no_wait, long_past, end_of_time}) {
-        control("interrupt uio0");
-        expect_interrupt(&deadline, number++);
-    }
-}
 
 TEST_F(uio_irq, waits_until_the_deadline)
 {

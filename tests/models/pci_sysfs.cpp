@@ -1,5 +1,5 @@
-// The scan of the PCI devices, lists, attribute files and memory windows, beside a look at the same
-// tree in the simplest way.
+// The scan of the PCI devices and what their attributes say, compared with a look at the same tree
+// in the simplest way.
 #include "walk.h"
 
 #include "sim/base/files.h"
@@ -15,8 +15,6 @@
 #include <optional>
 #include <sstream>
 
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -87,7 +85,7 @@ public:
     void step(choices &choose) override
     {
         ident_ = identity(choose.of(names));
-        switch (choose.below(16)) {
+        switch (choose.below(10)) {
         case 0:
         case 1:
             return change_tree(choose);
@@ -101,21 +99,9 @@ public:
         case 6:
             return fill();
         case 7:
-            return list(choose);
-        case 8:
-            return build_path(choose);
-        case 9:
-            return open_attribute(choose);
-        case 10:
             return show(choose);
-        case 11:
-            return show_numbers(choose);
-        case 12:
-            return store(choose);
-        case 13:
-            return map(choose);
         default:
-            return read_identity(choose);
+            return show_numbers(choose);
         }
     }
 
@@ -404,6 +390,17 @@ private:
         return all.size() == 1 && all[0] < 0x10000 ? static_cast<uint16_t>(all[0]) : 0xffff;
     }
 
+    int letters(int first, int last) const
+    {
+        unsigned int number = 0;
+        for (int i = first; i < last; ++i) {
+            const int letter = std::tolower(static_cast<unsigned char>(ident_.str[i]));
+            const int value = letter >= '0' && letter <= '9' ? letter - '0' : letter - 107;
+            number = number * 16 + static_cast<unsigned int>(value);
+        }
+        return static_cast<int>(number);
+    }
+
     void fill()
     {
         sysfs_pci_info_t expected = {}, seen = {};
@@ -420,95 +417,15 @@ private:
         expect_same("the record", text_of(expected), text_of(seen));
     }
 
-    static bool is_identity(const string &name)
-    {
-        const string form = "hhhh:hh:hh.7";
-        bool same = name.size() == form.size();
-        for (size_t i = 0; same && i < form.size(); ++i)
-            same = form[i] == 'h'   ? std::isxdigit(static_cast<unsigned char>(name[i])) != 0
-                   : form[i] == '7' ? name[i] >= '0' && name[i] <= '7'
-                                    : name[i] == form[i];
-        return same;
-    }
-
-    void list(choices &choose)
-    {
-        const bool children = choose.one_in(2);
-        const string path = children ? dir() : bus;
-        std::vector<string> found;
-        outcome expected = {.value = 1};
-        struct stat status = {};
-        if (children && id().size() > 12)
-            expected = {.error = ENAMETOOLONG};
-        else if (::stat(path.c_str(), &status) != 0)
-            expected = {.error = ENOENT};
-        else if (!S_ISDIR(status.st_mode))
-            expected = {.error = ENOTDIR};
-        else
-            for (const auto &entry : fs::directory_iterator(path))
-                if (is_identity(entry.path().filename()))
-                    found.push_back(entry.path().filename());
-        expected.error = expected.value ? any_error : expected.error;
-        std::sort(found.begin(), found.end());
-        sysfs_pci_identity_t *all = nullptr;
-        expect(children ? "sysfs_pci_children_list(" + id() + ")" : "sysfs_pci_list()", expected,
-               [&] {
-                   all = children ? sysfs_pci_children_list(&ident_) : sysfs_pci_list();
-                   return all != nullptr;
-               });
-        string one, other;
-        for (const string &name : found)
-            one += name + " ";
-        for (const sysfs_pci_identity_t *entry = all; all && entry->str[0]; ++entry)
-            other += string(entry->str) + " ";
-        std::free(all);
-        expect_same("the list", one, other);
-    }
-
     //--- attributes -------------------------------------------------------------------------------
 
-    void build_path(choices &choose)
-    {
-        const string name = choose.of({string("config"), string(), choose.text(200)});
-        const bool none = choose.one_in(3);
-        const string path = dir() + (none ? "" : "/" + name);
-        const size_t size = path.size();
-        const bool own = choose.one_in(3);
-        const size_t max = choose.of({size, size + 1, size - 1, size_t{0}, size_t{1}, size_t{999}});
-        const bool nobody = choose.one_in(12);
-        const bool fits = !nobody && (own || size < max);
-        char buffer[1100];
-        std::memset(buffer, '#', sizeof buffer);
-        char *built = nullptr;
-        expect(printed("sysfs_pci_abspath(%s, %zu, ", own ? "NULL" : "buffer", max) + path + ")",
-               {.value = fits,
-                .error = nobody ? -22
-                         : fits ? untouched
-                                : ENAMETOOLONG},
-               [&] {
-                   built =
-                       sysfs_pci_abspath(own ? nullptr : buffer, max, none ? nullptr : name.c_str(),
-                                         nobody ? nullptr : &ident_);
-                   return built != nullptr;
-               });
-        if (fits)
-            expect_same("the path", path, built);
-        expect_same("what is behind the buffer", '#', buffer[own ? 0 : max]);
-        if (own && built) {
-            std::memset(built + size, 'x', max); // there is room
-            std::free(built);
-        }
-    }
-
-    // What comes of opening an attribute.
-    int opening_error(const char *name, bool writes) const
+    // What comes of opening an attribute to read.
+    int opening_error(const char *name) const
     {
         if (!name || !*name)
             return EINVAL;
         struct stat status = {};
-        if (::stat((dir() + "/" + name).c_str(), &status) != 0)
-            return errno;
-        return writes && S_ISDIR(status.st_mode) ? EISDIR : 0;
+        return ::stat((dir() + "/" + name).c_str(), &status) == 0 ? 0 : errno;
     }
 
     const char *attribute(choices &choose) const
@@ -518,32 +435,13 @@ private:
         return choose.of(attributes).c_str();
     }
 
-    void open_attribute(choices &choose)
-    {
-        const char *const name = attribute(choose);
-        const string call = (name ? name : "NULL") + string(" of ") + id();
-        const int flags = choose.of({O_RDONLY, O_WRONLY, O_RDWR});
-        const int error = opening_error(name, flags != O_RDONLY);
-        int fd = -1;
-        expect(printed("sysfs_pci_open(0x%x) of ", flags) + call,
-               {.value = error == 0, .error = error ? error : untouched, .opens = error == 0},
-               [&] { return (fd = sysfs_pci_open(name, flags, &ident_)) >= 0; });
-        if (fd >= 0)
-            expect_same("the way it is open", flags, ::fcntl(fd, F_GETFL) & O_ACCMODE);
-        ::close(fd);
-        const int absent = opening_error(name, false);
-        expect("sysfs_pci_access() of " + call,
-               {.value = absent ? -1 : 0, .error = absent ? absent : untouched},
-               [&] { return sysfs_pci_access(name, R_OK, &ident_); });
-    }
-
     void show(choices &choose)
     {
         const char *const name = attribute(choose);
         const size_t max = choose.of<size_t>({0, 1, 2, 5, 900});
         const bool own = choose.one_in(2);
         char buffer[1000];
-        int error = opening_error(name, false);
+        int error = opening_error(name);
         read_result read;
         if (error == 0 && !own && max < 2)
             error = EINVAL;
@@ -571,7 +469,7 @@ private:
         const char *const name = attribute(choose);
         const size_t limit = choose.of<size_t>({0, 1, 1, 2, 3});
         const bool nowhere = choose.one_in(12);
-        int error = opening_error(name, false);
+        int error = opening_error(name);
         if (error == 0 && nowhere)
             error = EINVAL;
         std::vector<int64_t> all;
@@ -587,157 +485,6 @@ private:
                [&] { return sysfs_pci_show_nums(nowhere ? nullptr : seen, limit, name, &ident_); });
         for (size_t i = 0; i < all.size(); ++i)
             expect_same("a number", all[i], seen[i]);
-    }
-
-    void store(choices &choose)
-    {
-        const char *const name = attribute(choose);
-        const bool as_number = choose.one_in(2);
-        const int64_t value = choose.of<int64_t>(
-            {choose.between(-2, 11), choose.hostile(), static_cast<int64_t>(choose.bits())});
-        string text = choose.of({string(), choose.text(40)});
-        const bool none = choose.one_in(8);
-        int error = opening_error(name, true);
-        if (error == 0 && !as_number && (none || text.empty()))
-            error = EINVAL;
-        string expected = error ? "" : contents(dir() + "/" + name, SIZE_MAX).text.value_or("");
-        if (as_number)
-            text = value >= 0 && value <= 9 ? printed("%jd\n", intmax_t{value})
-                                            : printed("0x%jx\n", uintmax_t(value));
-        expected.replace(0, std::min(text.size(), expected.size()), text);
-        expect((as_number ? "sysfs_pci_store_num(" : "sysfs_pci_store(") + text + ", " +
-                   (name ? name : "NULL") + ")",
-               {.value = error ? -1 : 0, .error = error ? error : untouched}, [&] {
-                   return as_number ? sysfs_pci_store_num(value, name, &ident_)
-                                    : sysfs_pci_store(none ? nullptr : text.c_str(), name, &ident_);
-               });
-        if (error == 0)
-            expect_same("the file", expected,
-                        contents(dir() + "/" + name, SIZE_MAX).text.value_or(""));
-    }
-
-    //--- windows ----------------------------------------------------------------------------------
-
-    static bool is_mapped(const void *address)
-    {
-        return ::msync(const_cast<void *>(address), 1, MS_ASYNC) == 0;
-    }
-
-    // Whether the window is mapped: not when it is small or has ports. -1: nobody can tell.
-    int is_memory(intmax_t size, int bar) const
-    {
-        if (size > 256)
-            return 1;
-        const auto at = static_cast<size_t>(0x10 + 4 * bar);
-        const read_result config = contents(dir() + "/config", SIZE_MAX);
-        if (size < 128)
-            return 0;
-        if (!config.text || config.text->size() <= at)
-            return -1;
-        return ((*config.text)[at] & 1) == 0;
-    }
-
-    void make_windows(choices &choose)
-    {
-        chassis_sim::write_file(dir() + "/config", string(choose.of({0x40, 0x40, 0x13, 0x1c}),
-                                                          choose.of({'\0', '\1', '\2', '\xff'})));
-        for (int bar = 0; bar < 6; ++bar) {
-            const string file = dir() + "/resource" + std::to_string(bar);
-            fs::remove_all(file);
-            const int size = choose.of({-1, 0, 127, 128, 200, 256, 257, 4096, 9000});
-            if (choose.one_in(20))
-                fs::create_directory(file);
-            else if (size >= 0)
-                chassis_sim::write_file(file, string(static_cast<size_t>(size), '\0'));
-        }
-    }
-
-    void map(choices &choose)
-    {
-        if (!fs::is_directory(dir()) || id().size() > 12)
-            return;
-        make_windows(choose);
-        const auto mask = static_cast<uint32_t>(choose.of({0, 0x3e, 0x2a, choose.hostile()}));
-        bool maps[6] = {};
-        int result = 0;
-        for (int bar = 0; bar < 6 && result == 0; ++bar) {
-            const string file = dir() + "/resource" + std::to_string(bar);
-            if ((mask >> bar & 1) != 0 || !fs::exists(file))
-                continue;
-            if (fs::is_directory(file))
-                result = -1;
-            else
-                maps[bar] = is_memory(static_cast<intmax_t>(fs::file_size(file)), bar) != 0;
-        }
-        int junk;
-        void *windows[6] = {&junk, &junk, &junk, &junk, &junk, &junk};
-        expect(printed("sysfs_pci_mmap(0x%x, ", mask) + id() + ")",
-               {.value = result, .error = result ? EISDIR : any_error},
-               [&] { return sysfs_pci_mmap(windows, mask, &ident_); });
-        void *const mapped[6] = {windows[0], windows[1], windows[2],
-                                 windows[3], windows[4], windows[5]};
-        for (int bar = 0; bar < 6; ++bar) {
-            expect_same(printed("whether window %d is there", bar), maps[bar],
-                        windows[bar] != nullptr);
-            if (maps[bar] && result == 0)
-                std::memcpy(windows[bar], "word", 4);
-            else if (maps[bar])
-                expect_same("whether it is left mapped", false, is_mapped(windows[bar]));
-        }
-        if (result == 0)
-            unmap(windows, mapped);
-    }
-
-    void unmap(void **windows, void *const *mapped)
-    {
-        expect("sysfs_pci_munmap(" + id() + ")", {.error = any_error},
-               [&] { return sysfs_pci_munmap(windows, &ident_), 0; });
-        for (int bar = 0; bar < 6; ++bar) {
-            expect_same("whether the entry is emptied", true, windows[bar] == nullptr);
-            if (!mapped[bar])
-                continue;
-            const string file = dir() + "/resource" + std::to_string(bar);
-            expect_same("the window's file", "word", contents(file, 4).text.value_or(""));
-            const auto size = static_cast<size_t>(fs::file_size(file));
-            const bool stays = is_memory(static_cast<intmax_t>(size), bar) < 1;
-            expect_same("whether it is left mapped", stays, is_mapped(mapped[bar]));
-            if (stays)
-                ::munmap(mapped[bar], size);
-        }
-    }
-
-    //--- identities -------------------------------------------------------------------------------
-
-    int letters(int first, int last) const
-    {
-        unsigned int number = 0;
-        for (int i = first; i < last; ++i) {
-            const int letter = std::tolower(static_cast<unsigned char>(ident_.str[i]));
-            const int value = letter >= '0' && letter <= '9' ? letter - '0' : letter - 107;
-            number = number * 16 + static_cast<unsigned int>(value);
-        }
-        return static_cast<int>(number);
-    }
-
-    void read_identity(choices &choose)
-    {
-        if (choose.one_in(3))
-            for (char &letter : ident_.str)
-                letter = static_cast<char>(choose.below(128));
-        const int first = choose.below(13);
-        const int last = choose.between(first, 13);
-        const std::pair<const char *, std::pair<int, int>> numbers[] = {
-            {"atox", {letters(first, last), sysfs_pci_identity_atox(first, last, &ident_)}},
-            {"atox of nothing", {0, sysfs_pci_identity_atox(last, first, &ident_)}},
-            {"domain", {letters(0, 4), sysfs_pci_identity_domain(&ident_)}},
-            {"bus", {letters(5, 7), sysfs_pci_identity_bus(&ident_)}},
-            {"slot", {letters(8, 10), sysfs_pci_identity_slot(&ident_)}},
-            {"function", {letters(11, 12), sysfs_pci_identity_function(&ident_)}},
-            {"devfn",
-             {(letters(8, 10) * 8 & 0xff) | (letters(11, 12) & 7),
-              sysfs_pci_identity_devfn(&ident_)}}};
-        for (const auto &[what, values] : numbers)
-            expect_same(what, values.first, values.second);
     }
 
     const syslog_socket log_;

@@ -31,7 +31,6 @@ namespace fs = std::filesystem;
 using chassis_sim::write_file;
 
 const string classes = "/sys/class/uio";
-bool shows_lines = false; // of the source, in diagnostics
 
 string contents(const string &path)
 {
@@ -100,8 +99,6 @@ public:
         case 5:
         case 6:
             return wait(choose);
-        case 7:
-            return choose.one_in(2) ? open_attribute(choose) : print(choose);
         default:
             return choose.one_in(3) ? close() : refuse_null(choose);
         }
@@ -582,65 +579,6 @@ private:
 
     //--- the rest ---------------------------------------------------------------------------------
 
-    void open_attribute(choices &choose)
-    {
-        const char *const name = choose.of<const char *>(
-            {nullptr, "uevent", "none", "/etc/passwd", "uevent/x", "uio_maps/x"});
-        const int flags = choose.of({O_RDONLY, O_RDWR, O_RDONLY | O_CLOEXEC});
-        const char *const dir = open_.uio->sys_device_dir;
-        open_.uio->sys_device_dir = choose.one_in(6) ? nullptr : dir;
-        const bool is_gone = !has_interrupts() && choose.one_in(4);
-        if (is_gone)
-            fs::rename(open_.device_dir, "/sys/gone");
-        struct stat status = {};
-        if (!name)
-            error_ = EINVAL;
-        else if (name[0] == '/')
-            fails(EINVAL, "libuio_open_device_attr", string(name) + ": attr-name is not relative\n",
-                  false);
-        else if (!open_.uio->sys_device_dir)
-            fails(ENOENT, "libuio_open_device_attr", "sys_device_dir is NULL\n", false);
-        else if (!fs::exists(open_.device_dir))
-            fails(ENOENT, "libuio_open_device_attr",
-                  "open(" + open_.device_dir + ",O_DIRECTORY) failed");
-        else if (::stat((open_.device_dir + "/" + name).c_str(), &status) == 0)
-            lines_.value = lines_.opens = 1;
-        else if (errno == ENOENT)
-            error_ = ENOENT;
-        else
-            fails(errno, "libuio_open_device_attr",
-                  "openat(" + open_.device_dir + "," + name + printed(",%#x) failed", flags));
-        lines_.error = lines_.value ? untouched : error_;
-        int fd = -1;
-        expect(string("libuio_open_device_attr(") + (name ? name : "NULL") +
-                   printed(", %#x)", flags),
-               lines_, [&] { return (fd = libuio_open_device_attr(open_.uio, name, flags)) >= 0; });
-        ::close(fd);
-        if (is_gone)
-            fs::rename("/sys/gone", open_.device_dir);
-        open_.uio->sys_device_dir = dir;
-    }
-
-    void print(choices &choose)
-    {
-        const int level = choose.of({choose.between(0, 9), choose.hostile()});
-        const auto line = static_cast<unsigned int>(choose.hostile());
-        const string function = choose.of({choose.text(9), string(choose.between(440, 600), 'f')});
-        const string text = choose.of({choose.text(90), string("%n%s"), string(600, 't')});
-        string whole = printed("lib/device_access/libuio:%u:", line) + function + "(): ";
-        whole = whole.substr(0, 509) + (whole.size() < 509 ? text + " 7" : "");
-        whole = "log[word]: " + whole.substr(0, 509) + "\n";
-        (level <= 5 ? lines_.out : lines_.err) = whole;
-        lines_.error = untouched;
-        lines_.flushed = true;
-        shows_lines = true;
-        expect(printed("libuio_pr(%d, %u)", level, line), lines_, [&] {
-            libuio_pr(level, "word", line, function.c_str(), "%s %d", text.c_str(), 7);
-            return 0;
-        });
-        shows_lines = false;
-    }
-
     void refuse_null(choices &choose)
     {
         const std::function<intmax_t()> calls[] = {
@@ -690,8 +628,6 @@ void replace_all(string &text, const string &start, const string &end, const str
 int main(int argc, char **argv)
 {
     normalise = [](string &text) {
-        if (shows_lines)
-            return;
         const string unit = "lib/device_access/libuio:";
         for (size_t at; (at = text.find(unit)) != text.npos;)
             text.erase(at, text.find(':', at + unit.size()) + 1 - at);

@@ -58,15 +58,6 @@ result value_of(const auto &call)
         return call();
 }
 
-// The same by position: result, standard error, standard output, errno which was 0, descriptors.
-inline outcome positional(result value, const std::string &err = "", const std::string &out = "",
-                          int error = any_error, long opens = 0)
-{
-    return {value, error, err, out, opens};
-}
-#define DOES(call, ...)                                                                            \
-    EXPECT_EQ(test::positional(__VA_ARGS__), test::outcome_of([&] { return errno = 0, call; }))
-
 // Whether a text is that of tests/expected/NAME; shows what differs. With RENEW_EXPECTED in the
 // environment, the file becomes that text.
 testing::AssertionResult is_expected(const std::string &name, const std::string &text);
