@@ -67,6 +67,11 @@ void note_registry(transcript &seen)
 TEST(pod_registry, has_the_cards_of_each_chassis)
 {
     transcript seen;
+    for (const podlog::nvram_dev_info_t &row : _nvram_dev_info)
+        seen.note(printed("NVRAM '%s': attribute %d, %d bytes, %d histories, %d bytes each, mask "
+                          "0x%x, words at %d and %d",
+                          row.name, row.attr, row.mem_size, row.num_subblock, row.msg_size,
+                          row.log_align_msk, row.pod_status_pos, row.pod_faultinject_pos));
     note_registry(seen);
     pod_storage_info_t named = {}; // the rest of a longer name stays
     std::memset(named.dev[0].inst_name, 'x', sizeof named.dev[0].inst_name);
@@ -364,6 +369,8 @@ TEST(pod_secondary, takes_what_it_has_room_for_of_a_longer_message)
     std::string entry = chassis_sim::pod_entry(5, 2000) + std::string(2000, 'm');
     EXPECT_OUTCOME(podlog_eeprom_add_raw_log(0, reinterpret_cast<uint8_t *>(entry.data())),
                    {.value = 1, .error = any_error});
+    const streams dumped = output_of([] { podlog_eeprom_dump_log_msgs(0, 0); });
+    EXPECT_NE(dumped.out.find(" " + std::string(2000, 'm') + "\n"), std::string::npos);
     EXPECT_EQ(podlog_cpy_curr_subblock_to_secondary(6), 1);
     EXPECT_EQ(pod_storages[2].text(2), "0: " + std::string(63, 'm') + ", ");
 }

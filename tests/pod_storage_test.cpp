@@ -231,6 +231,12 @@ TEST(pod_file, makes_directory_and_file_only_for_writing)
         EXPECT_EQ(fs::status(path).permissions(), fs::perms{0750});
         EXPECT_EQ(fs::file_size(path), 16384u) << "whatever the log's size";
     }
+    podlog_file_set_pod_info(4, std::string("/var/pod/small/below").data(), 1000, 2, 64, ~0u);
+    for (const int rdonly : {0, 1})
+        EXPECT_OUTCOME(podlog_file_init(4, rdonly),
+                       {.value = -1,
+                        .error = any_error,
+                        .err = "ERROR: pod_file_mem_rd: cannot access device!\n"});
 }
 
 } // namespace

@@ -277,6 +277,8 @@ TEST_F(post_controller, closed_blocks_stay_closed)
         SHOW(seen, postlog_pcie_nvram_rd(static_cast<log_type_t>(blk), 24, nullptr, 1));
     for (const int blk : {0, 3})
         SHOW(seen, postlog_pcie_nvram_init(static_cast<log_type_t>(blk)));
+    nvram_log_index_t index;
+    SHOW(seen, postlog_pcie_rd_log_index(event, 0, &index));
     EXPECT_TEXT("post/closed.txt", seen.text());
 }
 
