@@ -10,7 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -21,6 +21,7 @@ namespace devaccess
 namespace
 {
 
+constexpr size_t most_bytes = 16 << 20; // far more than what a chassis needs
 constexpr char first_line[] = "devaccess podlog position 1";
 
 // FNV-1a: a hash that is the same on every machine. It need not withstand who writes entries; they
@@ -67,12 +68,15 @@ void sync_directory(const std::string &file)
 
 reading_position::reading_position(std::string file) : file_(std::move(file))
 {
-    std::error_code none;
-    if (file_.empty() || !std::filesystem::exists(file_, none))
+    if (file_ == standard_stream)
+        throw usage_error("--since-last remembers in a file, which '-' is not");
+    const auto text = file_.empty() ? std::nullopt : read_file(file_, most_bytes);
+    if (!text)
         return;
-    std::ifstream lines(file_);
+    expect_regular(file_);
+    std::istringstream lines(*text);
     std::string line;
-    bool is_position = lines.good();
+    bool is_position = true;
     if (std::getline(lines, line))
         is_position = line == first_line;
     while (is_position && std::getline(lines, line)) {
