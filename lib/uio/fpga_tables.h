@@ -259,7 +259,7 @@ inline constexpr map_row map_table[] = {
 constexpr bool maps_fit_a_handle()
 {
     for (unsigned int type = 0; type < SWFPGA_UNKNOWN; ++type)
-        if (std::ranges::count_if(map_table, [=](const map_row &row) {
+        if (std::count_if(std::begin(map_table), std::end(map_table), [=](const map_row &row) {
                 return row.belongs_to(static_cast<swfpga_type>(type));
             }) > LIBUIO_MAX_MAPS)
             return false;
