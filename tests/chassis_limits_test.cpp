@@ -36,97 +36,6 @@ string shell(const string &line)
     return text + std::to_string(WEXITSTATUS(::pclose(pipe)));
 }
 
-// Descriptions, in a directory of their own.
-struct chassis_description_file : testing::Test {
-    ~chassis_description_file() override { fs::remove_all(dir); }
-
-    string run(const string &text, const string &words)
-    {
-        write_file(dir + "/description", text);
-        return shell("chassis-sim --description " + dir + "/description " + words);
-    }
-    const string dir = fs::temp_directory_path() / ("limits" + std::to_string(::getpid()));
-};
-
-TEST_F(chassis_description_file, leads_to_no_file_outside_the_chassis)
-{
-    write_file(dir + "/canary", "sings");
-    const string away = "/var/../" + dir;
-    for (const string &path :
-         {dir + "/canary", away + "/canary", "/var/tmp/../.." + dir + "/new", string("/etc/new"),
-          string("/var"), string("var/x"), string("/sys//x")})
-        EXPECT_EQ(run(R"({"eeproms": [{"path": ")" + path + "\"}]}", "-- true"),
-                  "chassis-sim: /eeproms/0/path '" + path +
-                      "' is not a file in /sys, /dev, /var or /flash\n125");
-    const string link = run(R"({"eeproms": [{"path": "/var/run/x/new"}]})", "-- true");
-    EXPECT_EQ(link, "chassis-sim: /var/run/x leads out of the chassis\n125");
-    for (const string name : {"../../x", "..", "", "a b"})
-        EXPECT_EQ(
-            run(R"({"slots": [{"name": ")" + name + R"(", "address": "0000:03:00"}]})", "-- true"),
-            "chassis-sim: /slots/0/name is not a name\n125");
-    const string outside = "../../../.." + dir;
-    EXPECT_EQ(run("{}", "-- chassis-sim ctl link " + outside + " up"),
-              "chassis-sim: there is no function '" + outside + "'\n1");
-    EXPECT_EQ(test::read_file(dir + "/canary"), "sings");
-    fs::remove(dir + "/description");
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir), {}), 1);
-}
-
-TEST_F(chassis_description_file, that_cannot_be_is_told_by_the_member_and_why)
-{
-    const string function = R"({"id": "0000:00:01.0"})";
-    const string wrong[][2] = {
-        {R"({"functions": [)" + function + "," + function + "]}",
-         "/functions/1/id '0000:00:01.0' is there already"},
-        {R"({"functions": [{"id": "0000:01:00.0", "parent": "0000:00:01.0"}]})",
-         "/functions/0/parent names '0000:00:01.0', which is not a function before it"},
-        {R"({"functions": [{"id": "0000:00:01.0", "capabilities": ["pm", "pm"]}]})",
-         "/functions/0/capabilities/1 is there already"},
-        {R"({"functions": [{"id": "0000:00:01.0", "config": [{"offset": 255, "value": 1}]}]})",
-         "/functions/0/config/0/offset lies outside the configuration space"},
-        {R"({"functions": [{"id": "0000:00:01.0", "bars": [{}, {}, {}, {}, {}, {}, {}]}]})",
-         "/functions/0/bars are more than six"},
-        {R"({"uio": [{"number": 1}, {"number": 1}]})", "/uio/1/number 1 is there already"},
-        {R"({"uio": [{"number": 64}]})", "/uio/0/number is larger than 63"},
-        {R"({"uio": [{"maps": [{"map": "../map0"}]}]})", "/uio/0/maps/0/map is not a name"},
-        {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
-             {"offset": 16, "value": 1}]}]}]})",
-         "/uio/0/maps/0/registers/0/offset lies outside the window"},
-        {R"({"uio": [{"maps": [{"map": "map0", "size": "16", "registers": [
-             {"name": "GO", "offset": 0, "on_write": [{"interrupt": "uio1"}]}]}]}]})",
-         "/uio/0/maps/0/registers/0/on_write/0/interrupt names 'uio1', which does not exist"},
-        {R"({"faults": [{"device": "uio9", "call": "read", "error": "EIO"}]})",
-         "/faults/0/device names 'uio9', which does not exist"},
-        {R"({"memory": [{"address": "0x1001", "size": 16}]})",
-         "/memory/0/address is no multiple of 4096"},
-        {R"({"memory": [{"address": 4096, "size": 1, "bytes": "abc"}]})",
-         "/memory/0/bytes is not a string of bytes, two hexadecimal digits each"},
-        {R"({"timeline": [{"at_ms": 86400001, "do": "plug uio0"}]})",
-         "/timeline/0/at_ms is not between 0 and a day"},
-    };
-    for (const auto &[text, line] : wrong)
-        EXPECT_EQ(run(text, "-- true"), "chassis-sim: " + line + "\n125");
-}
-
-TEST_F(chassis_description_file, finds_register_maps_beside_it_and_prints_them_back)
-{
-    write_file(dir + "/map.json", R"({"name": "timer", "registers": [{"name": "COUNT", "offset": 8,
-        "fields": [{"name": "LOW", "bits": "3:0", "access": "read-only"}]}]})");
-    const string text = R"({"uio": [{"maps": [{"map": "map0", "size": "64",
-        "register_map": "map.json"}]}]})";
-    const string printed = run(text, "--describe");
-    EXPECT_NE(printed.find("\"COUNT\""), string::npos) << printed;
-    EXPECT_EQ(run(printed.substr(0, printed.size() - 1), "--describe"), printed);
-    EXPECT_EQ(run(text, "-- sh -c 'chassis-sim ctl set COUNT 7; chassis-sim ctl get COUNT.LOW'"),
-              "0x7\n0");
-    EXPECT_EQ(run(text, "-- sh -c '(sleep .1; chassis-sim ctl set COUNT 9) & "
-                        "chassis-sim ctl wait COUNT 9 && chassis-sim ctl wait COUNT 8 20'"),
-              "chassis-sim: COUNT is still 0x9\n1");
-    EXPECT_EQ(run(R"({"uio": [{"maps": [{"register_map": "none"}]}]})", "-- true"),
-              "chassis-sim: /uio/0/maps/0/register_map: cannot read a register map from " + dir +
-                  "/none\n125");
-}
-
 //--- processes ------------------------------------------------------------------------------------
 
 TEST(chassis_processes, are_all_waited_for_by_the_chassis)
@@ -134,11 +43,6 @@ TEST(chassis_processes, are_all_waited_for_by_the_chassis)
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     EXPECT_EQ(shell("chassis-sim -- sh -c 'sleep .1 & exit 3'"), "3");
     EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD);
-}
-
-TEST(chassis_processes, end_by_an_interrupt_that_a_process_sends)
-{
-    EXPECT_EQ(shell("chassis-sim -- sleep 77 & sleep .5; kill -INT $!; wait $!"), "130");
 }
 
 //--- as a kernel ----------------------------------------------------------------------------------

@@ -116,50 +116,6 @@ TEST(register_window, counter_counts_on_from_what_is_written)
 
 //--- maps -----------------------------------------------------------------------------------------
 
-TEST(register_map, says_what_is_wrong_with_a_map_and_where)
-{
-    const string wrong[][2] = {
-        {R"({"offset": 0, "fifo": 2})", "/registers/0/name is not a name"},
-        {R"({"name": "A", "offset": 0, "size": 24})", "/registers/0/size is not 8, 16, 32 or 64"},
-        {R"({"name": "A", "offset": 2, "access": "read-only"})",
-         "/registers/0/offset is not a multiple of the register's size"},
-        {R"({"name": "A", "offset": 0}, {"name": "A", "offset": 4})",
-         "/registers/1/name stands there twice"},
-        {R"({"name": "A", "offset": 0, "access": "never"})",
-         "/registers/0/access cannot be 'never'"},
-        {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "32"}]})",
-         "/registers/0/fields/0/bits lie outside the register"},
-        {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "0:7"}]})",
-         "/registers/0/fields/0/bits are not bits of a register"},
-        {R"({"name": "A", "offset": 0, "on_write": [{"set": {"B": 1}}]})",
-         "/registers/0/on_write/0/set: there is no register 'B'"},
-        {R"({"name": "A", "offset": 0, "on_write": [{"when": {"F": 1}}]})",
-         "/registers/0/on_write/0/when: there is no field 'F'"},
-        {R"({"name": "A", "offset": 0, "reads": 1})", "unknown member /registers/0/reads"},
-        {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "7:4"},
-                                                  {"name": "G", "bits": "4"}]})",
-         "/registers/0/fields/1/bits are also those of F"},
-        {R"({"name": "A", "offset": 0, "fields": [{"name": "F", "bits": "0", "values": {"x": 2}}]})",
-         "/registers/0/fields/0/values/x is larger than the field"},
-        {R"({"name": "A%s", "offset": 0, "dim": 3, "dimIndex": "A-B"})",
-         "/registers/0/dimIndex does not have as many words as dim says"},
-        {R"({"name": "A", "offset": 0, "dim": 2})", "/registers/0/name of an array has no %s"},
-        {R"({"name": "A%s", "offset": 0, "dim": 1000000, "dimIncrement": 4})",
-         "/registers/0/dim is too large"},
-        {R"({"name": "A", "derivedFrom": "B", "offset": 0})",
-         "/registers/0/derivedFrom: there is no register 'B' before it"},
-    };
-    for (const auto &[text, line] : wrong) {
-        string said = "nothing";
-        try {
-            registers_of(text);
-        } catch (const std::runtime_error &error) {
-            said = error.what();
-        }
-        EXPECT_TRUE(said.ends_with(": " + line)) << said;
-    }
-}
-
 TEST(register_map, names_arrays_and_derived_registers_and_decodes_their_fields)
 {
     register_map::map map;

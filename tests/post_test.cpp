@@ -220,6 +220,36 @@ TEST_F(post_device, a_block_that_cannot_be_opened_is_reported)
     EXPECT_TEXT("post/not_opened.txt", seen.text());
 }
 
+TEST_F(post_device, sysfs_says_what_a_block_is)
+{
+    transcript seen;
+    using texts = std::vector<string>;
+    for (const texts &one : {texts{"nvlog-ofw-event\n", "0xF0004000\n", "2000\n", "rw\n"},
+                             {"nvlog-ofw-event", "f0006000\n", "0x800\n", "ro\n"},
+                             {"nvlog-ofw-event\n", "0x0000000010\n", "12345678\n", "rw"},
+                             {"nvlog-ofw-event\n", "12\n", "1234567\n", "rwx\n"},
+                             {"nvlog-ofw-event2\n", "12\n", "10\n", "rw\n"},
+                             {"nvlog-ofw-event\n", "01234567\n", "010\n", "w\n"},
+                             {"nvlog-ofw-event\n", "12\n", "10\n", ""},
+                             {"nvlog-ofw-event\n", "12\n", "", "rw\n"},
+                             {"nvlog-ofw-event\n", "", "10\n", "rw\n"}}) {
+        set(event, logs[event]);
+        for (const int number : {0, 20}) { // the last is not looked at
+            fs::remove_all("/sys/class/zmt_nvram");
+            for (size_t i = 0; i < one.size(); ++i)
+                if (const char *const names[] = {"name", "baseaddr", "size", "mode"};
+                    !one[i].empty())
+                    write_file(nvram_class_dir(number) + "/" + names[i], one[i]);
+            SHOW(seen, postlog_nvram_init(event));
+            SHOW(seen, postlog_nvram_close(event));
+            seen.note(test::printed("  at 0x%x, 0x%x bytes, attribute %d, histories of 0x%x",
+                                    table[event].ofw_base, table[event].mem_size, table[event].attr,
+                                    table[event].subblock_size));
+        }
+    }
+    EXPECT_TEXT("post/sysfs.txt", seen.text());
+}
+
 TEST_F(post_device, devices_are_opened_exclusively_while_that_is_possible)
 {
     const char *const node = table[event].path;

@@ -492,6 +492,15 @@ TEST(chassis_sim, answers_what_is_wrong_with_one_line)
     follow("chassis_sim/errors.txt");
 }
 
+TEST(chassis_sim, says_where_a_description_is_wrong_and_stays_in_its_chassis)
+{
+    const string dir = fs::temp_directory_path() / ("descriptions" + std::to_string(::getpid()));
+    fs::create_directory(dir);
+    ::setenv("DIR", dir.c_str(), 1);
+    follow("chassis_sim/descriptions.txt");
+    fs::remove_all(dir);
+}
+
 TEST(chassis_sim, takes_what_happens_from_control_lines)
 {
     follow("chassis_sim/control.txt");

@@ -70,8 +70,6 @@ public:
             fill(choose, blk_);
         else if (kind_of_step == 1)
             map(choose);
-        else if (kind_of_step == 2)
-            describe(choose);
         else if (kind_of_step < 6)
             damage(choose);
         else if (pcie_ && kind_of_step == 6)
@@ -130,45 +128,21 @@ private:
     void map(choices &choose)
     {
         opens_ = choose.one_in(2);
-        for (bool &slot : slots_)
-            slot = !choose.one_in(12);
-        const nvram_init_fp opening_call = !slots_[0] ? nullptr
-                                           : !opens_  ? opened
-                                           : pcie_    ? postlog_pcie_nvram_init
-                                                      : postlog_dev_file_nvram_init;
-#define EITHER(slot, one, other) slots_[slot] ? pcie_ ? one : other : nullptr
-        postlog_map_nvram_access(
-            table, opening_call, EITHER(1, postlog_pcie_nvram_rd, post_dev_file_nvram_mem_rd),
-            slots_[2] ? close_block : nullptr,
-            EITHER(3, postlog_pcie_rd_log_index, postlog_dev_rd_log_index),
-            EITHER(4, postlog_pcie_rd_log_header, postlog_dev_rd_log_header),
-            EITHER(5, postlog_pcie_rd_log, postlog_dev_rd_log),
-            EITHER(6, postlog_pcie_validate_log_header, postlog_dev_validate_log_header),
-            EITHER(7, postlog_pcie_validate_log_entry, postlog_dev_validate_log_entry));
+        const nvram_init_fp opening_call = !opens_ ? opened
+                                           : pcie_ ? postlog_pcie_nvram_init
+                                                   : postlog_dev_file_nvram_init;
+        if (pcie_)
+            postlog_map_nvram_access(table, opening_call, postlog_pcie_nvram_rd, close_block,
+                                     postlog_pcie_rd_log_index, postlog_pcie_rd_log_header,
+                                     postlog_pcie_rd_log, postlog_pcie_validate_log_header,
+                                     postlog_pcie_validate_log_entry);
+        else
+            postlog_map_nvram_access(table, opening_call, post_dev_file_nvram_mem_rd, close_block,
+                                     postlog_dev_rd_log_index, postlog_dev_rd_log_header,
+                                     postlog_dev_rd_log, postlog_dev_validate_log_header,
+                                     postlog_dev_validate_log_entry);
         note(string("mapped to ") + (pcie_ ? "the controller" : "device files") +
              (opens_ ? "" : ", opening nothing"));
-    }
-
-    // What sysfs says of the blocks.
-    void describe(choices &choose)
-    {
-        const string classes = "/sys/class/zmt_nvram/nvram";
-        std::filesystem::remove_all("/sys/class/zmt_nvram");
-        sysfs_.clear();
-        for (int n = 0, count = choose.of({0, 1, 2, 3, 20}); n < count; ++n) {
-            auto &one = sysfs_.emplace_back();
-            one["name"] = choose.of({"event\n", "results\n", "result\n", "results2\n", "event"});
-            one["baseaddr"] =
-                choose.of({"0xF0004000\n", "f0006000\n", "12\n", "01234567\n", "0x0000000010\n"});
-            one["size"] =
-                choose.of({"2000\n", "0x800\n", "100\n", "1234567\n", "12345678\n", "010\n"});
-            one["mode"] = choose.of({"rw\n", "ro\n", "rwx\n", "rw", "w\n"});
-            if (choose.one_in(4))
-                one.erase(choose.of({"baseaddr", "size", "mode"}));
-            for (const auto &[attribute, text] : one)
-                chassis_sim::write_file(classes + std::to_string(n) + "/" + attribute, text);
-        }
-        note(printed("sysfs has %zu blocks", sysfs_.size()));
     }
 
     // The first entry's message is so long that the next entry lies beyond the largest position.
@@ -239,12 +213,6 @@ private:
         said_.err += line;
         return value;
     }
-    int not_mapped(int value, const char *routine, const char *what = "access")
-    {
-        err("ERROR: %s: no actual nvram %s function mapped!\n", routine, what);
-        return value;
-    }
-
     bool is_ready()
     {
         for (int look = 0; look < 10; ++look) {
@@ -304,8 +272,6 @@ private:
 
     int rd(uint32_t offset, uint32_t size, char *to)
     {
-        if (!slots_[1])
-            return not_mapped(0, "post_nvram_mem_rd", "'read'");
         if (pcie_)
             return read_controller(offset, size, to)
                        ? static_cast<int>(size)
@@ -339,29 +305,24 @@ private:
 
     void close()
     {
-        if (!slots_[2])
-            return void(not_mapped(0, "postlog_nvram_close", "'close'"));
         said_.err += "closed\n";
         said_.opens -= row().fd != -1;
         row().fd = -1;
     }
 
     // A record of these widths; what a short read lacks is 0.
-    record read_record(int slot, const char *name, const char *dispatcher, uint32_t offset,
-                       const std::vector<size_t> &widths)
+    record read_record(const char *name, uint32_t offset, const std::vector<size_t> &widths)
     {
         size_t size = 0;
         for (const size_t width : widths)
             size += width;
         record one = {-1, {}, string(size, '\0')};
-        if (!slots_[slot])
-            return {not_mapped(-1, dispatcher)};
         if (pcie_ && !read_controller(offset, static_cast<uint32_t>(size), one.bytes.data()))
             return {
                 refuse(-1, printed("ERROR: postlog_pcie_%s(): POST NVRAM Read error!\n", name))};
         if (!pcie_ && rd(offset, static_cast<uint32_t>(size), one.bytes.data()) < 1) {
             err("ERROR postlog_dev_%s: cannot read from the device file!", name);
-            err(slot == 5 ? " offset = 0x%x\n" : "\n", offset);
+            err(widths.size() == 6 ? " offset = 0x%x\n" : "\n", offset);
             close();
             return {-1};
         }
@@ -377,32 +338,23 @@ private:
         one.result = 1;
         return one;
     }
-    record read_index()
-    {
-        return read_record(3, "rd_log_index", "postlog_rd_log_index", 0, {4, 4, 4});
-    }
+    record read_index() { return read_record("rd_log_index", 0, {4, 4, 4}); }
     record read_header(int64_t at)
     {
-        return read_record(4, "rd_log_header", "postlog_rd_log_header", static_cast<uint32_t>(at),
-                           {4, 4, 4, 4, 8});
+        return read_record("rd_log_header", static_cast<uint32_t>(at), {4, 4, 4, 4, 8});
     }
     record read_entry(int64_t at)
     {
         const uint32_t offset = at > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(at);
-        return read_record(5, "rd_log", "postlog_rd_log", offset, {8, 8, 8, 8, 4, 4});
+        return read_record("rd_log", offset, {8, 8, 8, 8, 4, 4});
     }
 
-    // A function that is not there calls every record good.
-    bool is_good_header(const record &one)
+    static bool is_good_header(const record &one)
     {
-        if (!slots_[6])
-            return not_mapped(1, "postlog_validate_log_header");
         return one.fields[0] == chassis_sim::cksum(one.bytes.substr(4));
     }
-    bool is_good_entry(record one)
+    static bool is_good_entry(record one)
     {
-        if (!slots_[7])
-            return not_mapped(1, "postlog_validate_log_entry");
         one.bytes.replace(32, 4, 4, '\0');
         return one.fields[4] == chassis_sim::cksum(one.bytes);
     }
@@ -502,38 +454,8 @@ private:
 
     //--- opening
 
-    int find_properties()
-    {
-        const string routine = "postlog_nvram_find_blk_properties";
-        const auto text_of = [](const string &text, size_t most) {
-            const string read = text.substr(0, most);
-            return read.substr(0, read.size() - 1); // the last byte counts as the end of the line
-        };
-        size_t n = 0;
-        while (n < sysfs_.size() && n < 20 && text_of(sysfs_[n]["name"], 30) != row().name)
-            ++n;
-        if (n == sysfs_.size() || n == 20)
-            return refuse(-1, string("ERROR: ") + row().name + ": cannot find nvram block named " +
-                                  routine + "!\n");
-        const std::pair<const char *, const char *> attributes[] = {
-            {"baseaddr", "base address"}, {"size", "size"}, {"mode", "access attribute"}};
-        for (const auto &[attribute, what] : attributes)
-            if (!sysfs_[n].contains(attribute))
-                return refuse(
-                    -1,
-                    printed("ERROR: /sys/class/zmt_nvram/nvram%zu/%s: failed to read %s from %s!\n",
-                            n, attribute, what, routine.c_str()));
-        row().ofw_base =
-            static_cast<uint32_t>(std::stoul(text_of(sysfs_[n]["baseaddr"], 11), nullptr, 16));
-        row().mem_size = static_cast<int>(std::stoul(text_of(sysfs_[n]["size"], 8), nullptr, 16));
-        row().attr = text_of(sysfs_[n]["mode"], 3) == "rw" ? 2 : 0;
-        return 1;
-    }
-
     int init()
     {
-        if (!slots_[0])
-            return not_mapped(-1, "postlog_nvram_init", "'init'");
         if (!opens_)
             return 1;
         if (pcie_)
@@ -541,8 +463,9 @@ private:
         if (row().fd != -1)
             return refuse(-1, "ERROR: postlog_dev_file_nvram_init: current device is currently "
                               "opened already!\n");
-        if (find_properties() == -1)
-            said_.out += "WARNING: failed to read NVRAM info. use default value.\n";
+        err("ERROR: %s: cannot find nvram block named postlog_nvram_find_blk_properties!\n",
+            row().name); // sysfs is empty
+        said_.out += "WARNING: failed to read NVRAM info. use default value.\n";
         row().fd = 1000;
         ++said_.opens;
         const int count = row().num_subblock;
@@ -879,11 +802,9 @@ private:
 
     const bool pcie_;
     chassis_sim::nvram_controller controller_;
-    string bytes_[2];                             // of the blocks, as they are stored
-    nvram_dev_info_t mirror_, mirror_1_;          // of the table's rows
-    std::vector<std::map<string, string>> sysfs_; // attributes of the blocks there
-    bool slots_[8];                               // which functions are mapped
-    bool opens_;                                  // with the library's own init
+    string bytes_[2];                    // of the blocks, as they are stored
+    nvram_dev_info_t mirror_, mirror_1_; // of the table's rows
+    bool opens_;                         // with the library's own init
     log_type_t blk_ = OFWEVENT_LOG;
     size_t distance_ = 0; // of histories
     int busy_looks_ = 0;
