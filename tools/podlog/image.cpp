@@ -379,16 +379,22 @@ log_entry log_image::entry(const log_record &slot) const
 
 //--- which history is the current one -------------------------------------------------------------
 
-int log_image::latest_history() const
+// Before all times where it has no entry.
+time_t log_image::latest_time(const log_history &history) const
 {
-    int latest = 0;
-    time_t time = -1;
-    for (const log_record &slot : good_entries())
-        if (entry(slot).time > time) {
-            time = entry(slot).time;
-            latest = *slot.history;
-        }
+    time_t latest = -1;
+    for (const log_record &slot : history.slots)
+        if (slot.state == record_state::good)
+            latest = std::max(latest, time_at(slot.position));
     return latest;
+}
+
+const log_history &log_image::latest_history() const
+{
+    return *std::max_element(histories_.begin(), histories_.end(),
+                             [&](const log_history &one, const log_history &other) {
+                                 return latest_time(one) < latest_time(other);
+                             });
 }
 
 int log_image::current() const
@@ -403,10 +409,11 @@ int log_image::current() const
         if (sealed_index(history).substr(unsealed_index_size) ==
             bytes_of(index).substr(unsealed_index_size))
             return history;
-    const bool is_likely =
-        in_range && index_.state != record_state::blank && is_consistent(histories_[named]) &&
-        (histories_[named].used == 0 || latest_history() == static_cast<int>(named));
-    return is_likely ? static_cast<int>(named) : latest_history();
+    const bool is_likely = in_range && index_.state != record_state::blank &&
+                           is_consistent(histories_[named]) &&
+                           (histories_[named].used == 0 ||
+                            latest_time(histories_[named]) == latest_time(latest_history()));
+    return is_likely ? static_cast<int>(named) : latest_history().number;
 }
 
 //--- repair ---------------------------------------------------------------------------------------

@@ -110,7 +110,8 @@ private:
     std::string rebuilt(const log_history &history) const;
     std::string written_anew(const std::vector<log_record> &strays) const;
     std::string sealed_index(int current) const;
-    int latest_history() const;
+    time_t latest_time(const log_history &history) const;
+    const log_history &latest_history() const;
     time_t time_at(size_t position) const;
 
     log_layout layout_;

@@ -73,6 +73,9 @@ log_storage storage_for_writing(const std::string &card, const log_place &place)
 
 //--- hints ----------------------------------------------------------------------------------------
 
+// Commands that need the chassis type.
+constexpr std::string_view writing[] = {"add", "next", "copy", "prepare", "repair", "reset"};
+
 std::string podlog_command(const std::string &words, const log_place &place)
 {
     std::string line = "devaccess podlog " + words;
@@ -84,7 +87,10 @@ std::string podlog_command(const std::string &words, const log_place &place)
     add("--eeprom", place.eeprom);
     add("--nvram", place.nvram);
     add("--pod-dir", place.pod_directory);
-    add("--chassis", settings.chassis);
+    const std::string verb = words.substr(0, words.find(' '));
+    const bool writes =
+        std::find(std::begin(writing), std::end(writing), verb) != std::end(writing);
+    add("--chassis", writes && chassis_type().empty() ? "TYPE" : settings.chassis);
     return fmt::format("'{}{}'", line, settings.is_rp2 ? " --rp2" : "");
 }
 

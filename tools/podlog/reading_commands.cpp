@@ -53,11 +53,11 @@ void expect_all_readable(const log_storage &storage, const log_findings &found)
     const int count = unreadable(log);
     if (count == 0 && log.index().state == record_state::good)
         return;
-    std::string why =
-        fmt::format("{} of {} histories could not be read", count, log.histories().size());
-    const auto wrong = log.wrong();
-    if (!wrong.empty())
-        why += fmt::format(" ({}: {})", wrong.front().name(), wrong.front().problem);
+    const log_record first = log.wrong().front();
+    std::string why = fmt::format("{}: {}", first.name(), first.problem);
+    if (count > 0)
+        why = fmt::format("{} of {} histories could not be read ({})", count,
+                          log.histories().size(), why);
     throw failure("read all of the log of " + storage.card().name, why, way_out(storage, found), 0,
                   exit_damaged);
 }
