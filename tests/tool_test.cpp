@@ -377,6 +377,16 @@ TEST(devaccess, describes_every_command)
     follow("devaccess/pages.txt");
 }
 
+TEST(devaccess, traces_a_driver_and_plays_its_trace_back)
+{
+    ::setenv("SAMPLER", SAMPLER, 1);
+    ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
+    fs::create_directories("/tmp/traces");
+    fs::current_path(SOURCE "/examples/sampler");
+    follow("devaccess/trace.txt");
+    fs::remove_all("/tmp/traces");
+}
+
 //--- POST logs ------------------------------------------------------------------------------------
 
 // A block that is read from memory, and what the library and the tool make of its bytes.

@@ -6,6 +6,7 @@
 #include "tools/podlog/podlog_commands.h"
 #include "tools/postlog/postlog_commands.h"
 #include "tools/registers/register_commands.h"
+#include "tools/trace/trace_commands.h"
 
 namespace devaccess
 {
@@ -16,6 +17,7 @@ constexpr command_family families[] = {
     {"pci", "PCI functions, through sysfs", describe_pci},
     {"uio", "UIO devices, and those emulated over PCI", describe_uio},
     {"mem", "Physical memory, through /dev/mem", describe_mem},
+    {"trace", "Run a command, and tell what it does with its devices", describe_trace},
     {"podlog", "POD logs of the cards", describe_podlog},
     {"postlog", "POST logs of the firmware", describe_postlog},
     {"inventory", "Inventory records of the cards", describe_inventory},

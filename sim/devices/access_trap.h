@@ -2,7 +2,6 @@
 #pragma once
 
 #include "sim/devices/asking_process.h"
-#include "sim/devices/instruction.h"
 #include "sim/devices/opening.h"
 #include "sim/devices/register_bus.h"
 
@@ -39,11 +38,6 @@ private:
     void handle_stops();
     void handle_stop(pid_t thread, int status);
     void handle_fault(pid_t thread);
-    bool answer(pid_t thread, uint64_t address, const met &at);
-    bool step_elsewhere(pid_t thread, user_regs_struct registers, const memory_operand &operand,
-                        uint64_t address, const met &at);
-    void move(pid_t thread, user_regs_struct &registers, const memory_operand &operand,
-              const met &at);
     std::vector<range> ranges_of(pid_t thread) const;
     std::optional<met> find(pid_t thread, uint64_t address);
 

@@ -35,9 +35,12 @@ class server
 {
 public:
     server(const chassis_nodes &described, unsigned int first_number)
-        : devices_(described, loop_, windows_), bus_(devices_, loop_),
+        : windows_(described.trace()), devices_(described, loop_, windows_),
+          bus_(devices_, loop_, described.trace()),
           answers_(described, devices_, windows_, bus_, loop_, first_number)
     {
+        if (const std::string missing = windows_.missing(); !missing.empty())
+            throw failure("the trace has accesses to " + missing + ", which this chassis has not");
         for (const timed_line &line : described.lines())
             obey_at(steady::now() + milliseconds(line.at_ms), line);
         write_file(control_path, "", 0666);

@@ -32,17 +32,50 @@ bool applies(const reg &one, const write_action &action, uint64_t written)
 
 } // namespace
 
+register_bus::register_bus(devices &all, event_loop &loop, recorded_trace *trace)
+    : devices_(all), loop_(loop), trace_(trace)
+{
+    for (const uio_device &device : all.uio)
+        play_interrupts(device.name);
+}
+
+// As the trace has it; nothing: it does not.
+std::optional<uint64_t> register_bus::played(const access &done)
+{
+    if (!trace_ || !trace_->has(done.window->name()))
+        return std::nullopt;
+    const bool is_physical = done.window->name().starts_with("mem.");
+    const auto value =
+        trace_->answer({done.window->name(), done.offset + (is_physical ? done.window->base() : 0),
+                        done.width, done.is_write, done.value});
+    const std::string &name = done.window->name();
+    play_interrupts(name.substr(0, name.rfind('.')));
+    return value;
+}
+
+void register_bus::play_interrupts(const std::string &device)
+{
+    for (unsigned int left = trace_ ? trace_->take_interrupts(device) : 0; left > 0; --left)
+        if (devices_.named(device).present())
+            devices_.named(device).interrupt();
+}
+
 uint64_t register_bus::read(register_window &window, uint64_t offset, size_t width, pid_t process)
 {
-    const uint64_t value = window.read(offset, width);
-    remember({steady::now(), process, &window, offset, width, false, value});
-    return value;
+    access done = {steady::now(), process, &window, offset, width, false, 0};
+    const auto value = played(done);
+    done.value = value ? *value : window.read(offset, width);
+    remember(done);
+    return done.value;
 }
 
 void register_bus::write(register_window &window, uint64_t offset, size_t width, uint64_t value,
                          pid_t process)
 {
-    remember({steady::now(), process, &window, offset, width, true, value});
+    const access done = {steady::now(), process, &window, offset, width, true, value};
+    remember(done);
+    if (played(done))
+        return;
     window.write(offset, width, value);
     for (const reg &one : window.registers()) {
         if (one.offset + one.width() <= offset || offset + width <= one.offset)

@@ -92,12 +92,12 @@ bool can_be_written(access how, bool was_written)
 } // namespace
 
 register_window::register_window(std::string name, std::vector<reg> registers, uint64_t base,
-                                 uint64_t size, owned_fd memory)
+                                 uint64_t size, owned_fd memory, bool is_followed)
     : name_(std::move(name)), registers_(std::move(registers)), base_(base), size_(size)
 {
     for (const reg &one : registers_)
         by_offset_[one.offset] = &one;
-    if (register_map::behave(registers_)) {
+    if (is_followed || register_map::behave(registers_)) {
         faulting_ = make_memory("chassis-registers:" + name_, 0);
         link_ = own_link(faulting_);
     }
@@ -267,8 +267,20 @@ uint64_t register_place::most() const
 register_window &window_table::add(const std::string &name, std::vector<reg> registers,
                                    uint64_t base, uint64_t size, owned_fd memory)
 {
-    return *windows_.emplace_back(std::make_unique<register_window>(name, std::move(registers),
-                                                                    base, size, std::move(memory)));
+    const bool is_followed = trace_ && trace_->has(name);
+    return *windows_.emplace_back(std::make_unique<register_window>(
+        name, std::move(registers), base, size, std::move(memory), is_followed));
+}
+
+std::string window_table::missing() const
+{
+    for (const std::string &name : trace_ ? trace_->windows() : std::set<std::string>())
+        if (std::none_of(windows_.begin(), windows_.end(), [&](const auto &window) {
+                return window->name() == name ||
+                       (name == "mem" && window->name().starts_with("mem."));
+            }))
+            return name;
+    return {};
 }
 
 register_window *window_table::find(const std::string &link) const

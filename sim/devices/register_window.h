@@ -4,6 +4,7 @@
 #include "register_map/register_map.h"
 #include "sim/base/files.h"
 #include "sim/devices/event_loop.h"
+#include "sim/parts/recorded_trace.h"
 
 #include <cstdint>
 #include <deque>
@@ -19,8 +20,9 @@ class register_window
 {
 public:
     // memory: where the registers' values are, the window's first byte at base.
+    // is_followed: its accesses are, even where they do no more than those of memory.
     register_window(std::string name, std::vector<register_map::reg> registers, uint64_t base,
-                    uint64_t size, owned_fd memory);
+                    uint64_t size, owned_fd memory, bool is_followed = false);
 
     // Other memory, with what the registers have at first.
     void renew(owned_fd memory);
@@ -88,6 +90,9 @@ struct register_place {
 class window_table
 {
 public:
+    // The windows of a trace are followed; NULL: there is none.
+    explicit window_table(const recorded_trace *trace) : trace_(trace) {}
+
     register_window &add(const std::string &name, std::vector<register_map::reg> registers,
                          uint64_t base, uint64_t size, owned_fd memory);
 
@@ -98,7 +103,11 @@ public:
     // failure when there is none.
     register_place find_register(const std::string &name) const;
 
+    // The first window of the trace that there is none of; empty: all are there.
+    std::string missing() const;
+
 private:
+    const recorded_trace *trace_;
     std::vector<std::unique_ptr<register_window>> windows_;
 };
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "register_map/register_map.h"
+#include "sim/parts/recorded_trace.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -127,6 +128,8 @@ public:
     void add(const memory_range &range) { memory_.push_back(range); }
     void add(const call_fault &fault) { faults_.push_back(fault); }
     void add(const timed_line &line) { lines_.push_back(line); }
+    // Plays a trace, which must outlive the server; NULL: none.
+    void play(recorded_trace *trace) { trace_ = trace; }
 
     const std::vector<uio_node> &uio() const { return uio_; }
     const std::vector<storage_node> &storage() const { return storage_; }
@@ -134,6 +137,7 @@ public:
     const std::vector<memory_range> &memory() const { return memory_; }
     const std::vector<call_fault> &faults() const { return faults_; }
     const std::vector<timed_line> &lines() const { return lines_; }
+    recorded_trace *trace() const { return trace_; }
 
 private:
     std::vector<uio_node> uio_;
@@ -142,6 +146,7 @@ private:
     std::vector<memory_range> memory_;
     std::vector<call_fault> faults_;
     std::vector<timed_line> lines_;
+    recorded_trace *trace_ = nullptr;
 };
 
 } // namespace chassis_sim

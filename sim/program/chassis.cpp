@@ -121,10 +121,14 @@ void add_bars(device_server &devices, const pci_function &function)
     }
 }
 
-void add_devices(device_server &devices, const chassis_description &description)
+void add_devices(device_server &devices, const chassis_description &description,
+                 const recorded_trace *trace)
 {
-    for (const uio_description &device : description.uio)
+    for (uio_description device : description.uio) {
+        if (trace && trace->has_device("uio" + std::to_string(device.number)))
+            device.irq_delay_ms = -1; // the trace has its interrupts
         add_uio(devices, device);
+    }
     for (const pci_function &function : description.functions)
         add_bars(devices, function);
     for (const auto &bridge : description.hotswap_bridges)
@@ -139,6 +143,23 @@ void add_devices(device_server &devices, const chassis_description &description)
 
 } // namespace
 
+void play_trace(device_server &devices, recorded_trace *trace)
+{
+    devices.play(trace);
+    for (const std::string &window : trace ? trace->windows() : std::set<std::string>()) {
+        const size_t dot = window.rfind(".bar");
+        const std::string id = window.substr(0, dot);
+        const size_t bar = dot == window.npos ? 0 : std::stoul(window.substr(dot + 4));
+        const bool is_known =
+            std::any_of(devices.bars().begin(), devices.bars().end(),
+                        [&](const bar_node &known) { return known.id == id && known.bar == bar; });
+        std::error_code none;
+        const auto size = fs::file_size(pci_link(id) + "/resource" + std::to_string(bar), none);
+        if (dot != window.npos && !is_known && !none)
+            devices.add(bar_node{id, bar, size, {}});
+    }
+}
+
 uio_description chassis_register_block()
 {
     uio_description block;
@@ -149,7 +170,7 @@ uio_description chassis_register_block()
     return block;
 }
 
-std::vector<pid_t> build_chassis(const chassis_description &description)
+std::vector<pid_t> build_chassis(const chassis_description &description, recorded_trace *trace)
 {
     const pod_logs pod = described_pod_logs(description);
     const std::vector<nvram_image> post = described_post_logs(description.logs.post);
@@ -162,7 +183,8 @@ std::vector<pid_t> build_chassis(const chassis_description &description)
     for (const auto &bridge : description.hotswap_bridges)
         helpers.push_back(run_hotswap_bridge(bridge.id, bridge.behind.id, bridge.appears_ms));
     device_server devices;
-    add_devices(devices, description);
+    add_devices(devices, description, trace);
+    play_trace(devices, trace);
     add_nvram_blocks(devices, pod.nvram, post, description.logs.unreachable);
     helpers.push_back(devices.start());
     return helpers;

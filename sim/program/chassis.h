@@ -61,8 +61,13 @@ struct chassis_description {
 inline constexpr unsigned int most_pci_devices = 7168;
 
 // Builds the chassis around the calling process, which must have one thread. Returns the processes
-// that serve it, which are children of this one.
-std::vector<pid_t> build_chassis(const chassis_description &description);
+// that serve it, which are children of this one. trace: what the devices do; NULL: as described.
+std::vector<pid_t> build_chassis(const chassis_description &description,
+                                 recorded_trace *trace = nullptr);
+
+// Has the devices answer as the trace has it, also those whose registers do nothing else. NULL:
+// none is played.
+void play_trace(device_server &devices, recorded_trace *trace);
 
 // Writes the files of a chassis into the private root that the process is in.
 void write_tree(const chassis_description &description);

@@ -28,12 +28,13 @@ using chassis_sim::chassis_description;
 using chassis_sim::failure;
 
 constexpr int cannot_build = 125; // the exit status
+constexpr int has_differed = 123; // from the trace
 constexpr int longest_time = 24 * 60 * 60 * 1000;
 
 // What the command line says; what it does not say is as the description has it.
 struct settings {
     bool describes = false;
-    std::optional<std::string> description, recording; // files
+    std::optional<std::string> description, recording, trace; // files
     std::optional<std::string> model, pod_log, post_log;
     std::optional<int> uio_appears, uio_irq_delay, uio_removed, link_trains;
     unsigned int pci_devices = 0;
@@ -175,7 +176,12 @@ void add_all_options(CLI::App &app, settings &chosen)
         ->option_text("FILE");
     app.add_option("--from", chosen.recording,
                    "Build the machine that 'devaccess collect FILE' has\n"
-                   "recorded; no other option goes with it")
+                   "recorded; of the other options only --trace goes with it")
+        ->option_text("FILE");
+    app.add_option("--trace", chosen.trace,
+                   "Answer reads of registers as they were answered when\n"
+                   "'devaccess trace --format jsonl' wrote FILE, and report\n"
+                   "the first access that differs")
         ->option_text("FILE");
     app.add_flag("--describe", chosen.describes,
                  "Print the description of the chassis and run nothing");
@@ -183,8 +189,8 @@ void add_all_options(CLI::App &app, settings &chosen)
         ->option_text("COMMAND");
     app.footer("Examples: chassis-sim -- ls -l /dev /sys/class/uio/uio0/maps\n"
                "          chassis-sim --chassis n4 --fault link-stuck -- sh\n"
-               "Exit status: that of the command; 125 when an option is wrong or the chassis\n"
-               "cannot be built.");
+               "Exit status: that of the command; 123 when an access differs from the trace; 125\n"
+               "when an option is wrong or the chassis cannot be built.");
 }
 
 // False: what was asked for is printed.
@@ -212,6 +218,15 @@ void print(const chassis_description &chassis)
         throw failure("cannot write standard output");
 }
 
+// At the end: whether the command has done what it did in the trace.
+bool differs_from(const chassis_sim::recorded_trace &trace)
+{
+    const std::string left = trace.left();
+    if (!left.empty())
+        chassis_sim::complain(left);
+    return !left.empty() || trace.has_differed();
+}
+
 int run(int argc, char **argv)
 {
     settings chosen;
@@ -230,7 +245,7 @@ int run(int argc, char **argv)
     const bool recorded = chosen.recording.has_value();
     for (const CLI::Option *option : app.get_options())
         if (recorded && option->count() > 0 && option->get_name() != "--from" &&
-            option->get_name() != "command")
+            option->get_name() != "--trace" && option->get_name() != "command")
             throw failure(option->get_name() + " does not go with --from");
     const chassis_description chassis = described_by(chosen);
     if (chosen.describes) {
@@ -241,12 +256,18 @@ int run(int argc, char **argv)
         throw failure("command is required");
     if (fs::exists(chassis_sim::control_path))
         throw failure("this is a simulated chassis already; another cannot run inside it");
+    std::optional<chassis_sim::recorded_trace> trace;
+    if (chosen.trace)
+        trace.emplace(*chosen.trace);
+    chassis_sim::recorded_trace *const played = trace ? &*trace : nullptr;
     const std::vector<pid_t> helpers =
-        recorded ? chassis_sim::build_recorded_chassis(*chosen.recording) : build_chassis(chassis);
+        recorded ? chassis_sim::build_recorded_chassis(*chosen.recording, played)
+                 : build_chassis(chassis, played);
     if (!recorded) // whose type its manifest may not tell
         ::setenv("DEVACCESS_CHASSIS", chassis.logs.chassis.c_str(), 1);
     const int status = chassis_sim::run_command(chosen.command, helpers);
-    ::_exit(status); // nobody answers this process's calls any more
+    const bool differs = trace && differs_from(*trace);
+    ::_exit(differs ? has_differed : status); // nobody answers this process's calls any more
 }
 
 } // namespace

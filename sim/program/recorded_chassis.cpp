@@ -1,7 +1,7 @@
 // Reads a recording with libarchive, and builds what was recorded. It may come from anywhere.
 #include "sim/program/recorded_chassis.h"
 
-#include "sim/base/loaded_library.h"
+#include "access_trace/loaded_library.h"
 #include "sim/program/chassis.h"
 
 #include <algorithm>
@@ -25,7 +25,7 @@ constexpr size_t largest_recording = 256 << 20;
 
 // A function of the library.
 #define LIBARCHIVE(function)                                                                       \
-    (*loaded<decltype(function)>("libarchive.so.13", #function, "a recording"))
+    (*access_trace::loaded<decltype(function)>("libarchive.so.13", #function, "a recording"))
 
 struct recording {
     std::map<std::string, std::string> files; // by their absolute paths
@@ -191,7 +191,7 @@ void write_recorded_tree(std::string_view archive)
     write_tree(entries_of(tar.get(), "the archive"));
 }
 
-std::vector<pid_t> build_recorded_chassis(const std::string &archive)
+std::vector<pid_t> build_recorded_chassis(const std::string &archive, recorded_trace *trace)
 {
     const recording recorded = read_recording(archive);
     enter_private_root();
@@ -205,6 +205,7 @@ std::vector<pid_t> build_recorded_chassis(const std::string &archive)
     device_server devices;
     add_uio_nodes(devices);
     add_nvram_nodes(devices, recorded);
+    play_trace(devices, trace);
     return {devices.start()};
 }
 

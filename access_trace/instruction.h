@@ -8,7 +8,7 @@
 
 #include <sys/user.h>
 
-namespace chassis_sim
+namespace access_trace
 {
 
 // How an instruction reads or writes the memory that it has met.
@@ -49,4 +49,4 @@ machine_word &general_register(user_regs_struct &registers, int number);
 machine_word &program_counter(user_regs_struct &registers);
 machine_word &stack_pointer(user_regs_struct &registers);
 
-} // namespace chassis_sim
+} // namespace access_trace

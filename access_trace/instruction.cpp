@@ -1,13 +1,13 @@
 // Decodes with Zydis, which is loaded when a window of registers is first met.
-#include "sim/devices/instruction.h"
+#include "access_trace/instruction.h"
 
-#include "sim/base/loaded_library.h"
+#include "access_trace/loaded_library.h"
 
 #include <Zydis/Zydis.h>
 
 #include <algorithm>
 
-namespace chassis_sim
+namespace access_trace
 {
 namespace
 {
@@ -21,7 +21,8 @@ const char *zydis()
     return name.c_str();
 }
 
-#define ZYDIS(function) (*loaded<decltype(function)>(zydis(), #function, "a register that behaves"))
+#define ZYDIS(function)                                                                            \
+    (*loaded<decltype(function)>(zydis(), #function, "a program whose accesses are followed"))
 
 struct decoded {
     ZydisDecodedInstruction instruction;
@@ -194,4 +195,4 @@ machine_word &stack_pointer(user_regs_struct &registers)
 #endif
 }
 
-} // namespace chassis_sim
+} // namespace access_trace

@@ -1,24 +1,24 @@
-// Libraries that are loaded when they are first needed: few chassis need them.
+// Libraries that are loaded when they are first needed: few programs need them.
 #pragma once
 
-#include "sim/base/failure.h"
-
+#include <stdexcept>
 #include <string>
 
 #include <dlfcn.h>
 
-namespace chassis_sim
+namespace access_trace
 {
 
-// A function of a library; throws a failure that says what it is needed for.
+// A function of a library; throws an error that says what it is needed for.
 template <typename Function>
 Function *loaded(const char *library, const char *function, const char *needed_for)
 {
     void *const handle = ::dlopen(library, RTLD_NOW | RTLD_LOCAL); // once: it is counted
     void *const found = handle ? ::dlsym(handle, function) : nullptr;
     if (!found)
-        throw failure(std::string(needed_for) + " needs " + library + ", which is not installed");
+        throw std::runtime_error(std::string(needed_for) + " needs " + library +
+                                 ", which is not installed");
     return reinterpret_cast<Function *>(found);
 }
 
-} // namespace chassis_sim
+} // namespace access_trace
