@@ -55,7 +55,7 @@ static void use_device(const sysfs_pci_identity_t *ident)
     void *bars[6];
     int64_t vendor = 0;
     sysfs_pci_show_nums(&vendor, 1, "vendor", ident);
-    printf("behind it: %s of vendor 0x%04x\n", ident->str, (unsigned int)vendor);
+    printf("below it: %s of vendor 0x%04x\n", ident->str, (unsigned int)vendor);
     if (sysfs_pci_store_num(1, "enable", ident) != 0)
         printf("  cannot be enabled: %s\n", strerror(errno));
     if (sysfs_pci_mmap(bars, 0, ident) != 0) {

@@ -25,7 +25,7 @@ bool has_slot(const pci_id &function)
 
 void use(const pci_id &device)
 {
-    std::printf("behind it: %s\n", device.str);
+    std::printf("below it: %s\n", device.str);
     const auto memory = pci_attributes(device).write_number("enable", 1).and_then([&] {
         return pci_memory::map(device);
     });

@@ -22,7 +22,7 @@
  *
  * The device is found through the hot-swap name service: the extended attribute
  * "user.com.velmora.zmt.attr_value" of "/dev/dynattr/rpsw/hotswap/byname/SLOT" is the PCI address
- * of the slot's port, and the device is the first one behind it. A "pellum2" is always
+ * of the slot's port, and the device is the first one below it. A "pellum2" is always
  * 0000:0d:00.0; a "pellum" is reached by its physical addresses through /dev/mem.
  *
  * Threads and diagnostics are as in libuio.h.

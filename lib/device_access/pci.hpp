@@ -464,7 +464,7 @@ public:
         return detail::done(qel_pci_hotswap_bridge_usable(&bridge_) == 0,
                             "qel_pci_hotswap_bridge_usable");
     }
-    /// Switches it on, and waits about half a second for what is behind it: at least one function.
+    /// Switches it on, and waits about half a second for what is below it: at least one function.
     /// ENODEV when none came; the bridge stays on then.
     result<pci_functions> enable() const
     {

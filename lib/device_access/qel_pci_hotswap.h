@@ -35,7 +35,7 @@ DEVICE_ACCESS_API int qel_pci_hotswap_install(qel_pci_hotswap_options_t opts);
 DEVICE_ACCESS_API int qel_pci_hotswap_bridge_usable(const sysfs_pci_identity_t *pci_ident);
 
 /*
- * Switch a bridge on and wait for devices behind it: they are looked for 101 times, every 5 ms, so
+ * Switch a bridge on and wait for devices below it: they are looked for 101 times, every 5 ms, so
  * for about half a second.
  *
  * Returns the devices as sysfs_pci_children_list() does, at least one, to be released with free();

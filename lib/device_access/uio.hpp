@@ -133,9 +133,9 @@ public:
         return detail::done(opened, attribute_file(std::move(file)), "libuio_open_device_attr");
     }
 
-    /// Whether it is a register block behind a pseudo node name.
+    /// Whether it is a register block with a pseudo node name.
     bool is_emulated() const noexcept { return handle_ && libuio_is_emul(node()); }
-    /// Enables or disables the PCI device behind a register block.
+    /// Enables or disables the PCI device of a register block.
     result<void> enable_device(bool enable) noexcept
     {
         return detail::done(libuio_emul_device_enable(get(), enable) == 0,

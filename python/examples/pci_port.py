@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Brings up what is behind a hot-plug port: finds the port and its PCI Express capability, waits
-for the link, and maps and uses the memory of the devices behind it.
+"""Brings up what is below a hot-plug port: finds the port and its PCI Express capability, waits
+for the link, and maps and uses the memory of the devices below it.
 """
 import sys
 import time
@@ -21,7 +21,7 @@ def find_port() -> pci.Function:
 
 
 def use(function: pci.Function) -> None:
-    print(f"behind it: {function} of vendor {function.vendor:#06x}")
+    print(f"below it: {function} of vendor {function.vendor:#06x}")
     function.set_attribute("enable", 1)
     with function.memory() as memory:
         for number, registers in memory.bars():

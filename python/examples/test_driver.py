@@ -1,6 +1,6 @@
 """A client's tests on the simulated chassis: pytest, with the fixtures that the package brings.
 
-Here the clients are devaccess, a function, and the driver daemon beside this file.
+Here the clients are devaccess, a function, and the driver daemon next to this file.
 """
 from pathlib import Path
 
