@@ -97,6 +97,28 @@ TEST(mmap_device, maps_shared_memory_at_physical_addresses_above_4_gib)
     expect_failures("mmap_device", EIO, open_it);
 }
 
+//--- slots ----------------------------------------------------------------------------------------
+
+TEST(slot_names, are_those_of_each_chassis)
+{
+    transcript seen;
+    for (const int chassis : {2, 1, 0, 3, -1}) {
+        if (chassis < 2) // the second is there at first
+            SHOW(seen, SetChassisType(static_cast<chassis_t>(chassis)));
+        seen.note(printed("chassis %d: type %d", chassis, GetChassisType()));
+        for (int id = -1; id < 13; ++id) {
+            const SLOT_INFO *const slot = GetSlotById(id);
+            EXPECT_EQ(GetSlotByName(slot->slot_name), slot);
+            seen.note(printed("  %d is slot %d '%s' of kind %d", id, slot->slotN, slot->slot_name,
+                              slot->slotType));
+        }
+        for (const char *name :
+             {"sw1", "Rp1", "SW", "SW11", "Err", static_cast<const char *>(nullptr)})
+            seen.note(printed("  %s is slot %d", name ? name : "NULL", GetSlotByName(name)->slotN));
+    }
+    EXPECT_TEXT("slot_names.txt", seen.text());
+}
+
 //--- the inventory --------------------------------------------------------------------------------
 
 const std::string golden =
@@ -104,15 +126,7 @@ const std::string golden =
 const std::string sw1_file = "/flash/diags/SW1.div";
 const std::string rpsw_file = "/var/log/diags/RPSW.div";
 
-std::string line(const std::string &text)
-{
-    return "DIAG's INVENTORY: " + text + "\n";
-}
-const std::string aaa = line("openning aaa !") + line("aaa opened!");
-
-class inventory : public testing::Test
-{
-protected:
+struct inventory : testing::Test {
     inventory()
     {
         enter_private_root();
@@ -123,66 +137,60 @@ protected:
     }
 
     diag_inventory_t record_;
+    transcript seen;
 };
 
 TEST_F(inventory, a_store_writes_29_bytes_twice_and_they_read_back)
 {
-    EXPECT_OUTCOME(diag_inventory_store("sw1", &record_), {.value = 1, .err = aaa});
+    SHOW(seen, diag_inventory_store("sw1", &record_));
     EXPECT_EQ(read_file(sw1_file), golden);
     EXPECT_EQ(read_file("/flash/diags/aaa"), golden);
     EXPECT_EQ(std::memcmp(&record_, golden.data(), 29), 0) << "the caller's record is completed";
     diag_inventory_t read = {};
-    EXPECT_OUTCOME(diag_inventory_get_all("SW1", &read), {.value = 1});
+    SHOW(seen, diag_inventory_get_all("SW1", &read));
     EXPECT_EQ(std::memcmp(&read, golden.data(), 29), 0);
-
-    uint8_t bytes[16] = "...............";
-    EXPECT_OUTCOME(diag_inventory_get_serno("SW1", bytes, 14), {.value = 1});
-    EXPECT_STREQ(reinterpret_cast<char *>(bytes), "ABCDEFGHIJKLMN.");
-    uint8_t code[7] = "......";
-    EXPECT_OUTCOME(diag_inventory_get_prod_code("SW1", code, 5), {.value = 1});
-    EXPECT_STREQ(reinterpret_cast<char *>(code), "ABCDE.") << "the serial number's first bytes";
-    const std::string no_room = line("not enough memory for serial number");
-    EXPECT_OUTCOME(diag_inventory_get_serno("SW1", bytes, 13), {.err = no_room});
-    EXPECT_OUTCOME(diag_inventory_get_prod_code("SW1", code, 4), {.err = no_room});
+    for (const uint32_t size : {14, 13, 5, 4}) {
+        char bytes[16] = "...............";
+        uint8_t *const to = reinterpret_cast<uint8_t *>(bytes);
+        seen.note(printed("room for %u", size));
+        SHOW(seen, diag_inventory_get_serno("SW1", to, size));
+        seen.note(std::string("  ") + bytes);
+        SHOW(seen,
+             diag_inventory_get_prod_code("SW1", to, size)); // the serial number's first bytes
+        seen.note(std::string("  ") + bytes);
+    }
+    EXPECT_TEXT("inventory/store.txt", seen.text());
 }
 
 TEST_F(inventory, slot_names_lead_to_their_files)
 {
-    for (const std::string slot : {"rpsw", "RPSW2", "rpsw1", "RPSWx", "pm4", "1"}) {
-        const std::string file = slot == "pm4" ? "/flash/diags/PM4.div"
-                                 : slot == "1" ? "/flash/diags/1.div"
-                                               : rpsw_file;
-        EXPECT_OUTCOME(diag_inventory_store(slot.c_str(), &record_), {.value = 1, .err = aaa});
-        EXPECT_EQ(read_file(file), golden) << slot;
-        EXPECT_OUTCOME(diag_inventory_clear(slot.c_str()), {.value = 1});
-        EXPECT_OUTCOME(diag_inventory_get_all(slot.c_str(), &record_),
-                       {.error = any_error, .err = line("cannot open inventory " + file)});
+    for (const char *slot : {"rpsw", "RPSW2", "rpsw1", "RPSWx", "pm4", "1", "Rpsw1", "rps", "r", "",
+                             "alsw1", "../aaa"}) {
+        seen.note(slot);
+        SHOW(seen, diag_inventory_store(slot, &record_));
+        for (const std::string &file :
+             {rpsw_file, std::string("/flash/diags/PM4.div"), std::string("/flash/diags/1.div")})
+            if (read_file(file) == golden)
+                seen.note("  in " + file);
+        SHOW(seen, diag_inventory_clear(slot));
+        SHOW(seen, diag_inventory_get_all(slot, &record_));
     }
-    for (const std::string slot : {"Rpsw1", "rps", "r", "", "alsw1", "../aaa"}) {
-        const std::string invalid = line("Invalid slot name " + slot);
-        const std::string unopened = line("cannot open inventory ");
-        EXPECT_OUTCOME(
-            diag_inventory_store(slot.c_str(), &record_),
-            {.error = any_error, .err = invalid + aaa + line("cannot open inventory !")});
-        EXPECT_OUTCOME(diag_inventory_get_all(slot.c_str(), &record_),
-                       {.error = any_error, .err = invalid + unopened});
-        EXPECT_OUTCOME(diag_inventory_clear(slot.c_str()),
-                       {.value = 1, .error = any_error, .err = invalid});
-    }
+    EXPECT_TEXT("inventory/slots.txt", seen.text());
 }
 
 TEST_F(inventory, what_is_no_whole_record_is_corrupted)
 {
-    const std::string corrupted = line("inventory " + sw1_file + " is corrupted");
-    for (const std::string &bytes : {golden.substr(0, 28), std::string(), "DiIx" + golden.substr(4),
-                                     golden.substr(0, 9) + " " + golden.substr(10)}) {
+    for (const std::string &bytes :
+         {golden.substr(0, 28), std::string(), "DiIx" + golden.substr(4),
+          golden.substr(0, 9) + " " + golden.substr(10), golden + "more"}) {
         write_file(sw1_file, bytes);
-        EXPECT_OUTCOME(diag_inventory_get_all("sw1", &record_), {.err = corrupted});
-        EXPECT_EQ(std::string(reinterpret_cast<char *>(&record_), bytes.size()), bytes);
-        EXPECT_OUTCOME(diag_inventory_get_serno("sw1", nullptr, 0), {.err = corrupted});
+        SHOW(seen, diag_inventory_get_all("sw1", &record_));
+        const size_t length = std::min<size_t>(bytes.size(), 29);
+        EXPECT_EQ(std::string(reinterpret_cast<char *>(&record_), length), bytes.substr(0, length));
+        uint8_t number[14];
+        SHOW(seen, diag_inventory_get_serno("sw1", number, 14));
     }
-    write_file(sw1_file, golden + "more");
-    EXPECT_OUTCOME(diag_inventory_get_all("sw1", &record_), {.value = 1});
+    EXPECT_TEXT("inventory/corrupted.txt", seen.text());
 }
 
 TEST_F(inventory, each_failing_call_is_reported_by_its_line)
@@ -193,38 +201,32 @@ TEST_F(inventory, each_failing_call_is_reported_by_its_line)
     expect_failures("inventory/get", EIO,
                     [this] { return diag_inventory_get_all("sw1", &record_); });
     fs::remove_all("/flash/diags"); // which a store does not make
-    EXPECT_OUTCOME(diag_inventory_store("sw1", &record_),
-                   {.error = ENOENT,
-                    .err = line("openning aaa !") + line("cannot open inventory aaa!") +
-                           line("cannot open inventory " + sw1_file + "!")});
+    SHOW(seen, diag_inventory_store("sw1", &record_));
+    EXPECT_TEXT("inventory/no_directory.txt", seen.text());
     EXPECT_FALSE(fs::exists("/flash/diags"));
 }
 
 TEST_F(inventory, clearing_all_makes_the_directories_and_deletes_what_the_slots_name)
 {
-    const auto clears_all_but = [](const std::string &unknown) {
-        std::string lines;
-        for (const std::string &slot : words(unknown))
-            lines += line("Invalid slot name " + slot);
-        EXPECT_OUTCOME(diag_inventory_clear_all(), {.value = 1, .error = any_error, .err = lines});
-    };
-    const std::string sw2_file = "/flash/diags/SW2.div";
-    for (const std::string &file : {rpsw_file, sw1_file, sw2_file})
-        write_file(file, golden);
-    SetChassisType(ChassisType_1st_Stack);
-    clears_all_but("alsw1 alsw2 sw2 sw3 sw4");
-    EXPECT_FALSE(fs::exists(rpsw_file) || fs::exists(sw1_file));
-    EXPECT_TRUE(fs::exists(sw2_file));
-    SetChassisType(ChassisType_2nd_Stack);
-    clears_all_but("alsw1 alsw2 sw3 sw4");
-    EXPECT_FALSE(fs::exists(sw2_file));
+    const std::string files[] = {rpsw_file, sw1_file, "/flash/diags/SW2.div",
+                                 "/flash/diags/PM4.div"};
+    for (const chassis_t chassis : {ChassisType_1st_Stack, ChassisType_2nd_Stack}) {
+        for (const std::string &file : files)
+            write_file(file, golden);
+        SetChassisType(chassis);
+        SHOW(seen, diag_inventory_clear_all());
+        for (const std::string &file : files)
+            if (fs::exists(file))
+                seen.note("  " + file + " stays");
+    }
     for (const char *directory : {"/flash/diags", "/var/log/diags"}) {
         fs::remove_all(directory);
-        clears_all_but("alsw1 alsw2 sw3 sw4");
+        diag_inventory_clear_all();
         struct stat status = {};
         ::stat(directory, &status);
         EXPECT_EQ(status.st_mode, S_IFDIR | mode_t{0700});
     }
+    EXPECT_TEXT("inventory/clear_all.txt", seen.text());
 }
 
 //--- libuio without libuio_log --------------------------------------------------------------------

@@ -310,7 +310,7 @@ TEST(chassis, device_manager_finds_its_devices)
     }
 }
 
-//--- registers and recordings --------------------------------------------------------------------
+//--- registers and examples ----------------------------------------------------------------------
 
 TEST(chassis, registers_have_what_is_described_and_answer)
 {
@@ -326,47 +326,6 @@ TEST(chassis, registers_have_what_is_described_and_answer)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         EXPECT_EQ(registers[1], expected);
         registers[0] = 0x105;
-    }
-}
-
-TEST(chassis, recorded_machine_looks_inside_as_the_machine_does)
-{
-    if (!fs::exists(TOOLS "/devaccess"))
-        GTEST_SKIP() << "devaccess is not built, which records machines";
-    const string base = fs::temp_directory_path() / ("recorded" + std::to_string(::getpid()));
-    const string look =
-        "devaccess pci list; for f in $(ls /sys/bus/pci/devices); do devaccess pci caps $f; "
-        "devaccess pci show $f; done; devaccess uio list; "
-        "for c in RPSW1 ALSW2 SW1; do devaccess podlog --chassis n20 show $c; done; "
-        "for b in event test error; do devaccess postlog show $b; done' 2>&1";
-    // A chassis, as it has more to look at; and this machine, if all of it may be looked at.
-    for (const char *machine : {"chassis-sim -- ", ""}) {
-        if (!*machine && ::geteuid() != 0)
-            continue;
-        const string outside =
-            shell(machine + ("sh -c 'devaccess collect " + base + " >/dev/null; ") + look);
-        EXPECT_EQ(shell("chassis-sim --from " + base + " -- sh -c '" + look), outside);
-        EXPECT_GT(outside.size(), *machine ? 2000u : 10u);
-        fs::remove(base);
-    }
-    // What an archive may not do.
-    const string cases[][2] = {
-        {"echo text >" + base, "cannot read a recording from " + base},
-        {"mkdir " + base, "cannot read a recording from " + base},
-        {"cd /; tar cPf " + base + " --transform 's,etc,sys/class/../../etc,' etc/passwd",
-         "cannot read a recording from " + base},
-        {"truncate -s 20M " + base + ".big; tar cPf " + base +
-             " --transform 's,.*,sys/class/big,' " + base + ".big; rm " + base + ".big",
-         "/sys/class/big is too large for a recording"},
-        {"ln -s /usr " + base + ".ln; cd /; tar cPf " + base +
-             " --transform 's,.*,sys/class/&,S' etc/passwd " + base + ".ln; rm " + base + ".ln",
-         "a link of the recording leads to /usr"},
-    };
-    for (const auto &[make, line] : cases) {
-        EXPECT_EQ(shell(make), "0");
-        EXPECT_EQ(shell("chassis-sim --from " + base + " -- true"),
-                  "chassis-sim: " + line + "\n125");
-        fs::remove_all(base);
     }
 }
 

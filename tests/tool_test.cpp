@@ -502,13 +502,31 @@ TEST(chassis_sim, answers_what_is_wrong_with_one_line)
     follow("chassis_sim/errors.txt");
 }
 
-TEST(chassis_sim, says_where_a_description_is_wrong_and_stays_in_its_chassis)
+struct chassis_sim_files : testing::Test {
+    chassis_sim_files()
+    {
+        fs::create_directory(dir);
+        ::setenv("DIR", dir.c_str(), 1);
+    }
+    ~chassis_sim_files() override { fs::remove_all(dir); }
+
+    const string dir = fs::temp_directory_path() / ("files" + std::to_string(::getpid()));
+};
+
+TEST_F(chassis_sim_files, that_are_wrong_descriptions_lead_nowhere)
 {
-    const string dir = fs::temp_directory_path() / ("descriptions" + std::to_string(::getpid()));
-    fs::create_directory(dir);
-    ::setenv("DIR", dir.c_str(), 1);
     follow("chassis_sim/descriptions.txt");
-    fs::remove_all(dir);
+}
+
+TEST_F(chassis_sim_files, that_are_recordings_show_the_machine)
+{
+    ::setenv("LOOK",
+             "devaccess pci list; for f in $(ls /sys/bus/pci/devices); do devaccess pci caps $f; "
+             "devaccess pci show $f; done; devaccess uio list; "
+             "for c in RPSW1 ALSW2 SW1; do devaccess podlog --chassis n20 show $c; done; "
+             "for b in event test error; do devaccess postlog show $b; done",
+             1);
+    follow("chassis_sim/recordings.txt");
 }
 
 TEST(chassis_sim, takes_what_happens_from_control_lines)
@@ -532,24 +550,7 @@ TEST(chassis_sim, is_what_its_description_says_and_prints_it_in_the_same_format)
     const string file = fs::temp_directory_path() / ("chassis" + std::to_string(::getpid()));
     ::setenv("DESCRIPTION", file.c_str(), 1);
     ::setenv("SCHEMA", CHASSIS_SCHEMA, 1);
-    write_file(file, R"({
- "functions": [{"id": "0000:00:01.0", "header_type": 1, "class": "0x060400", "config_size": 4096,
-                "capabilities": ["pcie"], "pcie": {"type": 4, "slot": true}},
-               {"id": "0000:07:00.0", "parent": "0000:00:01.0", "vendor": "0xf0ca", "device": 7,
-                "config": [{"offset": "0x60", "value": "0xab", "width": 1}],
-                "bars": [{"size": "0x1000", "registers": [{"offset": 8, "value": "0x11223344"}]}]}],
- "slots": [{"name": "7", "address": "0000:07:00"}],
- "uio": [{"number": 0, "irq_delay_ms": -1, "maps": [{"map": "map0", "size": "0x1000"}],
-          "registers": [{"address": 4, "value": 9}],
-          "answers": [{"address": 0, "value": 5, "then_address": 4, "then_value": 6}]},
-         {"number": 1, "plugged": false}],
- "logs": {"chassis": "n10", "states": {"ALSW1": "full", "FT1": "bad-entry-1"}},
- "eeproms": [{"path": "/var/tmp/eeprom", "size": 16}],
- "faults": [{"device": "uio0", "call": "read", "nth": 2, "error": "EBUSY"},
-            {"device": "nvlog-pod", "call": "open", "error": "EAGAIN"}],
- "timeline": [{"at_ms": 100, "do": "plug uio1"}, {"every_ms": 20, "do": "interrupt uio0"},
-              {"at_ms": 100, "do": "link 0000:00:01.0 down"},
-              {"at_ms": 2000, "do": "remove 0000:07:00.0"}]})");
+    fs::copy_file(SOURCE "/tests/expected/chassis_sim/description.json", file);
     follow("chassis_sim/description.txt");
     fs::remove(file);
     fs::remove(file + ".own");
