@@ -21,7 +21,7 @@ namespace devaccess
 namespace
 {
 
-constexpr size_t most_bytes = 16 << 20; // far more than what a chassis needs
+constexpr size_t most_bytes = 256 << 20; // far more than thousands of machines need
 constexpr char first_line[] = "devaccess podlog position 1";
 
 // FNV-1a: a hash that is the same on every machine. It need not withstand who writes entries; they
