@@ -156,6 +156,7 @@ void call_answers::answer_on_descriptor(const asked_call &call, intercepted what
     case intercepted::mmap:
         return open->map(call, fd);
     case intercepted::close:
+        openings_.freed(call.process(), fd);
         return open->close(call, fd);
     case intercepted::duplicate:
         return open->duplicate(call, fd, false);

@@ -40,13 +40,22 @@ void opening_table::before_wait(const asked_call &call) const
         open->before_wait(call);
 }
 
-std::optional<unsigned int> opening_table::free_number(const asking_process &client) const
+std::optional<unsigned int> opening_table::free_number(const asking_process &client)
 {
     const unsigned int end = client.descriptor_limit();
-    for (unsigned int number = first_number_; number < end; ++number)
-        if (client.link_of(static_cast<int>(number)).empty())
-            return number;
+    unsigned int &next = next_numbers_.try_emplace(client.id(), first_number_).first->second;
+    // Some may have been given back unseen.
+    for (const unsigned int from : {next, first_number_})
+        for (next = from; next < end; ++next)
+            if (client.link_of(static_cast<int>(next)).empty())
+                return next++;
     return std::nullopt;
+}
+
+void opening_table::freed(const asking_process &client, int fd)
+{
+    if (const auto next = next_numbers_.find(client.id()); next != next_numbers_.end())
+        next->second = std::min(next->second, static_cast<unsigned int>(fd));
 }
 
 } // namespace chassis_sim

@@ -3,6 +3,7 @@
 
 #include "sim/devices/asking_process.h"
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,10 +60,13 @@ public:
     void before_wait(const asked_call &call) const;
 
     // A number that the client has not given to a descriptor; none: it has no more.
-    std::optional<unsigned int> free_number(const asking_process &client) const;
+    std::optional<unsigned int> free_number(const asking_process &client);
+    // The client gives one back.
+    void freed(const asking_process &client, int fd);
 
 private:
     unsigned int first_number_;
+    std::map<pid_t, unsigned int> next_numbers_; // to look at, by process: those before are taken
     std::vector<std::shared_ptr<opening>> openings_;
 };
 

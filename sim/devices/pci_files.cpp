@@ -22,8 +22,7 @@ constexpr char absent[] = "/.chassis/absent/";
 
 // Opens a file for a client so that its calls are asked about; where no number for that is left,
 // they are not.
-void hand_out(const asked_call &call, const std::string &path, int flags,
-              const opening_table &openings)
+void hand_out(const asked_call &call, const std::string &path, int flags, opening_table &openings)
 {
     constexpr int kept = O_ACCMODE | O_APPEND | O_NONBLOCK | O_SYNC;
     const std::optional<unsigned int> number = openings.free_number(call.process());
@@ -83,7 +82,7 @@ private:
 class config_node : public node
 {
 public:
-    explicit config_node(const opening_table &openings) : openings_(openings) {}
+    explicit config_node(opening_table &openings) : openings_(openings) {}
 
     bool is_at(const std::string &path, int) const override
     {
@@ -95,7 +94,7 @@ public:
     }
 
 private:
-    const opening_table &openings_;
+    opening_table &openings_;
 };
 
 bool is_window_file(const std::string &path)
@@ -179,7 +178,7 @@ private:
 class window_node : public node
 {
 public:
-    window_node(std::string end, const opening_table &openings)
+    window_node(std::string end, opening_table &openings)
         : end_(std::move(end)), openings_(openings)
     {
     }
@@ -195,7 +194,7 @@ public:
 
 private:
     std::string end_;
-    const opening_table &openings_;
+    opening_table &openings_;
 };
 
 } // namespace

@@ -92,7 +92,7 @@ private:
 class memory_node : public node
 {
 public:
-    memory_node(std::shared_ptr<memory_opening> memory, const opening_table &openings)
+    memory_node(std::shared_ptr<memory_opening> memory, opening_table &openings)
         : memory_(std::move(memory)), openings_(openings)
     {
     }
@@ -108,7 +108,7 @@ public:
 
 private:
     std::shared_ptr<memory_opening> memory_;
-    const opening_table &openings_;
+    opening_table &openings_;
 };
 
 std::string name_of(const memory_range &range)

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 
 namespace chassis_sim
@@ -149,7 +150,8 @@ void play_trace(device_server &devices, recorded_trace *trace)
     for (const std::string &window : trace ? trace->windows() : std::set<std::string>()) {
         const size_t dot = window.rfind(".bar");
         const std::string id = window.substr(0, dot);
-        const size_t bar = dot == window.npos ? 0 : std::stoul(window.substr(dot + 4));
+        const size_t bar =
+            dot == window.npos ? 0 : std::strtoul(window.c_str() + dot + 4, nullptr, 10);
         const bool is_known =
             std::any_of(devices.bars().begin(), devices.bars().end(),
                         [&](const bar_node &known) { return known.id == id && known.bar == bar; });
