@@ -347,20 +347,6 @@ TEST_F(pci_sysfs, refuses_what_no_memory_or_address_space_has_room_for)
     EXPECT_EQ(msync(bars[0], 1, MS_ASYNC), -1) << "still mapped";
 }
 
-// A client may give a device's windows back when it is gone.
-TEST_F(pci_sysfs, leaves_the_windows_of_a_vanished_device_mapped)
-{
-    void *bars[6];
-    {
-        const function_on_bus function(windows{{0, 0x1000}});
-        EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.error = any_error});
-    }
-    void *const window = bars[0];
-    sysfs_pci_munmap(bars, &ident);
-    EXPECT_EQ(bars[0], nullptr);
-    EXPECT_EQ(msync(window, 1, MS_ASYNC), 0);
-}
-
 //--- hot swap -------------------------------------------------------------------------------------
 
 const std::string program = fs::read_symlink("/proc/self/exe");

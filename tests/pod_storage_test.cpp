@@ -16,6 +16,7 @@ namespace
 
 using namespace test;
 namespace fs = std::filesystem;
+using chassis_sim::pod_entry;
 using chassis_sim::write_file;
 
 class storage : public testing::TestWithParam<pod_storage>
@@ -108,19 +109,46 @@ TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)
     EXPECT_EQ(s.read_log(0, first + 80, &ts, msg, 1), -2);
 }
 
-TEST_P(storage, bears_any_configuration)
+TEST_P(storage, dumps_what_is_good_of_damaged_histories)
 {
-    for (int histories : {0, -1, INT_MIN, 1})
-        for (int mem_size : {16384, 0, 40, 120, -1, INT_MIN})
-            for (int msg_size : {64, 0, -1, INT_MIN, INT_MAX}) {
-                write_file(s.path, std::string(16384, '\0'));
-                s.set_pod_info(0, s.path.data(), mem_size, histories, msg_size, ~0u);
-                s.init(0, 0);
-                s.add_text("x");
-                s.use_nxt_log(0);
-                s.close(0);
-                EXPECT_EQ(s.text().find(": !"), std::string::npos);
-            }
+    s.describe(3, 416);
+    const std::string good =
+        s.image(1, {{{1000, "old"}, {0x60000000, "late"}, {3, ""}}, {{7, "new"}}, {}});
+    const auto at = [&](size_t position, const std::string &bytes) {
+        std::string other = good;
+        put(other, position, bytes);
+        return other;
+    };
+    const size_t second = s.entry_at(0, 1);
+    const std::pair<const char *, std::string> images[] = {
+        {"good", good},
+        {"a message without an end", at(second + 16, std::string(700, 'm'))},
+        {"a longer message that leads to no entry",
+         at(s.entry_at(0, 0), pod_entry(5, 380) + std::string(300, 'l'))},
+        {"an entry that leads beyond the end", at(second, pod_entry(5, 0x7fffff00))},
+        {"an entry without a message", at(second, pod_entry(5, 0))},
+        {"a bad second entry", at(second, "?")},
+        {"a bad header", at(s.header_at(0), "?")},
+        {"a header that counts nothing", at(s.header_at(0), chassis_sim::pod_header(416, 0, 0))},
+        {"a current history that does not exist", at(32, s.index(9))},
+        {"another magic number", at(32, "?")},
+        {"cut within an entry", good.substr(0, second + 7)},
+        {"cut before a message", good.substr(0, second + 16)},
+    };
+    transcript seen;
+    seen.shows_errno = s.name != "eeprom";
+    for (const auto &[what, image] : images) {
+        seen.note(what);
+        write_file(s.path, image);
+        SHOW(seen, s.dump_all_log_msgs(0));
+        output_of([&] { s.init(0, 0); });
+        write_file(s.path, image); // what opening has made good
+        for (const int history : {0, 3, -1})
+            SHOW(seen, s.dump_log_msgs(0, history));
+        SHOW(seen, s.dump_curr_log_msgs(0));
+        output_of([&] { s.close(0); });
+    }
+    EXPECT_TEXT("pod/dumps_" + s.name + ".txt", seen.text());
 }
 
 //--- failing calls --------------------------------------------------------------------------------

@@ -90,9 +90,6 @@ public:
     outcome open_log(int history);
     outcome read_log(int position, time_t &time, char *message, uint32_t size);
     outcome read_raw_log(int position, char *entry); // what it reads, as far as it comes
-    outcome dump_log_msgs(int history);
-    outcome dump_curr_log_msgs();
-    outcome dump_all_log_msgs();
     outcome mem_rd(int64_t position, void *data, uint32_t size);
     outcome mem_wr(int64_t position, const void *data, uint32_t size);
 
@@ -139,9 +136,6 @@ private:
     int following(int64_t position, const record &entry);
     void empty(int64_t header);
     int advance(int64_t position, record header, int64_t header_position, bool warns);
-    int dump_history(int history);
-    bool dump_entry(int64_t position, const record &entry);
-    int dump_histories();
     time_t time_of(const record &entry) const { return static_cast<time_t>(entry[0]); }
 
     file_system &files_;

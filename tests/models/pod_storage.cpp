@@ -369,7 +369,7 @@ private:
         const int rdonly = choose.of({0, 0, 1, -1});
         unsteady.position = -1;
         note(printed("%s %d, read only %d", name_of(what_), id, rdonly));
-        switch (choose.below(26)) {
+        switch (choose.below(24)) {
         case 0:
         case 1:
         case 2:
@@ -400,9 +400,6 @@ private:
         case 18:
             return transfer(choose, device);
         case 19:
-        case 20:
-            return dump(choose, device);
-        case 21:
             if (what_ == kind::eeprom)
                 return add_raw(choose, device);
             [[fallthrough]];
@@ -507,21 +504,6 @@ private:
         else if (what_ == kind::nvram && at < 5000)
             CHECK(device.mem_wr(at, bytes.data(), size), pod_nvram_mem_wr(id, at, data, size));
         expect_same("what is moved", bytes, seen);
-    }
-
-    void dump(choices &choose, pod_device &device)
-    {
-        const int id = device.id;
-        const int history = a_history(choose, device);
-        note(printed("history %d", history));
-        switch (choose.below(3)) {
-        case 0:
-            return CHECK(device.dump_log_msgs(history), calls_.dump_log_msgs(id, history));
-        case 1:
-            return CHECK(device.dump_curr_log_msgs(), calls_.dump_curr_log_msgs(id));
-        default:
-            return CHECK(device.dump_all_log_msgs(), calls_.dump_all_log_msgs(id));
-        }
     }
 
     const kind what_;
