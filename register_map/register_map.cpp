@@ -2,6 +2,7 @@
 #include "register_map/register_map_json.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -37,6 +38,8 @@ constexpr word accesses[] = {
 constexpr word read_actions[] = {
     named(read_action::clear, "clear"),
     named(read_action::set, "set"),
+    named(read_action::modify, "modify"),
+    named(read_action::modify_external, "modifyExternal"),
 };
 constexpr word write_meanings[] = {
     named(write_values::modify, "modify"),
@@ -102,30 +105,6 @@ void read_bits(reader &members, field &one)
 }
 
 //--- arrays ---------------------------------------------------------------------------------------
-
-// What stands for the elements of an array in place of the %s of its name.
-std::vector<std::string> index_words(const std::string &text, uint64_t count,
-                                     const std::string &where)
-{
-    std::vector<std::string> words;
-    unsigned first = 0, last = 0;
-    char from = 0, to = 0, rest = 0;
-    if (text.empty() || std::sscanf(text.c_str(), "%9u-%9u%c", &first, &last, &rest) == 2) {
-        for (uint64_t i = 0; i < count && (text.empty() || first + i <= last); ++i)
-            words.push_back(std::to_string(first + i));
-    } else if (std::sscanf(text.c_str(), "%c-%c%c", &from, &to, &rest) == 2) {
-        for (int letter = from; letter <= to; ++letter)
-            words.push_back(std::string(1, static_cast<char>(letter)));
-    } else {
-        for (size_t begin = 0, end = 0; end != text.npos; begin = end + 1) {
-            end = text.find(',', begin);
-            words.push_back(text.substr(begin, end - begin));
-        }
-    }
-    if (words.size() != count || (!text.empty() && last != 0 && last - first + 1 != count))
-        throw invalid(where + " does not have as many words as dim says");
-    return words;
-}
 
 // Adds one, or what an array of it stands for, by the members dim, dimIncrement and dimIndex. The
 // increment is added to the place of each.
@@ -321,6 +300,30 @@ size_t parts_of(const reg &one)
 }
 
 } // namespace
+
+std::vector<std::string> index_words(const std::string &text, uint64_t count,
+                                     const std::string &where)
+{
+    std::vector<std::string> words;
+    unsigned first = 0, last = 0;
+    char from = 0, to = 0, rest = 0;
+    if (text.empty() || std::sscanf(text.c_str(), "%9u-%9u%c", &first, &last, &rest) == 2) {
+        for (uint64_t i = 0; i < count && (text.empty() || first + i <= last); ++i)
+            words.push_back(std::to_string(first + i));
+    } else if (std::sscanf(text.c_str(), "%c-%c%c", &from, &to, &rest) == 2) {
+        for (int letter = from; letter <= to; ++letter)
+            words.push_back(std::string(1, static_cast<char>(letter)));
+    } else {
+        for (size_t begin = 0, end = 0; end != text.npos; begin = end + 1) {
+            end = text.find(',', begin);
+            words.push_back(text.substr(begin, end - begin));
+            std::erase_if(words.back(), [](unsigned char c) { return std::isspace(c); });
+        }
+    }
+    if (words.size() != count || (!text.empty() && last != 0 && last - first + 1 != count))
+        throw invalid(where + " does not have as many words as dim says");
+    return words;
+}
 
 void visit_registers(reader &members, const char *name, std::vector<reg> &registers)
 {
@@ -581,6 +584,11 @@ void check(const std::vector<reg> &registers, const std::string &where, uint64_t
         throw invalid(faults.front());
 }
 
+std::vector<std::string> faults_of(const map &checked)
+{
+    return checker(checked.registers, "/registers", checked.size).run();
+}
+
 map read(const std::string &file, std::vector<std::string> &faults)
 {
     const json document = parsed(file);
@@ -599,7 +607,7 @@ map read(const std::string &file, std::vector<std::string> &faults)
     } catch (const invalid &wrong) {
         throw invalid(file + ": " + wrong.what());
     }
-    for (const std::string &fault : checker(made.registers, "/registers", made.size).run())
+    for (const std::string &fault : faults_of(made))
         faults.push_back(file + ": " + fault);
     return made;
 }

@@ -13,8 +13,9 @@ namespace register_map
 
 enum class access { read_write, read_only, write_only, write_once, read_write_once };
 
-// What a read does to a register.
-enum class read_action { none, clear, set };
+// What a read does to a register. What is modified by it, in a way of its own or somewhere else,
+// only a driver knows.
+enum class read_action { none, clear, set, modify, modify_external };
 
 // What a write does with the bits written.
 enum class write_values {
@@ -117,7 +118,15 @@ map read(const std::string &file);
 // faults, with the JSON path of the member.
 map read(const std::string &file, std::vector<std::string> &faults);
 
+// What is wrong with a map's registers, as the same says it, without a file.
+std::vector<std::string> faults_of(const map &checked);
+
 // The JSON text that read() takes.
 std::string text_of(const map &written);
+
+// What stands in place of the %s in the names of an array of so many: "0-3", "A-D" or "X,Y,Z";
+// without a text, numbers from 0. Throws as read() does, about the place that is named.
+std::vector<std::string> index_words(const std::string &text, uint64_t count,
+                                     const std::string &where);
 
 } // namespace register_map

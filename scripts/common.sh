@@ -51,8 +51,8 @@ need_packages() {
 # shellcheck disable=SC2120 # more packages may be named
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
-        nlohmann-json3-dev libfmt-dev libarchive-dev libpci-dev libseccomp-dev libevent-dev \
-        libzydis-dev jq \
+        nlohmann-json3-dev libfmt-dev libarchive-dev libexpat1-dev libpci-dev libseccomp-dev \
+        libevent-dev libzydis-dev jq \
         pciutils python3-jsonschema python3-prometheus-client \
         libpython3-dev mypy python3-cffi python3-pytest "$@"
 }
@@ -103,8 +103,8 @@ need_virtual_machine() {
 
 # Those that 32-bit programs are built with.
 fetch_libraries() {
-    scripts/fetch-libraries libfmt-dev libarchive-dev libpci-dev libseccomp-dev libevent-dev \
-        libpython3-dev libzydis-dev
+    scripts/fetch-libraries libfmt-dev libarchive-dev libexpat1-dev libpci-dev libseccomp-dev \
+        libevent-dev libpython3-dev libzydis-dev
 }
 
 # configure PRESET [OPTION...]

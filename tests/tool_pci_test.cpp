@@ -65,6 +65,7 @@ TEST(devaccess_pci, names_registers_of_devices_that_have_a_map)
     ::setenv("DEVACCESS_MAPS", "/var/tmp/none:/var/tmp/maps", 1);
     chassis_sim::write_file("/dev/mem", std::string(0x3000, '\0'));
     follow("devaccess/named_registers.txt");
+    follow("devaccess/maps.txt");
     expect_documented();
 }
 

@@ -17,6 +17,7 @@ constexpr command_family families[] = {
     {"pci", "PCI functions, through sysfs", describe_pci},
     {"uio", "UIO devices, and those emulated over PCI", describe_uio},
     {"mem", "Physical memory, through /dev/mem", describe_mem},
+    {"map", "Register maps, which name the registers of devices", describe_map},
     {"trace", "Run a command, and tell what it does with its devices", describe_trace},
     {"podlog", "POD logs of the cards", describe_podlog},
     {"postlog", "POST logs of the firmware", describe_postlog},

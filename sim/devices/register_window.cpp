@@ -43,6 +43,8 @@ uint64_t after_read(uint64_t value, uint64_t bits, read_action action)
 {
     switch (action) {
     case read_action::none:
+    case read_action::modify:
+    case read_action::modify_external:
         return value;
     case read_action::clear:
         return value & ~bits;

@@ -1,4 +1,4 @@
-// The commands on mapped registers.
+// The commands on mapped registers and their maps.
 #pragma once
 
 #include "tools/cli/command.h"
@@ -8,5 +8,6 @@ namespace devaccess
 
 void describe_uio(command &uio);
 void describe_mem(command &mem);
+void describe_map(command &map);
 
 } // namespace devaccess
