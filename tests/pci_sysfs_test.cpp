@@ -199,7 +199,9 @@ TEST_F(pci_sysfs, lists_what_is_named_like_a_function)
         sysfs_pci_identity_t id = {};
         name.copy(id.str, sizeof id.str); // the last has no NUL
         seen.note(name);
-        SHOW(seen, sysfs_pci_children_list(&id));
+        sysfs_pci_identity_t *children = nullptr;
+        SHOW(seen, children = sysfs_pci_children_list(&id));
+        std::free(children);
     }
     EXPECT_TEXT("pci/lists.txt", seen.text());
 }
