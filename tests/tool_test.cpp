@@ -392,7 +392,7 @@ TEST(devaccess, traces_a_driver_and_plays_its_trace_back)
 // A block that is read from memory, and what the library and the tool make of its bytes.
 struct post_sample {
     const chassis_sim::post_block log = {
-        "", 1024, 32, 1, {{{1, 5, "a"}, {2, 6, "b"}}, {{3, 7, "c"}}, {}, {{4, 8, "d"}}}};
+        "", 1024, 32, 1, {{{1, 5, "a"}, {2, 6, "b"}}, {{4, 7, "c"}}, {}, {{3, 8, "d"}}}};
     const string good = log.image(chassis_sim::byte_order::little);
     std::vector<std::pair<size_t, size_t>> records = {{0, 12}}; // position and size
     std::vector<size_t> entries;                                // their positions
@@ -418,14 +418,17 @@ struct post_sample {
 
     void set(size_t position, int byte) { now[position] = static_cast<char>(byte); }
 
+    bool names_another_history() const
+    {
+        return now[4] != good[4] && now[4] >= 0 && now[4] < 4 && now.compare(5, 3, good, 5, 3) == 0;
+    }
+
     bool is_damaged() const
     {
-        const bool other_current = now.substr(4, 4) != good.substr(4, 4) && now[4] < 4 &&
-                                   now[4] >= 0 && now.substr(5, 3) == good.substr(5, 3);
         return std::any_of(records.begin(), records.end(), [&](const auto &one) {
             const auto [position, size] = one;
             const bool is_same = now.compare(position, size, good, position, size) == 0;
-            return !is_same && (position > 0 || !other_current || now[8] != good[8]);
+            return !is_same && (position > 0 || !names_another_history());
         });
     }
 
@@ -454,6 +457,10 @@ struct post_sample {
         }
         for (const auto &slot : image.good_entries())
             EXPECT_EQ(std::count(entries.begin(), entries.end(), slot.position), 1) << what;
+        const bool is_newest = shown.starts_with("1: c");
+        EXPECT_TRUE(is_newest || names_another_history() ||
+                    now.compare(12, now.npos, good, 12) != 0)
+            << what << ": " << shown;
         EXPECT_TRUE(!image.wrong().empty() || seen == shown) << what << ": " << seen << shown;
         EXPECT_EQ(image.wrong().empty(), !is_damaged()) << what;
     }

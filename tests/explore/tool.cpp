@@ -71,6 +71,20 @@ std::string shown(const log_image &log)
     return text;
 }
 
+// In a full history the last entry is torn, which the header does not count.
+bool has_torn_last(const layout &where, const std::string &image, const contents &log)
+{
+    const uint32_t last = where.entries - 1;
+    for (uint32_t i = 0; i < where.histories; ++i) {
+        const history &one = log.histories[i];
+        const std::string header = image.substr(where.entry_at(i, last), 16);
+        if (one.good && one.used == last && !one.entries[last].good &&
+            header.find_first_not_of('\0') != header.npos)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 int repair(storage &log)
@@ -96,6 +110,8 @@ std::string objection_to_check(const layout &where, const std::string &image, co
         return "salvage does not find what a full search finds";
     if (seen.is_good() && shown(seen) != found)
         return "check calls it good, and show \"" + shown(seen) + "\" is not \"" + found + "\"";
+    if (seen.is_good() && has_torn_last(where, image, log))
+        return "check does not name the torn last entry of a full history";
     if (!is_cut && !seen.is_good() && !seen.is_blank())
         return "check calls it damaged: " + seen.wrong().front().name();
     if (seen.index().state == devaccess::record_state::good && log.index != index_state::good)
