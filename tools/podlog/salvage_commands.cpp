@@ -61,10 +61,10 @@ struct salvage_arguments {
     std::string file;
 };
 
-// The records that are bad. A blank one is not, in a log of which nothing else is there.
+// The records that are bad, where there is a log.
 std::vector<log_record> bad_records(const log_image &log)
 {
-    return log.is_blank() ? std::vector<log_record>() : log.wrong();
+    return log.holds_log() ? log.wrong() : std::vector<log_record>();
 }
 
 void print_salvaged(record shown, const log_image &log)
