@@ -182,14 +182,6 @@ real_machine::~real_machine()
     enter_root(chassis_root);
 }
 
-void require(bool done, const char *what)
-{
-    if (done)
-        return;
-    std::fprintf(stderr, "device_access_bench: %s failed\n", what);
-    std::exit(1);
-}
-
 } // namespace bench
 
 int main(int argc, char **argv)

@@ -1,6 +1,8 @@
 // Rows of the table: an operation of the library and others that do the same.
 #pragma once
 
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -43,6 +45,12 @@ void add_pod_log_rows();
 void add_crc_rows();
 
 // Ends the program: nothing is measured that does not work.
-void require(bool done, const char *what);
+inline void require(bool done, const char *what)
+{
+    if (done)
+        return;
+    std::fprintf(stderr, "device_access_bench: %s failed\n", what);
+    std::exit(1);
+}
 
 } // namespace bench

@@ -22,7 +22,7 @@ namespace
 constexpr int histories = 10;
 constexpr int entries_of_full = 19;
 constexpr int message_size = 64;
-constexpr int entry_size = 16 + message_size;
+constexpr off_t entry_size = 16 + message_size;
 
 struct storage {
     const char *label;

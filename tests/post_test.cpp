@@ -284,12 +284,13 @@ TEST_F(post_device, a_failed_read_is_the_result_and_closes_what_was_opened)
         {[] { return postlog_nvram_dump_all_log_msgs(results); }, 1, 0},
     };
     for (const auto &[call, value, opens] : cases)
-        test::fail_each_call(EDOM, call, [&](const test::run &ran) {
-            const bool fails = ran.failed == "pread";
-            EXPECT_EQ(ran.seen.value, fails ? -1 : value) << ran;
-            EXPECT_EQ(ran.seen.opens, fails ? 0 : opens) << ran;
-            EXPECT_TRUE(!fails || ran.seen.error == EDOM) << ran;
-        });
+        test::fail_each_call(EDOM, call,
+                             [&, expected = value, opened = opens](const test::run &ran) {
+                                 const bool fails = ran.failed == "pread";
+                                 EXPECT_EQ(ran.seen.value, fails ? -1 : expected) << ran;
+                                 EXPECT_EQ(ran.seen.opens, fails ? 0 : opened) << ran;
+                                 EXPECT_TRUE(!fails || ran.seen.error == EDOM) << ran;
+                             });
 }
 
 //--- the controller -------------------------------------------------------------------------------
