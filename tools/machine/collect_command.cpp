@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <span>
 
 #include <fmt/format.h>
 #include <sys/utsname.h>
@@ -33,51 +34,50 @@ struct collect_arguments {
 // What is read. All else stays behind: windows and option ROMs, which a read can change, product
 // data, which is slow and has serial numbers, and what drivers add, of which nobody knows what it
 // does and tells.
-const std::vector<std::string> function_attributes = {"aer_dev_correctable",
-                                                      "aer_dev_fatal",
-                                                      "aer_dev_nonfatal",
-                                                      "ari_enabled",
-                                                      "bridge_enable",
-                                                      "broken_parity_status",
-                                                      "class",
-                                                      "config",
-                                                      "consistent_dma_mask_bits",
-                                                      "current_link_speed",
-                                                      "current_link_width",
-                                                      "d3cold_allowed",
-                                                      "device",
-                                                      "dma_mask_bits",
-                                                      "driver",
-                                                      "driver_override",
-                                                      "enable",
-                                                      "irq",
-                                                      "local_cpulist",
-                                                      "local_cpus",
-                                                      "max_link_speed",
-                                                      "max_link_width",
-                                                      "modalias",
-                                                      "msi_bus",
-                                                      "numa_node",
-                                                      "physfn",
-                                                      "power_state",
-                                                      "resource",
-                                                      "revision",
-                                                      "secondary_bus_number",
-                                                      "subordinate_bus_number",
-                                                      "subsystem",
-                                                      "subsystem_device",
-                                                      "subsystem_vendor",
-                                                      "uevent",
-                                                      "vendor"};
-const std::vector<std::string> slot_attributes = {
-    "address", "adapter", "attention", "latch", "cur_bus_speed", "max_bus_speed", "power"};
-const std::vector<std::string> node_attributes = {"dev",       "device", "event",  "name",
-                                                  "subsystem", "uevent", "version"};
-const std::vector<std::string> window_attributes = {"addr",     "name", "offset",
-                                                    "porttype", "size", "start"};
-const std::vector<std::string> device_attributes = {"driver", "modalias", "subsystem", "uevent",
-                                                    "uio_maps"};
-const std::vector<std::string> nvram_attributes = {"baseaddr", "dev", "mode", "name", "size"};
+constexpr const char *function_attributes[] = {"aer_dev_correctable",
+                                               "aer_dev_fatal",
+                                               "aer_dev_nonfatal",
+                                               "ari_enabled",
+                                               "bridge_enable",
+                                               "broken_parity_status",
+                                               "class",
+                                               "config",
+                                               "consistent_dma_mask_bits",
+                                               "current_link_speed",
+                                               "current_link_width",
+                                               "d3cold_allowed",
+                                               "device",
+                                               "dma_mask_bits",
+                                               "driver",
+                                               "driver_override",
+                                               "enable",
+                                               "irq",
+                                               "local_cpulist",
+                                               "local_cpus",
+                                               "max_link_speed",
+                                               "max_link_width",
+                                               "modalias",
+                                               "msi_bus",
+                                               "numa_node",
+                                               "physfn",
+                                               "power_state",
+                                               "resource",
+                                               "revision",
+                                               "secondary_bus_number",
+                                               "subordinate_bus_number",
+                                               "subsystem",
+                                               "subsystem_device",
+                                               "subsystem_vendor",
+                                               "uevent",
+                                               "vendor"};
+constexpr const char *slot_attributes[] = {"address",       "adapter",       "attention", "latch",
+                                           "cur_bus_speed", "max_bus_speed", "power"};
+constexpr const char *node_attributes[] = {"dev",       "device", "event",  "name",
+                                           "subsystem", "uevent", "version"};
+constexpr const char *window_attributes[] = {"addr", "name", "offset", "porttype", "size", "start"};
+constexpr const char *device_attributes[] = {"driver", "modalias", "subsystem", "uevent",
+                                             "uio_maps"};
+constexpr const char *nvram_attributes[] = {"baseaddr", "dev", "mode", "name", "size"};
 
 // Files and links by their paths, and why others are missing.
 class recorder
@@ -92,9 +92,9 @@ public:
     }
 
     // These files and links of a directory, as far as it has them.
-    void add_attributes(const fs::path &directory, const std::vector<std::string> &names)
+    void add_attributes(const fs::path &directory, std::span<const char *const> names)
     {
-        for (const std::string &name : names)
+        for (const char *const name : names)
             if (!add_link(directory / name))
                 add_attribute(directory / name);
     }
