@@ -2,15 +2,14 @@
 #include "access_trace/stopped_thread.h"
 
 #include "access_trace/instruction.h"
+#include "access_trace/thread_memory.h"
 
-#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
 
 #include <elf.h>
-#include <sys/uio.h>
 #include <sys/wait.h>
 
 namespace access_trace
@@ -21,15 +20,6 @@ namespace
 constexpr size_t longest_instruction = 15;
 constexpr size_t longest_operand = 64;
 constexpr uint64_t red_zone = 128; // below the stack pointer, and not ours
-
-// Copies between this process and a client; how many bytes could be.
-ssize_t copy(pid_t thread, bool to_client, uint64_t address, void *data, size_t size)
-{
-    iovec here = {data, size};
-    iovec there = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), size};
-    return to_client ? ::process_vm_writev(thread, &here, 1, &there, 1, 0)
-                     : ::process_vm_readv(thread, &here, 1, &there, 1, 0);
-}
 
 bool is_64_bit([[maybe_unused]] const user_regs_struct &registers)
 {
@@ -98,7 +88,7 @@ void step_elsewhere(pid_t thread, user_regs_struct registers, const memory_opera
         const uint64_t value = to.read(at.offset + i, piece);
         std::memcpy(bytes + i, &value, piece);
     }
-    copy(thread, true, elsewhere, bytes, sizeof bytes);
+    copy_memory(thread, true, elsewhere, bytes, sizeof bytes);
     machine_word &pointer = general_register(registers, operand.pointer);
     pointer += static_cast<machine_word>(distance);
     trace(PTRACE_SETREGS, thread, 0, &registers);
@@ -116,7 +106,7 @@ void step_elsewhere(pid_t thread, user_regs_struct registers, const memory_opera
     if (!operand.pointer_is_result)
         pointer -= static_cast<machine_word>(distance);
     trace(PTRACE_SETREGS, thread, 0, &registers);
-    copy(thread, false, elsewhere, bytes, sizeof bytes);
+    copy_memory(thread, false, elsewhere, bytes, sizeof bytes);
     for (size_t i = 0; stepped && operand.writes && i < operand.width; i += piece) {
         uint64_t value = 0;
         std::memcpy(&value, bytes + i, piece);
@@ -158,8 +148,7 @@ bool answer(pid_t thread, const met_window &at, accesses &to)
     uint8_t code[longest_instruction];
     if (trace(PTRACE_GETREGS, thread, 0, &registers) != 0)
         return false;
-    const auto size = static_cast<size_t>(
-        std::max<ssize_t>(copy(thread, false, program_counter(registers), code, sizeof code), 0));
+    const size_t size = copy_memory(thread, false, program_counter(registers), code, sizeof code);
     const bool wide = is_64_bit(registers);
     std::optional<memory_operand> operand = decode(code, size, wide, false);
     // MOVS has two; the pointer of the one that was met has its address.

@@ -1,6 +1,8 @@
 // Reaches into the memory and the descriptors of the process that asks.
 #include "sim/devices/asking_process.h"
 
+#include "access_trace/thread_memory.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -19,7 +21,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace chassis_sim
@@ -28,7 +29,6 @@ namespace
 {
 
 constexpr size_t longest_path = 4096;
-constexpr size_t page = 4096;
 
 // The number after a word in one of the texts of /proc.
 int number_after(const std::string &text, const std::string &word, int base)
@@ -51,51 +51,15 @@ std::string asking_process::proc(const std::string &entry) const
     return "/proc/" + std::to_string(thread_) + "/" + entry;
 }
 
-// How many bytes could be copied.
-size_t asking_process::copy(bool to_client, uint64_t address, void *data, size_t size) const
-{
-    ssize_t length;
-    if constexpr (sizeof(void *) == 8) {
-        iovec here = {data, size};
-        iovec there = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), size};
-        length = to_client ? ::process_vm_writev(thread_, &here, 1, &there, 1, 0)
-                           : ::process_vm_readv(thread_, &here, 1, &there, 1, 0);
-    } else { // pointers are too short for all addresses of others
-        const owned_fd memory(
-            ::open(proc("mem").c_str(), (to_client ? O_WRONLY : O_RDONLY) | O_CLOEXEC));
-        const auto offset = static_cast<off_t>(address);
-        length = to_client ? ::pwrite(memory.get(), data, size, offset)
-                           : ::pread(memory.get(), data, size, offset);
-    }
-    return static_cast<size_t>(std::max<ssize_t>(length, 0));
-}
-
 bool asking_process::read(uint64_t address, void *data, size_t size) const
 {
-    return copy(false, address, data, size) == size;
+    return access_trace::copy_memory(thread_, false, address, data, size) == size;
 }
 
 bool asking_process::write(uint64_t address, const void *data, size_t size) const
 {
-    return copy(true, address, const_cast<void *>(data), size) == size;
-}
-
-std::string asking_process::text(uint64_t address) const
-{
-    std::string text;
-    while (text.size() < longest_path) {
-        char block[256];
-        // A copy stops short at a page that is not there, which may follow the text's end.
-        const size_t length = std::min<size_t>(sizeof block, page - address % page);
-        if (!read(address, block, length))
-            return {};
-        const size_t end = ::strnlen(block, length);
-        text.append(block, end);
-        if (end < length)
-            return text;
-        address += length;
-    }
-    return {};
+    return access_trace::copy_memory(thread_, true, address, const_cast<void *>(data), size) ==
+           size;
 }
 
 std::string asking_process::link(const std::string &entry) const
@@ -107,7 +71,7 @@ std::string asking_process::link(const std::string &entry) const
 
 std::string asking_process::path(int directory, uint64_t address) const
 {
-    std::string name = text(address);
+    std::string name = access_trace::text_at(thread_, address);
     if (name.empty() || name[0] == '/')
         return name;
     return (directory == AT_FDCWD ? link("cwd") : link_of(directory)) + "/" + name;

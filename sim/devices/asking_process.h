@@ -55,8 +55,6 @@ public:
 
 private:
     std::string proc(const std::string &entry) const;
-    size_t copy(bool to_client, uint64_t address, void *data, size_t size) const;
-    std::string text(uint64_t address) const;
 
     pid_t thread_;
 };

@@ -3,6 +3,7 @@
 
 #include "access_trace/instruction.h"
 #include "access_trace/stopped_thread.h"
+#include "access_trace/thread_memory.h"
 #include "tools/base/errors.h"
 #include "tools/base/output.h"
 #include "tools/trace/device_path.h"
@@ -30,15 +31,9 @@ namespace devaccess
 namespace
 {
 
+using access_trace::copy_memory;
 using access_trace::go_on;
 using access_trace::trace;
-
-uint64_t now()
-{
-    timespec time;
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
-}
 
 //--- accesses -------------------------------------------------------------------------------------
 
@@ -150,7 +145,7 @@ public:
         while (true) {
             pid_t thread = ::waitpid(-1, &status, __WALL | WNOHANG);
             if (thread == 0) {
-                to_.idle(now());
+                to_.idle(trace_time());
                 thread = ::waitpid(-1, &status, __WALL);
             }
             if (thread < 0 && errno == EINTR)
@@ -288,7 +283,7 @@ private:
                                 unsigned width, uint64_t offset, uint64_t value)
     {
         trace_event event;
-        event.time = now();
+        event.time = trace_time();
         event.thread = static_cast<uint32_t>(thread);
         event.window = &window;
         event.what = what;
@@ -320,7 +315,7 @@ private:
     void call_begins(pid_t id, traced_thread &thread, const traced_call &call)
     {
         thread.call = call;
-        thread.since = now();
+        thread.since = trace_time();
         const bool reads = call.kind == call_kind::read && thread.seen;
         if (!reads)
             tell_interrupt(thread);
@@ -414,7 +409,7 @@ private:
     {
         const traced_call &call = thread.call;
         const std::string path =
-            text_at(id, call.arguments[call.kind == call_kind::openat ? 1 : 0]);
+            access_trace::text_at(id, call.arguments[call.kind == call_kind::openat ? 1 : 0]);
         const device_path device = device_of(path.c_str());
         thread.process->opened.erase(fd);
         if (device.kind == device_kind::none)
@@ -468,7 +463,7 @@ private:
         traced_window &window = window_of(*device);
         uint32_t value = 0;
         if (device->kind == device_kind::uio && length == sizeof value &&
-            copy_from(id, call.arguments[1], &value, sizeof value)) {
+            copy_memory(id, false, call.arguments[1], &value, sizeof value) == sizeof value) {
             trace_event event = event_of(what == trace_action::read ? trace_action::interrupt
                                                                     : trace_action::control,
                                          id, window, 0, 0, value);
@@ -489,7 +484,8 @@ private:
         for (uint64_t done = 0; done < length; done += widest) {
             const uint64_t width = std::min(widest, length - done);
             uint64_t value = 0;
-            copy_from(id, thread.call.arguments[1] + done, &value, static_cast<size_t>(width));
+            copy_memory(id, false, thread.call.arguments[1] + done, &value,
+                        static_cast<size_t>(width));
             to_.take(event_of(what, id, window, static_cast<unsigned>(width),
                               thread.call.file_offset() + done, value));
         }
@@ -500,7 +496,7 @@ private:
         constexpr uint64_t most = 64;
         for (uint64_t i = 0; i < std::min(most, thread.call.arguments[1]); ++i) {
             pollfd one = {};
-            copy_from(id, thread.call.arguments[0] + i * sizeof one, &one, sizeof one);
+            copy_memory(id, false, thread.call.arguments[0] + i * sizeof one, &one, sizeof one);
             const device_path *const device = opened(thread, one.fd);
             if (!device || device->kind != device_kind::uio || !(one.revents & POLLIN))
                 continue;
@@ -528,7 +524,7 @@ private:
 int trace_exactly(const std::vector<std::string> &command, traced_windows &windows,
                   const std::string &format, std::FILE *to)
 {
-    const auto writer = make_trace_writer(format, to, now());
+    const auto writer = make_trace_writer(format, to, trace_time());
     traced_program program(command, {}, true);
     exact_tracer tracer(windows, *writer);
     tracer.follow(program);

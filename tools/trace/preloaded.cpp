@@ -381,31 +381,20 @@ ssize_t after_transfer(action what, int fd, const void *data, ssize_t length, in
 
 } // namespace
 
-#define OPENS(function)                                                                            \
-    SHOWN int function(const char *path, int flags, ...)                                           \
+#define OPENS(function, parameters, ...)                                                           \
+    SHOWN int function parameters                                                                  \
     {                                                                                              \
         NEXT(function);                                                                            \
         va_list arguments;                                                                         \
         va_start(arguments, flags);                                                                \
         const int mode = mode_of(flags, arguments);                                                \
         va_end(arguments);                                                                         \
-        return remember(next_##function(path, flags, mode), path);                                 \
+        return remember(next_##function(__VA_ARGS__, flags, mode), path);                          \
     }
-OPENS(open)
-OPENS(open64)
-
-#define OPENS_AT(function)                                                                         \
-    SHOWN int function(int directory, const char *path, int flags, ...)                            \
-    {                                                                                              \
-        NEXT(function);                                                                            \
-        va_list arguments;                                                                         \
-        va_start(arguments, flags);                                                                \
-        const int mode = mode_of(flags, arguments);                                                \
-        va_end(arguments);                                                                         \
-        return remember(next_##function(directory, path, flags, mode), path);                      \
-    }
-OPENS_AT(openat)
-OPENS_AT(openat64)
+OPENS(open, (const char *path, int flags, ...), path)
+OPENS(open64, (const char *path, int flags, ...), path)
+OPENS(openat, (int directory, const char *path, int flags, ...), directory, path)
+OPENS(openat64, (int directory, const char *path, int flags, ...), directory, path)
 
 extern "C" int __open_2(const char *path, int flags);
 extern "C" int __open64_2(const char *path, int flags);

@@ -71,13 +71,6 @@ private:
     ring::ring *ring_;
 };
 
-uint64_t now()
-{
-    timespec time;
-    ::clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
-}
-
 // Whether the thread can never write again.
 bool has_gone(uint32_t thread)
 {
@@ -89,6 +82,13 @@ bool has_gone(uint32_t thread)
     return name_end == line.npos || name_end + 2 >= line.size() || line[name_end + 2] == 'Z' ||
            line[name_end + 2] == 'X';
 }
+
+// By the ring's own numbers. An attaching program is told apart before.
+constexpr trace_action known_actions[] = {
+    trace_action::read,  trace_action::write,     trace_action::open,
+    trace_action::open,  trace_action::close,     trace_action::map,
+    trace_action::unmap, trace_action::interrupt, trace_action::control};
+static_assert(std::size(known_actions) == static_cast<size_t>(ring::action::control) + 1);
 
 class ring_reader
 {
@@ -145,8 +145,8 @@ private:
         if (is_end)
             return true;
         if (!hole_since_)
-            hole_since_ = now();
-        const uint64_t waited = now() - *hole_since_;
+            hole_since_ = trace_time();
+        const uint64_t waited = trace_time() - *hole_since_;
         const uint32_t writer = place.thread.load();
         return waited > longest || (waited > patience && writer != 0 && has_gone(writer));
     }
@@ -164,7 +164,7 @@ private:
         event.time = place.time;
         event.thread = place.thread.load(std::memory_order_relaxed);
         event.window = window;
-        event.what = action_of(place.what);
+        event.what = known_actions[static_cast<size_t>(place.what) % std::size(known_actions)];
         event.width = place.width;
         event.offset = place.offset;
         event.value = place.value;
@@ -178,28 +178,6 @@ private:
             return windows_.get("", no_map);
         return windows_.get(std::string(entry.device, ::strnlen(entry.device, sizeof entry.device)),
                             entry.map);
-    }
-
-    static trace_action action_of(ring::action what)
-    {
-        switch (what) {
-        case ring::action::read:
-            return trace_action::read;
-        case ring::action::write:
-            return trace_action::write;
-        case ring::action::open:
-            return trace_action::open;
-        case ring::action::close:
-            return trace_action::close;
-        case ring::action::map:
-            return trace_action::map;
-        case ring::action::unmap:
-            return trace_action::unmap;
-        case ring::action::interrupt:
-            return trace_action::interrupt;
-        default:
-            return trace_action::control;
-        }
     }
 
     static constexpr size_t most_waiting = 4'000'000;
@@ -253,7 +231,7 @@ int trace_preloaded(const std::vector<std::string> &command, traced_windows &win
     const char *const loaded = ::getenv("LD_PRELOAD");
     const std::string all =
         loaded && *loaded ? std::string(loaded) + ":" + object.string() : object.string();
-    const auto writer = make_trace_writer(format, to, now());
+    const auto writer = make_trace_writer(format, to, trace_time());
     ring_reader reader(shared, windows, *writer);
     traced_program program(command, {{"LD_PRELOAD", all}, {ring::file_variable, shared.file()}},
                            false);
@@ -267,7 +245,7 @@ int trace_preloaded(const std::vector<std::string> &command, traced_windows &win
             break;
         if (program.has_ended() && !std::exchange(is_told, true))
             note("the program has ended; what it has left running is still traced");
-        writer->idle(now());
+        writer->idle(trace_time());
         constexpr timespec moment = {0, 1'000'000};
         ::nanosleep(&moment, nullptr);
     }

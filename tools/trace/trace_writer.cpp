@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 
 #include <fmt/format.h>
@@ -229,6 +230,13 @@ private:
 };
 
 } // namespace
+
+uint64_t trace_time()
+{
+    timespec time;
+    ::clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time.tv_nsec);
+}
 
 const char *name_of(trace_action what)
 {

@@ -77,6 +77,9 @@ private:
 std::unique_ptr<trace_writer> make_trace_writer(const std::string &format, std::FILE *to,
                                                 uint64_t start);
 
+// In ns, of CLOCK_MONOTONIC.
+uint64_t trace_time();
+
 // "read", "open" and so on.
 const char *name_of(trace_action what);
 

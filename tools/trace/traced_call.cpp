@@ -5,11 +5,9 @@
 #include "access_trace/stopped_thread.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include <linux/audit.h>
 #include <sys/mman.h>
-#include <sys/uio.h>
 
 namespace devaccess
 {
@@ -18,8 +16,6 @@ namespace
 
 using access_trace::machine_word;
 using access_trace::trace;
-
-constexpr size_t page = 4096;
 
 // Numbers of 64-bit and of 32-bit programs; -1: it has none.
 constexpr struct {
@@ -123,30 +119,6 @@ void restore_arguments(pid_t thread, const traced_call &call)
         for (int i = 2; i < 6; ++i)
             argument(registers, call.is_wide, i) = static_cast<machine_word>(call.arguments[i]);
     });
-}
-
-bool copy_from(pid_t thread, uint64_t address, void *data, size_t size)
-{
-    iovec here = {data, size};
-    iovec there = {reinterpret_cast<void *>(static_cast<uintptr_t>(address)), size};
-    return ::process_vm_readv(thread, &here, 1, &there, 1, 0) == static_cast<ssize_t>(size);
-}
-
-std::string text_at(pid_t thread, uint64_t address)
-{
-    std::string text;
-    while (text.size() < page) {
-        char block[256];
-        const size_t length = std::min<size_t>(sizeof block, page - address % page);
-        if (!copy_from(thread, address, block, length))
-            return {};
-        const size_t end = ::strnlen(block, length);
-        text.append(block, end);
-        if (end < length)
-            return text;
-        address += length;
-    }
-    return {};
 }
 
 } // namespace devaccess

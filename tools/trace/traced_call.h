@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 
 #include <sys/types.h>
 
@@ -47,10 +46,5 @@ void map_nothing(pid_t thread, const traced_call &call);
 void protect_nothing(pid_t thread, const traced_call &call);
 // After the call: puts back what was changed, which programs expect to find.
 void restore_arguments(pid_t thread, const traced_call &call);
-
-// Copies from its memory: false, when it is not all there.
-bool copy_from(pid_t thread, uint64_t address, void *data, size_t size);
-// A text there; empty, when there is none.
-std::string text_at(pid_t thread, uint64_t address);
 
 } // namespace devaccess
