@@ -125,10 +125,12 @@ void add_elements(reader &members, const Part &one, std::vector<Part> &to, Move 
     if (count > most_parts || increment > UINT32_MAX)
         throw invalid(members.at("dim") + " is too large");
     const std::vector<std::string> words = index_words(index, count, members.at("dimIndex"));
-    for (uint64_t i = 0; i < count; ++i) {
+    uint64_t distance = 0;
+    for (const std::string &word : words) {
         to.push_back(one);
-        to.back().name.replace(mark, 2, words[i]);
-        move(to.back(), i * increment);
+        to.back().name.replace(mark, 2, word);
+        move(to.back(), distance);
+        distance += increment;
     }
 }
 
@@ -329,7 +331,7 @@ void visit_registers(reader &members, const char *name, std::vector<reg> &regist
 {
     registers.clear();
     std::map<std::string, reg> earlier; // that others can be derived from, arrays by their %s
-    size_t parts = 0;
+    uint64_t parts = 0;
     for_each_element(members, name, [&](reader &inner, size_t i) {
         reg one;
         std::string origin;
@@ -347,7 +349,8 @@ void visit_registers(reader &members, const char *name, std::vector<reg> &regist
         earlier.emplace(one.name, one);
         uint64_t count = 1;
         inner.hex("dim", count);
-        parts += parts_of(one) * std::clamp<uint64_t>(count, 1, most_parts);
+        const uint64_t each = parts_of(one);
+        parts += each * std::clamp<uint64_t>(count, 1, most_parts);
         if (parts > most_parts)
             throw invalid(inner.at("name") + ": there are more than " + std::to_string(most_parts) +
                           " registers, fields and words");

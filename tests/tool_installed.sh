@@ -26,6 +26,7 @@ completed devaccess 'devaccess podlog --chassis=n' 'n10 n20 n4'
 completed devaccess 'devaccess uio info sysfs_pci:uio_gl' 'uio_glb.rpsw'
 completed chassis-sim 'chassis-sim --uio-a' '--uio-appears'
 completed devaccess 'devaccess podlog tim' timeline
+completed devaccess 'devaccess uio read --map=regblock 0 CONTROL.' CONTROL.RUN # by an installed map
 
 # The other shells show descriptions too.
 export PATH=$prefix/bin:$PATH
