@@ -52,7 +52,7 @@ need_packages() {
 need_compiler_and_tests() {
     need_packages cmake ninja-build g++ pkg-config googletest libcli11-dev \
         nlohmann-json3-dev libfmt-dev libarchive-dev libexpat1-dev libpci-dev libseccomp-dev \
-        libevent-dev libzydis-dev jq \
+        libevent-dev libkainjow-mustache-dev libzydis-dev jq \
         pciutils python3-jsonschema python3-prometheus-client \
         libpython3-dev mypy python3-cffi python3-pytest "$@"
 }

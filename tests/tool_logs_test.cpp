@@ -47,4 +47,15 @@ TEST(devaccess_logs, gives_monitoring_what_its_checkers_accept)
     expect_documented();
 }
 
+TEST(devaccess_fleet, judges_and_compares_the_machines_of_archives)
+{
+    char directory[] = "/tmp/fleet.XXXXXX";
+    ::setenv("FLEET", ::mkdtemp(directory), 1);
+    ::setenv("MACHINES", SOURCE "/tests/machines", 1);
+    follow("devaccess/fleet.txt");
+    run("rm -r $FLEET");
+    start_chassis();
+    expect_documented();
+}
+
 } // namespace

@@ -13,8 +13,16 @@ namespace devaccess
 namespace
 {
 
+void describe_all_of_pci(command &pci)
+{
+    describe_pci(pci);
+    describe_link_check(pci);
+}
+
 constexpr command_family families[] = {
-    {"pci", "PCI functions, through sysfs", describe_pci},
+    {"check", "Judge this machine, or those of archives: links, functions, logs, rights",
+     describe_check},
+    {"pci", "PCI functions, through sysfs", describe_all_of_pci},
     {"uio", "UIO devices, and those emulated over PCI", describe_uio},
     {"mem", "Physical memory, through /dev/mem", describe_mem},
     {"map", "Register maps, which name the registers of devices", describe_map},
@@ -24,6 +32,8 @@ constexpr command_family families[] = {
     {"inventory", "Inventory records of the cards", describe_inventory},
     {"collect", "Record the PCI functions, UIO devices and logs of this machine in an archive",
      describe_collect},
+    {"diff", "Compare the machines of two archives, or of one and this machine", describe_diff},
+    {"report", "Write a page on machines in HTML, for a ticket", describe_report},
     {"metrics", "Print the state of logs and links as OpenMetrics text, for monitoring",
      describe_metrics},
 };

@@ -337,6 +337,7 @@ record &record::add(record_set set)
 record &record::append(const record &other)
 {
     fields_.insert(fields_.end(), other.fields_.begin(), other.fields_.end());
+    sets_.insert(sets_.end(), other.sets_.begin(), other.sets_.end());
     return *this;
 }
 
@@ -388,14 +389,79 @@ void print_entries(record about, record_set entries)
         print(about.add(std::move(entries)));
         return;
     }
-    for (const record_set &set : about.sets_)
-        for (const record &problem : set.rows)
-            if (settings.entries_as == "jsonl") {
+    entry_printer().begin(about);
+    for (const record &entry : entries.rows)
+        print_line(entry);
+}
+
+//--- entries, one by one --------------------------------------------------------------------------
+
+namespace
+{
+
+bool is_table()
+{
+    return !settings.as_json && settings.entries_as.empty();
+}
+
+} // namespace
+
+void entry_printer::measure(const record &row)
+{
+    if (!is_table())
+        return;
+    const std::vector<record::field> fields = row.fields_for_people();
+    widths_.resize(fields.size());
+    for (size_t column = 0; column < fields.size(); ++column) {
+        const record::field &f = fields[column];
+        widths_[column] = std::max({widths_[column], width_of(f.text), width_of(f.name)});
+    }
+}
+
+void entry_printer::begin(const record &about)
+{
+    if (is_table())
+        return about.print_as_text();
+    if (settings.entries_as == "jsonl")
+        for (const record_set &set : about.sets_)
+            for (const record &problem : set.rows) {
                 print_line(problem);
                 has_told_problems = true;
             }
-    for (const record &entry : entries.rows)
-        print_line(entry);
+    if (!settings.entries_as.empty())
+        return;
+    const std::string text = serialized(about, 2);
+    std::cout << text.substr(0, text.rfind('\n')) << ",\n  \"entries\": [";
+}
+
+void entry_printer::print(const record &row)
+{
+    if (!settings.entries_as.empty())
+        return print_line(row);
+    if (settings.as_json) {
+        std::string text = "\n" + row.as_json(2);
+        for (size_t at = 0; (at = text.find('\n', at)) != text.npos; at += 5)
+            text.insert(at + 1, 4, ' ');
+        std::cout << (std::exchange(is_first_, false) ? "" : ",") << text;
+        return;
+    }
+    cells heads;
+    cells values;
+    for (const record::field &f : row.fields_for_people()) {
+        heads.push_back({heading(f.name)});
+        values.push_back({f.text, f.is_bad});
+    }
+    if (std::exchange(is_first_, false))
+        std::cout << bold(aligned(heads, widths_)) << '\n';
+    std::cout << aligned(values, widths_) << '\n';
+}
+
+void entry_printer::end()
+{
+    if (is_table() && is_first_)
+        std::cout << "no entries\n";
+    if (settings.as_json && settings.entries_as.empty())
+        std::cout << (is_first_ ? "]\n}\n" : "\n  ]\n}\n");
 }
 
 void print_done(const record &what)

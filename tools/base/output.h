@@ -104,7 +104,7 @@ public:
     // As time_text has it, and in JSON the seconds as NAME_raw too.
     record &add_time(const std::string &name, time_t seconds);
     record &add(record_set set);
-    // The fields of another.
+    // What another has.
     record &append(const record &other);
 
     void print_as_text() const;
@@ -123,7 +123,7 @@ private:
     friend void print_table(const record_set &set);
     friend void print_csv_row(const record &row, bool is_heading);
     friend void print_line(const record &what);
-    friend void print_entries(record about, record_set entries);
+    friend class entry_printer;
     std::vector<field> fields_for_people() const;
 
     std::vector<field> fields_;
@@ -142,6 +142,21 @@ std::string document_of(const record &what);
 // What they are about, and entries of logs; or these alone, a line each, as JSON or CSV. As JSON,
 // so are the records of what they are about, which are problems.
 void print_entries(record about, record_set entries);
+
+// The same for entries that are more than memory should hold.
+class entry_printer
+{
+public:
+    // Before the first is printed: for the widths of a table's columns.
+    void measure(const record &row);
+    void begin(const record &about);
+    void print(const record &row);
+    void end();
+
+private:
+    std::vector<size_t> widths_;
+    bool is_first_ = true;
+};
 
 // What a command has written: programs are told, people see nothing.
 void print_done(const record &what);

@@ -87,6 +87,13 @@ option command::add_option(const char *names, const char *placeholder, std::stri
     return {*is_->add_option(names, to, meaning)->option_text(placeholder), *notes_};
 }
 
+option command::add_option(const char *names, const char *placeholder, std::vector<std::string> &to,
+                           const std::string &meaning)
+{
+    CLI::Option *const added = is_->add_option(names, to, meaning);
+    return {*added->option_text(placeholder)->allow_extra_args(false), *notes_};
+}
+
 option command::add_option(const char *names, const char *placeholder, unsigned &to,
                            const std::string &meaning)
 {

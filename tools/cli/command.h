@@ -80,6 +80,9 @@ public:
     // The placeholder, "FILE", stands for the value in the help.
     option add_option(const char *names, const char *placeholder, std::string &to,
                       const std::string &meaning);
+    // May be given several times, each with one value.
+    option add_option(const char *names, const char *placeholder, std::vector<std::string> &to,
+                      const std::string &meaning);
     option add_option(const char *names, const char *placeholder, unsigned &to,
                       const std::string &meaning);
     option add_option(const char *names, const char *placeholder, double &to,

@@ -3,6 +3,7 @@
 #include "tools/cli/dispatch.h"
 
 #include "tools/base/errors.h"
+#include "tools/base/fleet.h"
 #include "tools/base/output.h"
 #include "tools/base/settings.h"
 #include "tools/base/suggest.h"
@@ -81,14 +82,25 @@ int refuse(CLI::App &program, const CLI::ParseError &wrong)
     return refuse(command, wrong.what());
 }
 
+template <typename Work>
+int status_after(Work work)
+{
+    try {
+        work();
+        return exit_done;
+    } catch (const ends_with &told) {
+        return told.status;
+    }
+}
+
 // Does the work, and reports its failure as the command's; answers with the exit status.
 template <typename Work, typename Name>
 int run_and_report(Work work, Name command)
 {
     try {
-        work();
+        const int status = status_after(work);
         finish_output();
-        return exit_done;
+        return status;
     } catch (const usage_error &wrong) {
         return refuse(command(), wrong.what(), wrong.suggestion);
     } catch (const failure &failed) {

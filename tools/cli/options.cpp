@@ -120,6 +120,15 @@ void add_time_span(command &to, time_span &span)
     to.add_option("--until", "TIME", span.until, "Only entries up to this time");
 }
 
+option add_archives(command &to, std::vector<std::string> &from)
+{
+    return to
+        .add_option("--from", "ARCHIVE", from,
+                    "Read the machine of an archive of 'collect' instead of this one; may be given "
+                    "several times, and be a directory of archives")
+        .paths();
+}
+
 void add_timeout(command &to, wait_options &wait)
 {
     to.add_option("--timeout", "SECONDS", wait.timeout, "Give up after this time (default: never)")

@@ -19,6 +19,8 @@ void add_entry_format(command &to);
 void add_timeline_format(command &to);
 // --since and --until
 void add_time_span(command &to, time_span &span);
+// --from: archives instead of this machine
+option add_archives(command &to, std::vector<std::string> &from);
 // --timeout
 void add_timeout(command &to, wait_options &wait);
 // --every

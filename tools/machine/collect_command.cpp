@@ -2,8 +2,8 @@
 // of the machine.
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/base/machine_source.h"
 #include "tools/base/output.h"
-#include "tools/base/settings.h"
 #include "tools/base/tar_archive.h"
 #include "tools/machine/machine_commands.h"
 #include "tools/podlog/storage.h"
@@ -29,6 +29,7 @@ namespace fs = std::filesystem;
 struct collect_arguments {
     std::string file;
     bool force = false;
+    bool anonymous = false;
 };
 
 // What is read. All else stays behind: windows and option ROMs, which a read can change, product
@@ -217,6 +218,17 @@ size_t add_log_files(recorder &machine)
     return count;
 }
 
+// Inventory records have serial numbers.
+void add_inventory(recorder &machine)
+{
+    for (const fs::path directory : {"/flash/diags", "/var/log/diags"}) {
+        std::error_code none;
+        for (const auto &entry : fs::directory_iterator(directory, none))
+            if (entry.path().extension() == ".div")
+                machine.add_whole(entry.path());
+    }
+}
+
 // A block of NVRAM is read through its device. Through a controller it would be written to for
 // that.
 template <typename Read>
@@ -260,20 +272,37 @@ size_t add_blocks(recorder &machine)
 
 //--- the command ----------------------------------------------------------------------------------
 
-std::string manifest(time_t when, const record_set &left_out)
+// What of the kernel and of this user's rights can stop work.
+field_value settings_of(const machine_facts &facts)
+{
+    field_value::array parameters;
+    for (const std::string &parameter : facts.parameters)
+        parameters.emplace_back(parameter);
+    field_value::array nodes;
+    for (const auto &node : facts.nodes)
+        nodes.push_back(field_value::object{{"name", node.name}, {"problem", node.problem}});
+    return field_value::object{{"lockdown", text_or_null(facts.lockdown)},
+                               {"parameters", parameters},
+                               {"unusable_nodes", nodes}};
+}
+
+std::string manifest(const collect_arguments &arguments, time_t when, const record_set &left_out)
 {
     utsname kernel = {};
     ::uname(&kernel);
-    const std::string chassis = chassis_type();
-    const record content = record()
-                               .add("format", json_format)
-                               .add("program", "devaccess " DEVICE_ACCESS_VERSION)
-                               .add_time("time", when)
-                               .add("chassis", text_or_null(chassis))
-                               .add("rp2", settings.is_rp2)
-                               .add("kernel", kernel.release)
-                               .add("machine", kernel.machine)
-                               .add(left_out);
+    const machine_facts &facts = this_machine().facts();
+    const record content =
+        record()
+            .add("format", json_format)
+            .add("program", "devaccess " DEVICE_ACCESS_VERSION)
+            .add_time("time", when)
+            .add("host", arguments.anonymous ? field_value() : text_or_null(printable(facts.host)))
+            .add("chassis", text_or_null(facts.chassis))
+            .add("rp2", facts.is_rp2)
+            .add("kernel", kernel.release)
+            .add("machine", kernel.machine)
+            .add("settings", settings_of(facts))
+            .add(left_out);
     return content.as_json(2) + "\n";
 }
 
@@ -284,8 +313,10 @@ void collect(const collect_arguments &arguments)
     record done = record().add("file", arguments.file);
     done.add("functions", add_functions(machine)).add("nodes", add_nodes(machine));
     done.add("logs", add_log_files(machine) + add_blocks(machine));
+    if (!arguments.anonymous)
+        add_inventory(machine);
     const record_set &left_out = machine.left_out();
-    tar_archive archive = machine.archive(when, manifest(when, left_out));
+    tar_archive archive = machine.archive(when, manifest(arguments, when, left_out));
     write_file(arguments.file, archive.finish(), !arguments.force);
     if (!left_out.rows.empty())
         note(
@@ -301,6 +332,8 @@ void add_archive(command &to, collect_arguments &arguments)
         .paths()
         .required();
     to.add_flag("--force", arguments.force, "Replace the file if it exists");
+    to.add_flag("--anonymous", arguments.anonymous,
+                "Leave out the name of the host and the inventory's serial numbers");
 }
 
 } // namespace

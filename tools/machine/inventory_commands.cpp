@@ -2,9 +2,12 @@
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/base/fleet.h"
 #include "tools/base/output.h"
 #include "tools/base/settings.h"
+#include "tools/cli/options.h"
 #include "tools/machine/machine_commands.h"
+#include "tools/podlog/podlog_commands.h"
 
 #include <device_access/diag_inventory.h>
 #include <device_access/slot_names.h>
@@ -22,6 +25,7 @@ namespace
 {
 
 struct inventory_arguments {
+    archive_names from;
     std::string slot;
     std::string serial;
     std::string product;
@@ -32,9 +36,10 @@ constexpr char slot_hint[] = "slots are e.g. RP1, SW1, FT1, PM1 (--chassis n20 o
 // A slot, and the file that the library keeps its record in. Names that begin so are those of the
 // route processors.
 struct inventory_slot {
-    explicit inventory_slot(const inventory_arguments &arguments) : name(arguments.slot)
+    explicit inventory_slot(const inventory_arguments &arguments,
+                            const std::string &chassis = chassis_type())
+        : name(arguments.slot)
     {
-        const std::string chassis = chassis_type();
         if (chassis == "n20" || chassis == "n10")
             SetChassisType(chassis == "n20" ? ChassisType_1st_Stack : ChassisType_2nd_Stack);
         const std::string start = name.substr(0, 4);
@@ -67,17 +72,30 @@ std::string text_of(const uint8_t (&field)[Size])
     return printable(std::string(reinterpret_cast<const char *>(field), Size));
 }
 
-void print_record(const inventory_slot &slot, const diag_inventory_t &content,
-                  void (*print_it)(const record &))
+record row_of(const inventory_slot &slot, const diag_inventory_t &content)
 {
-    print_it(record()
-                 .add("slot", slot.name)
-                 .add("serial_number", text_of(content.serNo))
-                 .add("product_code", text_of(content.prodCode))
-                 .add("file", slot.file));
+    return record()
+        .add("slot", slot.name)
+        .add("serial_number", text_of(content.serNo))
+        .add("product_code", text_of(content.prodCode))
+        .add("file", slot.file);
 }
 
-void show(const inventory_arguments &arguments)
+record recorded_row(const inventory_arguments &arguments, const machine_source &machine)
+{
+    const inventory_slot slot(arguments, table_of(machine));
+    const std::string bytes = machine.read(slot.file).value_or("");
+    diag_inventory_t content = {};
+    if (bytes.size() < sizeof content)
+        throw failure("read the inventory of " + slot.name, "the archive has none",
+                      "'devaccess collect' records it, but for --anonymous");
+    std::memcpy(&content, bytes.data(), sizeof content);
+    if (std::memcmp(content.magicWord, "DiIn", sizeof content.magicWord) != 0)
+        throw failure("read the inventory of " + slot.name, slot.file + " is no such record", "");
+    return row_of(slot, content);
+}
+
+record present_row(const inventory_arguments &arguments)
 {
     const inventory_slot slot(arguments);
     expect_regular(slot.file); // the library would wait for the other end of a FIFO
@@ -85,7 +103,22 @@ void show(const inventory_arguments &arguments)
     const auto found = ask([&] { return diag_inventory_get_all(slot.name.c_str(), &content); });
     if (found.result != 1)
         fail("read the inventory of " + slot.name, found, "'devaccess inventory store' records it");
-    print_record(slot, content, print);
+    return row_of(slot, content);
+}
+
+void show(const inventory_arguments &arguments)
+{
+    fleet machines(arguments.from);
+    record_set all = {"records", {}};
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        all.rows.push_back(machines.row(host).append(
+            machine.is_archive() ? recorded_row(arguments, machine) : present_row(arguments)));
+    });
+    if (machines.has_several())
+        print(std::move(all));
+    else
+        print(all.rows.front());
+    machines.finish();
 }
 
 std::optional<diag_inventory_t> stored_record(const inventory_slot &slot)
@@ -112,7 +145,7 @@ void store(const inventory_arguments &arguments)
         fail(what, done, "the directories /flash/diags and /var/log/diags must be there");
     const auto after = stored_record(slot);
     if (after && std::memcmp(&*after, &content, sizeof content) == 0) {
-        print_record(slot, content, print_done);
+        print_done(row_of(slot, content));
         return;
     }
     ask([&] {
@@ -141,6 +174,12 @@ void add_slot(command &to, inventory_arguments &arguments)
         .required();
 }
 
+void add_shown(command &to, inventory_arguments &arguments)
+{
+    add_slot(to, arguments);
+    add_archives(to, arguments.from);
+}
+
 void add_stored(command &to, inventory_arguments &arguments)
 {
     add_slot(to, arguments);
@@ -152,7 +191,7 @@ void add_stored(command &to, inventory_arguments &arguments)
 
 void describe_inventory(command &inventory)
 {
-    inventory.add("show", "Show a slot's record", add_slot, show);
+    inventory.add("show", "Show a slot's record", add_shown, show);
     inventory.add("store", "Write a slot's record", add_stored, store);
     inventory.add("clear", "Delete a slot's record", add_slot, clear);
 }

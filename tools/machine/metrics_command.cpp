@@ -2,8 +2,10 @@
 // so that it is the older text format of their agents too.
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/base/fleet.h"
 #include "tools/base/output.h"
 #include "tools/base/settings.h"
+#include "tools/cli/options.h"
 #include "tools/machine/machine_commands.h"
 #include "tools/pci/link.h"
 #include "tools/podlog/podlog_commands.h"
@@ -25,6 +27,7 @@ namespace
 namespace fs = std::filesystem;
 
 struct metrics_arguments {
+    archive_names from;
     std::string file;
     postlog_place post;
 };
@@ -78,9 +81,17 @@ std::string escaped(const std::string &value)
 class gauges
 {
 public:
+    // What is added next is of this host; of none when it is empty.
+    void begin(const std::string &host)
+    {
+        host_ = host.empty() ? labels() : labels{{"host", host}};
+    }
+
     void add(const std::string &family, const labels &of, int64_t value)
     {
-        samples_[family].push_back({of, value});
+        labels all = host_;
+        all.insert(all.end(), of.begin(), of.end());
+        samples_[family].push_back({std::move(all), value});
     }
 
     std::string text() const
@@ -129,6 +140,7 @@ private:
         return found == samples_.end() ? std::vector<sample>() : found->second;
     }
 
+    labels host_;
     std::map<std::string, std::vector<sample>> samples_;
 };
 
@@ -156,11 +168,11 @@ void add_card(gauges &all, const log_storage &storage)
 }
 
 // Without a readable NVRAM there are none; that its storage is not good says so.
-void add_statuses(gauges &all, const std::vector<pod_card> &cards)
+void add_statuses(gauges &all, const std::vector<pod_card> &cards, const log_place &place)
 {
     std::vector<card_status> statuses;
     try {
-        statuses = card_statuses(cards);
+        statuses = card_statuses(cards, place);
     } catch (const failure &) {
         return;
     }
@@ -219,60 +231,67 @@ void add_link(gauges &all, const pcie_link &link, const std::map<std::string, st
     }
 }
 
-void add_errors(gauges &all, const std::string &id)
+void add_errors(gauges &all, const machine_source &machine, const std::string &id)
 {
     for (const char *severity : {"correctable", "nonfatal", "fatal"})
-        if (const auto counters = read_file(pci_directory + id + "/aer_dev_" + severity))
+        if (const auto counters = machine.read(pci_directory + id + "/aer_dev_" + severity))
             if (const auto total = total_errors(*counters))
                 all.add("pcie_errors", {{"device", id}, {"severity", severity}},
                         static_cast<int64_t>(std::min<uint64_t>(*total, INT64_MAX)));
 }
 
-void add_functions(gauges &all)
+void add_functions(gauges &all, const machine_source &machine)
 {
     std::vector<config_space> functions;
-    std::error_code none;
-    for (const auto &entry : fs::directory_iterator(pci_directory, none))
+    for (const std::string &id : machine.names_in(pci_directory))
         try {
-            const std::string id = entry.path().filename();
-            if (auto config = read_file(pci_directory + id + "/config"))
+            if (auto config = machine.read(pci_directory + id + "/config"))
                 functions.emplace_back(id, std::move(*config));
         } catch (const failure &) { // it has gone
         }
-    std::sort(functions.begin(), functions.end(),
-              [](const auto &one, const auto &other) { return one.id() < other.id(); });
-    const auto slots = physical_slots();
+    const auto slots = physical_slots(machine);
     for (const pcie_link &link : links_among(functions))
         add_link(all, link, slots);
     for (const config_space &function : functions)
         try {
-            add_errors(all, function.id());
+            add_errors(all, machine, function.id());
         } catch (const failure &) { // these too
         }
 }
 
 //--- the command ----------------------------------------------------------------------------------
 
+void add_machine(gauges &all, const machine_source &machine, const postlog_place &post)
+{
+    const log_place place = log_place().in(machine);
+    all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_of(machine)}}, 1);
+    all.add("last_run_timestamp_seconds", {}, machine.facts().time);
+    const std::vector<pod_card> cards = cards_of(machine);
+    add_statuses(all, cards, place);
+    for (const pod_card &card : cards)
+        add_card(all, log_storage(place, card));
+    for (const post_block &block : open_blocks(post))
+        add_block(all, block);
+    add_functions(all, machine);
+}
+
 void metrics(const metrics_arguments &arguments)
 {
     const bool to_output = arguments.file.empty() || arguments.file == standard_stream;
     const std::string file = to_output ? "" : fs::absolute(arguments.file).string();
     gauges all;
-    all.add("build_info", {{"version", DEVICE_ACCESS_VERSION}, {"table", table_name()}}, 1);
-    all.add("last_run_timestamp_seconds", {}, ::time(nullptr));
-    const std::vector<pod_card> cards = cards_for_reading();
-    add_statuses(all, cards);
-    for (const pod_card &card : cards)
-        add_card(all, log_storage({}, card));
-    for (const post_block &block : open_blocks(arguments.post))
-        add_block(all, block);
-    add_functions(all);
+    fleet machines(arguments.from);
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        all.begin(machines.has_several() ? host : "");
+        add_machine(all, machine, arguments.post.in(machine));
+    });
     if (!file.empty())
         write_file(file, all.text(), false);
     if (settings.as_json)
         print(all.as_record());
     else if (file.empty())
         std::cout << all.text();
+    machines.finish();
 }
 
 void add_metrics_options(command &to, metrics_arguments &arguments)
@@ -280,6 +299,7 @@ void add_metrics_options(command &to, metrics_arguments &arguments)
     to.add_option("--out", "FILE", arguments.file, "Write to FILE, replacing it as a whole")
         .paths();
     add_post_place(to, arguments.post);
+    add_archives(to, arguments.from);
 }
 
 } // namespace

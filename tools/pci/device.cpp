@@ -9,8 +9,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <filesystem>
-#include <fstream>
+#include <cstdlib>
 #include <sstream>
 #include <string_view>
 
@@ -76,15 +75,23 @@ std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge
     return devices;
 }
 
-std::map<std::string, std::string> physical_slots()
+std::vector<sysfs_pci_identity_t> pci_devices(const machine_source &machine)
 {
+    if (!machine.is_archive())
+        return pci_devices();
+    std::vector<sysfs_pci_identity_t> devices;
+    for (const std::string &name : machine.names_in(pci_directory))
+        if (const auto device = parse_pci_device(name))
+            devices.push_back(*device);
+    return devices;
+}
+
+std::map<std::string, std::string> physical_slots(const machine_source &machine)
+{
+    const std::string all = "/sys/bus/pci/slots/";
     std::map<std::string, std::string> slots;
-    std::error_code none;
-    for (const auto &slot : std::filesystem::directory_iterator("/sys/bus/pci/slots", none)) {
-        std::string address;
-        std::getline(std::ifstream(slot.path() / "address"), address);
-        slots.emplace(address, printable(slot.path().filename()));
-    }
+    for (const std::string &name : machine.names_in(all))
+        slots.emplace(machine.line(all + name + "/address"), printable(name));
     return slots;
 }
 
@@ -119,6 +126,60 @@ std::vector<pci_resource> pci_resources(const sysfs_pci_identity_t &device)
             resources.push_back({bar, line[0], line[1] - line[0] + 1, line[2]});
     }
     return resources;
+}
+
+namespace
+{
+
+struct resource_line {
+    uint64_t start, end, flags;
+};
+
+// Those of the base address registers.
+std::vector<resource_line> resource_lines(const std::string &text)
+{
+    std::vector<resource_line> found;
+    std::istringstream lines(text);
+    for (std::string line; found.size() < 6 && std::getline(lines, line);) {
+        char *rest = line.data();
+        resource_line numbers = {};
+        for (uint64_t *number : {&numbers.start, &numbers.end, &numbers.flags})
+            *number = std::strtoull(rest, &rest, 0);
+        found.push_back(numbers);
+    }
+    return found;
+}
+
+} // namespace
+
+std::vector<pci_resource> pci_resources(const sysfs_pci_identity_t &device,
+                                        const machine_source &machine)
+{
+    if (!machine.is_archive())
+        return pci_resources(device);
+    std::vector<pci_resource> resources;
+    int bar = 0;
+    for (const resource_line &line : resource_lines(
+             machine.read(std::string(pci_directory) + device.str + "/resource").value_or(""))) {
+        if (line.end != 0 && line.end >= line.start)
+            resources.push_back({bar, line.start, line.end - line.start + 1, line.flags});
+        ++bar;
+    }
+    return resources;
+}
+
+std::vector<int> unassigned_bars(const std::string &resources)
+{
+    constexpr uint64_t is_unset = 0x20000000; // the kernel's flag
+    std::vector<int> bars;
+    int bar = 0;
+    for (const resource_line &line : resource_lines(resources)) {
+        const bool is_used = line.flags & (pci_resource::io | pci_resource::memory);
+        if (is_used && ((line.start == 0 && line.end != 0) || (line.flags & is_unset) != 0))
+            bars.push_back(bar);
+        ++bar;
+    }
+    return bars;
 }
 
 } // namespace devaccess

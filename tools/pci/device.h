@@ -1,6 +1,8 @@
 // PCI functions named on the command line.
 #pragma once
 
+#include "tools/base/machine_source.h"
+
 #include <device_access/pci_sysfs.h>
 
 #include <cstdint>
@@ -19,11 +21,14 @@ inline constexpr char list_hint[] = "'devaccess pci list' shows the devices";
 std::optional<sysfs_pci_identity_t> parse_pci_device(const std::string &text);
 sysfs_pci_identity_t pci_device(const std::string &text);
 
-// Those of the machine, or behind a bridge.
+// Those of a machine.
+std::vector<sysfs_pci_identity_t> pci_devices(const machine_source &machine);
+
+// Those of this machine, or behind a bridge.
 std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge = nullptr);
 
 // Names of the slots, by the address of what is in them, "0000:03:00".
-std::map<std::string, std::string> physical_slots();
+std::map<std::string, std::string> physical_slots(const machine_source &machine = this_machine());
 
 // The total of a file with the kernel's counters of errors, "aer_dev_fatal" of a function's.
 std::optional<uint64_t> total_errors(const std::string &counters);
@@ -40,5 +45,11 @@ struct pci_resource {
 
 // The base address registers in use.
 std::vector<pci_resource> pci_resources(const sysfs_pci_identity_t &device);
+std::vector<pci_resource> pci_resources(const sysfs_pci_identity_t &device,
+                                        const machine_source &machine);
+
+// Base address registers that a file "resource" of a function's has, and the kernel found no
+// address for.
+std::vector<int> unassigned_bars(const std::string &resources);
 
 } // namespace devaccess

@@ -32,8 +32,15 @@ namespace fs = std::filesystem;
 
 //--- devices --------------------------------------------------------------------------------------
 
-std::optional<int64_t> number_of(const char *attribute, const sysfs_pci_identity_t &device)
+std::optional<int64_t> number_of(const char *attribute, const sysfs_pci_identity_t &device,
+                                 const machine_source &machine)
 {
+    if (machine.is_archive()) {
+        const std::string line =
+            machine.line(pci_directory + std::string(device.str) + '/' + attribute);
+        return line.empty() ? std::nullopt
+                            : std::optional<int64_t>(std::strtoll(line.c_str(), nullptr, 0));
+    }
     int64_t value = 0;
     if (sysfs_pci_show_nums(&value, 1, attribute, &device) != 1)
         return std::nullopt;
@@ -41,21 +48,19 @@ std::optional<int64_t> number_of(const char *attribute, const sysfs_pci_identity
 }
 
 // Nothing where it is missing, or says "Unknown", "Unknown speed".
-std::optional<std::string> text_of(const char *attribute, const sysfs_pci_identity_t &device)
+std::optional<std::string> text_of(const char *attribute, const sysfs_pci_identity_t &device,
+                                   const machine_source &machine)
 {
-    char text[64];
-    if (!sysfs_pci_show(text, sizeof text, nullptr, attribute, &device))
-        return std::nullopt;
-    const std::string line = printable(std::string(text, std::strcspn(text, "\n")));
-    return line.rfind("Unknown", 0) == 0 ? std::nullopt : std::optional(line);
+    const std::string line =
+        printable(machine.line(pci_directory + std::string(device.str) + '/' + attribute));
+    return line.empty() || line.rfind("Unknown", 0) == 0 ? std::nullopt : std::optional(line);
 }
 
-std::optional<std::string> driver_of(const sysfs_pci_identity_t &device)
+std::optional<std::string> driver_of(const sysfs_pci_identity_t &device,
+                                     const machine_source &machine)
 {
-    std::error_code none;
-    const fs::path link =
-        fs::read_symlink(std::string(pci_directory) + device.str + "/driver", none);
-    return none ? std::nullopt : std::optional(printable(link.filename()));
+    const fs::path link = machine.target(std::string(pci_directory) + device.str + "/driver");
+    return link.empty() ? std::nullopt : std::optional(printable(link.filename()));
 }
 
 // A number with its name; programs get them apart.
@@ -72,11 +77,13 @@ class device_facts
 {
 public:
     device_facts(const sysfs_pci_identity_t &device, const pci_names &names,
-                 const std::map<std::string, std::string> &slots)
-        : id_(device.str), vendor_(number_of("vendor", device).value_or(0xffff)),
-          device_(number_of("device", device).value_or(0xffff)), class_(number_of("class", device)),
-          driver_(driver_of(device)), speed_(text_of("current_link_speed", device)),
-          width_(number_of("current_link_width", device))
+                 const std::map<std::string, std::string> &slots,
+                 const machine_source &machine = this_machine())
+        : id_(device.str), vendor_(number_of("vendor", device, machine).value_or(0xffff)),
+          device_(number_of("device", device, machine).value_or(0xffff)),
+          class_(number_of("class", device, machine)), driver_(driver_of(device, machine)),
+          speed_(text_of("current_link_speed", device, machine)),
+          width_(number_of("current_link_width", device, machine))
     {
         vendor_name_ = names.vendor(static_cast<unsigned>(vendor_));
         device_name_ = names.device(static_cast<unsigned>(vendor_), static_cast<unsigned>(device_));
@@ -143,26 +150,28 @@ private:
 
 using fact_list = std::vector<device_facts>;
 
-fact_list facts_of(const std::vector<sysfs_pci_identity_t> &devices, const pci_names &names)
+fact_list facts_of(const std::vector<sysfs_pci_identity_t> &devices, const pci_names &names,
+                   const machine_source &machine)
 {
-    const auto slots = physical_slots();
+    const auto slots = physical_slots(machine);
     fact_list facts;
     for (const sysfs_pci_identity_t &device : devices)
-        facts.emplace_back(device, names, slots);
+        facts.emplace_back(device, names, slots, machine);
     return facts;
 }
 
-void print_devices(const fact_list &devices)
+void add_rows(record_set &set, const record &host, const fact_list &devices)
 {
-    record_set set = {"devices", {}};
     for (const device_facts &facts : devices)
-        set.rows.push_back(settings.as_json ? facts.as_record() : facts.as_row());
-    print(std::move(set));
+        set.rows.push_back(
+            record(host).append(settings.as_json ? facts.as_record() : facts.as_row()));
 }
 
 void print_devices(const std::vector<sysfs_pci_identity_t> &devices)
 {
-    print_devices(facts_of(devices, pci_names()));
+    record_set set = {"devices", {}};
+    add_rows(set, record(), facts_of(devices, pci_names(), this_machine()));
+    print(std::move(set));
 }
 
 //--- list and tree --------------------------------------------------------------------------------
@@ -262,22 +271,23 @@ record_set resources_record(const std::vector<pci_resource> &resources)
     return set;
 }
 
-void show_device(const config_space &config)
+record shown_device(const config_space &config, const machine_source &machine)
 {
     const sysfs_pci_identity_t device = pci_device(config.id());
     const pci_names names;
-    record shown = device_facts(device, names, physical_slots()).as_record();
+    record shown = device_facts(device, names, physical_slots(machine), machine).as_record();
     for (const char *name : {"subsystem_vendor", "subsystem_device"}) {
-        const std::optional<int64_t> value = number_of(name, device);
+        const std::optional<int64_t> value = number_of(name, device, machine);
         shown.add(name, value, value ? hex(static_cast<uint64_t>(*value), 4) : "-");
     }
-    const std::optional<int64_t> users = number_of("enable", device);
+    const std::optional<int64_t> users = number_of("enable", device, machine);
     shown.add("enabled", users ? field_value(*users != 0) : field_value());
-    print(shown.add(registers_to_show(config)).add(resources_record(pci_resources(device))));
+    return shown.add(registers_to_show(config))
+        .add(resources_record(pci_resources(device, machine)));
 }
 
 // Of what a file says, which is less.
-void show_config(const config_space &config)
+record shown_config(const config_space &config)
 {
     const pci_names names;
     const uint32_t vendor = config.read(PCI_VENDOR_ID, 16);
@@ -288,7 +298,7 @@ void show_config(const config_space &config)
     add_named(shown, "vendor", vendor, names.vendor(vendor), 4);
     add_named(shown, "device", device, names.device(vendor, device), 4);
     add_named(shown, "class", device_class, names.device_class(device_class), 6);
-    print(shown.add(registers_to_show(config)).add(resources_record(config_resources(config))));
+    return shown.add(registers_to_show(config)).add(resources_record(config_resources(config)));
 }
 
 } // namespace
@@ -297,9 +307,15 @@ void pci_list(const pci_arguments &arguments)
 {
     const pci_names names;
     const device_filter filter(arguments.slot_filter, arguments.id_filter, names);
-    fact_list devices = facts_of(pci_devices(), names);
-    std::erase_if(devices, [&](const auto &facts) { return !facts.is_taken_by(filter); });
-    print_devices(devices);
+    fleet machines(arguments.from);
+    record_set set = {"devices", {}};
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        fact_list devices = facts_of(pci_devices(machine), names, machine);
+        std::erase_if(devices, [&](const auto &facts) { return !facts.is_taken_by(filter); });
+        add_rows(set, machines.row(host), devices);
+    });
+    print(std::move(set));
+    machines.finish();
 }
 
 void pci_tree(const pci_arguments &)
@@ -316,8 +332,9 @@ void pci_children(const pci_arguments &arguments)
 
 void pci_show(const pci_arguments &arguments)
 {
-    const config_space config = config_of(arguments);
-    (config.is_device() ? show_device : show_config)(config);
+    print_for_each(arguments, [&](const config_space &config, const machine_source &machine) {
+        return arguments.file.empty() ? shown_device(config, machine) : shown_config(config);
+    });
 }
 
 //--- link and bridges -----------------------------------------------------------------------------
@@ -423,6 +440,7 @@ void add_filters(command &to, pci_arguments &arguments)
                   "Only functions at [[DOMAIN:]BUS:][SLOT][.FUNC]");
     to.add_option("-d,--device", "IDS", arguments.id_filter,
                   "Only functions with the ids [VENDOR]:[DEVICE][:CLASS], hexadecimal");
+    add_archives(to, arguments.from);
 }
 
 option add_id(command &to, pci_arguments &arguments)
@@ -441,6 +459,12 @@ void add_file(command &to, pci_arguments &arguments)
     to.add_option("--file", "FILE", arguments.file,
                   "Read the output of 'pci dump' or 'lspci -xxx' instead of the machine")
         .paths();
+}
+
+void add_shown(command &to, pci_arguments &arguments)
+{
+    add_file(to, arguments);
+    add_archives(to, arguments.from);
 }
 
 void add_out(command &to, pci_arguments &arguments)
@@ -504,11 +528,11 @@ void describe_pci(command &pci)
 {
     pci.add("list", "List functions", add_filters, pci_list);
     pci.add("tree", "Show functions below the bridges that lead to them", add_nothing, pci_tree);
-    pci.add("show", "Show a function's ids, state and resources", add_file, pci_show);
+    pci.add("show", "Show a function's ids, state and resources", add_shown, pci_show);
     pci.add("read", "Read configuration registers", add_read, pci_read);
     pci.add("write", "Write configuration registers", add_write, pci_write);
     pci.add("watch", "Print a register's value, and each change", add_watched, pci_watch);
-    pci.add("caps", "Show capabilities and their registers", add_file, pci_caps);
+    pci.add("caps", "Show capabilities and their registers", add_shown, pci_caps);
     pci.add("dump", "Print configuration spaces as lspci -xxxx does", add_out, pci_dump);
     pci.add("diff", "Compare two functions, or files with functions", add_sides, pci_diff);
     pci.add("link-wait", "Wait up to half a second for a port's link to come up", add_device,

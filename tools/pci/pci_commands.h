@@ -1,6 +1,7 @@
 // The commands on PCI functions.
 #pragma once
 
+#include "tools/base/fleet.h"
 #include "tools/base/waiting.h"
 #include "tools/cli/command.h"
 #include "tools/pci/config_space.h"
@@ -12,6 +13,7 @@ namespace devaccess
 {
 
 struct pci_arguments {
+    archive_names from;
     std::string id;
     std::vector<std::string> registers;
     std::string file;
@@ -28,7 +30,11 @@ void describe_bar(command &bar);
 option add_id(command &to, std::string &id);
 
 // The function that they name, of the machine or of the file.
-config_space config_of(const pci_arguments &arguments);
+config_space config_of(const pci_arguments &arguments,
+                       const machine_source &machine = this_machine());
+// Prints what there is to say of the function that they name, for each machine.
+void print_for_each(const pci_arguments &arguments,
+                    const std::function<record(const config_space &, const machine_source &)> &say);
 
 void pci_list(const pci_arguments &arguments);
 void pci_tree(const pci_arguments &arguments);

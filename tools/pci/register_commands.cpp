@@ -20,8 +20,17 @@
 
 namespace devaccess
 {
-config_space config_of(const pci_arguments &arguments)
+config_space config_of(const pci_arguments &arguments, const machine_source &machine)
 {
+    if (machine.is_archive()) {
+        if (arguments.id.empty())
+            throw usage_error("with --from, ID is required");
+        const std::string id = pci_device(arguments.id).str;
+        if (auto bytes = machine.read(pci_directory + id + "/config"))
+            return {id, std::move(*bytes)};
+        throw failure(fmt::format("find {} in {}", id, machine.archive()), "it is not there",
+                      "'devaccess pci list" + machine.option() + "' shows the devices");
+    }
     if (arguments.file.empty() && arguments.id.empty())
         throw usage_error("either ID or --file is required");
     if (arguments.file.empty())
@@ -36,6 +45,24 @@ config_space config_of(const pci_arguments &arguments)
             return std::move(function);
     throw failure(fmt::format("find {} in {}", id, arguments.file), "the file does not contain it",
                   "without ID it must hold one function");
+}
+
+void print_for_each(const pci_arguments &arguments,
+                    const std::function<record(const config_space &, const machine_source &)> &say)
+{
+    fleet machines(arguments.from);
+    record_set all = {"machines", {}};
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        record shown = machines.row(host);
+        shown.append(say(config_of(arguments, machine), machine));
+        if (machines.has_several() && settings.as_json)
+            all.rows.push_back(std::move(shown));
+        else
+            print(shown);
+    });
+    if (!all.rows.empty())
+        print(std::move(all));
+    machines.finish();
 }
 
 namespace
@@ -214,15 +241,16 @@ void add_table_rows(const config_space &config, const found_capability &capabili
 
 void pci_caps(const pci_arguments &arguments)
 {
-    const config_space config = config_of(arguments);
-    const capability_list list = capabilities_of(config);
-    record_set shown = {"capabilities", {}};
-    for (const found_capability &capability : list.found)
-        if (settings.as_json)
-            shown.rows.push_back(capability_record(config, capability));
-        else
-            add_table_rows(config, capability, shown.rows);
-    print(record().add("id", config.id()).add("complete", list.complete).add(std::move(shown)));
+    print_for_each(arguments, [](const config_space &config, const machine_source &) {
+        const capability_list list = capabilities_of(config);
+        record_set shown = {"capabilities", {}};
+        for (const found_capability &capability : list.found)
+            if (settings.as_json)
+                shown.rows.push_back(capability_record(config, capability));
+            else
+                add_table_rows(config, capability, shown.rows);
+        return record().add("id", config.id()).add("complete", list.complete).add(std::move(shown));
+    });
 }
 
 //--- dump and diff --------------------------------------------------------------------------------

@@ -74,8 +74,9 @@ void map_status_words(const std::vector<pod_card> &cards)
 
 std::vector<pod_card> configure_cards(const std::string &chassis, bool is_rp2)
 {
+    static const std::vector<pod_card> as_loaded = registered_cards();
     if (chassis.empty())
-        return registered_cards();
+        return as_loaded;
     podlog_config_pod_storage_n20_n10(chassis == "n20"   ? ChassisType_N20
                                       : chassis == "n10" ? ChassisType_N10
                                                          : ChassisType_N4,

@@ -61,7 +61,7 @@ bool tells_success(const std::string &message)
            capitals.find(" OK ") != capitals.npos;
 }
 
-std::string host_fields()
+std::string fields_of_this_host()
 {
     utsname system = {};
     ::uname(&system);
@@ -75,7 +75,8 @@ std::string host_fields()
 
 std::string journal_entry(const timeline_entry &entry)
 {
-    static const std::string host = host_fields();
+    static const std::string this_host = fields_of_this_host();
+    const std::string host = entry.host.empty() ? this_host : field("_HOSTNAME", entry.host);
     const std::string message = entry.message.substr(0, entry.message.find('\0'));
     const bool is_pod = entry.log == std::string_view("pod");
     const bool has_failed = tells_failure(message) || (!is_pod && entry.source == "error");

@@ -14,6 +14,7 @@ struct timeline_entry {
     int history;
     std::string message; // as the log has it
     std::string id;      // reading_position's
+    std::string host;    // empty: this machine
 };
 
 // The entry with its fields, and the empty line that ends it.

@@ -46,6 +46,26 @@ std::string table_name()
     return chassis.empty() ? "built-in" : chassis;
 }
 
+std::string table_of(const machine_source &machine)
+{
+    const std::string &recorded = machine.facts().chassis;
+    const bool is_known = std::find(std::begin(chassis_types), std::end(chassis_types), recorded) !=
+                          std::end(chassis_types);
+    if (machine.is_archive() && settings.chassis.empty() && is_known)
+        return recorded;
+    return table_name();
+}
+
+std::vector<pod_card> cards_of(const machine_source &machine)
+{
+    if (!machine.is_archive())
+        return cards_for_reading();
+    const std::string table = table_of(machine);
+    if (table == "built-in")
+        return cards_for_reading();
+    return configure_cards(table, settings.is_rp2 || machine.facts().is_rp2);
+}
+
 pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
                  const log_place &place)
 {
@@ -87,6 +107,7 @@ std::string podlog_command(const std::string &words, const log_place &place)
     add("--eeprom", place.eeprom);
     add("--nvram", place.nvram);
     add("--pod-dir", place.pod_directory);
+    line += place.machine ? place.machine->option() : "";
     const std::string verb = words.substr(0, words.find(' '));
     const bool writes =
         std::find(std::begin(writing), std::end(writing), verb) != std::end(writing);
@@ -104,6 +125,8 @@ std::string remedy_hint(const log_storage &storage, const log_findings &found)
     case remedy::try_again:
         return "its records are good; is another program using it?";
     case remedy::salvage:
+        if (storage.place().machine)
+            return with("show", " --all") + " shows what can be read";
         return with("salvage") + " shows what can be read";
     case remedy::no_repair:
         return with("salvage") + " shows what can be read; no command helps until the device has "

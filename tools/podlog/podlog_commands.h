@@ -23,6 +23,10 @@ std::vector<pod_card> cards_for_writing();
 // The table in use: "n20", "n10", "n4" or "built-in".
 std::string table_name();
 
+// Those of a machine: without --chassis, an archive says which.
+std::vector<pod_card> cards_of(const machine_source &machine);
+std::string table_of(const machine_source &machine);
+
 // The card of this name, in any case.
 pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
                  const log_place &place);
@@ -78,7 +82,7 @@ struct card_status {
     std::string status; // "Passed", "Failed" or "Invalid"
     bool fault_injected;
 };
-std::vector<card_status> card_statuses(const std::vector<pod_card> &cards);
+std::vector<card_status> card_statuses(const std::vector<pod_card> &cards, const log_place &place);
 
 // A record of a log as a line of a table.
 record entry_row(const log_image &log, const log_record &slot);

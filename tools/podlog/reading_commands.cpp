@@ -62,15 +62,22 @@ void expect_all_readable(const log_storage &storage, const log_findings &found)
                   exit_damaged);
 }
 
-record &add_unreadable(record &shown, const log_image &log)
+record &add_unreadable(record &shown, int count)
 {
-    const int count = unreadable(log);
     return count ? shown.add("unreadable", count) : shown.add_hidden("unreadable", 0);
 }
 
-record about(const log_storage &storage)
+// The log of a card of a machine.
+log_storage storage_in(const machine_source &machine, const std::string &card,
+                       const log_place &place)
 {
-    return record().add_hidden("table", table_name()).add("card", storage.card().name);
+    const log_place there = place.in(machine);
+    return log_storage(there, card_of(card, cards_of(machine), there));
+}
+
+record about(const std::string &table, const std::string &card)
+{
+    return record().add_hidden("table", table).add("card", in_capitals(card));
 }
 
 struct list_arguments {
@@ -80,21 +87,29 @@ struct list_arguments {
 
 void list(const list_arguments &arguments)
 {
-    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
-    const log_findings found = expect_log(storage);
-    const log_image &log = *found.log;
+    fleet machines(arguments.place.from, archive_part::logs);
     record_set set = {"histories", {}};
-    for (const log_history *history : log.written()) {
-        const auto entries = log.chain(*history);
-        set.rows.push_back(record()
-                               .add_hidden("card", storage.card().name)
-                               .add("history", history->number)
-                               .add("entries", entries.size())
-                               .add_time("time", log.entry(entries.front()).time));
-    }
-    record shown = about(storage);
-    print(add_unreadable(shown, log).add(std::move(set)));
-    expect_all_readable(storage, found);
+    std::string table;
+    int lost = 0;
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        const log_storage storage = storage_in(machine, arguments.card, arguments.place);
+        const log_findings found = expect_log(storage);
+        const log_image &log = *found.log;
+        for (const log_history *history : log.written()) {
+            const auto entries = log.chain(*history);
+            set.rows.push_back(machines.row(host)
+                                   .add_hidden("card", storage.card().name)
+                                   .add("history", history->number)
+                                   .add("entries", entries.size())
+                                   .add_time("time", log.entry(entries.front()).time));
+        }
+        table = table_of(machine);
+        lost += unreadable(log);
+        machines.expect(host, [&] { expect_all_readable(storage, found); });
+    });
+    record shown = about(table, arguments.card);
+    print(add_unreadable(shown, lost).add(std::move(set)));
+    machines.finish();
 }
 
 //--- entries --------------------------------------------------------------------------------------
@@ -138,6 +153,7 @@ void expect_whole(const log_storage &storage, const log_findings &found, const l
 
 // Which entries are shown, and how.
 struct entry_view {
+    record about; // the machine
     std::string card;
     bool with_history;
     time_limits limits;
@@ -147,7 +163,8 @@ struct entry_view {
     {
         if (!limits.hold(log.entry(slot).time))
             return std::nullopt;
-        record row = record().add_hidden("card", card);
+        record row = about;
+        row.add_hidden("card", card);
         with_history ? row.add("history", history) : row.add_hidden("history", history);
         return row.append(entry_row(log, slot));
     }
@@ -211,32 +228,54 @@ std::vector<const log_history *> wanted_histories(const show_arguments &argument
     return all;
 }
 
+void follow(const show_arguments &arguments)
+{
+    if (!arguments.place.from.empty())
+        throw usage_error("--follow is for this machine, not for an archive");
+    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
+    follow(arguments, {record(), storage.card().name, false, arguments.span.limits()}, storage);
+}
+
 void show(const show_arguments &arguments)
 {
     if (arguments.all && (!arguments.history.empty() || arguments.follow))
         throw usage_error("--all is neither for one HISTORY nor with --follow");
-    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
-    const entry_view view = {storage.card().name, arguments.all, arguments.span.limits()};
     if (arguments.follow)
-        follow(arguments, view, storage);
-    const log_findings found = expect_log(storage);
-    const log_image &log = *found.log;
-    const auto histories = wanted_histories(arguments, log);
+        follow(arguments);
+    fleet machines(arguments.place.from, archive_part::logs);
+    const time_limits limits = arguments.span.limits();
     record_set set = {"entries", {}};
-    for (const log_history *history : histories)
-        for (const log_record &slot : log.chain(*history))
-            if (auto row = view.row(log, history->number, slot))
-                set.rows.push_back(std::move(*row));
-    record shown = about(storage);
+    std::string table;
+    std::optional<int> only; // the history that is shown
+    int lost = 0;
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        const log_storage storage = storage_in(machine, arguments.card, arguments.place);
+        const log_findings found = expect_log(storage);
+        const log_image &log = *found.log;
+        const entry_view view = {machines.row(host), storage.card().name,
+                                 arguments.all || machines.has_several(), limits};
+        const auto histories = wanted_histories(arguments, log);
+        for (const log_history *history : histories)
+            for (const log_record &slot : log.chain(*history))
+                if (auto row = view.row(log, history->number, slot))
+                    set.rows.push_back(std::move(*row));
+        table = table_of(machine);
+        only = histories.empty() || machines.has_several() ? only : histories[0]->number;
+        lost += unreadable(log);
+        machines.expect(host, [&] {
+            for (const log_history *history : histories)
+                expect_whole(storage, found, *history);
+            if (arguments.history.empty())
+                expect_all_readable(storage, found);
+        });
+    });
+    record shown = about(table, arguments.card);
     if (!arguments.all)
-        shown.add("history", histories.empty() ? field_value() : field_value(histories[0]->number));
+        shown.add("history", only);
     else
         shown.add_hidden("history", nullptr);
-    print_entries(add_unreadable(shown, log), std::move(set));
-    for (const log_history *history : histories)
-        expect_whole(storage, found, *history);
-    if (arguments.history.empty())
-        expect_all_readable(storage, found);
+    print_entries(add_unreadable(shown, lost), std::move(set));
+    machines.finish();
 }
 
 //--- check ----------------------------------------------------------------------------------------
@@ -269,37 +308,46 @@ std::vector<log_record> records_to_show(const log_findings &found, bool all)
     return all ? found.log->records() : found.log->wrong();
 }
 
-std::vector<pod_card> checked_cards(const check_arguments &arguments)
+std::vector<pod_card> checked_cards(const check_arguments &arguments, const log_place &place,
+                                    const machine_source &machine)
 {
-    std::vector<pod_card> cards = cards_for_reading();
+    std::vector<pod_card> cards = cards_of(machine);
     if (arguments.card.empty())
         return cards;
-    return {card_of(arguments.card, cards, arguments.place)};
+    return {card_of(arguments.card, cards, place)};
 }
 
 void check(const check_arguments &arguments)
 {
+    fleet machines(arguments.place.from, archive_part::logs);
     record_set storages = {"storages", {}};
     record_set records = {"records", {}};
+    std::string table;
     std::string hint; // of the first bad one
     size_t bad = 0;
     exit_status status = exit_failed;
-    for (const pod_card &card : checked_cards(arguments)) {
-        const log_storage storage(arguments.place, card);
-        const log_findings found = storage.look();
-        storages.rows.push_back(storage_row(storage, found));
-        for (const log_record &what : records_to_show(found, arguments.all))
-            records.rows.push_back(record().add("card", card.name).append(record_row(what)));
-        if (found.state == storage_state::good)
-            continue;
-        status = worse_of(status, status_of(found.state));
-        if (bad++ == 0)
-            hint = fmt::format("of {}: {}", card.name, remedy_hint(storage, found));
-    }
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        const log_place place = arguments.place.in(machine);
+        table = table_of(machine);
+        for (const pod_card &card : checked_cards(arguments, place, machine)) {
+            const log_storage storage(place, card);
+            const log_findings found = storage.look();
+            storages.rows.push_back(machines.row(host).append(storage_row(storage, found)));
+            for (const log_record &what : records_to_show(found, arguments.all))
+                records.rows.push_back(
+                    machines.row(host).add("card", card.name).append(record_row(what)));
+            if (found.state == storage_state::good)
+                continue;
+            status = worse_of(status, status_of(found.state));
+            if (bad++ == 0)
+                hint = fmt::format("of {}: {}", card.name, remedy_hint(storage, found));
+        }
+    });
     const size_t all = storages.rows.size();
     record shown;
-    shown.add_hidden("table", table_name()).add(std::move(storages));
+    shown.add_hidden("table", table).add(std::move(storages));
     print(add_records(shown, std::move(records)));
+    machines.finish();
     if (bad > 0)
         throw failure("confirm that all logs are good",
                       fmt::format("{} of {} storages are not", bad, all), hint, 0, status);
@@ -311,6 +359,7 @@ void add_listed(command &to, list_arguments &arguments)
 {
     add_card(to, arguments.card).required();
     add_places(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
 void add_shown(command &to, show_arguments &arguments)
@@ -322,6 +371,7 @@ void add_shown(command &to, show_arguments &arguments)
     add_time_span(to, arguments.span);
     add_entry_format(to);
     add_places(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
 void add_checked(command &to, check_arguments &arguments)
@@ -329,6 +379,7 @@ void add_checked(command &to, check_arguments &arguments)
     add_card(to, arguments.card, "Check the log of this card only");
     to.add_flag("--all", arguments.all, "Show the good records too");
     add_places(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
 } // namespace

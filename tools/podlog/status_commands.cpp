@@ -218,9 +218,9 @@ void describe_faults(command &flags)
 
 } // namespace
 
-std::vector<card_status> card_statuses(const std::vector<pod_card> &cards)
+std::vector<card_status> card_statuses(const std::vector<pod_card> &cards, const log_place &place)
 {
-    const log_image log = nvram_contents(local_nvram({}, cards));
+    const log_image log = nvram_contents(local_nvram(place, cards));
     std::vector<card_status> statuses;
     for (const mapped_card &card : mapped_cards())
         statuses.push_back(

@@ -87,6 +87,15 @@ std::string hint_on(int error)
 
 } // namespace
 
+log_place log_place::in(const machine_source &one) const
+{
+    if (!from.empty() && !(nvram + pod_directory + eeprom).empty())
+        throw usage_error("--from goes with neither --nvram, --pod-dir nor --eeprom");
+    log_place place = *this;
+    place.machine = one.is_archive() ? &one : nullptr;
+    return place;
+}
+
 int secondary_of(const pod_card &card)
 {
     if (!card.secondary)
@@ -129,6 +138,12 @@ std::optional<std::string> log_storage::bytes() const
         throw failure(fmt::format("find POD file {}", card_.storage_id),
                       "the library has no file of that number",
                       "a card of the chassis has one: --chassis says which chassis this is");
+    if (place_.machine) {
+        std::optional<std::string> found = place_.machine->read(path_);
+        if (!found && is_nvram())
+            throw failure("read " + path_, std::strerror(ENOENT), "the machine had none", ENOENT);
+        return found;
+    }
     if (!is_device()) {
         std::optional<std::string> found = read_file(path_);
         const std::string &directory = place_.pod_directory;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tools/base/captured_call.h"
+#include "tools/base/fleet.h"
 #include "tools/base/storage_state.h"
 #include "tools/podlog/cards.h"
 #include "tools/podlog/image.h"
@@ -15,9 +16,14 @@ namespace devaccess
 
 // Files that stand for the machine's storages; the machine's own where it is empty.
 struct log_place {
-    std::string nvram;         // instead of the machine's NVRAM
-    std::string pod_directory; // instead of /var/pod
-    std::string eeprom;        // a file with the card's EEPROM
+    std::string nvram;                       // instead of the machine's NVRAM
+    std::string pod_directory;               // instead of /var/pod
+    std::string eeprom;                      // a file with the card's EEPROM
+    archive_names from;                      // archives of machines
+    const machine_source *machine = nullptr; // of one of them
+
+    // The same, in a machine of these archives.
+    log_place in(const machine_source &one) const;
 };
 
 // What can be done about a storage.
@@ -66,8 +72,11 @@ public:
     const log_layout &layout() const { return *layout_; }
     bool is_nvram() const { return layout_ == &nvram_layout; }
     bool is_eeprom() const { return layout_ == &eeprom_layout; }
-    bool is_device() const { return is_nvram() && place_.nvram.empty(); }
-    bool is_copy() const { return !place_.nvram.empty() || !place_.pod_directory.empty(); }
+    bool is_device() const { return is_nvram() && place_.nvram.empty() && !place_.machine; }
+    bool is_copy() const
+    {
+        return place_.machine || !place_.nvram.empty() || !place_.pod_directory.empty();
+    }
 
     // Its bytes; nothing when the file is missing.
     std::optional<std::string> bytes() const;

@@ -1,6 +1,7 @@
 // All logs of a machine, merged by time.
 #include "tools/base/errors.h"
 #include "tools/base/settings.h"
+#include "tools/base/time_sorter.h"
 #include "tools/cli/options.h"
 #include "tools/podlog/journal_format.h"
 #include "tools/podlog/podlog_commands.h"
@@ -28,29 +29,40 @@ struct timeline_arguments {
 class timeline
 {
 public:
-    timeline(const time_span &span, const std::string &since_last)
-        : limits_(span.limits()), position_(since_last)
+    timeline(const fleet &machines, const time_span &span, const std::string &since_last)
+        : machines_(machines), limits_(span.limits()), position_(since_last),
+          needs_ids_(!since_last.empty() || settings.entries_as == "export")
     {
+    }
+
+    // What is added next is of this machine.
+    void begin(const machine_source &machine, const std::string &host)
+    {
+        host_ = machine.is_archive() ? host : "";
     }
 
     void add(const char *log, const std::string &source, int history, time_t time,
              const std::string &message)
     {
-        const auto taken = position_.take(log + (' ' + source), time, message);
-        if (limits_.hold(time) && taken.is_new)
-            entries_.push_back({time, log, source, history, message, taken.id});
+        const auto taken = needs_ids_ ? position_.take(position_of(log, source), time, message)
+                                      : reading_position::taken_entry{true, ""};
+        if (!limits_.hold(time) || !taken.is_new)
+            return;
+        const timeline_entry entry = {time, log, source, history, message, taken.id, host_};
+        printer_.measure(row(entry));
+        sorter_.add(time, packed(entry));
     }
     // In which state a log is whose entries are added.
     void note_state(const char *log, const std::string &source, storage_state state)
     {
         if (state == storage_state::good || state == storage_state::empty)
-            position_.forget_what_is_gone(log + (' ' + source));
+            position_.forget_what_is_gone(position_of(log, source));
     }
 
     void add_problem(const char *log, const std::string &source, storage_state state,
                      const std::string &problem)
     {
-        problems_.rows.push_back(record()
+        problems_.rows.push_back(machines_.row(host_)
                                      .add("log", log)
                                      .add("source", source)
                                      .add("state", name_of(state))
@@ -61,33 +73,20 @@ public:
     exit_status status() const { return status_; }
 
     // Entries of one moment stay as the logs have them.
-    void sort()
+    void print(const record &about)
     {
-        std::stable_sort(entries_.begin(), entries_.end(),
-                         [](const timeline_entry &one, const timeline_entry &other) {
-                             return one.time < other.time;
-                         });
+        printer_.begin(about);
+        sorter_.for_each([&](int64_t time, const std::string &item) {
+            printer_.print(row(unpacked(time, item)));
+        });
+        printer_.end();
     }
 
-    record_set as_records() const
+    void print_for_journal()
     {
-        record_set set = {"entries", {}};
-        for (const timeline_entry &entry : entries_)
-            set.rows.push_back(record()
-                                   .add_time("time", entry.time)
-                                   .add("log", entry.log)
-                                   .add("source", entry.source)
-                                   .add("history", entry.history)
-                                   .add_message(entry.message));
-        return set;
-    }
-
-    std::string for_journal() const
-    {
-        std::string text;
-        for (const timeline_entry &entry : entries_)
-            text += journal_entry(entry);
-        return text;
+        sorter_.for_each([&](int64_t time, const std::string &item) {
+            print_text(journal_entry(unpacked(time, item)));
+        });
     }
 
     // What has been printed is not new any more.
@@ -96,9 +95,51 @@ public:
     const record_set &problems() const { return problems_; }
 
 private:
+    std::string position_of(const char *log, const std::string &source) const
+    {
+        return host_ + (host_.empty() ? "" : " ") + log + ' ' + source;
+    }
+
+    // Texts end with a NUL, as the message does.
+    static std::string packed(const timeline_entry &entry)
+    {
+        std::string item = entry.host + '\0' + entry.source + '\0' + entry.id + '\0';
+        item += static_cast<char>(entry.history);
+        item += entry.log == std::string_view("pod") ? 'd' : 't';
+        return item + entry.message.substr(0, entry.message.find('\0'));
+    }
+    static timeline_entry unpacked(int64_t time, const std::string &item)
+    {
+        timeline_entry entry = {};
+        entry.time = static_cast<time_t>(time);
+        size_t at = 0;
+        for (std::string *part : {&entry.host, &entry.source, &entry.id}) {
+            *part = item.c_str() + at;
+            at += part->size() + 1;
+        }
+        entry.history = item[at];
+        entry.log = item[at + 1] == 'd' ? "pod" : "post";
+        entry.message = item.substr(at + 2);
+        return entry;
+    }
+
+    record row(const timeline_entry &entry) const
+    {
+        return machines_.row(entry.host)
+            .add_time("time", entry.time)
+            .add("log", entry.log)
+            .add("source", entry.source)
+            .add("history", entry.history)
+            .add_message(entry.message);
+    }
+
+    const fleet &machines_;
     time_limits limits_;
     reading_position position_;
-    std::vector<timeline_entry> entries_;
+    bool needs_ids_;
+    std::string host_; // of an archive
+    time_sorter sorter_;
+    entry_printer printer_;
     record_set problems_ = {"problems", {}};
     exit_status status_ = exit_failed;
 };
@@ -141,34 +182,51 @@ void add_block(timeline &merged, const post_block &block)
         }
 }
 
+// Adds all logs of a machine; the command that tells more, if something is wrong with one.
+std::string add_machine(timeline &merged, const timeline_arguments &arguments,
+                        const machine_source &machine)
+{
+    const log_place place = arguments.place.in(machine);
+    const postlog_place post = arguments.post.in(machine);
+    const size_t before = merged.problems().rows.size();
+    for (const pod_card &card : cards_of(machine))
+        add_card(merged, log_storage(place, card));
+    const bool is_pod = merged.problems().rows.size() > before;
+    if (arguments.with_post)
+        for (const post_block &block : open_blocks(post))
+            add_block(merged, block);
+    return merged.problems().rows.size() == before ? ""
+           : is_pod                                ? podlog_command("check", place)
+                                                   : post.command("check");
+}
+
 void show_timeline(const timeline_arguments &arguments)
 {
     if (!arguments.since_last.empty() && !arguments.span.until.empty())
         throw usage_error("--since-last reads up to the last entry; --until does not go with it");
-    timeline merged(arguments.span, arguments.since_last);
-    for (const pod_card &card : cards_for_reading())
-        add_card(merged, log_storage(arguments.place, card));
-    const bool is_pod = !merged.problems().rows.empty();
-    if (arguments.with_post)
-        for (const post_block &block : open_blocks(arguments.post))
-            add_block(merged, block);
-    record shown = record().add_hidden("table", table_name());
+    fleet machines(arguments.place.from, archive_part::logs);
+    timeline merged(machines, arguments.span, arguments.since_last);
+    std::string table;
+    std::string hint; // of the first problem
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        merged.begin(machine, host);
+        table = table_of(machine);
+        const std::string tells_more = add_machine(merged, arguments, machine);
+        hint = hint.empty() ? tells_more : hint;
+    });
+    record shown = record().add_hidden("table", table);
     const record_set &problems = merged.problems();
-    merged.sort();
     if (settings.entries_as == "export")
-        print_text(merged.for_journal());
+        merged.print_for_journal();
     else
-        print_entries(add_records(shown, problems), merged.as_records());
+        merged.print(add_records(shown, problems));
     finish_output();
     merged.remember();
-    if (problems.rows.empty())
-        return;
-    throw failure(
-        "read all of the logs",
-        fmt::format("{} of them are damaged or unreadable", problems.rows.size()),
-        (is_pod ? podlog_command("check", arguments.place) : arguments.post.command("check")) +
-            " tells more",
-        0, merged.status());
+    machines.finish();
+    if (!problems.rows.empty())
+        throw failure("read all of the logs",
+                      fmt::format("{} of them are damaged or unreadable", problems.rows.size()),
+                      hint + " tells more", 0, merged.status());
 }
 
 void add_options(command &to, timeline_arguments &arguments)
@@ -182,6 +240,7 @@ void add_options(command &to, timeline_arguments &arguments)
     add_timeline_format(to);
     add_nvram(to, arguments.place);
     add_pod_directory(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
 } // namespace

@@ -118,8 +118,18 @@ post_findings judge_post(int histories, const std::string &bytes)
 
 std::string postlog_place::command(const std::string &words) const
 {
-    return fmt::format("'devaccess postlog {}{}{}'", words, pcie.empty() ? "" : " --pcie " + pcie,
-                       directory.empty() ? "" : " --post-dir " + directory);
+    return fmt::format("'devaccess postlog {}{}{}{}'", words, pcie.empty() ? "" : " --pcie " + pcie,
+                       directory.empty() ? "" : " --post-dir " + directory,
+                       machine ? machine->option() : "");
+}
+
+postlog_place postlog_place::in(const machine_source &one) const
+{
+    if (!from.empty() && !(pcie + directory).empty())
+        throw usage_error("--from goes with neither --pcie nor --post-dir");
+    postlog_place place = *this;
+    place.machine = one.is_archive() ? &one : nullptr;
+    return place;
 }
 
 post_image saved_post_image(const std::string &bytes)
@@ -191,6 +201,11 @@ std::string post_block::controller_bytes() const
 
 std::string post_block::bytes() const
 {
+    if (place_.machine) {
+        if (const auto found = place_.machine->read(path()))
+            return *found;
+        throw failure("read " + path(), std::strerror(ENOENT), "the machine had none", ENOENT);
+    }
     if (!place_.pcie.empty())
         return controller_bytes();
     if (place_.directory.empty())
@@ -244,7 +259,8 @@ std::string post_block::remedy(const post_findings &found) const
     if (!found.log)
         return found.advice;
     if (found.state == storage_state::damaged)
-        return place_.command(std::string("salvage ") + name()) + " shows what can be read";
+        return place_.command((place_.machine ? "show --all " : "salvage ") + std::string(name())) +
+               " shows what can be read";
     if (found.state == storage_state::empty)
         return "the firmware has written no log there";
     if (found.is_pod_log && place_.pcie.empty())

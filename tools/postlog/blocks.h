@@ -1,6 +1,7 @@
 // The blocks of the firmware's POST logs: where they are kept, and what is found there.
 #pragma once
 
+#include "tools/base/fleet.h"
 #include "tools/base/storage_state.h"
 #include "tools/postlog/image.h"
 
@@ -15,8 +16,13 @@ namespace devaccess
 
 // Where the blocks are: in device files, unless one of these says otherwise.
 struct postlog_place {
-    std::string pcie;      // behind the NVRAM controller in this window, "ID:BAR"
-    std::string directory; // in files with the devices' names
+    std::string pcie;                        // behind the NVRAM controller in this window, "ID:BAR"
+    std::string directory;                   // in files with the devices' names
+    archive_names from;                      // in archives of machines
+    const machine_source *machine = nullptr; // of one of them
+
+    // The same, in a machine of these archives.
+    postlog_place in(const machine_source &one) const;
 
     // "'devaccess postlog WORDS'", with the options that say where the blocks are.
     std::string command(const std::string &words) const;

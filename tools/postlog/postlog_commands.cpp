@@ -29,39 +29,33 @@ struct postlog_arguments {
     bool force = false;
 };
 
-// Does this for each wanted block, and tells of the first failure at the end, with the status of
-// the worst.
+// Does this for each wanted block of each machine, and tells of the first failure at the end, with
+// the status of the worst.
 class each_block
 {
 public:
     explicit each_block(const postlog_arguments &arguments)
-        : blocks_(open_blocks(arguments.place, arguments.block))
+        : arguments_(arguments), machines_(arguments.place.from, archive_part::logs)
     {
     }
 
+    // The work gets a row to add to, too.
     template <typename Work>
     void operator()(Work work)
     {
-        for (const post_block &block : blocks_) {
-            try {
-                work(block);
-            } catch (const failure &failed) {
-                const exit_status so_far = first_ ? first_->status : exit_failed;
-                first_ = first_ ? first_ : failed;
-                first_->status = worse_of(so_far, failed.status);
-            }
-        }
+        machines_.for_each([&](const machine_source &machine, const std::string &host) {
+            for (const post_block &block :
+                 open_blocks(arguments_.place.in(machine), arguments_.block))
+                machines_.expect(host, [&] { work(block, machines_.row(host)); });
+        });
     }
 
-    void expect_all() const
-    {
-        if (first_)
-            throw *first_;
-    }
+    bool has_several() const { return machines_.has_several(); }
+    void expect_all() const { machines_.finish(); }
 
 private:
-    std::vector<post_block> blocks_;
-    std::optional<failure> first_;
+    const postlog_arguments &arguments_;
+    fleet machines_;
 };
 
 record about(const postlog_arguments &arguments)
@@ -98,10 +92,10 @@ void list(const postlog_arguments &arguments)
 {
     record_set set = {"histories", {}};
     each_block each(arguments);
-    each([&](const post_block &block) {
+    each([&](const post_block &block, const record &row) {
         const post_findings found = block.expect_log();
         for (const post_history *history : found.log->written())
-            set.rows.push_back(record()
+            set.rows.push_back(record(row)
                                    .add("block", block.name())
                                    .add("history", history->number)
                                    .add_time("time", found.log->entry(history->entries[0]).time));
@@ -149,15 +143,16 @@ void show(const postlog_arguments &arguments)
     record_set entries = {"entries", {}};
     std::optional<int> only; // the one history that is shown
     each_block each(arguments);
-    each([&](const post_block &block) {
+    each([&](const post_block &block, const record &row) {
         const post_findings found = block.expect_log();
         const auto wanted = wanted_histories(arguments, block, *found.log);
         for (const post_history *history : wanted) {
-            only = arguments.block.empty() || arguments.all ? only : history->number;
+            if (!arguments.block.empty() && !arguments.all && !each.has_several())
+                only = history->number;
             for (const log_record &slot : history->chain()) {
                 const post_entry entry = found.log->entry(slot);
                 if (limits.hold(entry.time))
-                    entries.rows.push_back(record()
+                    entries.rows.push_back(record(row)
                                                .add("block", block.name())
                                                .add("history", history->number)
                                                .add_time("time", entry.time)
@@ -200,28 +195,33 @@ record storage_row(const post_block &block, const post_findings &found)
 
 void check(const postlog_arguments &arguments)
 {
+    fleet machines(arguments.place.from, archive_part::logs);
     record_set storages = {"storages", {}};
     record_set records = {"records", {}};
     std::string hint; // of the first bad one
     exit_status status = exit_failed;
     size_t bad = 0;
-    for (const post_block &block : open_blocks(arguments.place, arguments.block)) {
-        const post_findings found = block.look();
-        storages.rows.push_back(storage_row(block, found));
-        if (found.log && !found.log->holds_nothing())
-            for (const log_record &what : arguments.all ? found.log->records() : found.log->wrong())
-                records.rows.push_back(
-                    record().add("block", block.name()).append(record_row(what)));
-        if (found.state == storage_state::good)
-            continue;
-        status = worse_of(status, status_of(found.state));
-        if (bad++ == 0)
-            hint = fmt::format("of {}: {}", block.name(), block.remedy(found));
-    }
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        for (const post_block &block : open_blocks(arguments.place.in(machine), arguments.block)) {
+            const post_findings found = block.look();
+            storages.rows.push_back(machines.row(host).append(storage_row(block, found)));
+            if (found.log && !found.log->holds_nothing())
+                for (const log_record &what :
+                     arguments.all ? found.log->records() : found.log->wrong())
+                    records.rows.push_back(
+                        machines.row(host).add("block", block.name()).append(record_row(what)));
+            if (found.state == storage_state::good)
+                continue;
+            status = worse_of(status, status_of(found.state));
+            if (bad++ == 0)
+                hint = fmt::format("of {}: {}", block.name(), block.remedy(found));
+        }
+    });
     const size_t all = storages.rows.size();
     record shown;
     shown.add(std::move(storages));
     print(add_records(shown, std::move(records)));
+    machines.finish();
     if (bad > 0)
         throw failure("confirm that all logs are good",
                       fmt::format("{} of {} storages are not", bad, all), hint, 0, status);
@@ -281,6 +281,7 @@ void add_listed(command &to, postlog_arguments &arguments)
 {
     add_block(to, arguments, "event, test or error (default: all of them)");
     add_post_place(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
 void add_shown(command &to, postlog_arguments &arguments)
