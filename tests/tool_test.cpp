@@ -337,6 +337,8 @@ TEST(devaccess, tells_and_keeps_a_log_of_another_kind)
     start_chassis();
     run("devaccess podlog prepare");
     make_log(storages[2]);
+    put_bytes("/var/pod/pod_ft2.hex", chassis_sim::log_image({0x1FE2C363, 44, 8160, 2, 16384, 0}, 1,
+                                                             {{{1, "a"}}, {{2, "b"}, {3, "c"}}}));
     follow("devaccess/podlog_foreign.txt");
     expect_documented();
 }
