@@ -2,7 +2,8 @@
 // each also cut within each of its writes, to the fixpoint. What an operation writes and leaves,
 // and what a reader then finds, is compared with the reference.
 //
-//     explore_log [--histories N] [--entries N] [--cuts N] [--storage nvram|file|eeprom]
+//     explore_log [--histories N] [--entries N] [--cuts N] [--storage nvram|file|eeprom] [--tool
+//     no]
 #include "explore/reference.h"
 #include "explore/storage.h"
 #include "explore/tool.h"
@@ -127,8 +128,8 @@ class exploration
 {
 public:
     // Says on `output` how far it is.
-    exploration(const layout &where, int cuts, FILE *output)
-        : where_(where), cuts_(cuts), output_(output), storage_(where)
+    exploration(const layout &where, int cuts, bool with_tool, FILE *output)
+        : where_(where), cuts_(cuts), with_tool_(with_tool), output_(output), storage_(where)
     {
     }
 
@@ -157,6 +158,7 @@ private:
 
     const layout where_;
     const int cuts_;
+    const bool with_tool_; // its operations, too
     FILE *const output_;
     storage storage_;
     std::string image_; // the one looked at
@@ -259,9 +261,11 @@ void exploration::load(size_t id)
 // All but init begin with one, which formats a blank log.
 bool exploration::is_possible(size_t id, const operation &one) const
 {
+    if (one.object)
+        return with_tool_;
     if (one.predict == of_add_raw_b && where_.storage != kind::eeprom)
         return false;
-    return one.predict == of_init || one.object || states_[id].log.index != index_state::blank;
+    return one.predict == of_init || states_[id].log.index != index_state::blank;
 }
 
 int exploration::make(size_t id, const operation &one)
@@ -398,6 +402,7 @@ int main(int argc, char **argv)
     using namespace explore;
     layout where = {kind::nvram, 2, 2};
     int cuts = 1;
+    bool with_tool = true;
     std::optional<kind> only;
     for (int i = 1; i + 1 < argc; i += 2) {
         const std::string_view option = argv[i];
@@ -408,6 +413,8 @@ int main(int argc, char **argv)
             where.entries = static_cast<uint32_t>(std::atoi(argv[i + 1]));
         else if (option == "--cuts")
             cuts = std::atoi(argv[i + 1]);
+        else if (option == "--tool")
+            with_tool = value != "no";
         else if (option == "--storage")
             only = value == "nvram" ? kind::nvram : value == "file" ? kind::file : kind::eeprom;
     }
@@ -417,7 +424,7 @@ int main(int argc, char **argv)
         if (only && *only != storage)
             continue;
         where.storage = storage;
-        exploration all(where, cuts, output);
+        exploration all(where, cuts, with_tool, output);
         if (!all.run())
             return 1;
     }
