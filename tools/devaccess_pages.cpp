@@ -152,12 +152,18 @@ Something could not be read: it is busy, forbidden or unreachable.
 .I share/common_device_access/devaccess.schema.json
 A JSON schema of what all commands print with
 .BR \-\-json .
+.TP
+.I share/common_device_access/maps, /etc/common_device_access/maps
+Register maps, NAME.json for a device of that name.
 .SH ENVIRONMENT
 .TP
 .B DEVACCESS_CHASSIS
 The chassis type, where
 .B \-\-chassis
 does not say it.
+.TP
+.B DEVACCESS_MAPS
+Directories of register maps, with colons between them, before the others.
 .TP
 .B NO_COLOR
 If set, nothing is in colour, unless
@@ -172,6 +178,8 @@ The zone of
 devaccess pci list
 devaccess pci read 03:00.0 0x10 \-\-json
 devaccess uio wait /dev/uio0 \-\-timeout 5
+devaccess uio show regblock \-\-follow
+devaccess uio write regblock CONTROL.RUN=1
 devaccess podlog show RPSW1 \-\-follow \-\-chassis n20
 devaccess podlog timeline \-\-post \-\-since yesterday \-\-local
 devaccess postlog show error \-\-pcie 0000:03:00.0:0
