@@ -68,7 +68,7 @@ string lasting(const string &text)
     // Of traces.
     result = test::replaced(result, "(^|\n) +[0-9]+\\.[0-9]{6} +[0-9]+ ", "$1<time> <thread> ");
     result = test::replaced(result, "(\"time\"|\"thread\"|_(us|ms)\"): [0-9.e-]+", "$1: <number>");
-    result = test::replaced(result, "(after|in) [0-9.]+ [mu]?s\\b", "$1 <time>");
+    result = test::replaced(result, "(, after|in) [0-9.]+ [mu]?s\\b", "$1 <time>");
     result = test::replaced(result, "(\"elapsed\": |<now> +)[0-9][0-9.e-]*", "$1<seconds>");
     return test::replaced(result, "\\b" VERSION "\\b", "<version>");
 }
