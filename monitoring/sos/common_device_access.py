@@ -17,6 +17,7 @@ class CommonDeviceAccess(Plugin, IndependentPlugin, DebianPlugin, UbuntuPlugin, 
         self.add_cmd_output("devaccess collect -", suggest_filename="machine.tar", binary=True,
                             stderr=False, sizelimit=0)
         self.add_cmd_output([
+            "devaccess check",
             "devaccess metrics",
             "devaccess pci tree",
             "devaccess podlog check",
