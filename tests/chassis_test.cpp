@@ -184,6 +184,26 @@ bool by_read(int fd, int ms)
     return ready;
 }
 
+// Another opening has seen `count` interrupts at least.
+void expect_interrupts(int used, int other, bool (*wait)(int, int), int64_t &count)
+{
+    EXPECT_FALSE(wait(used, 2));
+    control("interrupt uio0");
+    EXPECT_TRUE(wait(used, 900));
+    if (wait != by_read) {
+        control("interrupt uio0");
+        EXPECT_GE(count_of(used), 2); // the newest
+    }
+    EXPECT_FALSE(wait(used, 0));
+    EXPECT_GT(count_of(other), std::exchange(count, 1)) << "each opening has its own";
+    std::thread later([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        control("interrupt uio0");
+    });
+    EXPECT_GT(count_of(used), 0) << "it waits";
+    later.join();
+}
+
 TEST(chassis, interrupts_are_seen_in_every_way_to_wait_and_through_every_descriptor)
 {
     start_chassis();
@@ -212,21 +232,7 @@ TEST(chassis, interrupts_are_seen_in_every_way_to_wait_and_through_every_descrip
             if (string(descriptor) == "dup2" && wait == by_read)
                 continue; // its number is too low for pread to be asked about
             const int used = make(fd);
-            EXPECT_FALSE(wait(used, 2));
-            control("interrupt uio0");
-            EXPECT_TRUE(wait(used, 900));
-            if (wait != by_read) {
-                control("interrupt uio0");
-                EXPECT_GE(count_of(used), 2); // the newest
-            }
-            EXPECT_FALSE(wait(used, 0));
-            EXPECT_GT(count_of(other), std::exchange(count, 1)) << "each opening has its own";
-            std::thread later([] {
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
-                control("interrupt uio0");
-            });
-            EXPECT_GT(count_of(used), 0) << "it waits";
-            later.join();
+            expect_interrupts(used, other, wait, count);
             if (used != fd)
                 ::close(used);
         }
