@@ -118,8 +118,10 @@ private:
 std::string machine_source::line(const std::string &path) const
 {
     try {
-        const std::string text = read(path).value_or("");
-        return text.substr(0, text.find('\n'));
+        std::istringstream text(read(path).value_or(""));
+        std::string first;
+        std::getline(text, first);
+        return first;
     } catch (const failure &) {
         return "";
     }
