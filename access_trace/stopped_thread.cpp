@@ -31,6 +31,12 @@ bool is_64_bit([[maybe_unused]] const user_regs_struct &registers)
 #endif
 }
 
+// A register of 32 bits has a sign, an address has none.
+uint64_t address_in(machine_word value)
+{
+    return static_cast<uintptr_t>(value);
+}
+
 uint64_t low(uint64_t value, size_t width)
 {
     return width >= 8 ? value : value & ((uint64_t{1} << 8 * width) - 1);
@@ -77,9 +83,8 @@ void move(user_regs_struct &registers, const memory_operand &operand, uint64_t o
 void step_elsewhere(pid_t thread, user_regs_struct registers, const memory_operand &operand,
                     const met_window &at, accesses &to)
 {
-    const uint64_t elsewhere =
-        (static_cast<uint64_t>(stack_pointer(registers)) - red_zone - longest_operand) &
-        ~uint64_t{longest_operand - 1};
+    const uint64_t elsewhere = (address_in(stack_pointer(registers)) - red_zone - longest_operand) &
+                               ~uint64_t{longest_operand - 1};
     const uint64_t distance = elsewhere - at.address;
     uint8_t bytes[longest_operand] = {};
     constexpr size_t word = sizeof(uint32_t); // as wide as a bus that most devices are at
@@ -148,7 +153,8 @@ bool answer(pid_t thread, const met_window &at, accesses &to)
     uint8_t code[longest_instruction];
     if (trace(PTRACE_GETREGS, thread, 0, &registers) != 0)
         return false;
-    const size_t size = copy_memory(thread, false, program_counter(registers), code, sizeof code);
+    const size_t size =
+        copy_memory(thread, false, address_in(program_counter(registers)), code, sizeof code);
     const bool wide = is_64_bit(registers);
     std::optional<memory_operand> operand = decode(code, size, wide, false);
     // MOVS has two; the pointer of the one that was met has its address.
