@@ -353,6 +353,13 @@ TEST(devaccess, finds_entries_at_any_position)
     log[40] = 99; // and the index has part of a size
     log[41] = 0;
     put_bytes(storages[1].path, log);
+    const uint64_t after_2038 = 0xffffffff90000000; // as it is made of 32 bits with a sign
+    std::vector<chassis_sim::pod_run> runs(10, chassis_sim::pod_run(3, {after_2038, "late"}));
+    runs[1].resize(1);
+    runs[2].resize(1);
+    runs[5][1].seconds = runs[9][1].seconds = 1ull << 32; // no entry: what is around it is two runs
+    put_bytes("/var/pod/pod_sw2.hex",
+              chassis_sim::log_image({0x1FE2C363, 44 + 7, 1635, 10, 16384, 0}, 0, runs));
     follow("devaccess/podlog_strays.txt");
     expect_documented();
 }
