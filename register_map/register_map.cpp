@@ -313,7 +313,8 @@ std::vector<std::string> index_words(const std::string &text, uint64_t count,
         for (uint64_t i = 0; i < count && (text.empty() || first + i <= last); ++i)
             words.push_back(std::to_string(first + i));
     } else if (std::sscanf(text.c_str(), "%c-%c%c", &from, &to, &rest) == 2) {
-        for (int letter = from; letter <= to; ++letter)
+        for (int letter = static_cast<unsigned char>(from);
+             letter <= static_cast<unsigned char>(to); ++letter)
             words.push_back(std::string(1, static_cast<char>(letter)));
     } else {
         for (size_t begin = 0, end = 0; end != text.npos; begin = end + 1) {

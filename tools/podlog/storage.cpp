@@ -249,7 +249,7 @@ void log_storage::name_kind(const std::string &bytes, log_findings &found) const
         found.foreign = likely.layout;
     found.holds_log = false;
     found.state = storage_state::foreign;
-    const bool is_resized = likely.layout.title == layout_->title;
+    const bool is_resized = std::string_view(likely.layout.title) == layout_->title;
     found.problem =
         is_post ? fmt::format("it is a block of the POST log with {} entries",
                               post.good_entries().size())
