@@ -218,8 +218,10 @@ TEST_F(pci_sysfs, reads_the_numbers_of_an_identity)
         SHOW(seen, sysfs_pci_identity_slot(&id));
         SHOW(seen, sysfs_pci_identity_function(&id));
         SHOW(seen, sysfs_pci_identity_devfn(&id));
-        for (const auto &[first, last] : {std::pair{0, 3}, {6, 12}, {3, 3}, {12, 6}})
+        for (const auto &range : {std::pair{0, 3}, {6, 12}, {3, 3}, {12, 6}}) {
+            const int first = range.first, last = range.second;
             SHOW(seen, sysfs_pci_identity_atox(first, last, &id));
+        }
     }
     EXPECT_TEXT("pci/identities.txt", seen.text());
 }

@@ -146,8 +146,8 @@ TEST(pod_run, is_of_one_instance_at_a_time)
 {
     transcript seen;
     for (int round = 0; round < 2; ++round) {
-        for (const auto &[id, rdonly] :
-             {std::pair{3, 1}, {3, 0}, {3, 0}, {4, 1}, {4, -1}, {4, 0}, {3, 1}}) {
+        for (const auto &run : {std::pair{3, 1}, {3, 0}, {3, 0}, {4, 1}, {4, -1}, {4, 0}, {3, 1}}) {
+            const int id = run.first, rdonly = run.second;
             seen.note(printed("instance %d, read only %d", id, rdonly));
             SHOW(seen, podlog_set_curr_active_inst(id, rdonly));
             SHOW(seen, podlog_get_active_inst_id());

@@ -253,11 +253,11 @@ TEST(pod_file, makes_directory_and_file_only_for_writing)
     EXPECT_EQ(fs::status("/var/pod").permissions(), fs::perms{0777});
     EXPECT_TRUE(fs::is_empty("/var/pod"));
     podlog_file_set_pod_info(3, std::string("/var/pod/small").data(), 1000, 2, 64, ~0u);
-    for (const auto &[id, path] :
-         {std::pair{3, "/var/pod/small"}, {16, "/var/pod/pod_rpsw_mate.hex"}}) {
-        EXPECT_OUTCOME(podlog_file_init(id, 0), {.value = 1, .error = any_error, .opens = 1});
-        EXPECT_EQ(fs::status(path).permissions(), fs::perms{0750});
-        EXPECT_EQ(fs::file_size(path), 16384u) << "whatever the log's size";
+    for (const auto &file : {std::pair{3, "/var/pod/small"}, {16, "/var/pod/pod_rpsw_mate.hex"}}) {
+        EXPECT_OUTCOME(podlog_file_init(file.first, 0),
+                       {.value = 1, .error = any_error, .opens = 1});
+        EXPECT_EQ(fs::status(file.second).permissions(), fs::perms{0750});
+        EXPECT_EQ(fs::file_size(file.second), 16384u) << "whatever the log's size";
     }
     podlog_file_set_pod_info(4, std::string("/var/pod/small/below").data(), 1000, 2, 64, ~0u);
     for (const int rdonly : {0, 1})

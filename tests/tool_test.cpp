@@ -500,9 +500,8 @@ TEST(devaccess, names_every_damage_of_a_post_log_and_shows_what_was_written_alon
 
 TEST(chassis_sim, shows_in_what_the_command_sees)
 {
-    ::setenv("IMAGES",
-             (fs::temp_directory_path() / ("images" + std::to_string(::getpid()))).c_str(), 1);
-    const string images = std::getenv("IMAGES");
+    const string images = fs::temp_directory_path() / ("images" + std::to_string(::getpid()));
+    ::setenv("IMAGES", images.c_str(), 1);
     for (const char *file : {"pod", "nvlog-ofw-event", "nvlog-diag-test", "nvlog-diag-error"})
         write_file(images + "/" + file, string("contents of ") + file);
     // Makes the node of an NVRAM, as the library does.

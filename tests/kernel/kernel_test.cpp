@@ -38,7 +38,7 @@ std::string text(T value)
     else if constexpr (std::is_same_v<T, const char *> || std::is_same_v<T, std::string>)
         return value;
     else
-        return value ? "a pointer" : "NULL";
+        return value != nullptr ? "a pointer" : "NULL";
 }
 
 template <typename Call>
@@ -94,7 +94,7 @@ bool comes_true(const std::function<bool()> &condition)
     return condition();
 }
 
-std::jthread soon(std::function<void()> action)
+std::jthread soon(const std::function<void()> &action)
 {
     return std::jthread([=] { ::usleep(200000), action(); });
 }
