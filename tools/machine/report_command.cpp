@@ -124,8 +124,8 @@ public:
     void put_into(data &to)
     {
         to.set("nodes", nodes_);
-        to.set("width", counted(static_cast<size_t>(width_ + margin)));
-        to.set("height", counted(static_cast<size_t>(next_ + margin)));
+        to.set("width", counted(static_cast<size_t>(width_) + margin));
+        to.set("height", counted(static_cast<size_t>(next_) + margin));
     }
 
 private:

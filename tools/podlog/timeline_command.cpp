@@ -117,7 +117,7 @@ private:
             *part = item.c_str() + at;
             at += part->size() + 1;
         }
-        entry.history = item[at];
+        entry.history = static_cast<unsigned char>(item[at]);
         entry.log = item[at + 1] == 'd' ? "pod" : "post";
         entry.message = item.substr(at + 2);
         return entry;

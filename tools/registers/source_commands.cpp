@@ -42,8 +42,8 @@ numbered_place parse_place(const register_source &source, const register_argumen
     if (words.empty() && !has_default)
         throw usage_error("OFFSET is required");
     if (!words.empty())
-        parsed.place = parse_number(source.window_word() ? "the offset" : "the address", words[0],
-                                    source.window_word() ? SIZE_MAX : UINT64_MAX);
+        parsed.place = source.window_word() ? parse_number("the offset", words[0], SIZE_MAX)
+                                            : parse_number("the address", words[0], UINT64_MAX);
     if (words.size() > 2)
         throw usage_error("The following argument was not expected: " + words[2]);
     parsed.last = words.size() > 1 ? words[1] : "";

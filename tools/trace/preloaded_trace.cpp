@@ -109,9 +109,7 @@ public:
             const auto turn = static_cast<uint32_t>(ticket_ / ring::records * 2);
             if (place.turn.load(std::memory_order_acquire) == turn + 1) {
                 take(place);
-            } else if (ticket_ == ring_->next.load()) {
-                break;
-            } else if (!is_unfinished(place, is_end)) {
+            } else if (ticket_ == ring_->next.load() || !is_unfinished(place, is_end)) {
                 break;
             } else {
                 ++unfinished_;
