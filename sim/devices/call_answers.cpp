@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 call_answers::call_answers(const chassis_nodes &described, devices &all, window_table &windows,
                            register_bus &bus, event_loop &loop, unsigned int first_number)
-    : devices_(all), bus_(bus), trap_(windows, bus, loop), openings_(first_number)
+    : devices_(all), trap_(windows, bus, loop), openings_(first_number)
 {
     const opening_services with = {openings_, loop, trap_};
     add_control_nodes(nodes_, {all, windows, bus}, loop);

@@ -30,7 +30,6 @@ private:
     node *node_at(const std::string &path, int flags) const;
 
     devices &devices_;
-    register_bus &bus_;
     access_trap trap_;
     opening_table openings_;
     node_list nodes_;
