@@ -54,7 +54,7 @@ need_compiler_and_tests() {
         nlohmann-json3-dev libfmt-dev libarchive-dev libexpat1-dev libpci-dev libseccomp-dev \
         libevent-dev libkainjow-mustache-dev libzydis-dev jq \
         pciutils python3-jsonschema python3-prometheus-client \
-        libpython3-dev mypy python3-cffi python3-pytest "$@"
+        libpython3-dev mypy python3-cffi python3-pytest python3-setuptools "$@"
 }
 
 debian_release() (
