@@ -10,9 +10,11 @@ try:
     from selenium import webdriver
     from selenium.webdriver.common.by import By
     from selenium.webdriver.support.ui import Select
+
+    if not os.path.exists("/usr/bin/chromedriver"):
+        raise ImportError
 except ImportError:
-    sys.exit(77)
-if not os.path.exists("/usr/bin/chromedriver"):
+    print("report_browser.py: Skipped\npython3-selenium or chromium-driver is not installed")
     sys.exit(77)
 
 devaccess, chassis_sim = sys.argv[1:]
