@@ -125,8 +125,8 @@ TEST(chassis_as_a_kernel, device_is_a_character_device_by_whatever_name)
     EXPECT_TRUE(is_device(fd));
     EXPECT_TRUE(is_device(::open(test::printed("/proc/self/fd/%d", fd).c_str(), O_RDWR)));
     EXPECT_TRUE(is_device(::open("/dev/mem", O_RDWR)));
-    if (::getuid() != 0)
-        return; // only root makes nodes
+    if (test::read_file("/proc/self/uid_map").find("4294967295") == string::npos)
+        return; // only the machine's root makes nodes
     struct stat status = {};
     ASSERT_EQ(::stat("/dev/uio0", &status), 0);
     ASSERT_EQ(::mknod("/var/tmp/own", S_IFCHR | 0600, status.st_rdev), 0);

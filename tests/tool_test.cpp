@@ -509,6 +509,8 @@ TEST(chassis_sim, shows_in_what_the_command_sees)
              1);
     ::setenv("LINK", "od -An -tx2 -j 90 -N 2 /sys/bus/pci/devices/0000:00:1c.0/config", 1);
     follow("chassis_sim/options.txt");
+    if (::getuid() == 0) // to whom a device in the chassis is one
+        follow("chassis_sim/truncated_nvram.txt");
     fs::remove_all(images);
 }
 
