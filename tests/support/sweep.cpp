@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <csignal>
 #include <cstddef>
+#include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <set>
 #include <sstream>
 #include <string_view>
 
+#include <fcntl.h>
 #include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
@@ -179,9 +181,15 @@ std::string name_of(const stopped_call &call)
     return text;
 }
 
-// Its path, which is its first or second argument, if it has one.
+// Its path, which is its first or second argument or that of a descriptor to close, if it has one.
 std::string path_of(pid_t pid, const stopped_call &call)
 {
+    if (name_of(call) == "close") {
+        const std::string link =
+            printed("/proc/%d/fd/%d", pid, static_cast<int>(call.arguments[0]));
+        std::error_code unused;
+        return ' ' + std::filesystem::read_symlink(link, unused).string();
+    }
     if (!is_one_of(name_of(call),
                    {"access", "getxattr", "mkdir", "mknod", "mknodat", "open", "readlink", "stat"}))
         return "";
@@ -277,6 +285,8 @@ private:
     {
         const std::string name = name_of(call);
         ++counts_[name];
+        if (name == "open" && (call.arguments[2] & O_SYNC) == O_SYNC)
+            ++counts_["open with O_SYNC"];
         if (!may_fail(name, call))
             return;
         const bool chosen = failing_-- == 0;
