@@ -128,16 +128,19 @@ TEST(uio_emul, finds_blocks_by_their_names)
     for (unsigned int number = 1; const std::string &slot : words("rpsw peer sw1 alsw1"))
         add_fpga_card(card_in(slot, number++, 1));
     write_file(pci_link("0000:0d:00.0") + "/enable", "0\n");
-    for (const std::string &slot : words("rpsw2 self"))
+    for (const std::string &slot : words("rpsw2 self RPSW2"))
         add_hotswap_name(slot, "0000:00:02.0"); // the peer's
     for (const std::string &slot : words("RPSW xrpsw sw345678901234567890"))
         add_hotswap_name(slot, "0000:00:01.0");
     add_hotswap_name("sw2", "0000:00:09.0"); // which is not there
     add_hotswap_name("sw3", "");
+    add_hotswap_name("sw5", "0000:00:01.0x"); // too long
+    make_directory(pci_link("0000:00:01.0x") + "/0000:05:00.0");
     transcript seen;
     for (const std::string &name :
          words("uio_glb.rpsw.zarnik uio_glb.rpsw2.zarnik uio_glb.rpsw2.zarnik2 uio_fe.rpsw2.zarnik "
                "uio_fe.self.zarnik uio_glb.self.zarnik uio_cmneqp.rpsw2.zarnik2 uio_fe.sw1.v "
+               "uio_cmneqp.RPSW2.zarnik2 uio_fe.sw5 "
                "uio_glb.rpsw uio_cma.rpsw.pellum uio_cma.self.pellum "
                "uio_cma.peer.pellum uio_cma.rpsw.pellum2 uio_nvram.rpsw2.pellum2 "
                "uio_fe.sw1 UIO_FE.sw1 uio_fe.SW1 uio_fe.RPSW.Zarnik uio_fe.xrpsw.zarnik "
@@ -151,6 +154,8 @@ TEST(uio_emul, finds_blocks_by_their_names)
          {"", " uio_fe.sw1", "uio_fe.sw1 y", "uio_fe.sw1.vostra_lite\ty", "uio_fe .sw1", "\n"})
         show_opening(seen, name);
     EXPECT_TEXT("uio_emul/names.txt", lasting(seen.text()));
+    open_block("uio_none.sw1.vostra_lite");
+    EXPECT_EQ(read_file(pci_link("0000:00:03.0") + "/0000:03:00.0/enable")[0], '0');
 
     for (const char *name : {static_cast<const char *>(nullptr), "/dev/uio0", "sysfs_pci",
                              "Sysfs_pci:uio_fe.sw1", " sysfs_pci:uio_fe.sw1"}) {
@@ -169,7 +174,7 @@ TEST(uio_emul, asks_the_fpga_what_it_is)
     for (unsigned int number = 1; const std::string &slot : words("rpsw sw1 alsw1")) {
         const fpga_card card = card_in(slot, number++);
         add_fpga_card(card);
-        for (const int code : {0x00, 0x01, 0x11, 0x12, 0x22, 0xff}) {
+        for (const int code : {0x00, 0x01, 0x11, 0x12, 0x22, 0x41, 0x81, 0xff}) {
             std::string registers(4096, '\x12');
             registers[0x2a] = static_cast<char>(code);
             write_file(pci_link(card.port) + "/" + card.id + "/resource0", registers);
@@ -303,7 +308,9 @@ TEST(uio_emul, maps_physical_memory_and_what_an_address_has_room_for)
     EXPECT_EQ(libuio_mmap(uio, 0), 1);
     static_cast<char *>(uio->map[0].addr)[1] = 'm';
     EXPECT_EQ(read_file("/dev/mem")[0xb2001], 'm');
-    libuio_close(uio);
+    EXPECT_OUTCOME(libuio_close(uio),
+                   {.error = any_error,
+                    .out = err("emul_device_enable: Failed to open /dev//enable (errno=2)")});
     uio = opened("sysfs_pci:uio_fe.rpsw.zarnik"); // a whole resource
     fs::resize_file(device_dir + "/resource1", 0x1'0000'0000);
     const bool is_wide = sizeof(size_t) == 8;

@@ -26,6 +26,7 @@ using namespace test;
 using std::chrono::milliseconds;
 
 constexpr timespec long_past = {0, 1};
+constexpr time_t start_of_time = std::numeric_limits<time_t>::min();
 constexpr timespec end_of_time = {std::numeric_limits<time_t>::max(), 999999999};
 
 void start_chassis(const std::vector<uio_description> &devices = {{}})
@@ -48,18 +49,30 @@ TEST(uio_open, tells_each_step_and_leaves_three_descriptors)
     EXPECT_EQ(seen.opens, 3);
     EXPECT_EQ(seen.out, "");
     const std::string fixed = std::to_string(sizeof *uio + sizeof *uio->map);
-    const std::string lines = replaced(seen.err, "\\([0-9]+, [0-9]+, [0-9]+\\)", "(3 descriptors)");
+    const std::string three = printed("\\(%d, %d, %d\\)", uio->tmr_fd, uio->uio_fd, uio->gone_fd);
+    const std::string lines = replaced(seen.err, three.c_str(), "(3 descriptors)");
     EXPECT_TEXT("uio/open.txt", replaced(lines, ("\\(" + fixed).c_str(), "(handle and records"));
     EXPECT_OUTCOME(libuio_close(uio), {.error = any_error, .opens = -3});
 }
 
-TEST(uio_open, counts_what_is_below_a_second_a_tenth)
+TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
 {
     start_chassis({});
-    for (const char *name : {"/dev/uio0", "sysfs_pci:uio_fe.sw1.vostra_lite"}) {
-        const timespec half_a_second = {0, 500000000};
-        const auto open = [&] { libuio_open_timed(name, &half_a_second); };
-        EXPECT_EQ(system_calls_of(open)["nanosleep"], 50 / 5) << name;
+    struct waiting {
+        timespec limit;
+        int steps;
+        const char *name = "/dev/uio0";
+    };
+    for (const auto &[limit, steps, name] :
+         {waiting{{0, 500000000}, 50 / 5},
+          {{0, 500000000}, 50 / 5, "sysfs_pci:uio_fe.sw1.vostra_lite"},
+          {{0, 59999999}, 5 / 5},
+          {{1, 0}, 1000 / 5},
+          {{start_of_time, 0}, 0}}) {
+        const auto start = std::chrono::steady_clock::now();
+        const auto open = [&] { libuio_open_timed(name, &limit); };
+        EXPECT_EQ(system_calls_of(open)["nanosleep"], steps) << limit.tv_sec;
+        EXPECT_GE(std::chrono::steady_clock::now() - start, steps * milliseconds(5));
     }
 }
 
@@ -79,6 +92,11 @@ TEST(uio_open, waits_for_what_appears_later)
     held("/dev/uio0", &end_of_time);
     held("/dev/uio1", nullptr);
     held("sysfs_pci:uio_fe.sw1.vostra_lite", nullptr);
+    background([] {
+        usleep(40000);
+        make_symlink("/dev/uio2", "uio2");
+    });
+    EXPECT_OUTCOME(libuio_open("/dev/uio2"), {.value = nullptr, .error = ELOOP});
 }
 
 // The C library spreads a minor number above 255 over two places of a device number.
@@ -117,8 +135,10 @@ TEST(uio_attribute, is_opened_below_the_devices_directory)
     const char *const dir = std::exchange(uio->sys_device_dir, nullptr);
     for (const char *name : {"uevent", "/etc/passwd", static_cast<const char *>(nullptr)})
         show(name, O_RDONLY);
-    uio->sys_device_dir = "/sys/gone";
-    show("uevent", O_RDONLY);
+    for (const char *other : {"/sys/gone", "/etc/passwd"}) {
+        uio->sys_device_dir = other;
+        show("uevent", O_RDONLY);
+    }
     uio->sys_device_dir = dir;
     EXPECT_TEXT("uio/attributes.txt", seen.text());
     const int fd = libuio_open_device_attr(uio, "uevent", O_RDWR);
@@ -141,8 +161,11 @@ TEST(uio_lines, go_to_one_of_the_streams_as_far_as_they_fit)
                            {expected});
         }
     output_of([] {
-        libuio_pr(3, "word", 7, "function", "text");
-        EXPECT_EQ(__fpending(stdout), 0u) << "nothing waits in a buffer";
+        for (FILE *const stream : {stdout, stderr}) {
+            setvbuf(stream, nullptr, _IOFBF, BUFSIZ);
+            libuio_pr(stream == stdout ? 3 : 7, "word", 7, "function", "text");
+            EXPECT_EQ(__fpending(stream), 0u) << "nothing waits in a buffer";
+        }
     });
 }
 
@@ -294,6 +317,33 @@ TEST_F(uio_irq, a_signal_ends_a_wait)
     EXPECT_OUTCOME(wait(), {.value = -1,
                             .error = EINTR,
                             .out = err("irqwait: poll(,2,-1) failed: Interrupted system call")});
+}
+
+TEST_F(uio_irq, a_node_may_be_descriptor_0)
+{
+    dup2(std::exchange(uio_->uio_fd, 0), 0);
+    libuio_munmap(uio_, 0);
+    EXPECT_OUTCOME(libuio_mmap(uio_, 0), {.value = 1});
+    control("interrupt uio0");
+    EXPECT_OUTCOME(libuio_irqwait(uio_, &long_past, nullptr), {});
+}
+
+TEST_F(uio_irq, closes_the_notice_then_the_node_then_the_timer)
+{
+    std::string done;
+    const auto close = [this] { return libuio_close(uio_), 0; };
+    fail_each_call(EIO, close, [&done](const run &run) { done += run.failed + "\n"; });
+    EXPECT_EQ(replaced(done, "[0-9]{2,}", "NUMBER"),
+              "munmap\nclose /memfd:chassis-notice:uio0 (deleted)\n"
+              "close socket:[NUMBER]\nclose anon_inode:[timerfd]\n");
+}
+
+TEST_F(uio_irq, disables_what_has_its_class_directory_among_the_pci_devices)
+{
+    write_file("/sys/bus/pci/devices/any/enable", "1");
+    uio_->sys_class_dir = uio_->sys_device_dir = "/sys/bus/pci/devices/any";
+    EXPECT_OUTCOME(libuio_close(std::exchange(uio_, nullptr)), {.error = any_error, .opens = -3});
+    EXPECT_EQ(read_file("/sys/bus/pci/devices/any/enable"), "0");
 }
 
 TEST_F(uio_irq, descriptor_0_is_never_closed_nor_watched)

@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,6 +79,10 @@ public:
         fs::create_symlink("/dev/uio0", "/dev/first");
         fs::create_symlink("/dev/zero", "/dev/uio7"); // the name that counts is the node's
         fs::create_symlink("loop", "/dev/loop");
+        // A node that no one may open, root included.
+        write_file("/dev/closed", "");
+        chassis_sim::bind_mount("/dev/zero", "/dev/closed");
+        ::mount("", "/dev/closed", "", MS_REMOUNT | MS_BIND | MS_NODEV | MS_NOSUID | MS_NOEXEC, "");
     }
 
     void step(choices &choose) override
@@ -159,6 +164,8 @@ private:
         fs::create_directories(device);
         if (choose.one_in(10))
             fs::create_directory(device + "/uevent");
+        else if (choose.one_in(10))
+            fs::create_symlink("/etc/passwd", device + "/uevent");
         else if (!choose.one_in(10))
             write_file(device + "/uevent", "");
         const string notice = device + "/uio_maps";
@@ -168,7 +175,7 @@ private:
         else if (kind == 1)
             fs::create_symlink("uio_maps", notice);
         else if (kind < 5)
-            write_file(notice, kind == 2 ? "" : "0\n");
+            write_file(notice, std::string("0\n", static_cast<size_t>(kind - 2)));
     }
 
     static void make_maps(choices &choose, const string &maps)
@@ -309,6 +316,8 @@ private:
     {
         const string &dir = open_.device_dir;
         const string notice = dir + "/uio_maps";
+        if (open_.name == "/dev/closed")
+            return fails(EACCES, "libuio_open_files", "open(/dev/closed) failed");
         if (fs::is_symlink(notice))
             return fails(ELOOP, "libuio_open_device_attr",
                          "openat(" + dir + ",uio_maps,0x80000) failed");
@@ -348,8 +357,8 @@ private:
         open_.name = choose.of({string("/dev/uio0"), string("/dev/first"), string("/dev/zero"),
                                 string("/dev/zero"), string("/dev/zero"),
                                 string(is_other ? "/dev/null" : "/dev/zero"), string("/dev/uio7"),
-                                string("/etc/passwd"), string("/dev/none"), string("/dev/null/x"),
-                                string("/dev/loop"), string()});
+                                string("/dev/closed"), string("/etc/passwd"), string("/dev/none"),
+                                string("/dev/null/x"), string("/dev/loop"), string()});
         const bool good = opens();
         const timespec wait = {choose.one_in(9) ? -1 : 0, choose.of({0, 0, 9999999, 20000000})};
         lines_.value = good;
