@@ -125,10 +125,16 @@ TEST_F(pci_config, sees_a_link_that_comes_up_while_it_waits)
     }
 }
 
-TEST_F(pci_config, does_not_wait_for_a_link_that_is_active_but_still_trains)
+TEST_F(pci_config, reads_the_state_of_a_link_once_for_each_thing_it_asks)
 {
-    const function_on_bus function(three({.link_status = 0x2841}).bytes());
-    EXPECT_EQ(reads_of_a_wait(), 7 + 2);
+    const std::pair<chassis_sim::pcie_capability, int> ports[] = {
+        {{.reports_active = true, .link_status = 0x2841}, 2}, // still trains
+        {{.reports_active = true, .link_status = 0x2041}, 2},
+        {{.reports_active = false, .link_status = 0x0041}, 1}};
+    for (const auto &[port, reads] : ports) {
+        const function_on_bus function(three(port).bytes());
+        EXPECT_EQ(reads_of_a_wait(), 7 + reads);
+    }
 }
 
 //--- failing system calls -------------------------------------------------------------------------

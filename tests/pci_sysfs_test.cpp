@@ -124,6 +124,15 @@ int scan_and_count()
     return result == (handle.seed ? 0 : 1) ? found : -2;
 }
 
+TEST_F(pci_sysfs, messages_that_reach_nobody_leave_errno_alone)
+{
+    fs::remove("/dev/log");
+    sysfs_pci_get_next_element_t handle;
+    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(nullptr), {.value = nullptr});
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    EXPECT_OUTCOME((close(STDOUT_FILENO), sysfs_pci_info_fetch_init(&handle)), {});
+}
+
 TEST_F(pci_sysfs, scans_in_part_or_not_at_all_when_a_call_fails)
 {
     add(ident.str);
@@ -264,6 +273,8 @@ TEST_F(pci_sysfs, opens_and_stores_attributes)
             SHOW(seen, sysfs_pci_open(name, flags, &ident) >= 0 ? 1 : 0);
         }
         SHOW(seen, sysfs_pci_access(name, R_OK, &ident));
+        SHOW(seen, sysfs_pci_access(name, X_OK, &ident));
+        SHOW(seen, sysfs_pci_access(name, R_OK, nobody));
         SHOW(seen, sysfs_pci_store(nullptr, name, &ident));
         SHOW(seen, sysfs_pci_store("", name, &ident));
         SHOW(seen, sysfs_pci_store("shorter", name, &ident));
@@ -274,6 +285,25 @@ TEST_F(pci_sysfs, opens_and_stores_attributes)
         }
     }
     EXPECT_TEXT("pci/attributes.txt", seen.text());
+}
+
+TEST_F(pci_sysfs, reads_and_writes_an_opened_attribute_from_its_beginning)
+{
+    write_file(dir + "/text", "0x10 020 30");
+    const int fd = sysfs_pci_open("text", O_RDWR, &ident);
+    char text[20];
+    int64_t numbers[3] = {};
+    transcript seen;
+    for (int64_t value : {int64_t{7}, int64_t{0x1'0000'0002}}) {
+        SHOW(seen, sysfs_pci_fshow_nums(numbers, 3, fd));
+        seen.note(printed("  %jd %jd %jd", intmax_t{numbers[0]}, intmax_t{numbers[1]},
+                          intmax_t{numbers[2]}));
+        SHOW(seen, sysfs_pci_fstore("12", fd));
+        SHOW(seen, sysfs_pci_fstore_num(value, fd));
+        SHOW(seen, sysfs_pci_fshow(text, sizeof text, nullptr, fd));
+        seen.note(text);
+    }
+    EXPECT_TEXT("pci/opened_attribute.txt", seen.text());
 }
 
 bool is_mapped(const void *address)
@@ -307,7 +337,10 @@ TEST_F(pci_sysfs, maps_windows_that_are_memory)
         write_file(dir + printed("/resource%d", bar), std::string(size, '\0'));
     show("without a configuration space", 0);
     for (const char kind : {'\0', '\1', '\2', '\xff'}) {
-        write_file(dir + "/config", std::string(0x40, kind));
+        std::string config(0x40, kind == '\xff' ? kind : static_cast<char>(kind ^ 1));
+        for (size_t at = 0; at < config.size(); at += 4)
+            config[at] = kind;
+        write_file(dir + "/config", config);
         show(printed("registers are 0x%x", static_cast<uint8_t>(kind)).c_str(), 0);
     }
     EXPECT_EQ(read_file(dir + "/resource5")[4095], 'w');

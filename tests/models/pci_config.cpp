@@ -94,7 +94,8 @@ private:
         const bool reports = choose.one_in(2);
         for (const uint32_t at : {place, place + 4}) {
             put(at + 2, 2, choose.of({0x0100, 0x0042, 0xfeff, 0xffff}));
-            put(at + 0x0c, 4, reports ? 0x00100000 : choose.of({0x00000c11, ~0x00100000}));
+            put(at + 0x0c, 4,
+                reports ? choose.of({0x00100000, -1}) : choose.of({0x00000c11, ~0x00100000}));
             put(at + 0x12, 2, slow ? 0x0841 : reports ? link | 0x2000 : link & ~0x0800);
             put(at + 0x14, 4, choose.of({0x40, ~0x40, 0x0c60, -1}));
         }

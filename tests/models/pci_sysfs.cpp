@@ -15,6 +15,7 @@
 #include <optional>
 #include <sstream>
 
+#include <malloc.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -181,7 +182,7 @@ private:
         for (int more = choose.below(3); more > 0; --more)
             text += " " + number(choose);
         text = choose.of({text, text + "\n", string(), string("ffff\n"), string(":9"), string("9:"),
-                          string(126, '0') + "12", string("12abc")});
+                          string(126, '0') + "12", string("12abc"), string(5000, '7')});
         if (attribute == "resource" && !choose.one_in(5))
             text = lines_of_resources(choose);
         if (choose.one_in(10))
@@ -460,6 +461,8 @@ private:
         expect_same("the count", read.text ? read.text->size() : 77, count);
         if (text)
             expect_same("the text", *read.text + '\0', string(text, count + 1));
+        if (own && text)
+            expect_same("whether there is room", true, ::malloc_usable_size(text) >= 4096 + max);
         if (own)
             std::free(text);
     }
