@@ -1,6 +1,8 @@
 // Hands what a family describes to CLI11.
 #include "tools/cli/command.h"
 
+#include "tools/base/errors.h"
+
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -69,6 +71,22 @@ option &option::one_of(const std::vector<std::string> &words)
     return *this;
 }
 
+namespace
+{
+
+// Those of a command above this one, which would go unheeded; the program's own are for all.
+void refuse_options_above(const CLI::App &named)
+{
+    const CLI::App *above = named.get_parent();
+    for (; above && above->get_parent(); above = above->get_parent())
+        for (const CLI::Option *option : above->get_options())
+            if (option->count() > 0)
+                throw usage_error(option->get_name() + " is for '" + above->get_name() +
+                                  "' itself, not for '" + named.get_name() + "'");
+}
+
+} // namespace
+
 //--- commands -------------------------------------------------------------------------------------
 
 option command::argument(const char *name, std::string &to, const char *meaning)
@@ -134,8 +152,10 @@ void command::on_run(std::function<void()> run)
 {
     is_->require_subcommand(0, 1);
     is_->callback([app = is_, run = std::move(run)] {
-        if (app->get_subcommands().empty())
-            run();
+        if (!app->get_subcommands().empty())
+            return;
+        refuse_options_above(*app);
+        run();
     });
 }
 
