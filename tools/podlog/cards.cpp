@@ -70,13 +70,38 @@ void map_status_words(const std::vector<pod_card> &cards)
     podlog_nvram_config_inst_mapping(0, &map);
 }
 
+// What the library has before the first chassis is configured.
+class library_tables
+{
+public:
+    library_tables() : cards_(registered_cards())
+    {
+        podlog_get_pod_storage_table(&registry_);
+        podlog_nvram_get_inst_mapping(0, &map_);
+    }
+
+    const std::vector<pod_card> &restored() const
+    {
+        pod_storage_info_t registry = registry_;
+        pod_nvram_inst_map_t map = map_;
+        podlog_config_pod_storage_info(&registry);
+        podlog_nvram_config_inst_mapping(0, &map);
+        return cards_;
+    }
+
+private:
+    std::vector<pod_card> cards_;
+    pod_storage_info_t registry_ = {};
+    pod_nvram_inst_map_t map_ = {};
+};
+
 } // namespace
 
 std::vector<pod_card> configure_cards(const std::string &chassis, bool is_rp2)
 {
-    static const std::vector<pod_card> as_loaded = registered_cards();
+    static const library_tables as_loaded;
     if (chassis.empty())
-        return as_loaded;
+        return as_loaded.restored();
     podlog_config_pod_storage_n20_n10(chassis == "n20"   ? ChassisType_N20
                                       : chassis == "n10" ? ChassisType_N10
                                                          : ChassisType_N4,
