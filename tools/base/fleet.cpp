@@ -1,6 +1,8 @@
 // Goes through machines, and tells of those that cannot be read.
 #include "tools/base/fleet.h"
 
+#include "tools/base/settings.h"
+
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -96,6 +98,28 @@ record fleet::row(const std::string &host) const
 {
     record made;
     return has_several() ? made.add("host", host) : made;
+}
+
+void fleet::print_each(
+    const std::function<record(const machine_source &, const std::string &host)> &say)
+{
+    record_set all = {"machines", {}};
+    for_each([&](const machine_source &machine, const std::string &host) {
+        record shown = row(host);
+        shown.append(say(machine, host));
+        if (has_several() && settings.as_json)
+            all.rows.push_back(std::move(shown));
+        else
+            print(shown);
+    });
+    if (!all.rows.empty())
+        print(std::move(all));
+}
+
+void fleet::expect_one() const
+{
+    if (has_several())
+        throw usage_error("its output is of one machine: --from takes one archive here");
 }
 
 void fleet::finish(int status) const

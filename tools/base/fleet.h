@@ -41,6 +41,13 @@ public:
     // A row for the machine of this name, with the host where there are several.
     record row(const std::string &host) const;
 
+    // Prints what there is to say of each; as JSON, that of several is one array.
+    void
+    print_each(const std::function<record(const machine_source &, const std::string &host)> &say);
+
+    // For output that cannot be of several.
+    void expect_one() const;
+
     // What fails is told after the output.
     template <typename Check>
     void expect(const std::string &host, Check check)

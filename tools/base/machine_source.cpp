@@ -115,16 +115,19 @@ private:
 
 } // namespace
 
-std::string machine_source::line(const std::string &path) const
+std::string machine_source::text(const std::string &path) const
 {
     try {
-        std::istringstream text(read(path).value_or(""));
-        std::string first;
-        std::getline(text, first);
-        return first;
+        return read(path).value_or("");
     } catch (const failure &) {
         return "";
     }
+}
+
+std::string machine_source::line(const std::string &path) const
+{
+    const std::string all = text(path);
+    return all.substr(0, all.find('\n'));
 }
 
 std::string machine_source::option() const

@@ -49,7 +49,8 @@ public:
     virtual std::string real_path(const std::string &path) const = 0;
 
     bool is_archive() const { return !archive().empty(); }
-    // The first line of a small file; empty where it cannot be read.
+    // A small file, or its first line; empty where it cannot be read.
+    std::string text(const std::string &path) const;
     std::string line(const std::string &path) const;
     // " --from FILE", for commands that are suggested; empty for this machine.
     std::string option() const;

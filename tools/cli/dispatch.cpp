@@ -67,6 +67,10 @@ int refuse(CLI::App &program, const CLI::ParseError &wrong)
     const std::vector<std::string> left = program.remaining(true);
     const std::string word = left.empty() ? "" : left.front();
     const CLI::App &named = named_last(program);
+    if (word == "--from" || word.starts_with("--from="))
+        return refuse(command,
+                      "--from is for commands that read what 'collect' records, which this "
+                      "one is not");
     if (word.starts_with('-')) {
         const std::string suggestion = did_you_mean(word, option_names(&named));
         const bool takes_text =

@@ -58,7 +58,10 @@ sysfs_pci_identity_t pci_device(const std::string &text)
     throw usage_error("'" + text + "' names no PCI function; write 0000:03:00.0 or 03:00.0");
 }
 
-std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge)
+namespace
+{
+
+std::vector<sysfs_pci_identity_t> present_devices(const sysfs_pci_identity_t *bridge)
 {
     using device_access::pci_functions;
     std::vector<sysfs_pci_identity_t> devices;
@@ -75,15 +78,27 @@ std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge
     return devices;
 }
 
-std::vector<sysfs_pci_identity_t> pci_devices(const machine_source &machine)
+} // namespace
+
+std::vector<sysfs_pci_identity_t> pci_devices(const machine_source &machine,
+                                              const sysfs_pci_identity_t *bridge)
 {
     if (!machine.is_archive())
-        return pci_devices();
+        return present_devices(bridge);
+    const std::string directory = pci_directory + std::string(bridge ? bridge->str : "");
+    if (bridge && machine.real_path(directory).empty())
+        fail_to_find(bridge->str, machine);
     std::vector<sysfs_pci_identity_t> devices;
-    for (const std::string &name : machine.names_in(pci_directory))
+    for (const std::string &name : machine.names_in(directory))
         if (const auto device = parse_pci_device(name))
             devices.push_back(*device);
     return devices;
+}
+
+void fail_to_find(const std::string &id, const machine_source &machine)
+{
+    throw failure(fmt::format("find {} in {}", id, machine.archive()), "it is not there",
+                  "'devaccess pci list" + machine.option() + "' shows the devices");
 }
 
 std::map<std::string, std::string> physical_slots(const machine_source &machine)

@@ -21,11 +21,12 @@ inline constexpr char list_hint[] = "'devaccess pci list' shows the devices";
 std::optional<sysfs_pci_identity_t> parse_pci_device(const std::string &text);
 sysfs_pci_identity_t pci_device(const std::string &text);
 
-// Those of a machine.
-std::vector<sysfs_pci_identity_t> pci_devices(const machine_source &machine);
+// Those of a machine, or those right below a bridge of it.
+std::vector<sysfs_pci_identity_t> pci_devices(const machine_source &machine,
+                                              const sysfs_pci_identity_t *bridge = nullptr);
 
-// Those of this machine, or behind a bridge.
-std::vector<sysfs_pci_identity_t> pci_devices(const sysfs_pci_identity_t *bridge = nullptr);
+// Of a function that an archive lacks.
+[[noreturn]] void fail_to_find(const std::string &id, const machine_source &machine);
 
 // Names of the slots, by the address of what is in them, "0000:03:00".
 std::map<std::string, std::string> physical_slots(const machine_source &machine = this_machine());

@@ -179,57 +179,70 @@ void print_devices(const std::vector<sysfs_pci_identity_t> &devices)
 // Below the bridge that leads to it, or below its root bus.
 using children_by_bus = std::map<std::string, std::vector<const sysfs_pci_identity_t *>>;
 
-std::string parent_of(const sysfs_pci_identity_t &device)
+constexpr int deepest = 256; // as many buses as a domain has; an archive can say anything
+
+std::string parent_of(const sysfs_pci_identity_t &device, const machine_source &machine)
 {
-    std::error_code none;
-    const fs::path link = fs::read_symlink(std::string(pci_directory) + device.str, none);
+    const fs::path link = machine.target(std::string(pci_directory) + device.str);
     return printable(link.parent_path().filename());
 }
 
 class tree_printer
 {
 public:
-    explicit tree_printer(const std::vector<sysfs_pci_identity_t> &devices)
-    {
-        for (const sysfs_pci_identity_t &device : devices)
-            children_[parent_of(device)].push_back(&device);
-    }
+    explicit tree_printer(const fleet &machines) : machines_(machines) {}
 
-    void run()
+    void add(const machine_source &machine, const std::string &host)
     {
-        record_set buses = {"buses", {}};
+        const std::vector<sysfs_pci_identity_t> devices = pci_devices(machine);
+        machine_ = &machine;
+        slots_ = physical_slots(machine);
+        children_.clear();
+        for (const sysfs_pci_identity_t &device : devices)
+            children_[parent_of(device, machine)].push_back(&device);
         for (const auto &[parent, below] : children_)
             if (!parse_pci_device(parent)) {
-                text_ += parent + '\n';
-                buses.rows.push_back(record().add("bus", parent).add(functions_below(parent, "")));
+                text_ += (machines_.has_several() ? host + ": " : "") + parent + '\n';
+                buses_.rows.push_back(
+                    machines_.row(host).add("bus", parent).add(functions_below(parent, "", 0)));
             }
+    }
+
+    void print_all()
+    {
         if (settings.as_json)
-            print(std::move(buses));
+            print(std::move(buses_));
         else
             print_text(text_);
     }
 
 private:
-    record_set functions_below(const std::string &parent, const std::string &indent)
+    record_set functions_below(const std::string &parent, const std::string &indent, int depth)
     {
         record_set functions = {"functions", {}};
         const auto below = children_.find(parent);
         if (below == children_.end())
             return functions;
+        if (depth == deepest)
+            throw failure("show what is below " + parent, "there are more buses than there can be",
+                          "");
         for (const sysfs_pci_identity_t *device : below->second) {
             const bool is_last = device == below->second.back();
-            const device_facts facts(*device, names_, slots_);
+            const device_facts facts(*device, names_, slots_, *machine_);
             text_ += fmt::format("{}{} {}  {}: {}\n", indent, is_last ? "`--" : "|--", device->str,
                                  facts.class_text(), facts.name());
             functions.rows.push_back(facts.as_record().add(
-                functions_below(device->str, indent + (is_last ? "    " : "|   "))));
+                functions_below(device->str, indent + (is_last ? "    " : "|   "), depth + 1)));
         }
         return functions;
     }
 
+    const fleet &machines_;
     const pci_names names_;
-    const std::map<std::string, std::string> slots_ = physical_slots();
+    const machine_source *machine_ = nullptr;
+    std::map<std::string, std::string> slots_;
     children_by_bus children_;
+    record_set buses_ = {"buses", {}};
     std::string text_;
 };
 
@@ -318,16 +331,27 @@ void pci_list(const pci_arguments &arguments)
     machines.finish();
 }
 
-void pci_tree(const pci_arguments &)
+void pci_tree(const pci_arguments &arguments)
 {
-    const std::vector<sysfs_pci_identity_t> devices = pci_devices();
-    tree_printer(devices).run();
+    fleet machines(arguments.from);
+    tree_printer tree(machines);
+    machines.for_each(
+        [&](const machine_source &machine, const std::string &host) { tree.add(machine, host); });
+    tree.print_all();
+    machines.finish();
 }
 
 void pci_children(const pci_arguments &arguments)
 {
-    const sysfs_pci_identity_t device = pci_device(arguments.id);
-    print_devices(pci_devices(&device));
+    const sysfs_pci_identity_t bridge = pci_device(arguments.id);
+    const pci_names names;
+    fleet machines(arguments.from);
+    record_set set = {"devices", {}};
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        add_rows(set, machines.row(host), facts_of(pci_devices(machine, &bridge), names, machine));
+    });
+    print(std::move(set));
+    machines.finish();
 }
 
 void pci_show(const pci_arguments &arguments)
@@ -422,8 +446,6 @@ std::vector<std::string> device_names(const given_options &)
     return names;
 }
 
-void add_nothing(command &, pci_arguments &) {}
-
 } // namespace
 
 option add_id(command &to, std::string &id)
@@ -453,23 +475,30 @@ void add_device(command &to, pci_arguments &arguments)
     add_id(to, arguments).required();
 }
 
-void add_file(command &to, pci_arguments &arguments)
+void add_fleet(command &to, pci_arguments &arguments)
 {
-    add_id(to, arguments);
-    to.add_option("--file", "FILE", arguments.file,
-                  "Read the output of 'pci dump' or 'lspci -xxx' instead of the machine")
-        .paths();
+    add_archives(to, arguments.from);
+}
+
+void add_bridge(command &to, pci_arguments &arguments)
+{
+    add_device(to, arguments);
+    add_fleet(to, arguments);
 }
 
 void add_shown(command &to, pci_arguments &arguments)
 {
-    add_file(to, arguments);
-    add_archives(to, arguments.from);
+    add_id(to, arguments);
+    const option file =
+        to.add_option("--file", "FILE", arguments.file,
+                      "Read the output of 'pci dump' or 'lspci -xxx' instead of the machine")
+            .paths();
+    add_archives(to, arguments.from).excludes(file);
 }
 
 void add_out(command &to, pci_arguments &arguments)
 {
-    add_file(to, arguments);
+    add_shown(to, arguments);
     to.add_option("--out", "FILE", arguments.other, "Write to this file").paths();
 }
 
@@ -483,6 +512,7 @@ void add_sides(command &to, pci_arguments &arguments)
                 return names;
             })
             .required();
+    add_fleet(to, arguments);
 }
 
 option add_registers(command &to, pci_arguments &arguments, const char *meaning)
@@ -498,6 +528,7 @@ option add_registers(command &to, pci_arguments &arguments, const char *meaning)
 void add_read(command &to, pci_arguments &arguments)
 {
     add_registers(to, arguments, "Offset or name: 0x10, COMMAND, CAP_EXP+0x12");
+    add_fleet(to, arguments);
 }
 
 void add_write(command &to, pci_arguments &arguments)
@@ -527,7 +558,7 @@ void describe_bridge(command &bridge)
 void describe_pci(command &pci)
 {
     pci.add("list", "List functions", add_filters, pci_list);
-    pci.add("tree", "Show functions below the bridges that lead to them", add_nothing, pci_tree);
+    pci.add("tree", "Show functions below the bridges that lead to them", add_fleet, pci_tree);
     pci.add("show", "Show a function's ids, state and resources", add_shown, pci_show);
     pci.add("read", "Read configuration registers", add_read, pci_read);
     pci.add("write", "Write configuration registers", add_write, pci_write);
@@ -537,7 +568,7 @@ void describe_pci(command &pci)
     pci.add("diff", "Compare two functions, or files with functions", add_sides, pci_diff);
     pci.add("link-wait", "Wait up to half a second for a port's link to come up", add_device,
             pci_link_wait);
-    pci.add("children", "List the functions below a bridge", add_device, pci_children);
+    pci.add("children", "List the functions below a bridge", add_bridge, pci_children);
     pci.add_family("bridge", "Hot-swap bridges", describe_bridge);
     pci.add_family("bar", "Memory resources, mapped", describe_bar);
 }

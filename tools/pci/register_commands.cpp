@@ -20,21 +20,28 @@
 
 namespace devaccess
 {
+namespace
+{
+
+config_space config_of(const sysfs_pci_identity_t &device, const machine_source &machine)
+{
+    if (!machine.is_archive())
+        return config_space(device);
+    if (auto bytes = machine.read(std::string(pci_directory) + device.str + "/config"))
+        return {device.str, std::move(*bytes)};
+    fail_to_find(device.str, machine);
+}
+
+} // namespace
+
 config_space config_of(const pci_arguments &arguments, const machine_source &machine)
 {
-    if (machine.is_archive()) {
-        if (arguments.id.empty())
-            throw usage_error("with --from, ID is required");
-        const std::string id = pci_device(arguments.id).str;
-        if (auto bytes = machine.read(pci_directory + id + "/config"))
-            return {id, std::move(*bytes)};
-        throw failure(fmt::format("find {} in {}", id, machine.archive()), "it is not there",
-                      "'devaccess pci list" + machine.option() + "' shows the devices");
-    }
+    if (machine.is_archive() && arguments.id.empty())
+        throw usage_error("with --from, ID is required");
     if (arguments.file.empty() && arguments.id.empty())
         throw usage_error("either ID or --file is required");
     if (arguments.file.empty())
-        return config_space(pci_device(arguments.id));
+        return config_of(pci_device(arguments.id), machine);
     std::vector<config_space> functions = read_dump(arguments.file);
     if (arguments.id.empty() && functions.size() > 1)
         throw usage_error(
@@ -51,17 +58,9 @@ void print_for_each(const pci_arguments &arguments,
                     const std::function<record(const config_space &, const machine_source &)> &say)
 {
     fleet machines(arguments.from);
-    record_set all = {"machines", {}};
-    machines.for_each([&](const machine_source &machine, const std::string &host) {
-        record shown = machines.row(host);
-        shown.append(say(config_of(arguments, machine), machine));
-        if (machines.has_several() && settings.as_json)
-            all.rows.push_back(std::move(shown));
-        else
-            print(shown);
+    machines.print_each([&](const machine_source &machine, const std::string &) {
+        return say(config_of(arguments, machine), machine);
     });
-    if (!all.rows.empty())
-        print(std::move(all));
     machines.finish();
 }
 
@@ -84,13 +83,14 @@ record registers_record(const std::string &id, std::vector<record> rows)
 
 void pci_read(const pci_arguments &arguments)
 {
-    const config_space config(pci_device(arguments.id));
-    std::vector<record> rows;
-    for (const std::string &text : arguments.registers) {
-        const register_place place = find_register(config, text, arguments.width);
-        rows.push_back(register_row(place, config.read(place.offset, place.width)));
-    }
-    print(registers_record(config.id(), std::move(rows)));
+    print_for_each(arguments, [&](const config_space &config, const machine_source &) {
+        std::vector<record> rows;
+        for (const std::string &text : arguments.registers) {
+            const register_place place = find_register(config, text, arguments.width);
+            rows.push_back(register_row(place, config.read(place.offset, place.width)));
+        }
+        return registers_record(config.id(), std::move(rows));
+    });
 }
 
 namespace
@@ -259,9 +259,9 @@ namespace
 {
 
 // What it holds now. It is not kept open, as there can be more functions than descriptors.
-config_space held_by(const sysfs_pci_identity_t &device)
+config_space held_by(const sysfs_pci_identity_t &device, const machine_source &machine)
 {
-    const config_space config(device);
+    const config_space config = config_of(device, machine);
     const std::string bytes = config.all_bytes();
     if (bytes.size() < PCI_STD_HEADER_SIZEOF)
         throw failure("read the configuration space of " + config.id(),
@@ -269,23 +269,32 @@ config_space held_by(const sysfs_pci_identity_t &device)
     return {config.id(), bytes};
 }
 
-std::vector<config_space> configs_of(const pci_arguments &arguments)
+std::vector<config_space> configs_of(const pci_arguments &arguments, const machine_source &machine)
 {
     std::vector<config_space> configs;
     if (!arguments.id.empty())
-        configs.push_back(config_of(arguments));
+        configs.push_back(config_of(arguments, machine));
     else if (!arguments.file.empty())
         configs = read_dump(arguments.file);
     else
-        for (const sysfs_pci_identity_t &device : pci_devices())
+        for (const sysfs_pci_identity_t &device : pci_devices(machine))
             try {
-                configs.push_back(held_by(device));
+                configs.push_back(held_by(device, machine));
             } catch (const failure &failed) {
-                if (::access((pci_directory + std::string(device.str)).c_str(), F_OK) == 0)
+                if (machine.is_archive() ||
+                    ::access((pci_directory + std::string(device.str)).c_str(), F_OK) == 0)
                     throw;
                 note(std::string(device.str) + " has been removed meanwhile");
             }
     return configs;
+}
+
+record dumped_row(const config_space &config)
+{
+    std::string digits;
+    for (const char byte : config.all_bytes())
+        digits += fmt::format("{:02x}", static_cast<unsigned char>(byte));
+    return record().add("id", config.id()).add("bytes", digits.size() / 2).add("hex", digits);
 }
 
 } // namespace
@@ -293,22 +302,24 @@ std::vector<config_space> configs_of(const pci_arguments &arguments)
 void pci_dump(const pci_arguments &arguments)
 {
     const pci_names names;
+    fleet machines(arguments.from);
+    if (!settings.as_json || !arguments.other.empty())
+        machines.expect_one();
     std::string text;
     record_set functions = {"functions", {}};
-    for (const config_space &config : configs_of(arguments)) {
-        text += dump_of(config, names);
-        std::string digits;
-        for (const char byte : config.all_bytes())
-            digits += fmt::format("{:02x}", static_cast<unsigned char>(byte));
-        functions.rows.push_back(
-            record().add("id", config.id()).add("bytes", digits.size() / 2).add("hex", digits));
-    }
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        for (const config_space &config : configs_of(arguments, machine)) {
+            text += dump_of(config, names);
+            functions.rows.push_back(machines.row(host).append(dumped_row(config)));
+        }
+    });
     if (!arguments.other.empty())
         write_file(arguments.other, text, false);
     if (settings.as_json && arguments.other != standard_stream)
         print(record().add("file", text_or_null(arguments.other)).add(std::move(functions)));
     else if (arguments.other.empty())
         print_text(text);
+    machines.finish();
 }
 
 namespace
@@ -316,11 +327,11 @@ namespace
 
 using side = std::vector<config_space>; // of a comparison
 
-side side_of(const std::string &text)
+side side_of(const std::string &text, const machine_source &machine)
 {
     side functions;
     if (const auto device = parse_pci_device(text))
-        functions.push_back(held_by(*device));
+        functions.push_back(held_by(*device, machine));
     else
         functions = read_dump(text);
     return functions;
@@ -409,16 +420,20 @@ void add_ids(record &to, const char *name, const std::vector<std::string> &ids)
     to.add(name, all, ids.empty() ? "-" : fmt::format("{}", fmt::join(ids, " ")));
 }
 
-} // namespace
+struct comparison {
+    record shown;
+    size_t count;    // of differences
+    std::string cut; // of which one side has less
+};
 
 // One function on each side is compared whatever its id; several are matched by theirs.
-void pci_diff(const pci_arguments &arguments)
+comparison compare_sides(const pci_arguments &arguments, const machine_source &machine)
 {
-    const side a = side_of(arguments.id);
-    const side b = side_of(arguments.other);
+    const side a = side_of(arguments.id, machine);
+    const side b = side_of(arguments.other, machine);
     record_set differences = {"differences", {}};
     const bool is_pair = a.size() == 1 && b.size() == 1;
-    std::string cut; // of which one side has less
+    std::string cut;
     for (const config_space &in_a : a)
         for (const config_space &in_b : b)
             if (is_pair || in_a.id() == in_b.id()) {
@@ -434,14 +449,32 @@ void pci_diff(const pci_arguments &arguments)
     shown.add("a", arguments.id).add("b", arguments.other);
     add_ids(shown, "only_in_a", only_in_a);
     add_ids(shown, "only_in_b", only_in_b);
-    print(shown.add(std::move(differences)));
-    if (count != 0)
+    shown.add(std::move(differences));
+    return {std::move(shown), count, cut};
+}
+
+void expect_match(const comparison &made)
+{
+    if (made.count != 0)
         throw failure("match the two sides",
-                      fmt::format("{} difference{}", count, count == 1 ? "" : "s"),
+                      fmt::format("{} difference{}", made.count, made.count == 1 ? "" : "s"),
                       "standard output lists them");
-    if (!cut.empty())
-        throw failure("match the two sides", "one side has fewer bytes of " + cut,
+    if (!made.cut.empty())
+        throw failure("match the two sides", "one side has fewer bytes of " + made.cut,
                       "'lspci -xxxx' as root keeps all of it");
+}
+
+} // namespace
+
+void pci_diff(const pci_arguments &arguments)
+{
+    fleet machines(arguments.from);
+    machines.print_each([&](const machine_source &machine, const std::string &host) {
+        const comparison made = compare_sides(arguments, machine);
+        machines.expect(host, [&] { expect_match(made); });
+        return made.shown;
+    });
+    machines.finish();
 }
 
 } // namespace devaccess

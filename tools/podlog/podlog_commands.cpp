@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <utility>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -23,8 +24,9 @@ namespace devaccess
 
 std::vector<pod_card> cards_for_reading()
 {
+    static bool is_told = false; // of a thousand archives, once
     const std::string chassis = chassis_type();
-    if (chassis.empty())
+    if (chassis.empty() && !std::exchange(is_told, true))
         note(fmt::format("without --chassis or {}, cards are those of the library's built-in table",
                          chassis_variable));
     return configure_cards(chassis, settings.is_rp2);
@@ -81,9 +83,11 @@ pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
                   did_you_mean(name, names) + podlog_command("cards", place) + " shows the cards");
 }
 
-log_storage storage_for_reading(const std::string &card, const log_place &place)
+log_storage storage_for_reading(const std::string &card, const log_place &place,
+                                const machine_source &machine)
 {
-    return log_storage(place, card_of(card, cards_for_reading(), place));
+    const log_place there = place.in(machine);
+    return log_storage(there, card_of(card, cards_of(machine), there));
 }
 
 log_storage storage_for_writing(const std::string &card, const log_place &place)
@@ -125,9 +129,10 @@ std::string remedy_hint(const log_storage &storage, const log_findings &found)
     case remedy::try_again:
         return "its records are good; is another program using it?";
     case remedy::salvage:
-        if (storage.place().machine)
-            return with("show", " --all") + " shows what can be read";
         return with("salvage") + " shows what can be read";
+    case remedy::empty_copy:
+        return storage.place().machine ? "it was so when the archive was made"
+                                       : "is it the right file?";
     case remedy::no_repair:
         return with("salvage") + " shows what can be read; no command helps until the device has "
                                  "all its bytes";

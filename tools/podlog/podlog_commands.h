@@ -30,7 +30,8 @@ std::string table_of(const machine_source &machine);
 // The card of this name, in any case.
 pod_card card_of(const std::string &name, const std::vector<pod_card> &cards,
                  const log_place &place);
-log_storage storage_for_reading(const std::string &card, const log_place &place);
+log_storage storage_for_reading(const std::string &card, const log_place &place,
+                                const machine_source &machine = this_machine());
 log_storage storage_for_writing(const std::string &card, const log_place &place);
 
 //--- hints ----------------------------------------------------------------------------------------

@@ -24,17 +24,24 @@ record entry_row(const log_image &log, const log_record &slot)
 namespace
 {
 
-void cards()
+void cards(const log_place &place)
 {
+    fleet machines(place.from, archive_part::logs);
     record_set set = {"cards", {}};
-    for (const pod_card &card : cards_for_reading())
-        set.rows.push_back(record()
-                               .add("card", card.name)
-                               .add("id", card.registry_id)
-                               .add("storage", card.storage == PODSTORAGE_NVRAM ? "nvram" : "file")
-                               .add("storage_id", card.storage_id)
-                               .add("secondary_eeprom", card.secondary));
-    print(record().add_hidden("table", table_name()).add(std::move(set)));
+    std::string table;
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        for (const pod_card &card : cards_of(machine))
+            set.rows.push_back(
+                machines.row(host)
+                    .add("card", card.name)
+                    .add("id", card.registry_id)
+                    .add("storage", card.storage == PODSTORAGE_NVRAM ? "nvram" : "file")
+                    .add("storage_id", card.storage_id)
+                    .add("secondary_eeprom", card.secondary));
+        table = table_of(machine);
+    });
+    print(record().add_hidden("table", table).add(std::move(set)));
+    machines.finish();
 }
 
 //--- histories ------------------------------------------------------------------------------------
@@ -67,14 +74,6 @@ record &add_unreadable(record &shown, int count)
     return count ? shown.add("unreadable", count) : shown.add_hidden("unreadable", 0);
 }
 
-// The log of a card of a machine.
-log_storage storage_in(const machine_source &machine, const std::string &card,
-                       const log_place &place)
-{
-    const log_place there = place.in(machine);
-    return log_storage(there, card_of(card, cards_of(machine), there));
-}
-
 record about(const std::string &table, const std::string &card)
 {
     return record().add_hidden("table", table).add("card", in_capitals(card));
@@ -92,7 +91,7 @@ void list(const list_arguments &arguments)
     std::string table;
     int lost = 0;
     machines.for_each([&](const machine_source &machine, const std::string &host) {
-        const log_storage storage = storage_in(machine, arguments.card, arguments.place);
+        const log_storage storage = storage_for_reading(arguments.card, arguments.place, machine);
         const log_findings found = expect_log(storage);
         const log_image &log = *found.log;
         for (const log_history *history : log.written()) {
@@ -249,7 +248,7 @@ void show(const show_arguments &arguments)
     std::optional<int> only; // the history that is shown
     int lost = 0;
     machines.for_each([&](const machine_source &machine, const std::string &host) {
-        const log_storage storage = storage_in(machine, arguments.card, arguments.place);
+        const log_storage storage = storage_for_reading(arguments.card, arguments.place, machine);
         const log_findings found = expect_log(storage);
         const log_image &log = *found.log;
         const entry_view view = {machines.row(host), storage.card().name,
@@ -355,6 +354,11 @@ void check(const check_arguments &arguments)
 
 //--- command line ---------------------------------------------------------------------------------
 
+void add_fleet(command &to, log_place &place)
+{
+    add_archives(to, place.from);
+}
+
 void add_listed(command &to, list_arguments &arguments)
 {
     add_card(to, arguments.card).required();
@@ -386,7 +390,7 @@ void add_checked(command &to, check_arguments &arguments)
 
 void describe_reading(command &podlog)
 {
-    podlog.add("cards", "List the cards and where each keeps its log", cards);
+    podlog.add("cards", "List the cards and where each keeps its log", add_fleet, cards);
     podlog.add("list", "List the histories of a log, newest first", add_listed, list);
     podlog.add("show", "Show the entries of a history", add_shown, show);
     podlog.add("check", "Check every index, header and entry of the logs", add_checked, check);

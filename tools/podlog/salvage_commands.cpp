@@ -1,6 +1,7 @@
 // Ways out of a damaged log: save, salvage, repair, reset.
 #include "tools/base/errors.h"
 #include "tools/base/files.h"
+#include "tools/cli/options.h"
 #include "tools/podlog/podlog_commands.h"
 
 #include <algorithm>
@@ -41,16 +42,19 @@ struct save_arguments {
 
 void save(const save_arguments &arguments)
 {
-    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
-    const std::string bytes = expect_bytes(storage).bytes();
-    write_file(arguments.target, bytes, !arguments.force);
-    if (arguments.target == standard_stream)
-        return;
-    print_done(record()
-                   .add_hidden("table", table_name())
-                   .add("card", storage.card().name)
-                   .add("file", arguments.target)
-                   .add("bytes", bytes.size()));
+    fleet machines(arguments.place.from, archive_part::logs);
+    machines.expect_one();
+    machines.for_each([&](const machine_source &machine, const std::string &) {
+        const log_storage storage = storage_for_reading(arguments.card, arguments.place, machine);
+        const std::string bytes = expect_bytes(storage).bytes();
+        write_file(arguments.target, bytes, !arguments.force);
+        if (arguments.target != standard_stream)
+            print_done(record()
+                           .add_hidden("table", table_of(machine))
+                           .add("card", storage.card().name)
+                           .add("file", arguments.target)
+                           .add("bytes", bytes.size()));
+    });
 }
 
 //--- salvage --------------------------------------------------------------------------------------
@@ -67,7 +71,7 @@ std::vector<log_record> bad_records(const log_image &log)
     return log.holds_log() ? log.wrong() : std::vector<log_record>();
 }
 
-void print_salvaged(record shown, const log_image &log)
+record &add_salvaged(record &shown, const log_image &log)
 {
     record_set entries = {"entries", {}};
     std::vector<log_record> found = log.good_entries();
@@ -79,26 +83,35 @@ void print_salvaged(record shown, const log_image &log)
                                    .add("position", slot.position)
                                    .append(entry_row(log, slot)));
     shown.add("storage", log.layout().name).add(std::move(entries));
-    print(add_records(shown, record_rows(bad_records(log))));
+    return add_records(shown, record_rows(bad_records(log)));
+}
+
+void salvage_file(const std::string &file)
+{
+    const auto bytes = read_file(file);
+    if (!bytes)
+        throw failure("read " + file, "there is no such file", "'devaccess podlog save' makes one",
+                      ENOENT);
+    record shown;
+    print(add_salvaged(shown.add("file", file), log_image(recognise(*bytes).layout, *bytes)));
 }
 
 void salvage(const salvage_arguments &arguments)
 {
     if (arguments.card.empty() == arguments.file.empty())
         throw usage_error("either CARD or --file FILE says what to salvage");
-    if (!arguments.file.empty()) {
-        const auto bytes = read_file(arguments.file);
-        if (!bytes)
-            throw failure("read " + arguments.file, "there is no such file",
-                          "'devaccess podlog save' makes one", ENOENT);
-        print_salvaged(record().add("file", arguments.file),
-                       log_image(recognise(*bytes).layout, *bytes));
-        return;
-    }
-    const log_storage storage = storage_for_reading(arguments.card, arguments.place);
-    const log_findings found = expect_bytes(storage);
-    print_salvaged(record().add_hidden("table", table_name()).add("card", storage.card().name),
-                   found.foreign ? log_image(*found.foreign, found.bytes()) : *found.log);
+    if (!arguments.file.empty())
+        return salvage_file(arguments.file);
+    fleet machines(arguments.place.from, archive_part::logs);
+    machines.print_each([&](const machine_source &machine, const std::string &) {
+        const log_storage storage = storage_for_reading(arguments.card, arguments.place, machine);
+        const log_findings found = expect_bytes(storage);
+        record shown;
+        shown.add_hidden("table", table_of(machine)).add("card", storage.card().name);
+        return add_salvaged(shown,
+                            found.foreign ? log_image(*found.foreign, found.bytes()) : *found.log);
+    });
+    machines.finish();
 }
 
 //--- repair ---------------------------------------------------------------------------------------
@@ -197,13 +210,17 @@ void add_saved(command &to, save_arguments &arguments)
     to.argument("FILE", arguments.target, "File to make; - is standard output").paths().required();
     to.add_flag("--force", arguments.force, "Replace the file if it exists");
     add_places(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
-void add_salvaged(command &to, salvage_arguments &arguments)
+void add_wanted(command &to, salvage_arguments &arguments)
 {
     add_card(to, arguments.card, "Card whose log to read");
-    to.add_option("--file", "FILE", arguments.file, "Read the saved storage FILE instead").paths();
+    const option file =
+        to.add_option("--file", "FILE", arguments.file, "Read the saved storage FILE instead")
+            .paths();
     add_places(to, arguments.place);
+    add_archives(to, arguments.place.from).excludes(file);
 }
 
 void add_repaired(command &to, repair_arguments &arguments)
@@ -227,7 +244,7 @@ void add_reset(command &to, reset_arguments &arguments)
 void describe_salvage(command &podlog)
 {
     podlog.add("save", "Save the bytes of the storage to a file", add_saved, save);
-    podlog.add("salvage", "Show every good entry, whatever index and headers say", add_salvaged,
+    podlog.add("salvage", "Show every good entry, whatever index and headers say", add_wanted,
                salvage);
     podlog.add("repair", "Save a damaged log, then rebuild it with all good entries", add_repaired,
                repair);

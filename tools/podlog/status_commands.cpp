@@ -1,6 +1,7 @@
 // POD results and fault-injection flags: status, faults.
 #include "tools/base/errors.h"
 #include "tools/base/numbers.h"
+#include "tools/cli/options.h"
 #include "tools/podlog/podlog_commands.h"
 
 #include <device_access/pod_log.h>
@@ -68,6 +69,11 @@ log_image nvram_contents(const log_storage &nvram)
     return *found.log;
 }
 
+log_image contents_of(const machine_source &machine, const log_place &place)
+{
+    return nvram_contents(local_nvram(place.in(machine), cards_of(machine)));
+}
+
 template <typename Call>
 void change_status(const log_storage &nvram, const std::string &what, Call call)
 {
@@ -118,6 +124,8 @@ record status_row(const mapped_card &card, uint32_t word)
 
 void set_status(const status_arguments &arguments)
 {
+    if (!arguments.place.from.empty())
+        throw usage_error("VALUE is set on this machine, not in an archive");
     const uint32_t value = status_value(arguments.value);
     const log_storage nvram = local_nvram(arguments.place, cards_for_writing());
     const mapped_card card = mapped_cards(arguments.card).front();
@@ -133,12 +141,18 @@ void status(const status_arguments &arguments)
         set_status(arguments);
         return;
     }
-    const log_storage nvram = local_nvram(arguments.place, cards_for_reading());
-    const log_image log = nvram_contents(nvram);
+    fleet machines(arguments.place.from, archive_part::logs);
     record_set set = {"statuses", {}};
-    for (const mapped_card &card : mapped_cards(arguments.card))
-        set.rows.push_back(status_row(card, log.status_word(card.index)));
-    print(record().add_hidden("table", table_name()).add(std::move(set)));
+    std::string table;
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        const log_image log = contents_of(machine, arguments.place);
+        for (const mapped_card &card : mapped_cards(arguments.card))
+            set.rows.push_back(
+                machines.row(host).append(status_row(card, log.status_word(card.index))));
+        table = table_of(machine);
+    });
+    print(record().add_hidden("table", table).add(std::move(set)));
+    machines.finish();
 }
 
 //--- fault flags ----------------------------------------------------------------------------------
@@ -148,9 +162,9 @@ bool is_set(uint32_t mask, const mapped_card &card)
     return (mask >> card.index & 1) != 0;
 }
 
-record fault_rows(const std::string &card_name, const log_storage &nvram)
+record fault_rows(const std::string &card_name, const log_image &log, const std::string &table)
 {
-    const uint32_t mask = nvram_contents(nvram).fault_mask();
+    const uint32_t mask = log.fault_mask();
     record_set set = {"faults", {}};
     for (const mapped_card &card : mapped_cards(card_name))
         set.rows.push_back(record()
@@ -158,12 +172,21 @@ record fault_rows(const std::string &card_name, const log_storage &nvram)
                                .add("index", card.index)
                                .add("injected", is_set(mask, card))
                                .warn_if(is_set(mask, card)));
-    return record().add_hidden("table", table_name()).add_hex("mask", mask, 8).add(std::move(set));
+    return record().add_hidden("table", table).add_hex("mask", mask, 8).add(std::move(set));
+}
+
+void print_changed(const std::string &card_name, const log_storage &nvram)
+{
+    print_done(fault_rows(card_name, nvram_contents(nvram), table_name()));
 }
 
 void faults(const log_place &place)
 {
-    print(fault_rows("", local_nvram(place, cards_for_reading())));
+    fleet machines(place.from, archive_part::logs);
+    machines.print_each([&](const machine_source &machine, const std::string &) {
+        return fault_rows("", contents_of(machine, place), table_of(machine));
+    });
+    machines.finish();
 }
 
 using fault_arguments = std::string; // the card
@@ -175,7 +198,7 @@ void change_fault(const fault_arguments &card_name)
     const mapped_card card = mapped_cards(card_name).front();
     change_status(nvram, "change the fault flag of " + card.name,
                   [&] { return podlog_faultinject_pod_status(card.id, clear); });
-    print_done(fault_rows(card_name, nvram));
+    print_changed(card_name, nvram);
 }
 
 void clear_all_faults()
@@ -183,10 +206,16 @@ void clear_all_faults()
     const log_storage nvram = local_nvram({}, cards_for_writing());
     change_status(nvram, "clear the fault flags",
                   [] { return podlog_nvram_clr_all_faultinject(0); });
-    print_done(fault_rows("", nvram));
+    print_changed("", nvram);
 }
 
 //--- command line ---------------------------------------------------------------------------------
+
+void add_place_of_status(command &to, log_place &place)
+{
+    add_nvram(to, place);
+    add_archives(to, place.from);
+}
 
 void add_status(command &to, status_arguments &arguments)
 {
@@ -195,12 +224,7 @@ void add_status(command &to, status_arguments &arguments)
         .choices([](const given_options &) {
             return std::vector<std::string>{"passed", "failed", "invalid"};
         });
-    add_nvram(to, arguments.place);
-}
-
-void add_place_of_faults(command &to, log_place &place)
-{
-    add_nvram(to, place);
+    add_place_of_status(to, arguments.place);
 }
 
 void add_faulty_card(command &to, fault_arguments &card)
@@ -210,7 +234,7 @@ void add_faulty_card(command &to, fault_arguments &card)
 
 void describe_faults(command &flags)
 {
-    flags.takes(add_place_of_faults, faults);
+    flags.takes(add_place_of_status, faults);
     flags.add("set", "Set the flag of a card", add_faulty_card, change_fault<false>);
     flags.add("clear", "Clear the flag of a card", add_faulty_card, change_fault<true>);
     flags.add("clear-all", "Clear every flag", clear_all_faults);

@@ -264,7 +264,7 @@ void log_storage::name_kind(const std::string &bytes, log_findings &found) const
 remedy log_storage::way_out(const log_image &log) const
 {
     if (is_copy())
-        return remedy::salvage;
+        return log.is_blank() ? remedy::empty_copy : remedy::salvage;
     if (is_device() && log.missing() > 0 && !fs::is_regular_file(path_))
         return remedy::no_repair;
     if (log.is_blank())

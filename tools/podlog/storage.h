@@ -30,8 +30,9 @@ struct log_place {
 enum class remedy {
     none,
     try_again,
-    salvage,   // it is a copy: its entries can be read
-    no_repair, // the same of a device that ends too early
+    salvage,    // it is a copy: its entries can be read
+    empty_copy, // one without anything
+    no_repair,  // the same as salvage, of a device that ends too early
     prepare,
     prepare_over, // what is there is saved, and replaced
     copy,

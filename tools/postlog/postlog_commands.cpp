@@ -231,14 +231,20 @@ void check(const postlog_arguments &arguments)
 
 void save(const postlog_arguments &arguments)
 {
-    const post_block block = open_blocks(arguments.place, arguments.block).front();
-    const std::string bytes = block.expect_bytes();
-    write_file(arguments.file, bytes, !arguments.force);
-    print_done(
-        record().add("block", block.name()).add("file", arguments.file).add("bytes", bytes.size()));
+    fleet machines(arguments.place.from, archive_part::logs);
+    machines.expect_one();
+    machines.for_each([&](const machine_source &machine, const std::string &) {
+        const post_block block = open_blocks(arguments.place.in(machine), arguments.block).front();
+        const std::string bytes = block.expect_bytes();
+        write_file(arguments.file, bytes, !arguments.force);
+        print_done(record()
+                       .add("block", block.name())
+                       .add("file", arguments.file)
+                       .add("bytes", bytes.size()));
+    });
 }
 
-void print_salvaged(record shown, const post_image &log)
+record &add_salvaged(record &shown, const post_image &log)
 {
     record_set entries = {"entries", {}};
     for (const log_record &slot : log.good_entries()) {
@@ -251,23 +257,33 @@ void print_salvaged(record shown, const post_image &log)
     }
     shown.add("byte_order", order_of(log)).add(std::move(entries));
     const bool has_log = !log.holds_nothing();
-    print(add_records(shown, record_rows(has_log ? log.wrong() : std::vector<log_record>())));
+    return add_records(shown, record_rows(has_log ? log.wrong() : std::vector<log_record>()));
+}
+
+void salvage_file(const std::string &file)
+{
+    const auto bytes = read_file(file);
+    if (!bytes)
+        throw failure("read " + file, "there is no such file", "'devaccess postlog save' makes one",
+                      ENOENT);
+    record shown;
+    print(add_salvaged(shown.add("file", file), saved_post_image(*bytes)));
 }
 
 void salvage(const postlog_arguments &arguments)
 {
     if (arguments.block.empty() == arguments.file.empty())
         throw usage_error("either BLOCK or --file FILE says what to salvage");
-    if (arguments.file.empty()) {
-        const post_block block = open_blocks(arguments.place, arguments.block).front();
+    if (!arguments.file.empty())
+        return salvage_file(arguments.file);
+    fleet machines(arguments.place.from, archive_part::logs);
+    machines.print_each([&](const machine_source &machine, const std::string &) {
+        const post_block block = open_blocks(arguments.place.in(machine), arguments.block).front();
         const post_findings found = block.judge(block.expect_bytes());
-        return print_salvaged(record().add("block", block.name()), *found.log);
-    }
-    const auto bytes = read_file(arguments.file);
-    if (!bytes)
-        throw failure("read " + arguments.file, "there is no such file",
-                      "'devaccess postlog save' makes one", ENOENT);
-    print_salvaged(record().add("file", arguments.file), saved_post_image(*bytes));
+        record shown;
+        return add_salvaged(shown.add("block", block.name()), *found.log);
+    });
+    machines.finish();
 }
 
 //--- command line ---------------------------------------------------------------------------------
@@ -305,13 +321,17 @@ void add_saved(command &to, postlog_arguments &arguments)
     to.argument("FILE", arguments.file, "File to make").paths().required();
     to.add_flag("--force", arguments.force, "Replace the file if it exists");
     add_post_place(to, arguments.place);
+    add_archives(to, arguments.place.from);
 }
 
-void add_salvaged(command &to, postlog_arguments &arguments)
+void add_wanted(command &to, postlog_arguments &arguments)
 {
     add_block(to, arguments, "event, test or error");
-    to.add_option("--file", "FILE", arguments.file, "Read the saved block FILE instead").paths();
+    const option file =
+        to.add_option("--file", "FILE", arguments.file, "Read the saved block FILE instead")
+            .paths();
     add_post_place(to, arguments.place);
+    add_archives(to, arguments.place.from).excludes(file);
 }
 
 } // namespace
@@ -333,7 +353,7 @@ void describe_postlog(command &postlog)
     postlog.add("show", "Show the entries of a history", add_shown, show);
     postlog.add("check", "Check every index, header and entry of the logs", add_checked, check);
     postlog.add("save", "Save the bytes of a block to a file", add_saved, save);
-    postlog.add("salvage", "Show every good entry, whatever index and headers say", add_salvaged,
+    postlog.add("salvage", "Show every good entry, whatever index and headers say", add_wanted,
                 salvage);
 }
 

@@ -1,6 +1,7 @@
 // UIO devices: uio list, info, wait, and the device behind the commands on registers.
 #include "tools/base/captured_call.h"
 #include "tools/base/errors.h"
+#include "tools/base/fleet.h"
 #include "tools/base/numbers.h"
 #include "tools/base/output.h"
 #include "tools/base/waiting.h"
@@ -14,8 +15,8 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
+#include <sstream>
 
 #include <fmt/format.h>
 
@@ -33,6 +34,7 @@ namespace
 namespace fs = std::filesystem;
 
 struct uio_arguments {
+    archive_names from;
     std::string node;
     std::string count;
     wait_options wait;
@@ -42,89 +44,85 @@ constexpr char list_hint[] = "'devaccess uio list' shows the devices";
 
 //--- devices --------------------------------------------------------------------------------------
 
-std::string first_line(const fs::path &file)
+constexpr char uio_class[] = "/sys/class/uio";
+
+std::string first_line(const fs::path &file, const machine_source &machine = this_machine())
 {
-    std::string line;
-    std::getline(std::ifstream(file), line);
-    return printable(line);
+    return printable(machine.line(file));
 }
 
-size_t entries_of(const fs::path &directory)
+std::vector<fs::path> class_directories(const machine_source &machine = this_machine())
 {
-    std::error_code ignored;
-    fs::directory_iterator entries(directory, ignored);
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
-std::vector<fs::path> class_directories()
-{
-    const fs::path all = "/sys/class/uio";
-    std::vector<fs::path> found;
     std::error_code error;
-    for (const auto &entry : fs::directory_iterator(all, error))
-        found.push_back(entry.path());
+    if (!machine.is_archive())
+        fs::directory_iterator(uio_class, error);
     if (error && error != std::errc::no_such_file_or_directory)
-        throw failure("list " + all.string(), error.message(), "is /sys mounted?");
-    std::sort(found.begin(), found.end());
+        throw failure(fmt::format("list {}", uio_class), error.message(), "is /sys mounted?");
+    std::vector<fs::path> found;
+    for (const std::string &name : machine.names_in(uio_class))
+        found.push_back(fs::path(uio_class) / name);
     return found;
 }
 
 // As the kernel names it in the device's link, or in its uevent.
-field_value driver_of(const fs::path &device)
+field_value driver_of(const fs::path &device, const machine_source &machine)
 {
-    std::error_code none;
-    const fs::path link = fs::read_symlink(device / "driver", none);
-    if (!none)
+    const fs::path link = machine.target(device / "driver");
+    if (!link.empty())
         return printable(link.filename());
-    std::ifstream uevent(device / "uevent");
+    std::istringstream uevent(machine.text(device / "uevent"));
     for (std::string line; std::getline(uevent, line);)
         if (line.starts_with("DRIVER="))
             return printable(line.substr(7));
     return nullptr;
 }
 
-field_value interrupts_of(const fs::path &directory)
+field_value interrupts_of(const fs::path &directory, const machine_source &machine)
 {
     uint64_t count = 0;
-    return std::ifstream(directory / "event") >> count ? field_value(count) : field_value();
+    return std::istringstream(machine.line(directory / "event")) >> count ? field_value(count)
+                                                                          : field_value();
 }
 
-record class_row(const fs::path &directory)
+record class_row(const fs::path &directory, const machine_source &machine)
 {
-    std::error_code ignored;
     return record()
         .add("node", printable("/dev/" + directory.filename().string()))
-        .add("name", first_line(directory / "name"))
-        .add("number", first_line(directory / "dev"))
-        .add("maps", entries_of(directory / "maps"))
-        .add("driver", driver_of(directory / "device"))
-        .add("interrupts", interrupts_of(directory))
-        .add("device", printable(fs::canonical(directory / "device", ignored)));
+        .add("name", first_line(directory / "name", machine))
+        .add("number", first_line(directory / "dev", machine))
+        .add("maps", machine.names_in(directory / "maps").size())
+        .add("driver", driver_of(directory / "device", machine))
+        .add("interrupts", interrupts_of(directory, machine))
+        .add("device", printable(machine.real_path(directory / "device")));
 }
 
-void list(const uio_arguments &)
+void list(const uio_arguments &arguments)
 {
+    fleet machines(arguments.from);
     record_set set = {"devices", {}};
-    for (const fs::path &directory : class_directories())
-        set.rows.push_back(class_row(directory));
+    machines.for_each([&](const machine_source &machine, const std::string &host) {
+        for (const fs::path &directory : class_directories(machine))
+            set.rows.push_back(machines.row(host).append(class_row(directory, machine)));
+    });
     print(std::move(set));
+    machines.finish();
 }
 
-std::vector<std::string> nodes_of(const std::string &name)
+std::vector<std::string> nodes_of(const std::string &name, const machine_source &machine)
 {
     std::vector<std::string> nodes;
-    for (const fs::path &directory : class_directories())
-        if (first_line(directory / "name") == name)
+    for (const fs::path &directory : class_directories(machine))
+        if (first_line(directory / "name", machine) == name)
             nodes.push_back("/dev/" + directory.filename().string());
     return nodes;
 }
 
 // "uio0" and "0" stand for /dev/uio0, "name:regs" for the device of that name, and so does "regs"
 // where that cannot be anything else.
-std::string node_of(const std::string &name)
+std::string node_of(const std::string &name, const machine_source &machine = this_machine())
 {
     if (name.starts_with("name:")) {
-        const std::vector<std::string> nodes = nodes_of(name.substr(5));
+        const std::vector<std::string> nodes = nodes_of(name.substr(5), machine);
         if (nodes.size() != 1)
             throw failure("find the UIO device " + name,
                           nodes.empty() ? "no device has that name"
@@ -139,7 +137,7 @@ std::string node_of(const std::string &name)
         return (is_number ? "/dev/uio" : "/dev/") + name;
     const bool may_be_name = name.find('/') == name.npos && !libuio_is_emul(name.c_str());
     const std::vector<std::string> nodes =
-        may_be_name ? nodes_of(name) : std::vector<std::string>();
+        may_be_name ? nodes_of(name, machine) : std::vector<std::string>();
     return nodes.size() == 1 ? nodes[0] : name;
 }
 
@@ -255,9 +253,9 @@ record map_row(const libuio_map_t &map)
         .add_hex("offset", map.offset, 1);
 }
 
-void info(const uio_arguments &arguments)
+record present_info(const std::string &name)
 {
-    uio_device device(arguments.node);
+    uio_device device(name);
     const libuio_dev_t *uio = device->get();
     std::vector<libuio_map_t> windows(uio->map, uio->map + uio->map_count);
     std::sort(windows.begin(), windows.end(),
@@ -265,13 +263,50 @@ void info(const uio_arguments &arguments)
     record_set maps = {"maps", {}};
     for (const libuio_map_t &window : windows)
         maps.rows.push_back(map_row(window));
-    print(record()
-              .add("node", libuio_get_real_devnode(uio))
-              .add("emulated", libuio_is_emul(device.node().c_str()) == 1)
-              .add("class_directory", libuio_get_sys_class_dir(uio))
-              .add("device_directory", libuio_get_sys_device_dir(uio))
-              .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
-              .add(std::move(maps)));
+    return record()
+        .add("node", libuio_get_real_devnode(uio))
+        .add("emulated", libuio_is_emul(device.node().c_str()) == 1)
+        .add("class_directory", libuio_get_sys_class_dir(uio))
+        .add("device_directory", libuio_get_sys_device_dir(uio))
+        .add("removal_notice", libuio_get_removed_fd(uio) >= 0)
+        .add(std::move(maps));
+}
+
+// Of a device with a UIO driver: what an emulated one has, its card's registers say.
+record recorded_info(const std::string &name, const machine_source &machine)
+{
+    const std::string node = node_of(name, machine);
+    const fs::path directory = uio_class / fs::path(node).filename();
+    if (libuio_is_emul(node.c_str()) || machine.real_path(directory).empty())
+        throw failure(fmt::format("find {} in {}", node, machine.archive()),
+                      "it has no UIO device of that name",
+                      "'devaccess uio list" + machine.option() + "' shows the devices");
+    record_set maps = {"maps", {}};
+    for (unsigned index = 0; index < LIBUIO_MAX_MAPS; ++index) {
+        libuio_map_t map = {};
+        const std::string size = machine.line(directory / fmt::format("maps/map{}/size", index));
+        map.index = index;
+        map.size = std::strtoul(size.c_str(), nullptr, 0);
+        if (!size.empty())
+            maps.rows.push_back(map_row(map));
+    }
+    return record()
+        .add("node", printable("/dev/" + directory.filename().string()))
+        .add("emulated", false)
+        .add("class_directory", printable(directory))
+        .add("device_directory", printable(machine.real_path(directory / "device")))
+        .add("removal_notice", !machine.real_path(directory / "device/uio_maps").empty())
+        .add(std::move(maps));
+}
+
+void info(const uio_arguments &arguments)
+{
+    fleet machines(arguments.from);
+    machines.print_each([&](const machine_source &machine, const std::string &) {
+        return machine.is_archive() ? recorded_info(arguments.node, machine)
+                                    : present_info(arguments.node);
+    });
+    machines.finish();
 }
 
 //--- interrupts -----------------------------------------------------------------------------------
@@ -357,11 +392,20 @@ std::vector<std::string> node_names(const given_options &)
 constexpr char node_meaning[] =
     "/dev/uioN, uioN, N, a device's name, or sysfs_pci:REGION.SLOT[.FPGA]";
 
-void add_nothing(command &, uio_arguments &) {}
+void add_fleet(command &to, uio_arguments &arguments)
+{
+    add_archives(to, arguments.from);
+}
 
 void add_node(command &to, uio_arguments &arguments)
 {
     to.argument("NODE", arguments.node, node_meaning).choices(node_names).required();
+}
+
+void add_info(command &to, uio_arguments &arguments)
+{
+    add_node(to, arguments);
+    add_fleet(to, arguments);
 }
 
 void uio_device::add_device(command &to, register_arguments &arguments)
@@ -381,8 +425,8 @@ void add_wait(command &to, uio_arguments &arguments)
 
 void describe_uio(command &uio)
 {
-    uio.add("list", "List the devices with a UIO driver", add_nothing, list);
-    uio.add("info", "Show a device's directories and maps", add_node, info);
+    uio.add("list", "List the devices with a UIO driver", add_fleet, list);
+    uio.add("info", "Show a device's directories and maps", add_info, info);
     add_register_commands<uio_device>(uio);
     uio.add("wait", "Enable the interrupt and wait for it", add_wait, wait);
 }
