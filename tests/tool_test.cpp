@@ -541,7 +541,8 @@ TEST_F(chassis_sim_files, that_are_recordings_show_the_machine)
              "devaccess pci list; for f in $(ls /sys/bus/pci/devices); do devaccess pci caps $f; "
              "devaccess pci show $f; done; devaccess uio list; "
              "for c in RPSW1 ALSW2 SW1; do devaccess podlog --chassis n20 show $c; done; "
-             "for b in event test error; do devaccess postlog show $b; done",
+             "for b in event test error; do devaccess postlog show $b; done; "
+             "for s in RPSW SW1; do devaccess inventory show $s; done",
              1);
     follow("chassis_sim/recordings.txt");
 }

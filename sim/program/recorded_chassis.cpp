@@ -32,15 +32,24 @@ struct recording {
     std::map<std::string, std::string> links;
 };
 
-// Whether it is where a recording has something, and nowhere else.
-bool is_recorded_place(const fs::path &path)
+// POD logs and inventory records.
+bool is_card_file(const std::string &path)
 {
-    const bool leads_astray =
-        std::any_of(path.begin(), path.end(), [](const auto &part) { return part == ".."; });
-    const std::string text = path.string();
-    return !leads_astray && (text.starts_with("/sys/bus/pci/") || text.starts_with("/sys/class/") ||
-                             text.starts_with("/sys/devices/") || text.starts_with("/var/pod/") ||
-                             text.starts_with("/dev/nvlog-"));
+    return path.starts_with("/var/pod/") || path.starts_with("/flash/diags/") ||
+           path.starts_with("/var/log/diags/");
+}
+
+// Whether it is where a recording has something, and nowhere else.
+bool is_recorded_place(const std::string &path)
+{
+    return is_card_file(path) || path.starts_with("/sys/bus/pci/") ||
+           path.starts_with("/sys/class/") || path.starts_with("/sys/devices/") ||
+           path.starts_with("/dev/nvlog-");
+}
+
+bool leads_astray(const fs::path &path)
+{
+    return std::any_of(path.begin(), path.end(), [](const auto &part) { return part == ".."; });
 }
 
 std::string bytes_of(archive *tar, const std::string &path)
@@ -76,16 +85,20 @@ recording entries_of(archive *tar, const std::string &file)
     while ((result = LIBARCHIVE(archive_read_next_header)(tar, &entry)) == ARCHIVE_OK) {
         const char *const name = LIBARCHIVE(archive_entry_pathname)(entry);
         const fs::path path = fs::path("/") / (name ? name : "");
-        if (!is_recorded_place(path))
-            continue; // the manifest, for one
-        if (const char *const target = LIBARCHIVE(archive_entry_symlink)(entry))
-            made.links[path] = target;
-        else if (LIBARCHIVE(archive_entry_filetype)(entry) == AE_IFREG)
+        if (leads_astray(path))
+            continue;
+        if (const char *const target = LIBARCHIVE(archive_entry_symlink)(entry)) {
+            if (is_recorded_place(path))
+                made.links[path] = target;
+        } else if (LIBARCHIVE(archive_entry_filetype)(entry) == AE_IFREG)
             size += (made.files[path] = bytes_of(tar, path)).size();
         if (size > largest_recording || made.links.size() + made.files.size() > 1000000)
             throw failure(file + " is too large for a recording");
     }
-    if (result != ARCHIVE_EOF || made.files.empty())
+    const bool is_foreign = std::none_of(made.files.begin(), made.files.end(), [](const auto &one) {
+        return is_recorded_place(one.first);
+    });
+    if (result != ARCHIVE_EOF || is_foreign)
         throw failure("cannot read a recording from " + file);
     return made;
 }
@@ -105,21 +118,44 @@ recording read_recording(const std::string &file)
 void require_inside(const fs::path &path)
 {
     const std::string place = fs::weakly_canonical(path).string();
-    if (!place.starts_with("/sys/") && !place.starts_with("/var/pod/"))
+    if (!place.starts_with("/sys/") && !is_card_file(place))
         throw failure("a link of the recording leads to " + place);
+}
+
+// What a card's file leads to, where that lies elsewhere on the machine; else NULL.
+const std::string *file_elsewhere(const recording &recorded, const fs::path &link,
+                                  const std::string &target)
+{
+    const auto found = recorded.files.find((link.parent_path() / target).lexically_normal());
+    return is_card_file(link) && found != recorded.files.end() && !is_recorded_place(found->first)
+               ? &found->second
+               : nullptr;
+}
+
+void write_links(const recording &recorded)
+{
+    size_t copied = 0;
+    for (const auto &[path, target] : recorded.links) {
+        require_inside(fs::path(path).parent_path() / "link");
+        const std::string *const bytes = file_elsewhere(recorded, path, target);
+        copied += bytes ? bytes->size() : 0;
+        if (copied > largest_recording)
+            throw failure("the recording's links lead to too much");
+        if (bytes)
+            write_file(path, *bytes, 0666);
+        else
+            make_symlink(path, target);
+    }
+    for (const auto &[path, target] : recorded.links)
+        require_inside(path);
 }
 
 void write_tree(const recording &recorded)
 {
     for (const auto &[path, bytes] : recorded.files)
-        if (!path.starts_with("/dev/"))
+        if (is_recorded_place(path) && !path.starts_with("/dev/"))
             write_file(path, bytes, 0666);
-    for (const auto &[path, target] : recorded.links) {
-        require_inside(fs::path(path).parent_path() / "link");
-        make_symlink(path, target);
-    }
-    for (const auto &[path, target] : recorded.links)
-        require_inside(path);
+    write_links(recorded);
 }
 
 std::vector<fs::path> entries_of(const std::string &directory)
