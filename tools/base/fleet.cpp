@@ -48,12 +48,13 @@ fleet::fleet(const archive_names &from, archive_part part) : part_(part)
 
 std::string fleet::label_of(const machine_source &machine)
 {
-    std::string label = machine.facts().host;
-    if (!labels_.insert(label).second) {
-        label += fmt::format(" ({})", printable(fs::path(machine.archive()).filename()));
-        labels_.insert(label);
-    }
-    return label;
+    const fs::path file = machine.archive();
+    const std::string &host = machine.facts().host;
+    for (const std::string &label :
+         {host, fmt::format("{} ({})", host, printable(file.filename()))})
+        if (labels_.insert(label).second)
+            return label;
+    return fmt::format("{} ({})", host, printable(file));
 }
 
 void fleet::work_on(const std::string &file,
