@@ -103,6 +103,12 @@ reading_position::taken_entry reading_position::take(const std::string &log, tim
     return {before == known.end() || number > before->second, id};
 }
 
+void reading_position::begin_machine()
+{
+    if (file_.empty())
+        *this = reading_position("");
+}
+
 void reading_position::forget_what_is_gone(const std::string &log)
 {
     whole_.insert(log);

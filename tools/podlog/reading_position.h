@@ -28,6 +28,9 @@ public:
     // Takes an entry of the log ("pod SW1"); of several that are alike, one after the other.
     taken_entry take(const std::string &log, time_t time, const std::string &message);
 
+    // What is taken next is of another machine. Without a file, those before are forgotten.
+    void begin_machine();
+
     // All of the log has been read: what has gone from it is forgotten. What is not all there keeps
     // what is remembered of it, as entries of a damaged or unreachable log can come back.
     void forget_what_is_gone(const std::string &log);

@@ -39,6 +39,7 @@ public:
     void begin(const machine_source &machine, const std::string &host)
     {
         host_ = machine.is_archive() ? host : "";
+        position_.begin_machine();
     }
 
     void add(const char *log, const std::string &source, int history, time_t time,

@@ -160,19 +160,38 @@ post_history post_image::decode_history(int number_of_it, size_t position, size_
 log_record post_image::decode_entry(size_t position, size_t end) const
 {
     log_record record = summed("entry", position, entry_size, checksum_at);
-    const uint64_t size = number(position + message_size_at, 4);
-    if (record.state == record_state::good && size + entry_size > end - std::min(position, end))
-        refuse(record, fmt::format("its message of {} bytes does not fit", size));
+    if (record.state == record_state::good && !fits(position, end))
+        refuse(record, fmt::format("its message of {} bytes does not fit",
+                                   number(position + message_size_at, 4)));
     return record;
+}
+
+bool post_image::fits(size_t position, size_t end) const
+{
+    return number(position + message_size_at, 4) + entry_size <= end - std::min(position, end);
 }
 
 // Of the next good entry from here on that begins before the limit, which is the result when there
 // is none.
 size_t post_image::find_entry(size_t position, size_t end, size_t limit) const
 {
-    while (position < limit && decode_entry(position, end).state != record_state::good)
-        ++position;
-    return std::min(position, limit);
+    for (; position < limit; ++position) {
+        position = skip_blank(position);
+        if (position < limit && fits(position, end) &&
+            decode_entry(position, end).state == record_state::good)
+            return position;
+    }
+    return limit;
+}
+
+// The next position of an entry that is not blank.
+size_t post_image::skip_blank(size_t position) const
+{
+    const char first = bytes_[position];
+    if (first != '\0' && first != '\xff')
+        return position;
+    const size_t other = std::min(bytes_.find_first_not_of(first, position), bytes_.size());
+    return other - position < entry_size ? position : other - entry_size + 1;
 }
 
 void post_image::decode_entries(post_history &history) const

@@ -65,6 +65,8 @@ private:
     log_record decode_index() const;
     post_history decode_history(int number, size_t position, size_t end) const;
     log_record decode_entry(size_t position, size_t end) const;
+    bool fits(size_t position, size_t end) const;
+    size_t skip_blank(size_t position) const;
     size_t find_entry(size_t position, size_t end, size_t limit) const;
     void decode_entries(post_history &history) const;
     int current() const;
