@@ -132,6 +132,9 @@ TEST(uio_emul, finds_blocks_by_their_names)
         add_hotswap_name(slot, "0000:00:02.0"); // the peer's
     for (const std::string &slot : words("RPSW xrpsw sw345678901234567890"))
         add_hotswap_name(slot, "0000:00:01.0");
+    fpga_card beside_the_peer = card_in("rpsw3", 6);
+    beside_the_peer.port = "0000:00:02.1";
+    add_fpga_card(beside_the_peer);
     add_hotswap_name("sw2", "0000:00:09.0"); // which is not there
     add_hotswap_name("sw3", "");
     add_hotswap_name("sw5", "0000:00:01.0x"); // too long
@@ -140,7 +143,7 @@ TEST(uio_emul, finds_blocks_by_their_names)
     for (const std::string &name :
          words("uio_glb.rpsw.zarnik uio_glb.rpsw2.zarnik uio_glb.rpsw2.zarnik2 uio_fe.rpsw2.zarnik "
                "uio_fe.self.zarnik uio_glb.self.zarnik uio_cmneqp.rpsw2.zarnik2 uio_fe.sw1.v "
-               "uio_cmneqp.RPSW2.zarnik2 uio_fe.sw5 "
+               "uio_cmneqp.RPSW2.zarnik2 uio_cmneqp.rpsw3.zarnik2 uio_fe.sw5 "
                "uio_glb.rpsw uio_cma.rpsw.pellum uio_cma.self.pellum "
                "uio_cma.peer.pellum uio_cma.rpsw.pellum2 uio_nvram.rpsw2.pellum2 "
                "uio_fe.sw1 UIO_FE.sw1 uio_fe.SW1 uio_fe.RPSW.Zarnik uio_fe.xrpsw.zarnik "

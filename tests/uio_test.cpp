@@ -319,6 +319,26 @@ TEST_F(uio_irq, a_signal_ends_a_wait)
                             .out = err("irqwait: poll(,2,-1) failed: Interrupted system call")});
 }
 
+TEST_F(uio_irq, moves_4_bytes_at_the_beginning_of_the_node)
+{
+    write_file("/tmp/node", "........");
+    close(std::exchange(uio_->uio_fd, open("/tmp/node", O_RDWR)));
+    EXPECT_OUTCOME(libuio_irqcontrol(uio_, 0x34333231), {});
+    EXPECT_EQ(read_file("/tmp/node"), "1234....");
+    expect_interrupt(nullptr, 0x34333231);
+}
+
+TEST_F(uio_irq, any_event_of_the_notice_is_a_removal)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[1]); // a hang-up, and nothing to read
+    close(std::exchange(uio_->gone_fd, ends[0]));
+    EXPECT_OUTCOME(
+        libuio_irqwait(uio_, nullptr, nullptr),
+        {.value = -1, .error = ECANCELED, .err = debug("irqwait: uio_maps removed"), .opens = -3});
+}
+
 TEST_F(uio_irq, a_node_may_be_descriptor_0)
 {
     dup2(std::exchange(uio_->uio_fd, 0), 0);

@@ -130,7 +130,8 @@ private:
     {
         return choose.of({string("0x20"), string("020"), string("16\n"), string("4096"),
                           string("0x2000\n"), string("0"), string("x"), string("0x"),
-                          string("0x10") + string(36, ' ') + "9", string(" 8192")});
+                          string("0x10") + string(36, ' ') + "9", string(" 8192"),
+                          string(36, ' ') + "40960"});
     }
 
     void change_tree(choices &choose)
@@ -183,9 +184,9 @@ private:
         if (choose.one_in(8))
             return choose.one_in(4) ? write_file(maps, "no directory") : void();
         fs::create_directories(maps);
-        for (int count = choose.one_in(10) ? 66 : choose.below(5); count > 0; --count) {
+        for (int count = choose.one_in(10) ? 69 : choose.below(5); count > 0; --count) {
             const string name =
-                "map" + (count > 5 ? std::to_string(count - 3)
+                "map" + (count > 5 ? std::to_string(count - 6)
                                    : choose.of({string("0"), string("1"), string("5"), string("07"),
                                                 string("63"), string("64"), string("007"),
                                                 string("1a"), string("+1"), string()}));
@@ -391,6 +392,8 @@ private:
         expect_same("how the node is open", O_RDWR,
                     ::fcntl(libuio_get_uio_fd(uio), F_GETFL) & O_ACCMODE);
         expect_same("whether there is a notice", open_.has_notice, libuio_get_removed_fd(uio) > 0);
+        if (open_.has_notice)
+            expect_same("where the notice stands", 0L, long{::lseek(uio->gone_fd, 0, SEEK_CUR)});
         for (const int fd : {uio->uio_fd, uio->tmr_fd, uio->gone_fd})
             if (fd >= 0)
                 expect_same("what a new program keeps", FD_CLOEXEC, ::fcntl(fd, F_GETFD));
