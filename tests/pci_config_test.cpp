@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace
@@ -73,6 +74,7 @@ TEST_F(pci_config, gives_no_handle_that_looks_like_none)
     close(STDIN_FILENO); // the descriptor that the configuration file gets
     void *const h = pci_config_open(&ident);
     EXPECT_NE(h, nullptr);
+    EXPECT_EQ(fcntl(static_cast<int>(reinterpret_cast<intptr_t>(h)), F_GETFD), 0);
     pci_config_close(h);
     EXPECT_EQ(open_descriptors(), before - 1);
 }

@@ -1,5 +1,6 @@
 // Emulated UIO devices: the blocks of each FPGA, what names lead to, what is mapped, and failing
 // calls. This program defines libuio_log, so diagnostics are on.
+#include "support/register_trap.h"
 #include "support/uio.h"
 
 #include <utility>
@@ -12,11 +13,15 @@ int libuio_log;
 
 // When set, the next file to be mapped shrinks to this size just before, and the mapping fails.
 static off_t shrinks_to = -1;
+// When set, what the next file to be mapped is mapped to.
+static void *stand_in;
 
 // Takes the C library's place for the whole program, the library under test included.
 void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept
 {
     static const auto next = reinterpret_cast<decltype(&mmap)>(dlsym(RTLD_NEXT, "mmap64"));
+    if (fd >= 0 && stand_in)
+        return std::exchange(stand_in, nullptr);
     const off_t size = std::exchange(shrinks_to, -1);
     if (size < 0)
         return next(addr, length, prot, flags, fd, offset);
@@ -157,6 +162,8 @@ TEST(uio_emul, finds_blocks_by_their_names)
          {"", " uio_fe.sw1", "uio_fe.sw1 y", "uio_fe.sw1.vostra_lite\ty", "uio_fe .sw1", "\n"})
         show_opening(seen, name);
     EXPECT_TEXT("uio_emul/names.txt", lasting(seen.text()));
+    for (const std::string space : {"\v", "\f", "\r"})
+        held("sysfs_pci:" + space + "uio_fe.sw1" + space + "x");
     open_block("uio_none.sw1.vostra_lite");
     EXPECT_EQ(read_file(pci_link("0000:00:03.0") + "/0000:03:00.0/enable")[0], '0');
 
@@ -187,6 +194,16 @@ TEST(uio_emul, asks_the_fpga_what_it_is)
         }
     }
     EXPECT_TEXT("uio_emul/codes.txt", lasting(seen.text()));
+}
+
+TEST(uio_emul, asks_the_fpga_by_one_access_of_32_bits)
+{
+    start_chassis("alsw1");
+    register_trap registers(4096, [](size_t, unsigned) { return 0x00220000; });
+    stand_in = registers.base();
+    held("sysfs_pci:uio_pci.alsw1"); // which this code's FPGA has
+    EXPECT_EQ(registers.take_log(),
+              (std::vector<register_access>{{register_access::read, 0x28, 4, 0x00220000}}));
 }
 
 TEST(uio_emul, takes_the_first_device_behind_the_port)

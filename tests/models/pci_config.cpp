@@ -65,7 +65,7 @@ private:
         for (uint32_t at = 0; at < 256; ++at)
             bytes_[at] = static_cast<uint8_t>(choose.bits());
         put(0x06, 1, choose.one_in(8) ? choose.below(256) : 0x10);
-        put(0x0e, 1, choose.of({0, 0, 1, 1, 2, 2, 3, 0x80, choose.below(256)}));
+        put(0x0e, 1, choose.of({0, 0, 1, 1, 2, 2, 3, 0x80, 0x81, 0x82, choose.below(256)}));
         int place = choose.of({0x40, 0x40, 0x44, 0x42, 0x43, 0, 0xfc});
         put(0x34, 1, place);
         put(0x14, 1, place ? place + 4 : 0);
@@ -89,7 +89,8 @@ private:
     void describe_port(choices &choose, uint32_t place)
     {
         // Training for ever takes half a second, so it is rare.
-        const int link = choose.of({0x2041, 0x2001, 0x2841, 0xe40f, choose.below(0x10000)});
+        const int link =
+            choose.of({0x2041, 0x2001, 0x2841, 0xe40f, 0x2011, 0x2201, choose.below(0x10000)});
         const bool slow = choose.one_in(40);
         const bool reports = choose.one_in(2);
         for (const uint32_t at : {place, place + 4}) {
@@ -252,6 +253,7 @@ private:
                 return opened_ > 0;
             });
             expect_same("the way it is open", O_RDWR, ::fcntl(opened_, F_GETFL) & O_ACCMODE);
+            expect_same("what a new program keeps", 0, ::fcntl(opened_, F_GETFD));
         }
     }
 

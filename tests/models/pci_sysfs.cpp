@@ -166,7 +166,8 @@ private:
                             choose.hostile());
             if (choose.one_in(6))
                 text += choose.of({string("5\n"), string("\n"), string("1 0x1f\n"),
-                                   string(130, '0') + "1 0x1f 2\n", string("-1 -2 3\n")});
+                                   string("1 2 0x100000003\n"), string(130, '0') + "1 0x1f 2\n",
+                                   string("-1 -2 3\n")});
         }
         return choose.one_in(4) ? text.substr(0, text.size() / 2) : text;
     }
@@ -240,8 +241,9 @@ private:
                 at = at > end ? at : rest + 1;
             }
             const auto after = static_cast<int32_t>(static_cast<uint32_t>(numbers[1] + 1));
-            info.resource_bar[line] = {
-                numbers[0], static_cast<uint64_t>(int64_t{after}) - numbers[0], numbers[2]};
+            info.resource_bar[line] = {numbers[0],
+                                       static_cast<uint64_t>(int64_t{after}) - numbers[0],
+                                       std::min(numbers[2], uint64_t{0xffffffff})};
         }
     }
 
