@@ -41,7 +41,7 @@ std::vector<std::string> parameters_in(const std::string &line)
     return found;
 }
 
-// As a shell takes it for one word, whatever is in it.
+// As a shell takes it for one word, whatever is in it. What is printed has no lone backslash.
 std::string quoted(const std::string &word)
 {
     const bool is_plain = std::all_of(word.begin(), word.end(), [](unsigned char c) {
@@ -51,7 +51,7 @@ std::string quoted(const std::string &word)
         return word;
     std::string text = "'";
     for (const char c : word)
-        text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        text += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
     return text + "'";
 }
 

@@ -57,9 +57,24 @@ private:
     {
         return "devaccess " + words + machine_.option();
     }
+    // For this machine, or else one that an archive has something for.
+    std::string command_here(const std::string &here, const std::string &words) const
+    {
+        return machine_.option().empty() ? here : command(words);
+    }
+    std::string settings_shown_by(const std::string &here) const
+    {
+        const std::string &from = machine_.option();
+        return from.empty() ? here : "tar -xOf" + from.substr(from.find(' ', 1)) + " manifest.json";
+    }
     std::string since() const { return " since " + time_text(reference_->facts().time); }
 
     void judge_link(const machine_link &link);
+    std::string wait_for(const machine_link &link) const
+    {
+        return command_here("devaccess pci link-wait " + link.port->id,
+                            "pci caps " + link.port->id);
+    }
     std::string place_below(const machine_link &link) const;
     void judge_empty_port(const machine_link &link);
     std::string causes_of(const machine_link &link) const;
@@ -94,7 +109,7 @@ void judge::judge_link(const machine_link &link)
                    fmt::format("the link below {} is training: it does not come up, or has just "
                                "been lost",
                                link.port->id),
-                   command("pci link-wait " + link.port->id));
+                   wait_for(link));
     if (!link.other)
         return judge_empty_port(link);
     if (link.is.is_degraded())
@@ -157,8 +172,7 @@ void judge::judge_empty_port(const machine_link &link)
     add(finding_level::error, "card-silent:" + place_below(link), link.port->id,
         fmt::format("{} {}, and no function answers there", link.port->id,
                     is_active ? "has its link up" : "sees a card in its slot"),
-        is_active ? command("pci caps " + link.port->id)
-                  : "devaccess pci link-wait " + link.port->id);
+        is_active ? command("pci caps " + link.port->id) : wait_for(link));
 }
 
 //--- errors ---------------------------------------------------------------------------------------
@@ -188,7 +202,7 @@ void judge::judge_counted_errors(const machine_function &function, const char *s
         reason = fmt::format("{} {} errors", now, severity);
     if (const auto which = function.counted.find(severity);
         !reason.empty() && which != function.counted.end() && !which->second.empty())
-        reason += " (" + which->second + ")";
+        reason += (before(function) ? " (in all " : " (") + which->second + ")";
     if (!latched.empty())
         reason += fmt::format("{}its error registers hold {}", reason.empty() ? "" : "; ", latched);
     if (reason.empty())
@@ -252,7 +266,8 @@ void judge::judge_functions()
             fmt::format("of {} functions only the first 64 bytes of configuration space can be "
                         "read, so their error registers are unknown",
                         cut),
-            "run it as root, or with CAP_SYS_ADMIN");
+            machine_.option().empty() ? "run it as root, or with CAP_SYS_ADMIN"
+                                      : "run 'devaccess collect' there as root");
 }
 
 // Most functions need no driver here. That one is missing is known when the machine was told which,
@@ -318,7 +333,7 @@ void judge::judge_nodes()
         if (node.windows == 0)
             add(finding_level::error, "uio-no-map:" + node.name, node.name,
                 fmt::format("{} ({}) has neither a map nor ports", node.name, node.device),
-                "devaccess uio list");
+                command("uio list"));
         if (node.problem.empty())
             continue;
         const bool lacks_right = missing_right(node.problem, 0).has_value();
@@ -326,7 +341,7 @@ void judge::judge_nodes()
             fmt::format("uio-{}:{}", lacks_right ? "no-right" : "no-node", node.name), node.name,
             fmt::format("/dev/{} cannot be opened for reading and writing: {}", node.name,
                         node.problem),
-            "ls -l /dev/" + node.name);
+            command_here("ls -l /dev/" + node.name, "uio info " + node.name));
     }
     if (reference_)
         for (const machine_node &old : reference_->nodes())
@@ -334,7 +349,7 @@ void judge::judge_nodes()
                              [&](const machine_node &node) { return node.device == old.device; }))
                 add(finding_level::error, "uio-missing:" + old.device, old.name,
                     fmt::format("there is no UIO device {}; it was {}", old.device, old.name),
-                    "devaccess uio list");
+                    command("uio list"));
 }
 
 void judge::judge_settings()
@@ -345,7 +360,7 @@ void judge::judge_settings()
             fmt::format("the kernel's lockdown is '{}': it lets nobody map windows of functions, "
                         "open /dev/mem or write to configuration space",
                         facts.lockdown),
-            "cat /sys/kernel/security/lockdown");
+            settings_shown_by("cat /sys/kernel/security/lockdown"));
     for (const std::string &parameter : facts.parameters)
         for (const char *word : {"noaer", "nommconf"})
             if (parameter.find(word) != parameter.npos)
@@ -355,7 +370,7 @@ void judge::judge_settings()
                                     ? "it counts no errors of functions"
                                     : "configuration space ends after 256 bytes, before the "
                                       "error registers"),
-                    "cat /proc/cmdline");
+                    settings_shown_by("cat /proc/cmdline"));
 }
 
 //--- logs -----------------------------------------------------------------------------------------
@@ -401,7 +416,7 @@ void judge::judge_cards()
         if (card.fault_injected)
             add(finding_level::warning, "fault-injected:" + card.name, card.name,
                 "the fault-injection flag of " + card.name + " is set",
-                "devaccess podlog faults clear " + card.name);
+                command_here("devaccess podlog faults clear " + card.name, "podlog faults"));
     }
 }
 
