@@ -393,7 +393,7 @@ private:
                     ::fcntl(libuio_get_uio_fd(uio), F_GETFL) & O_ACCMODE);
         expect_same("whether there is a notice", open_.has_notice, libuio_get_removed_fd(uio) > 0);
         if (open_.has_notice)
-            expect_same("where the notice stands", 0L, long{::lseek(uio->gone_fd, 0, SEEK_CUR)});
+            expect_same("where the notice stands", off_t{0}, ::lseek(uio->gone_fd, 0, SEEK_CUR));
         for (const int fd : {uio->uio_fd, uio->tmr_fd, uio->gone_fd})
             if (fd >= 0)
                 expect_same("what a new program keeps", FD_CLOEXEC, ::fcntl(fd, F_GETFD));
