@@ -2,10 +2,10 @@
 // by itself is what the model tries (tests/models/).
 #include "support/log_text.h"
 #include "support/nvram_controller.h"
+#include "support/post_access.h"
 #include "support/sweep.h"
 
 #include <device_access/post_log.hpp>
-#include <device_access/post_log_nvram_pcie_access.h>
 
 #include <climits>
 #include <filesystem>
@@ -58,19 +58,7 @@ struct post_log : testing::Test {
         EXPECT_EQ(test::open_descriptors(), descriptors);
     }
 
-    void map(nvram_init_fp init)
-    {
-        if (pcie)
-            postlog_map_nvram_access(table, init, postlog_pcie_nvram_rd, close_block,
-                                     postlog_pcie_rd_log_index, postlog_pcie_rd_log_header,
-                                     postlog_pcie_rd_log, postlog_pcie_validate_log_header,
-                                     postlog_pcie_validate_log_entry);
-        else
-            postlog_map_nvram_access(table, init, post_dev_file_nvram_mem_rd, close_block,
-                                     postlog_dev_rd_log_index, postlog_dev_rd_log_header,
-                                     postlog_dev_rd_log, postlog_dev_validate_log_header,
-                                     postlog_dev_validate_log_entry);
-    }
+    void map(nvram_init_fp init) { test::map_post_access(pcie, table, init, close_block); }
 
     // Puts a log into its place, and its geometry into a client's table.
     void set(log_type_t blk, const post_block &log)

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <utility>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -28,7 +29,21 @@ int opened(const char *path, int flags, mode_t mode)
     return real(path, flags, mode);
 }
 
+std::string listed(const std::vector<unsigned int> &all)
+{
+    std::string text;
+    for (const unsigned int one : all)
+        text += std::to_string(one) + " ";
+    return text;
+}
+
 } // namespace
+
+void models::expect_sleeps(const std::vector<unsigned int> &expected)
+{
+    expect_same("the pauses, in microseconds,", listed(expected),
+                listed(std::exchange(sleeps, {})));
+}
 
 extern "C" time_t time(time_t *) noexcept
 {

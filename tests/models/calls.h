@@ -19,7 +19,7 @@ struct opening {
     bool operator==(const opening &) const = default;
 };
 inline std::vector<opening> openings;    // all that open() was asked for
-inline std::vector<unsigned int> sleeps; // in microseconds
+inline std::vector<unsigned int> sleeps; // in microseconds, since expect_sleeps()
 
 // Transfers at a position that touch these bytes fail with EIO.
 struct byte_range {
@@ -47,5 +47,8 @@ struct unsteady_byte {
     }
 };
 inline unsteady_byte unsteady;
+
+// Throws unless these were the pauses, and forgets them.
+void expect_sleeps(const std::vector<unsigned int> &expected);
 
 } // namespace models

@@ -166,6 +166,7 @@ void pod_device::begin()
 {
     said_ = {.error = untouched};
     asked.clear();
+    pauses.clear();
 }
 
 // errno is only promised of failures.
@@ -471,9 +472,12 @@ int pod_device::check_header(int history)
 
 int pod_device::verify_headers()
 {
-    for (int i = 0; i < num_subblock; ++i)
+    for (int i = 0; i < num_subblock; ++i) {
+        if (i > 0)
+            pauses.push_back(200);
         if (check_header(i) != 1)
             return -1;
+    }
     return 1;
 }
 

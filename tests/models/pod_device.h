@@ -102,7 +102,9 @@ public:
 
     region *storage(); // none: there is no such file
 
-    std::vector<opening> asked; // of open(), by the last operation
+    // By the last operation.
+    std::vector<opening> asked;       // of open()
+    std::vector<unsigned int> pauses; // in microseconds
 
 private:
     using record = std::array<uint32_t, 5>; // of an index, a header or an entry

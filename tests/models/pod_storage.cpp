@@ -335,6 +335,7 @@ private:
         for (const opening &one : openings)
             made += one.path + printed(" 0%o ", static_cast<unsigned int>(one.flags));
         expect_same("what is opened, and how,", asked, made);
+        expect_sleeps(device.pauses);
         compare_storages();
     }
 
@@ -365,46 +366,47 @@ private:
 
     void call(choices &choose, pod_device &device)
     {
-        const int id = device.id;
-        const int rdonly = choose.of({0, 0, 1, -1});
         unsteady.position = -1;
-        note(printed("%s %d, read only %d", name_of(what_), id, rdonly));
-        switch (choose.below(24)) {
+        const int rdonly = choose.of({0, 0, 1, -1});
+        note(printed("%s %d, read only %d", name_of(what_), device.id, rdonly));
+        switch (choose.below(12)) {
         case 0:
+            return with_history(choose, device);
         case 1:
         case 2:
-            return CHECK(device.init(rdonly != 0), calls_.init(id, rdonly));
+            return read_log(choose, device);
+        case 3:
+            return choose.one_in(2) ? transfer(choose, device) : add_raw(choose, device);
+        case 4:
+        case 5:
+            return add(choose, device);
+        default:
+            return with_log(choose, device, rdonly);
+        }
+    }
+
+    // The calls that need no more than the device.
+    void with_log(choices &choose, pod_device &device, int rdonly)
+    {
+        const int id = device.id;
+        switch (choose.below(12)) {
+        case 0:
+            return CHECK(device.reset(), calls_.reset(id));
+        case 1:
+            return CHECK(device.set_curr_log_status(), calls_.set_curr_log_status(id, rdonly));
+        case 2:
+            return CHECK(device.close_dir(), calls_.close_dir(id));
         case 3:
         case 4:
             return CHECK(device.close(), (calls_.close(id), 0));
         case 5:
-            return CHECK(device.reset(), calls_.reset(id));
         case 6:
-        case 7:
             return CHECK(device.use_nxt_log(), calls_.use_nxt_log(id));
+        case 7:
         case 8:
-            return CHECK(device.set_curr_log_status(), calls_.set_curr_log_status(id, rdonly));
-        case 9:
-        case 10:
             return CHECK(device.open_dir(), calls_.open_dir(id));
-        case 11:
-            return CHECK(device.close_dir(), calls_.close_dir(id));
-        case 12:
-        case 13:
-        case 14:
-            return of_history(choose, device);
-        case 15:
-        case 16:
-        case 17:
-            return read_log(choose, device);
-        case 18:
-            return transfer(choose, device);
-        case 19:
-            if (what_ == kind::eeprom)
-                return add_raw(choose, device);
-            [[fallthrough]];
         default:
-            return add(choose, device);
+            return CHECK(device.init(rdonly != 0), calls_.init(id, rdonly));
         }
     }
 
@@ -436,6 +438,8 @@ private:
 
     void add_raw(choices &choose, pod_device &device)
     {
+        if (what_ != kind::eeprom)
+            return;
         string raw =
             entry(static_cast<uint32_t>(choose.hostile())) + choose.text(120) + string(200, '\0');
         string seen = raw;
@@ -459,7 +463,7 @@ private:
         return what;
     }
 
-    void of_history(choices &choose, pod_device &device)
+    void with_history(choices &choose, pod_device &device)
     {
         const int history = a_history(choose, device);
         time_t time = 77, seen = 77;
@@ -501,7 +505,7 @@ private:
         note(printed("position 0x%x, %u bytes", at, size));
         if (what_ == kind::nvram && choose.one_in(2))
             CHECK(device.mem_rd(at, bytes.data(), size), pod_nvram_mem_rd(id, at, data, size));
-        else if (what_ == kind::nvram && at < 5000)
+        else if (what_ == kind::nvram)
             CHECK(device.mem_wr(at, bytes.data(), size), pod_nvram_mem_wr(id, at, data, size));
         expect_same("what is moved", bytes, seen);
     }

@@ -3,11 +3,10 @@
 #include "models/calls.h"
 #include "models/walk.h"
 #include "support/nvram_controller.h"
+#include "support/post_access.h"
 
 #include "sim/base/files.h"
 #include "sim/parts/post_log.h"
-
-#include <device_access/post_log_nvram_pcie_access.h>
 
 #include <algorithm>
 #include <climits>
@@ -131,16 +130,7 @@ private:
         const nvram_init_fp opening_call = !opens_ ? opened
                                            : pcie_ ? postlog_pcie_nvram_init
                                                    : postlog_dev_file_nvram_init;
-        if (pcie_)
-            postlog_map_nvram_access(table, opening_call, postlog_pcie_nvram_rd, close_block,
-                                     postlog_pcie_rd_log_index, postlog_pcie_rd_log_header,
-                                     postlog_pcie_rd_log, postlog_pcie_validate_log_header,
-                                     postlog_pcie_validate_log_entry);
-        else
-            postlog_map_nvram_access(table, opening_call, post_dev_file_nvram_mem_rd, close_block,
-                                     postlog_dev_rd_log_index, postlog_dev_rd_log_header,
-                                     postlog_dev_rd_log, postlog_dev_validate_log_header,
-                                     postlog_dev_validate_log_entry);
+        test::map_post_access(pcie_, table, opening_call, close_block);
         note(string("mapped to ") + (pcie_ ? "the controller" : "device files") +
              (opens_ ? "" : ", opening nothing"));
     }
@@ -220,6 +210,7 @@ private:
             accesses_ += busy ? "b" : "s";
             if (!busy)
                 return true;
+            pauses_.push_back(1000);
             --busy_left_;
         }
         return refuse(0, "check_nvc_ready(): PCIE NVRAM Busy check Timed out.\n");
@@ -700,52 +691,70 @@ private:
 
     void call(choices &choose)
     {
-        const log_type_t blk = blk_;
         const int history = choose.of({choose.between(-1, 4), choose.below(3), choose.hostile()});
-        const int position = choose.of({24, 36, last_, last_, choose.hostile()});
-        const uint32_t size = static_cast<uint32_t>(choose.of({0, 1, 32, 100}));
-        time_t time = 77, seen = 77;
-        string text(200, '#'), read = text;
         openings.clear();
-        note(printed("block %d, history %d, position %d, %u bytes", blk, history, position, size));
+        note(printed("block %d, history %d", blk_, history));
         switch (choose.below(10)) {
         case 0:
-            COMPARE(done(open_dir()), postlog_nvram_open_dir(blk));
+            COMPARE(keep(done(open_log(history))), postlog_nvram_open_log(blk_, history));
             break;
         case 1:
         case 2:
-            COMPARE(done(read_dir(history, time)), postlog_nvram_read_dir(blk, history, &seen));
+            compare_read_log(choose);
             break;
         case 3:
-            COMPARE(done(closed_with(1)), postlog_nvram_close_dir(blk));
-            break;
         case 4:
-            COMPARE(keep(done(open_log(history))), postlog_nvram_open_log(blk, history));
-            break;
         case 5:
-        case 6:
-            COMPARE(keep(done(read_log(position, time, text.data(), size))),
-                    postlog_nvram_read_log(blk, position, &seen, read.data(), size));
-            break;
-        case 7:
-            COMPARE(done(dump(history)), postlog_nvram_dump_log_msgs(blk, history));
-            break;
-        case 8:
-            COMPARE(done(dump_current()), postlog_nvram_dump_curr_log_msgs(blk));
-            COMPARE(done(current_header()), post_get_curr_log_hdr_pos(blk));
-            COMPARE(done(next_position()), post_get_nxt_log_pos(blk));
+            compare_dump(choose, history);
             break;
         default:
-            COMPARE(done(dump_all()), postlog_nvram_dump_all_log_msgs(blk));
+            compare_walk(choose, history);
         }
-        expect_same("the time", time, seen);
-        expect_same("what is read", text, read);
         expect_same_rows();
         expect_same_accesses();
         for (const opening &one : openings)
             if (one.path == table[blk_].path)
                 expect_same("the flags that the device is opened with", O_RDONLY | O_EXCL,
                             one.flags);
+    }
+
+    void compare_walk(choices &choose, int history)
+    {
+        time_t time = 77, seen = 77;
+        const int which = choose.below(4);
+        if (which == 0)
+            COMPARE(done(open_dir()), postlog_nvram_open_dir(blk_));
+        else if (which == 1)
+            COMPARE(done(closed_with(1)), postlog_nvram_close_dir(blk_));
+        else
+            COMPARE(done(read_dir(history, time)), postlog_nvram_read_dir(blk_, history, &seen));
+        expect_same("the time", time, seen);
+    }
+
+    void compare_read_log(choices &choose)
+    {
+        const int position = choose.of({24, 36, last_, last_, choose.hostile()});
+        const uint32_t size = static_cast<uint32_t>(choose.of({0, 1, 32, 100}));
+        time_t time = 77, seen = 77;
+        string text(200, '#'), read = text;
+        note(printed("position %d, %u bytes", position, size));
+        COMPARE(keep(done(read_log(position, time, text.data(), size))),
+                postlog_nvram_read_log(blk_, position, &seen, read.data(), size));
+        expect_same("the time", time, seen);
+        expect_same("what is read", text, read);
+    }
+
+    void compare_dump(choices &choose, int history)
+    {
+        const int which = choose.below(3);
+        if (which == 0)
+            COMPARE(done(dump(history)), postlog_nvram_dump_log_msgs(blk_, history));
+        else if (which == 1)
+            COMPARE(done(dump_all()), postlog_nvram_dump_all_log_msgs(blk_));
+        else
+            COMPARE(done(dump_current()), postlog_nvram_dump_curr_log_msgs(blk_));
+        COMPARE(done(current_header()), post_get_curr_log_hdr_pos(blk_));
+        COMPARE(done(next_position()), post_get_nxt_log_pos(blk_));
     }
 
     outcome keep(const outcome &what)
@@ -778,6 +787,7 @@ private:
                         : printed("c%jx ", uintmax_t{value});
         }
         expect_same("what is done to the registers", std::exchange(accesses_, ""), seen);
+        expect_sleeps(std::exchange(pauses_, {}));
     }
 
     void transfer(choices &choose)
@@ -812,6 +822,7 @@ private:
     int left_ = 0;                        // histories of a walk
     int last_ = 0;                        // the position of an entry that was found
     string accesses_;                     // of the registers, by a call
+    std::vector<unsigned int> pauses_;    // in microseconds, by a call
     outcome said_ = {.error = untouched}; // by a call, so far
 };
 
