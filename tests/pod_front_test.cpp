@@ -58,20 +58,35 @@ void note_registry(transcript &seen)
         seen.note(printed("  %-6s id %d, kind %d number %d, secondary kind %d number %d",
                           field(row.inst_name).c_str(), row.inst_id, row.type, row.storage_inst_id,
                           row.secondary_storage_type, row.secondary_storage_inst_id));
+    seen.note("  the last row has " + field(table.dev[POD_MAX_STORAGE - 1].inst_name));
     for (int i = 0; i < map.num_inst; ++i)
         seen.note(printed("  status word %d: %s id %d, %s id %d", i, field(map.name0[i]).c_str(),
                           map.index0[i], field(map.name1[i]).c_str(), map.index1[i]));
     seen.note(printed("  SW2 is in slot %d", GetSlotByName("SW2")->slotN));
 }
 
+void note_nvrams(transcript &seen)
+{
+    for (const podlog::nvram_dev_info_t &row : _nvram_dev_info)
+        seen.note(printed("NVRAM '%s': attribute %d, %d bytes, %d histories, %d bytes each, mask "
+                          "0x%x, descriptor %d, words at %d and %d of %d",
+                          field(row.name).c_str(), row.attr, row.mem_size, row.num_subblock,
+                          row.msg_size, row.log_align_msk, row.fd, row.pod_status_pos,
+                          row.pod_faultinject_pos, row.inst_map.num_inst));
+}
+
 TEST(pod_registry, has_the_cards_of_each_chassis)
 {
     transcript seen;
-    for (const podlog::nvram_dev_info_t &row : _nvram_dev_info)
-        seen.note(printed("NVRAM '%s': attribute %d, %d bytes, %d histories, %d bytes each, mask "
-                          "0x%x, words at %d and %d",
-                          row.name, row.attr, row.mem_size, row.num_subblock, row.msg_size,
-                          row.log_align_msk, row.pod_status_pos, row.pod_faultinject_pos));
+    note_nvrams(seen);
+    podlog::nvram_dev_info_t &second = _nvram_dev_info[1];
+    second.attr = 7;
+    second.fd = 8;
+    second.inst_map.num_inst = 5;
+    std::string name(50, 'n');
+    SHOW(seen, podlog_nvram_set_pod_info(1, name.data(), 5000, 3, 70, 0xF0));
+    SHOW(seen, podlog_nvram_set_pod_info(2, name.data(), 5000, 3, 70, 0xF0));
+    note_nvrams(seen);
     note_registry(seen);
     pod_storage_info_t named = {}; // the rest of a longer name stays
     std::memset(named.dev[0].inst_name, 'x', sizeof named.dev[0].inst_name);
@@ -146,7 +161,8 @@ TEST(pod_run, is_of_one_instance_at_a_time)
 {
     transcript seen;
     for (int round = 0; round < 2; ++round) {
-        for (const auto &run : {std::pair{3, 1}, {3, 0}, {3, 0}, {4, 1}, {4, -1}, {4, 0}, {3, 1}}) {
+        for (const auto &run :
+             {std::pair{3, 1}, {3, -1}, {3, 0}, {3, 0}, {4, 1}, {4, -1}, {4, 0}, {3, 1}}) {
             const int id = run.first, rdonly = run.second;
             seen.note(printed("instance %d, read only %d", id, rdonly));
             SHOW(seen, podlog_set_curr_active_inst(id, rdonly));
@@ -155,6 +171,7 @@ TEST(pod_run, is_of_one_instance_at_a_time)
         SHOW(seen, podlog_clr_curr_active_inst(9, 1));
         SHOW(seen, podlog_get_active_inst_id());
     }
+    SHOW(seen, lc2_pod_log_again); // which is for clients alone
     EXPECT_TEXT("pod/run.txt", seen.text());
 }
 
@@ -285,6 +302,7 @@ TEST(pod_front_end, goes_on_with_the_walk_and_the_log_that_were_opened_last)
     start_chassis();
     transcript seen;
     for (int id : {2, 4}) {
+        now += id;
         podlog_init(id, 0);
         add(id, "text");
         podlog_close(id);
@@ -292,8 +310,11 @@ TEST(pod_front_end, goes_on_with_the_walk_and_the_log_that_were_opened_last)
     SHOW(seen, podlog_open_dir("RP1"));
     SHOW(seen, podlog_open_log("SW1", 0));
     SHOW(seen, podlog_read_dir(0, &when));
+    seen.note(printed("  of %jd", intmax_t{when}));
     SHOW(seen, podlog_read_raw_log(64, reinterpret_cast<uint8_t *>(text)));
     SHOW(seen, podlog_read_log(64, &when, text, 64));
+    SHOW(seen, podlog_open_log("RP1", 0)); // which is open
+    SHOW(seen, podlog_read_raw_log(-1, reinterpret_cast<uint8_t *>(text)));
     SHOW(seen, podlog_open_dir("PM1"));
     SHOW(seen, podlog_read_dir(0, &when));
     SHOW(seen, podlog_open_log("PM1", 0));
@@ -303,12 +324,16 @@ TEST(pod_front_end, goes_on_with_the_walk_and_the_log_that_were_opened_last)
     podlog_unbind_secondary_log_access_func(4);
     SHOW(seen, podlog_init(4, 0));
     seen.note("the choice is that of a row, which has none now");
+    podlog_select_primary_secondary_storage(5, 0);
     std::vector<storage_info_t> rows = one_of_each;
     rows[3].secondary_storage_type = none;
     configure(rows);
     SHOW(seen, podlog_init(4, 0));
     SHOW(seen, add(4, "dropped"));
     SHOW(seen, podlog_use_nxt_log(4));
+    podlog_config_pod_storage_n20_n10(ChassisType_N20, 0);
+    bind_eeprom<2>(2);
+    SHOW(seen, podlog_init(GetSlotByName("SW1")->slotN, 1)); // now in the row of SW2
     EXPECT_TEXT("pod/opened_last.txt", seen.text());
 }
 
@@ -378,14 +403,17 @@ TEST(pod_secondary, takes_what_it_has_room_for_of_a_longer_message)
 //--- status words ---------------------------------------------------------------------------------
 
 const std::string nodes[] = {"/dev/nvlog-pod", "/dev/nvram1"};
+constexpr int sizes[] = {500, 504};
 
 // The status words of both NVRAMs, and their fault masks.
 std::string stored_words()
 {
     std::string all;
-    for (const std::string &node : nodes) {
+    for (const int nvram : {0, 1}) {
         uint32_t words[9] = {};
-        read_file(node).copy(reinterpret_cast<char *>(words), sizeof words, 500 - 72);
+        read_file(nodes[nvram])
+            .copy(reinterpret_cast<char *>(words), sizeof words,
+                  static_cast<size_t>(sizes[nvram] - 72));
         for (uint32_t word : words)
             all += printed(" %x", word);
         all += ";";
@@ -443,14 +471,18 @@ struct status_test : testing::Test {
     {
         start_chassis();
         for (int nvram : {0, 1}) {
-            chassis_sim::write_file(nodes[nvram], std::string(500, '\0'));
-            podlog_nvram_set_pod_info(nvram, std::string(nodes[nvram]).data(), 500, 2, 64, ~0u);
+            const int size = sizes[nvram];
+            chassis_sim::write_file(nodes[nvram], std::string(static_cast<size_t>(size), '\0'));
+            podlog_nvram_set_pod_info(nvram, std::string(nodes[nvram]).data(), size, 2, 64, ~0u);
         }
+        std::vector<storage_info_t> rows = one_of_each;
+        rows[2].storage_inst_id = 1; // of instance 3
+        configure(rows);
         pod_nvram_inst_map_t map = {3, {2, 4, 6}, {-1, 1, 2}, {"RP1", "SW1"}, {"", "two"}};
         std::memset(map.name0[2], 'x', 40); // no NUL
         std::memset(map.name1[2], 'y', 40);
         podlog_nvram_config_inst_mapping(0, &map);
-        map = {10, {9, 1, 3, 3, 5, 6, 7, 8}, {4, -1, -1, -1, -1, -1, -1, 2}, {}, {"of NVRAM 1"}};
+        map = {10, {9, 1, 3, 3, 5, -1, 7, 8}, {4, -1, -1, -1, -1, 6, -1, 2}, {}, {"of NVRAM 1"}};
         podlog_nvram_config_inst_mapping(1, &map);
     }
 
@@ -484,8 +516,12 @@ TEST_F(status_test, words_of_both_nvrams)
     follow(of_nvram, 0, 77);
     open(0);
     for (const auto &[nvram, id] :
-         {std::pair{0, 4}, {0, 1}, {0, 2}, {0, 77}, {1, 4}, {1, 3}, {2, 4}})
+         {std::pair{0, 4}, {0, 1}, {0, 2}, {0, 77}, {0, -1}, {1, 4}, {1, 3}, {1, 6}, {2, 4}})
         follow(of_nvram, nvram, id);
+    uint8_t unmapped[] = {0, 0, 0, 0x80};
+    pod_nvram_mem_wr(0, static_cast<uint32_t>(podlog_nvram_get_faultinject_pos(0)), unmapped, 4);
+    SHOW(seen, nvram_disp_faultinject_status(0));
+    podlog_nvram_clr_all_faultinject(0);
     open(1);
     follow(of_nvram, 0, 4);
     fs::resize_file(nodes[0], 500 - 41);
@@ -501,23 +537,24 @@ TEST_F(status_test, words_of_instances_and_slots)
         follow(of_slot, 0, id); // it is opened for them
     open(0);
     follow(of_slot, 0, 4); // which it is already
-    for (int id : {2, 4, 77})
+    podlog_nvram_faultinject_pod_status(1, 3, 0);
+    for (int id : {2, 4, 77, 3})
         follow(of_instance, 0, id);
     podlog_nvram_faultinject_pod_status(0, 4, 0);
     int ids[] = {4, 5, 2, 3, 4, 5, 6, 7, 8};
     std::string first(60, 'f'), last = "last";
     char *names[] = {first.data(), last.data(),  first.data(), last.data(), first.data(),
                      last.data(),  first.data(), last.data(),  first.data()};
-    for (int count : {2, 9, -1, 1}) {
+    for (const auto &[nvram, count] : {std::pair{0, 2}, {1, 9}, {0, 9}, {0, -1}, {0, 1}}) {
         pod_nvram_inst_map_t map;
-        podlog_nvram_set_podstatus_info(0, count, ids, names);
-        podlog_nvram_get_inst_mapping(0, &map);
-        SHOW(seen, nvram_dump_podstatus_inst_mapping(0));
-        SHOW(seen, nvram_disp_faultinject_status(0));
+        podlog_nvram_set_podstatus_info(nvram, count, ids, names);
+        podlog_nvram_get_inst_mapping(nvram, &map);
+        SHOW(seen, nvram_dump_podstatus_inst_mapping(nvram));
+        SHOW(seen, nvram_disp_faultinject_status(nvram));
         seen.note("  " + field(map.name0[0]) + ", " + field(map.name0[1]));
     }
     int nvram = 7, index = 7;
-    for (int id : {4, 77}) {
+    for (int id : {4, 8, 77}) { // NVRAM 1 has instance 8
         SHOW(seen, podlog_get_podstatus_inst_info(id, &nvram, &index));
         seen.note(printed("  NVRAM %d, index %d", nvram, index));
     }

@@ -27,6 +27,12 @@ extern "C" int usleep(useconds_t length)
     return 0;
 }
 
+extern "C" int rand() noexcept
+{
+    static int next = 999;
+    return next++;
+}
+
 namespace test
 {
 
