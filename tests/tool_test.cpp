@@ -265,6 +265,14 @@ TEST(devaccess, salvages_and_repairs_every_torn_write_and_flipped_bit)
     }
 }
 
+TEST(devaccess, takes_a_history_of_after_january_2038_for_the_newest)
+{
+    constexpr chassis_sim::pod_layout layout = {0x1FE2C365, 48, 1600, 10, 16384, 16312};
+    string image = chassis_sim::log_image(layout, 0, {{{1, ""}}, {{0x80000001, ""}}, {{2, ""}}});
+    image.replace(32, 16, 16, '\0'); // the index
+    EXPECT_EQ(log_image(devaccess::nvram_layout, image).current(), 1);
+}
+
 // Follows the last command that each error names until the first one works.
 void expect_led_out(const string &first, const string &what)
 {

@@ -365,27 +365,27 @@ std::vector<log_record> log_image::strays() const
     return found;
 }
 
-time_t log_image::time_at(size_t position) const
+uint32_t log_image::second_at(size_t position) const
 {
-    return static_cast<time_t>(
-        static_cast<uint32_t>(record_at<entry_record>(bytes_, position).epoch_time));
+    return static_cast<uint32_t>(record_at<entry_record>(bytes_, position).epoch_time);
 }
 
 log_entry log_image::entry(const log_record &slot) const
 {
-    return {time_at(slot.position),
+    return {static_cast<time_t>(second_at(slot.position)),
             bytes_.substr(slot.position + sizeof(entry_record), message_size)};
 }
 
 //--- which history is the current one -------------------------------------------------------------
 
-// Before all times where it has no entry.
-time_t log_image::latest_time(const log_history &history) const
+// Before all others where it has no entry. A time_t of 32 bits would take those after January 2038
+// for earlier ones.
+int64_t log_image::latest_second(const log_history &history) const
 {
-    time_t latest = -1;
+    int64_t latest = -1;
     for (const log_record &slot : history.slots)
         if (slot.state == record_state::good)
-            latest = std::max(latest, time_at(slot.position));
+            latest = std::max(latest, int64_t{second_at(slot.position)});
     return latest;
 }
 
@@ -393,7 +393,7 @@ const log_history &log_image::latest_history() const
 {
     return *std::max_element(histories_.begin(), histories_.end(),
                              [&](const log_history &one, const log_history &other) {
-                                 return latest_time(one) < latest_time(other);
+                                 return latest_second(one) < latest_second(other);
                              });
 }
 
@@ -412,7 +412,7 @@ int log_image::current() const
     const bool is_likely = in_range && index_.state != record_state::blank &&
                            is_consistent(histories_[named]) &&
                            (histories_[named].used == 0 ||
-                            latest_time(histories_[named]) == latest_time(latest_history()));
+                            latest_second(histories_[named]) == latest_second(latest_history()));
     return is_likely ? static_cast<int>(named) : latest_history().number;
 }
 
@@ -471,7 +471,7 @@ std::string log_image::written_anew(const std::vector<log_record> &strays) const
         runs.back().push_back(stray.position);
     }
     std::stable_sort(runs.begin(), runs.end(), [&](const auto &one, const auto &other) {
-        return time_at(one.front()) < time_at(other.front());
+        return second_at(one.front()) < second_at(other.front());
     });
     fit(runs, static_cast<size_t>(layout_.histories), layout_.most_entries());
 

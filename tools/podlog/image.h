@@ -110,9 +110,9 @@ private:
     std::string rebuilt(const log_history &history) const;
     std::string written_anew(const std::vector<log_record> &strays) const;
     std::string sealed_index(int current) const;
-    time_t latest_time(const log_history &history) const;
+    int64_t latest_second(const log_history &history) const;
     const log_history &latest_history() const;
-    time_t time_at(size_t position) const;
+    uint32_t second_at(size_t position) const; // as it is stored, of an entry
 
     log_layout layout_;
     size_t missing_;
