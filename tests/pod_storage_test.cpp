@@ -285,6 +285,10 @@ TEST(pod_file, makes_directory_and_file_only_for_writing)
     for (int id = 0; id < 17; ++id)
         missing += output_of([&] { EXPECT_EQ(podlog_file_init(id, 1), -1); }).err;
     EXPECT_TEXT("pod/missing_files.txt", missing);
+    int fd = 5;
+    EXPECT_OUTCOME(podlog_file_open_dev_file(6, &fd, 1),
+                   {.error = ENOENT, .err = "ERROR: file /var/pod/pod_ft1.hex does not exist!\n"});
+    EXPECT_EQ(fd, -1);
     EXPECT_EQ(fs::status("/var/pod").permissions(), fs::perms{0777});
     EXPECT_TRUE(fs::is_empty("/var/pod"));
     podlog_file_set_pod_info(3, std::string("/var/pod/small").data(), 1000, 2, 64, ~0u);
@@ -300,6 +304,13 @@ TEST(pod_file, makes_directory_and_file_only_for_writing)
                        {.value = -1,
                         .error = any_error,
                         .err = "ERROR: pod_file_mem_rd: cannot access device!\n"});
+    EXPECT_EQ(::umask(027), mode_t{027});
+    fs::rename("/var", "/elsewhere");
+    EXPECT_OUTCOME(podlog_file_init(4, 1),
+                   {.value = -1,
+                    .error = ENOENT,
+                    .err = "Unable to create POD directory: No such file or directory\n"});
+    EXPECT_EQ(::umask(027), mode_t{0}) << "stays so";
 }
 
 } // namespace

@@ -70,6 +70,16 @@ extern "C" int __open64_2(const char *path, int flags) // what open() is where c
     return opened(path, flags, 0);
 }
 
+extern "C" int mkdir(const char *path, mode_t mode) noexcept
+{
+    static const auto real = next<int (*)(const char *, mode_t)>("mkdir");
+    if (in_call && mkdir_error != 0) {
+        errno = mkdir_error;
+        return -1;
+    }
+    return real(path, mode);
+}
+
 extern "C" ssize_t pread(int fd, void *data, size_t size, off_t position)
 {
     static const auto real = next<ssize_t (*)(int, void *, size_t, off64_t)>("pread64");

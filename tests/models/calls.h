@@ -19,6 +19,7 @@ struct opening {
     bool operator==(const opening &) const = default;
 };
 inline std::vector<opening> openings;    // all that open() was asked for
+inline int mkdir_error = 0;              // that mkdir() fails with
 inline std::vector<unsigned int> sleeps; // in microseconds, since expect_sleeps()
 
 // Transfers at a position that touch these bytes fail with EIO.

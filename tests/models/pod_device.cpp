@@ -167,6 +167,7 @@ void pod_device::begin()
     said_ = {.error = untouched};
     asked.clear();
     pauses.clear();
+    mode_mask = 022;
 }
 
 // errno is only promised of failures.
@@ -372,6 +373,12 @@ bool pod_device::open_file(bool rdonly)
     if (is_open) {
         err("ERROR: podlog_file_init: file %d current device is currently  opened already!\n", id);
         said_.out = said_.err;
+        return false;
+    }
+    if (mkdir_error != 0) {
+        said_.error = mkdir_error;
+        err("Unable to create POD directory: %s\n", std::strerror(mkdir_error));
+        mode_mask = 0; // which it was for the directory
         return false;
     }
     said_.error = EEXIST; // of the directory

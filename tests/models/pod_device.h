@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include <sys/types.h>
 #include <time.h>
 
 namespace models
@@ -105,6 +106,7 @@ public:
     // By the last operation.
     std::vector<opening> asked;       // of open()
     std::vector<unsigned int> pauses; // in microseconds
+    mode_t mode_mask = 022;           // of the process, after it
 
 private:
     using record = std::array<uint32_t, 5>; // of an index, a header or an entry

@@ -218,28 +218,34 @@ private:
         return bytes;
     }
 
+    // Often a header's, or none.
+    static byte_range some_bytes(choices &choose, const pod_device &device)
+    {
+        const int64_t from =
+            choose.of({int64_t{choose.below(1000)}, device.header_at(choose.below(2))});
+        return choose.one_in(2) ? byte_range{} : byte_range{from, from + choose.between(1, 40)};
+    }
+
     void damage(choices &choose, pod_device &device)
     {
         switch (choose.below(8)) {
         case 0:
             return resize(choose, device);
-        case 1: {
-            const int from = choose.below(1000);
-            unreadable =
-                choose.one_in(2) ? byte_range{} : byte_range{from, from + choose.between(1, 40)};
+        case 1:
+            unreadable = some_bytes(choose, device);
             return note(printed("bytes %jd to %jd cannot be read", intmax_t{unreadable.from},
                                 intmax_t{unreadable.to}));
-        }
-        case 2: {
-            const int from = choose.below(1000);
-            unwritable =
-                choose.one_in(2) ? byte_range{} : byte_range{from, from + choose.between(1, 40)};
+        case 2:
+            unwritable = some_bytes(choose, device);
             return note(printed("bytes %jd to %jd cannot be written", intmax_t{unwritable.from},
                                 intmax_t{unwritable.to}));
-        }
         case 3:
             return put(device, choose.below(1000), choose.text(20));
         case 4:
+            if (what_ == kind::file && choose.one_in(2)) {
+                mkdir_error = choose.of({0, EACCES});
+                return note(printed("making a directory gives error %d", mkdir_error));
+            }
             return place_far_entry(choose, device);
         default:
             return change_field(choose, device);
@@ -310,9 +316,10 @@ private:
         put(device, far, entry(64) + "far");
         put(device, far + 80, entry(64));
         put(device, near, entry(static_cast<uint32_t>(far - near - 16)) + "near");
-        if (choose.one_in(3)) {
-            std::array<uint32_t, 5> header = {0, static_cast<uint32_t>(device.subblock_size), 80,
-                                              0x1122, static_cast<uint32_t>(far)};
+        if (choose.one_in(2)) { // where entries are read, or where the next one goes
+            std::array<uint32_t, 5> header = {0, static_cast<uint32_t>(device.subblock_size),
+                                              choose.of({80u, 0u}), 0x1122,
+                                              static_cast<uint32_t>(far)};
             seal(header, 1);
             put(device, near - 20, string(reinterpret_cast<const char *>(header.data()), 20));
         }
@@ -329,6 +336,7 @@ private:
         unsteady.reads = 0;
         openings.clear();
         expect(name, expected, real);
+        expect_same("the mask of modes", device.mode_mask, ::umask(022));
         string asked, made;
         for (const opening &one : device.asked)
             asked += one.path + printed(" 0%o ", static_cast<unsigned int>(one.flags));
@@ -401,6 +409,7 @@ private:
             return CHECK(device.close(), (calls_.close(id), 0));
         case 5:
         case 6:
+            be_unsteady(choose, 32);
             return CHECK(device.use_nxt_log(), calls_.use_nxt_log(id));
         case 7:
         case 8:
