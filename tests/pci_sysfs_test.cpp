@@ -2,6 +2,7 @@
 // calls. What the scan finds and attributes say, the model in tests/models tries, too.
 #include "support/pci.h"
 
+#include <device_access/pci_config.h>
 #include <device_access/qel_pci_hotswap.h>
 
 #include <chrono>
@@ -204,9 +205,9 @@ TEST_F(pci_sysfs, lists_what_is_named_like_a_function)
     seen.note(taken(sysfs_pci_list()));
     seen.note(taken(sysfs_pci_children_list(&ident)));
     for (const std::string name :
-         {"0000:00:1f.3", "0000:00:00.0", "0000:00:1f.4", "0000:03:00.0x"}) {
+         {"0000:00:1f.3", "0000:00:00.0", "0000:00:1f.4", "0000:03:00.0x", ""}) {
         sysfs_pci_identity_t id = {};
-        name.copy(id.str, sizeof id.str); // the last has no NUL
+        name.copy(id.str, sizeof id.str); // the longest has no NUL
         seen.note(name);
         sysfs_pci_identity_t *children = nullptr;
         SHOW(seen, children = sysfs_pci_children_list(&id));
@@ -268,7 +269,8 @@ TEST_F(pci_sysfs, opens_and_stores_attributes)
         write_file(dir + "/text", "a longer text than most");
         for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR}) {
             const int fd = sysfs_pci_open(name, flags, &ident);
-            EXPECT_TRUE(fd < 0 || (::fcntl(fd, F_GETFL) & O_ACCMODE) == flags);
+            const int which = O_ACCMODE | O_APPEND | O_NONBLOCK | O_SYNC;
+            EXPECT_TRUE(fd < 0 || (::fcntl(fd, F_GETFL) & which) == flags);
             ::close(fd);
             SHOW(seen, sysfs_pci_open(name, flags, &ident) >= 0 ? 1 : 0);
         }
@@ -317,6 +319,7 @@ TEST_F(pci_sysfs, maps_windows_that_are_memory)
     make_directory(dir);
     const auto show = [&](const char *what, uint32_t mask) {
         void *bars[6];
+        std::fill_n(bars, 6, MAP_FAILED);
         seen.note(what);
         SHOW(seen, sysfs_pci_mmap(bars, mask, &ident) == 0 ? 1 : -1);
         std::string mapped = "  mapped:", left = "  left mapped:";
@@ -473,14 +476,14 @@ TEST_F(qel_pci_hotswap, looks_101_times_and_passes_on_what_fails)
     EXPECT_EQ(system_calls_of(enable)["open"], 1);
 
     const std::string attribute = dir + "/bridge_enable";
-    write_file(attribute, "0\n");
+    write_file(attribute, "000");
     const auto start = steady_clock::now();
     EXPECT_OUTCOME(enable(), {.value = nullptr, .error = ENODEV});
     EXPECT_GE(steady_clock::now() - start, milliseconds(500));
     auto calls = system_calls_of(enable);
     EXPECT_EQ(calls["open"], 1 + 101);
     EXPECT_EQ(calls["nanosleep"], 100);
-    EXPECT_EQ(read_file(attribute), "1\n");
+    EXPECT_EQ(read_file(attribute), "100");
 
     chassis_sim::bind_mount(attribute, attribute);
     ASSERT_EQ(mount("", attribute.c_str(), "", MS_REMOUNT | MS_BIND | MS_RDONLY, ""), 0);
@@ -526,6 +529,22 @@ TEST_F(pci_sysfs, passes_on_the_error_of_any_call_that_fails)
     };
     for (const promise &promised : promises)
         hold(promised);
+    // The clean-up does not hide the first error.
+    const auto is_first = [](const run &run) {
+        EXPECT_TRUE(run.failed != "mmap" || run.seen.error == EXDEV) << run;
+    };
+    fail_each_call(
+        EXDEV, [] { return sysfs_pci_mmap(bars, 0, &ident); }, is_first, EIO);
+
+    EXPECT_EQ(opens_of([] {
+                  sysfs_pci_show_nums(nums, 1, "enable", &ident);
+                  sysfs_pci_store("1", "enable", &ident);
+                  sysfs_pci_mmap(bars, ~1u, &ident);
+                  pci_config_close(pci_config_open(&ident));
+              }),
+              printed("O_RDONLY %s/enable\nO_WRONLY %s/enable\nO_RDWR %s/resource0\n"
+                      "O_RDWR %s/config\n",
+                      dir.c_str(), dir.c_str(), dir.c_str(), dir.c_str()));
 }
 
 } // namespace

@@ -255,6 +255,9 @@ TEST(uio_emul, each_failing_call_gives_its_errno_and_leaves_nothing_and_the_devi
     const std::string file = device_dir + "/enable";
     enabled = static_cast<char *>(
         mmap(nullptr, 1, PROT_READ, MAP_SHARED, open(file.c_str(), O_RDONLY), 0));
+    EXPECT_EQ(opens_of(round), "O_RDWR " + device_dir + "/resource0\nO_WRONLY " + file +
+                                   "\nO_RDWR " + device_dir + "/resource0\nO_WRONLY " + file +
+                                   "\n");
     // What cannot be looked up is not there; an FPGA that cannot be asked is of the default type.
     expect_failures("uio_emul", EIO, round);
     // Failures of the clean-up do not hide the first.

@@ -190,6 +190,9 @@ TEST(uio_faults, each_failing_call_gives_its_errno_and_one_line_and_leaves_nothi
     device.irq_delay_ms = 0;
     start_chassis({device});
     expect_failures("uio", EIO, round);
+    EXPECT_EQ(opens_of(round), "O_RDONLY /sys/class/uio/uio0/dev\n"
+                               "O_RDONLY /sys/class/uio/uio0/maps/map5/size\n"
+                               "O_RDWR /dev/uio0\nO_RDONLY uio_maps\n");
 }
 
 TEST(uio_faults, an_unmapping_that_fails_is_noted_and_forgotten)

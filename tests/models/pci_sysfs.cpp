@@ -183,7 +183,8 @@ private:
         for (int more = choose.below(3); more > 0; --more)
             text += " " + number(choose);
         text = choose.of({text, text + "\n", string(), string("ffff\n"), string(":9"), string("9:"),
-                          string(126, '0') + "12", string("12abc"), string(5000, '7')});
+                          string(126, '0') + "12", string("12abc"), string(5000, '7'), text + "\t",
+                          string("7,8 9")});
         if (attribute == "resource" && !choose.one_in(5))
             text = lines_of_resources(choose);
         if (choose.one_in(10))

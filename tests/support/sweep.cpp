@@ -197,6 +197,23 @@ std::string path_of(pid_t pid, const stopped_call &call)
     return ' ' + (first.empty() ? text_at(pid, call.arguments[1]) : first);
 }
 
+// How a file is opened, but for what a new program keeps of it.
+std::string flags_of(const stopped_call &open)
+{
+    const uint64_t flags = open.arguments[2]; // of openat(2)
+    const char *const modes[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "no mode"};
+    std::string text = modes[flags & O_ACCMODE];
+    for (const auto &[flag, name] : {std::pair{O_CREAT, "O_CREAT"},
+                                     {O_EXCL, "O_EXCL"},
+                                     {O_TRUNC, "O_TRUNC"},
+                                     {O_APPEND, "O_APPEND"},
+                                     {O_NONBLOCK, "O_NONBLOCK"},
+                                     {O_SYNC, "O_SYNC"}})
+        if ((flags & static_cast<uint64_t>(flag)) == static_cast<uint64_t>(flag))
+            text.append("|").append(name);
+    return text;
+}
+
 // The heap's own calls and the output to the standard streams do not fail.
 bool may_fail(const std::string &name, const stopped_call &call)
 {
@@ -240,6 +257,7 @@ public:
     bool failed() const { return !failed_.empty(); }
     bool allocation_failed() const { return told_->allocation_failed; }
     const call_counts &counts() const { return counts_; }
+    const std::string &opens() const { return opens_; }
 
     run what() const
     {
@@ -285,8 +303,8 @@ private:
     {
         const std::string name = name_of(call);
         ++counts_[name];
-        if (name == "open" && (call.arguments[2] & O_SYNC) == O_SYNC)
-            ++counts_["open with O_SYNC"];
+        if (name == "open" && (call.arguments[2] & O_DIRECTORY) == 0)
+            opens_ += flags_of(call) + path_of(pid_, call) + "\n";
         if (!may_fail(name, call))
             return;
         const bool chosen = failing_-- == 0;
@@ -315,6 +333,7 @@ private:
     int fails_with_ = 0;  // the call that is being made
     std::string failed_;
     call_counts counts_;
+    std::string opens_;
 };
 
 constexpr int none = -1;
@@ -403,14 +422,24 @@ void expect_failures(const std::string &name, int error, const std::function<res
     }
 }
 
-call_counts system_calls_of(const std::function<void()> &operation)
+static traced_run watched(const std::function<void()> &operation)
 {
     const auto call = [&] {
         operation();
         return 0;
     };
-    const traced_run counted(call, none, 0, 0);
-    return counted.ended() ? counted.counts() : call_counts{{"did not end", 1}};
+    return traced_run(call, none, 0, 0);
+}
+
+call_counts system_calls_of(const std::function<void()> &operation)
+{
+    const traced_run run = watched(operation);
+    return run.ended() ? run.counts() : call_counts{{"did not end", 1}};
+}
+
+std::string opens_of(const std::function<void()> &operation)
+{
+    return watched(operation).opens();
 }
 
 } // namespace test

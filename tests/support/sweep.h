@@ -44,4 +44,7 @@ extern const bool heap_can_fail;
 using call_counts = std::map<std::string, int>;
 call_counts system_calls_of(const std::function<void()> &operation);
 
+// How it opens files that are no directories, a line "FLAGS PATH" each: "O_RDWR|O_SYNC /dev/mem".
+std::string opens_of(const std::function<void()> &operation);
+
 } // namespace test
