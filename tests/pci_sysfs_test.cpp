@@ -8,6 +8,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include <fcntl.h>
@@ -127,9 +128,13 @@ int scan_and_count()
 
 TEST_F(pci_sysfs, messages_that_reach_nobody_leave_errno_alone)
 {
-    fs::remove("/dev/log");
+    std::optional<syslog_socket> log(std::in_place);
+    sysfs_pci_info_fetch_next(nullptr); // connects with the log,
+    log.reset();                        // which is no longer there
+    errno = untouched;
+    sysfs_pci_info_fetch_next(nullptr);
+    EXPECT_EQ(errno, untouched);
     sysfs_pci_get_next_element_t handle;
-    EXPECT_OUTCOME(sysfs_pci_info_fetch_next(nullptr), {.value = nullptr});
     std::setvbuf(stdout, nullptr, _IONBF, 0);
     EXPECT_OUTCOME((close(STDOUT_FILENO), sysfs_pci_info_fetch_init(&handle)), {});
 }
@@ -228,11 +233,12 @@ TEST_F(pci_sysfs, reads_the_numbers_of_an_identity)
         SHOW(seen, sysfs_pci_identity_slot(&id));
         SHOW(seen, sysfs_pci_identity_function(&id));
         SHOW(seen, sysfs_pci_identity_devfn(&id));
-        for (const auto &range : {std::pair{0, 3}, {6, 12}, {3, 3}, {12, 6}}) {
+        for (const auto &range : {std::pair{0, 3}, {6, 12}, {3, 3}, {12, 6}, {-5, 20}}) {
             const int first = range.first, last = range.second;
             SHOW(seen, sysfs_pci_identity_atox(first, last, &id));
         }
     }
+    SHOW(seen, sysfs_pci_identity_atox(0, 4, nobody));
     EXPECT_TEXT("pci/identities.txt", seen.text());
 }
 

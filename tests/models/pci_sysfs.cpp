@@ -109,9 +109,9 @@ public:
 private:
     //--- the tree ---------------------------------------------------------------------------------
 
-    static inline const string names[] = {"0000:00:1f.3",  "0000:03:00.0", "fFfF:aB:Cd.7",
-                                          "0000:03:00.8",  "0000:03:00.",  "0000-03:00.0",
-                                          "0000:03:00.0x", "000g:03:00.0", "0000:03 00.0"};
+    static inline const string names[] = {
+        "0000:00:1f.3", "0000:03:00.0",  "fFfF:aB:Cd.7", "0000:03:00.8", "0000:03:00.",
+        "0000-03:00.0", "0000:03:00.0x", "000g:03:00.0", "0000:03 00.0", "-"};
     static inline const string attributes[] = {"device", "vendor", "subsystem_device",
                                                "subsystem_vendor", "resource"};
 

@@ -184,7 +184,8 @@ private:
         if (choose.one_in(8))
             return choose.one_in(4) ? write_file(maps, "no directory") : void();
         fs::create_directories(maps);
-        for (int count = choose.one_in(10) ? 69 : choose.below(5); count > 0; --count) {
+        const bool many = choose.one_in(20);
+        for (int count = many ? 69 : choose.below(5); count > 0; --count) {
             const string name =
                 "map" + (count > 5 ? std::to_string(count - 6)
                                    : choose.of({string("0"), string("1"), string("5"), string("07"),
@@ -192,12 +193,13 @@ private:
                                                 string("1a"), string("+1"), string()}));
             const string file = maps + "/" + name + "/size";
             fs::remove_all(maps + "/" + name);
-            if (choose.one_in(20))
+            const int damage = many ? 20 : choose.below(20);
+            if (damage == 0)
                 fs::create_directories(file);
-            else if (choose.one_in(20))
+            else if (damage == 1)
                 fs::create_directories(maps + "/" + name);
             else
-                write_file(file, choose.one_in(20) ? "" : number_text(choose));
+                write_file(file, damage == 2 ? "" : number_text(choose));
         }
     }
 
