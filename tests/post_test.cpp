@@ -147,7 +147,8 @@ TEST_P(post_either_way, the_librarys_table_says_how_large_blocks_are)
         use_library_table();
         // Where sysfs says nothing, the table's address is shown with an entry that is not there.
         fs::remove(nvram_class_dir(blk) + "/size");
-        load(blk, (blk == event ? "" : post_index(order, 0, 64)) + post_header(order, 1, 40));
+        load(blk, (blk == event ? "" : post_index(order, 0, 64)) +
+                      post_header(order, 1, 40, 0x123456789));
         SHOW(seen, postlog_nvram_open_log(blk, 0));
         use_library_table();
         load(blk, image);
@@ -183,6 +184,8 @@ TEST(post_access, nothing_is_mapped_at_first)
     SHOW(seen, postlog_rd_log(event, 0, nullptr));
     SHOW(seen, postlog_validate_log_header(nullptr));
     SHOW(seen, postlog_validate_log_entry(nullptr));
+    nvram_log_header_t header = {0x10, 0x20, 0x30, 0x40, 0x1122334455667788};
+    SHOW(seen, post_dump_log_block_header(&header)); // which needs no mapping
     EXPECT_TEXT("post/nothing_mapped.txt", seen.text());
 }
 
@@ -279,6 +282,26 @@ TEST_F(post_device, a_failed_read_is_the_result_and_closes_what_was_opened)
                                  EXPECT_EQ(ran.seen.opens, fails ? 0 : opened) << ran;
                                  EXPECT_TRUE(!fails || ran.seen.error == EDOM) << ran;
                              });
+}
+
+TEST_F(post_device, a_clients_functions_may_fail_or_be_missing)
+{
+    use(ring);
+    static int reads = 0;
+    const nvram_rd_log_fp rd_log = [](log_type_t blk, uint32_t offset, nvram_log_t *entry) {
+        return reads++ % 2 == 0 ? postlog_dev_rd_log(blk, offset, entry) : -1;
+    };
+    postlog_map_nvram_access(
+        table, [](log_type_t) { return 1; }, post_dev_file_nvram_mem_rd, close_block,
+        postlog_dev_rd_log_index, postlog_dev_rd_log_header, rd_log, nullptr, nullptr);
+    transcript seen;
+    time_t time = 77;
+    char message[8];
+    SHOW(seen, postlog_nvram_read_dir(results, 1, &time));
+    SHOW(seen, postlog_nvram_open_log(results, 1));
+    SHOW(seen, postlog_nvram_read_log(results, 36, &time, message, 8));
+    SHOW(seen, postlog_nvram_dump_log_msgs(results, 1));
+    EXPECT_TEXT("post/clients_functions.txt", seen.text());
 }
 
 //--- the controller -------------------------------------------------------------------------------

@@ -80,6 +80,14 @@ extern "C" int mkdir(const char *path, mode_t mode) noexcept
     return real(path, mode);
 }
 
+extern "C" int close(int fd) // which may disturb errno
+{
+    const int result = next<int (*)(int)>("close")(fd);
+    if (in_call && result == 0)
+        errno = EOWNERDEAD;
+    return result;
+}
+
 extern "C" ssize_t pread(int fd, void *data, size_t size, off_t position)
 {
     static const auto real = next<ssize_t (*)(int, void *, size_t, off64_t)>("pread64");

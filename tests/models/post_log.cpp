@@ -168,8 +168,8 @@ private:
                                 "busy, %d histories",
                                 intmax_t{unreadable.from}, busy_looks_, row().num_subblock));
         string changed = bytes().substr(at, length);
-        changed.replace(4 * static_cast<size_t>(choose.below(static_cast<int>(length / 4))), 4,
-                        word(value));
+        const size_t field = 4 * static_cast<size_t>(choose.below(static_cast<int>(length / 4)));
+        changed.replace(length == 40 && choose.one_in(2) ? 36 : field, 4, word(value)); // its size
         if (length == 24 && !choose.one_in(3))
             changed.replace(0, 4, word(chassis_sim::cksum(changed.substr(4))));
         if (length == 40 && !choose.one_in(3)) {
@@ -291,6 +291,7 @@ private:
             to[at - offset] = at < bytes_[blk_].size() ? bytes_[blk_][at]
                               : at < far_at            ? '\0'
                                                        : far[at - far_at];
+        unsteady.meet(offset, to, size);
         return size;
     }
 
@@ -684,6 +685,7 @@ private:
 
     outcome done(intmax_t value)
     {
+        unsteady.reads = 0;
         said_.value = value;
         said_.error = value == -1 && said_.error == EIO ? EIO : any_error;
         return std::exchange(said_, outcome{.error = untouched});
@@ -694,8 +696,10 @@ private:
         const int history = choose.of({choose.between(-1, 4), choose.below(3), choose.hostile()});
         openings.clear();
         note(printed("block %d, history %d", blk_, history));
+        unsteady.position = -1;
         switch (choose.below(10)) {
         case 0:
+            be_unsteady(choose, first_place(history));
             COMPARE(keep(done(open_log(history))), postlog_nvram_open_log(blk_, history));
             break;
         case 1:
@@ -726,9 +730,26 @@ private:
             COMPARE(done(open_dir()), postlog_nvram_open_dir(blk_));
         else if (which == 1)
             COMPARE(done(closed_with(1)), postlog_nvram_close_dir(blk_));
-        else
+        else {
+            be_unsteady(choose, first_place(history));
             COMPARE(done(read_dir(history, time)), postlog_nvram_read_dir(blk_, history, &seen));
+        }
         expect_same("the time", time, seen);
+    }
+
+    // Of the first entry of a history, where nothing is damaged.
+    int64_t first_place(int history) const
+    {
+        return blk_ == OFWEVENT_LOG ? 24 : 36 + static_cast<int64_t>(distance_) * history;
+    }
+
+    // Files only: every second read of a byte is wrong.
+    void be_unsteady(choices &choose, int64_t position)
+    {
+        if (pcie_ || !choose.one_in(4))
+            return;
+        unsteady = {position + choose.below(40), 0};
+        note(printed("every second read of byte %jd is wrong", intmax_t{unsteady.position}));
     }
 
     void compare_read_log(choices &choose)
@@ -738,6 +759,7 @@ private:
         time_t time = 77, seen = 77;
         string text(200, '#'), read = text;
         note(printed("position %d, %u bytes", position, size));
+        be_unsteady(choose, position);
         COMPARE(keep(done(read_log(position, time, text.data(), size))),
                 postlog_nvram_read_log(blk_, position, &seen, read.data(), size));
         expect_same("the time", time, seen);
