@@ -184,6 +184,7 @@ TEST(post_access, nothing_is_mapped_at_first)
     SHOW(seen, postlog_rd_log(event, 0, nullptr));
     SHOW(seen, postlog_validate_log_header(nullptr));
     SHOW(seen, postlog_validate_log_entry(nullptr));
+    SHOW(seen, postlog_nvram_dump_curr_log_msgs(results));
     nvram_log_header_t header = {0x10, 0x20, 0x30, 0x40, 0x1122334455667788};
     SHOW(seen, post_dump_log_block_header(&header)); // which needs no mapping
     EXPECT_TEXT("post/nothing_mapped.txt", seen.text());
@@ -223,7 +224,9 @@ TEST_F(post_device, sysfs_says_what_a_block_is)
                              {"nvlog-ofw-event\n", "01234567\n", "010\n", "w\n"},
                              {"nvlog-ofw-event\n", "12\n", "10\n", ""},
                              {"nvlog-ofw-event\n", "12\n", "", "rw\n"},
-                             {"nvlog-ofw-event\n", "", "10\n", "rw\n"}}) {
+                             {"nvlog-ofw-event\n", "", "10\n", "rw\n"},
+                             {"nvlog-ofw-event\n", "12\n", "", ""},
+                             {"nvlog-ofw-event\n", "", "", ""}}) {
         set(event, logs[event]);
         for (const int number : {0, 20}) { // the last is not looked at
             fs::remove_all("/sys/class/zmt_nvram");
@@ -291,15 +294,20 @@ TEST_F(post_device, a_clients_functions_may_fail_or_be_missing)
     const nvram_rd_log_fp rd_log = [](log_type_t blk, uint32_t offset, nvram_log_t *entry) {
         return reads++ % 2 == 0 ? postlog_dev_rd_log(blk, offset, entry) : -1;
     };
-    postlog_map_nvram_access(
-        table, [](log_type_t) { return 1; }, post_dev_file_nvram_mem_rd, close_block,
-        postlog_dev_rd_log_index, postlog_dev_rd_log_header, rd_log, nullptr, nullptr);
+    const auto map_to = [&](nvram_mem_rd_fp rd) {
+        postlog_map_nvram_access(
+            table, [](log_type_t) { return 1; }, rd, close_block, postlog_dev_rd_log_index,
+            postlog_dev_rd_log_header, rd_log, nullptr, nullptr);
+    };
+    map_to(post_dev_file_nvram_mem_rd);
     transcript seen;
     time_t time = 77;
     char message[8];
     SHOW(seen, postlog_nvram_read_dir(results, 1, &time));
     SHOW(seen, postlog_nvram_open_log(results, 1));
     SHOW(seen, postlog_nvram_read_log(results, 36, &time, message, 8));
+    SHOW(seen, postlog_nvram_dump_log_msgs(results, 1));
+    map_to([](log_type_t, uint32_t, uint8_t *, uint32_t) { return 0; });
     SHOW(seen, postlog_nvram_dump_log_msgs(results, 1));
     EXPECT_TEXT("post/clients_functions.txt", seen.text());
 }

@@ -158,7 +158,8 @@ private:
         const size_t length = at == 0 && blk_ != OFWEVENT_LOG ? 12 : at == header ? 24 : 40;
         const auto value = static_cast<uint32_t>(choose.of(
             {choose.hostile(), choose.below(300), static_cast<int>(far_at - 40 - at), 72}));
-        unreadable = choose.one_in(10) ? byte_range{choose.below(900), 900} : byte_range{};
+        unreadable =
+            choose.one_in(10) ? byte_range{choose.of({0, choose.below(900)}), 900} : byte_range{};
         busy_looks_ = choose.one_in(5) ? choose.of({1, 9, 10, 25}) : 0;
         controller_.set_busy_looks(busy_looks_);
         if (choose.one_in(12))
