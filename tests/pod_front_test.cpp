@@ -203,7 +203,7 @@ const std::string blank(16384, '\0');
 void start_chassis()
 {
     chassis_sim::enter_private_root();
-    ::setenv("TZ", "UTC0", 1);
+    ::setenv("TZ", "EAST-1", 1);
     chassis_sim::write_file("/dev/nvlog-pod", blank);
     constexpr int size = 2 * 276;
     podlog_nvram_set_pod_info(0, std::string("/dev/nvlog-pod").data(), size + 100, 2, 64, ~0u);

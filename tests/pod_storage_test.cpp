@@ -38,7 +38,7 @@ protected:
     void SetUp() override
     {
         chassis_sim::enter_private_root();
-        ::setenv("TZ", "UTC0", 1);
+        ::setenv("TZ", "EAST-1", 1);
         bind_eeprom<0>(0);
         if (is_eeprom)
             s.path = eeprom_path(0);

@@ -44,7 +44,7 @@ string log_of(log_type_t blk)
 struct post_log : testing::Test {
     explicit post_log(bool by_pcie) : pcie(by_pcie)
     {
-        ::setenv("TZ", "UTC0", 1);
+        ::setenv("TZ", "EAST-1", 1);
         enter_private_root();
         add_post_logs(server, logs, 0);
         for (const log_type_t blk : {event, results, errors})

@@ -57,7 +57,7 @@ public:
         : what_(choose.of({kind::nvram, kind::file, kind::eeprom})),
           calls_(all_calls[static_cast<int>(what_)])
     {
-        ::setenv("TZ", "UTC0", 1);
+        ::setenv("TZ", "EAST-1", 1);
         ::umask(022);
         normalise = [](string &text) {
             for (size_t at; (at = text.find("instance(")) != text.npos;)

@@ -53,7 +53,7 @@ class post_model : public model
 public:
     explicit post_model(choices &choose) : pcie_(choose.one_in(2))
     {
-        ::setenv("TZ", "UTC0", 1);
+        ::setenv("TZ", "EAST-1", 1);
         postlog_map_pcie_nvram_access(controller_.base());
         for (const log_type_t blk : blocks)
             fill(choose, blk);
