@@ -322,8 +322,9 @@ TEST_F(post_controller, closed_blocks_stay_closed)
     SHOW(seen, postlog_nvram_close_dir(event));
     load(errors, "\x01\x02\x03\x04");
     SHOW(seen, postlog_nvram_init(errors)); // closes, too
+    SHOW(seen, postlog_nvram_close(results));
     postlog_map_pcie_nvram_access(controller.base());
-    for (const int blk : {0, 2, 3, -1})
+    for (const int blk : {0, 1, 2, 3, -1})
         SHOW(seen, postlog_pcie_nvram_rd(static_cast<log_type_t>(blk), 24, nullptr, 1));
     for (const int blk : {0, 3})
         SHOW(seen, postlog_pcie_nvram_init(static_cast<log_type_t>(blk)));

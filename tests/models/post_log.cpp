@@ -819,7 +819,7 @@ private:
             choose.of({0u, 0x8000u, 0x18004u, static_cast<uint32_t>(choose.bits())});
         const uint32_t size =
             static_cast<uint32_t>(choose.of({0, choose.below(8), choose.below(80), 32, 33}));
-        const int swaps = choose.below(2);
+        const int swaps = choose.of({0, 1, -1});
         const bool reads = !choose.one_in(20);
         string text(100, '#'), read = text;
         note(printed("address 0x%x, %u bytes, swapped %d", address, size, swaps));
