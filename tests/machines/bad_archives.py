@@ -28,15 +28,43 @@ make("link", "sys/bus/pci/devices/0000:03:00.0", type=tarfile.SYMTYPE, linkname=
 make("circle", "sys/bus/pci/devices", type=tarfile.SYMTYPE, linkname="../pci/devices")
 with open(good, "rb") as file:
     content = file.read()
-for name, text in {"cut": content[:len(content) // 2], "empty": b"", "text": b"no archive\n" * 99}.items():
+first = content[:512 + -(-manifest.size // 512) * 512]
+end = -(-len(content.rstrip(b"\0")) // 512) * 512
+
+
+def link(name, target):
+    entry = tarfile.TarInfo(name)
+    entry.type = tarfile.SYMTYPE
+    entry.linkname = target
+    return entry.tobuf(tarfile.GNU_FORMAT)
+
+
+sparse = tarfile.TarInfo("var/pod/x")
+sparse.type = tarfile.GNUTYPE_SPARSE
+sparse.size = 512
+block = bytearray(sparse.tobuf(tarfile.GNU_FORMAT))
+block[386:410] = b"%011o\0%011o\0" % ((1 << 20) - 512, 512)  # where its bytes are
+block[483:495] = b"%011o\0" % (1 << 20)
+block[148:156] = b" " * 8
+block[148:156] = b"%06o\0 " % sum(block)
+deep = tarfile.TarInfo("manifest.json")
+nested = b'{"format": 1, "settings": ' + b"[" * 400000 + b"]" * 400000 + b"}"
+deep.size = len(nested)
+many = b"".join(link(f"sys/bus/pci/devices/{i:04x}:00:00.0", "x") for i in range(9000))
+for name, text in {
+        "cut": content[:len(content) // 2], "cut_after_a_member": content[:end],
+        "empty": b"", "text": b"no archive\n" * 99, "many": first + many + bytes(1024),
+        "sparse": first + (block + b"x" * 512) * 300 + bytes(1024),
+        "deep": deep.tobuf() + nested.ljust(-(-len(nested) // 512) * 512 + 1024, b"\0"),
+        "long_link": first + link("sys/bus/pci/devices", "x/" * 400000) + bytes(1024)
+}.items():
     with open(f"{directory}/{name}.tar", "wb") as file:
         file.write(text)
 with tarfile.open(f"{directory}/foreign.tar", "w") as made:
     made.addfile(tarfile.TarInfo("etc/motd"))
 large = tarfile.TarInfo("dev/nvlog-pod")
 large.size = 10 << 30
-first = content[:512 + -(-manifest.size // 512) * 512] + large.tobuf(tarfile.GNU_FORMAT)
-for name, head in {"zeros": b"", "large": first}.items():
+for name, head in {"zeros": b"", "large": first + large.tobuf(tarfile.GNU_FORMAT)}.items():
     with open(f"{directory}/{name}.tar", "wb") as file:
         file.write(head)
         file.truncate(10 << 30)

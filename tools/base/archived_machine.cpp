@@ -32,7 +32,13 @@ namespace fs = std::filesystem;
 constexpr int64_t largest_file = 1 << 20;
 constexpr int64_t largest_archive = 256 << 20;
 constexpr size_t most_entries = 500000;
-constexpr int most_links = 40; // on the way to a file, as for the kernel
+constexpr size_t most_names = 8192; // in a directory: functions, slots, nodes
+constexpr int most_links = 40;      // on the way to a file, as for the kernel
+constexpr size_t longest_path = 4096;
+constexpr size_t longest_host = 255;
+constexpr size_t longest_text = 4096; // in the manifest
+constexpr int deepest_manifest = 8;
+constexpr int64_t block_size = 512; // of a tar archive
 
 struct archive_library : shared_library {
     archive_library() : shared_library("libarchive.so.13", "read an archive") {}
@@ -124,19 +130,27 @@ struct archived_machine::reader {
     bool next()
     {
         const int result = library().archive_read_next_header(tar.get(), &entry);
+        const int64_t position = library().archive_filter_bytes(tar.get(), 0);
+        if (result == ARCHIVE_EOF && entries > 0 && position < end + block_size)
+            refuse(file, "it is cut"); // after a member, without the blank blocks of the end
         if (result == ARCHIVE_EOF)
             return false;
         if (result != ARCHIVE_OK)
             refuse(file, "it is damaged, cut or no tar archive");
         size = library().archive_entry_size(entry);
-        if (library().archive_filter_bytes(tar.get(), 0) > largest_archive ||
-            ++entries > most_entries)
+        end = position;
+        if (position > largest_archive || ++entries > most_entries)
             refuse(file, "it is too large for one of a machine");
         return true;
     }
 
+    // A sparse file is small in the archive, and is not here.
     std::string bytes()
     {
+        end += (size + block_size - 1) / block_size * block_size;
+        total += size;
+        if (total > largest_archive)
+            refuse(file, "it is too large for one of a machine");
         std::string all(static_cast<size_t>(size), '\0');
         size_t done = 0;
         while (done < all.size()) {
@@ -154,6 +168,8 @@ struct archived_machine::reader {
     std::unique_ptr<::archive, int (*)(::archive *)> tar;
     archive_entry *entry = nullptr;
     int64_t size = 0;
+    int64_t end = 0;   // of the last entry, as far as it has been read
+    int64_t total = 0; // bytes of all files
     size_t entries = 0;
 };
 
@@ -195,13 +211,17 @@ archived_machine::archived_machine(const std::string &file, archive_part part) :
 void archived_machine::read_manifest(const std::string &text)
 {
     using nlohmann::json;
-    const json manifest = json::parse(text, nullptr, false);
+    const auto is_shallow = [](int depth, json::parse_event_t, json &) {
+        return depth <= deepest_manifest;
+    };
+    const json manifest = json::parse(text, is_shallow, false);
     if (!manifest.is_object() || manifest.value("format", json()) != json_format)
         refuse(file_, "its manifest.json is none that this program knows");
     const auto text_of = [](const json &object, const char *name) {
         const auto found = object.find(name);
-        return found != object.end() && found->is_string() ? found->get<std::string>()
-                                                           : std::string();
+        return found != object.end() && found->is_string()
+                   ? found->get<std::string>().substr(0, longest_text)
+                   : std::string();
     };
     const auto rows_of = [](const json &object, const char *name) {
         const auto found = object.find(name);
@@ -210,6 +230,7 @@ void archived_machine::read_manifest(const std::string &text)
     facts_.host = printable(text_of(manifest, "host"));
     if (facts_.host.empty())
         facts_.host = printable(without_compression(file_));
+    facts_.host.resize(std::min(facts_.host.size(), longest_host));
     if (const auto time = manifest.find("time_raw");
         time != manifest.end() && time->is_number_integer())
         facts_.time = time->get<time_t>();
@@ -240,7 +261,7 @@ std::string archived_machine::resolved(const std::string &path) const
 {
     std::string rest = path;
     std::string done;
-    for (int links = 0; !rest.empty();) {
+    for (int links = 0; !rest.empty() && rest.size() <= longest_path;) {
         const size_t begin = rest.find_first_not_of('/');
         if (begin == rest.npos)
             break;
@@ -264,7 +285,7 @@ std::string archived_machine::resolved(const std::string &path) const
             done.clear();
         rest = link->second + rest;
     }
-    return done;
+    return rest.size() <= longest_path ? done : "";
 }
 
 bool archived_machine::is_directory(const std::string &path) const
@@ -310,6 +331,8 @@ std::vector<std::string> archived_machine::names_in(const std::string &directory
     };
     add_from(files_);
     add_from(links_);
+    if (names.size() > most_names)
+        refuse(file_, fmt::format("'{}' in it has {} entries", printable(directory), names.size()));
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;

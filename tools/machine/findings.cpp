@@ -289,7 +289,8 @@ void judge::judge_driver(const machine_function &function)
     if (!function.driver.empty() || function.class_code >> 16 == bridge_class)
         return;
     for (const machine_function &other : machine_.functions())
-        if (other.ids() == function.ids() && !other.driver.empty())
+        if (other.vendor == function.vendor && other.device == function.device &&
+            !other.driver.empty())
             return complain(fmt::format("and {} of the same ids has {}", other.id, other.driver));
 }
 

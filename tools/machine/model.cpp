@@ -105,9 +105,10 @@ machine_model::machine_model(const machine_source &machine, model_part part)
 
 const machine_function *machine_model::find(const std::string &id) const
 {
-    const auto found = std::find_if(functions_.begin(), functions_.end(),
-                                    [&](const auto &one) { return one.id == id; });
-    return found == functions_.end() ? nullptr : &*found;
+    const auto found = std::lower_bound(
+        functions_.begin(), functions_.end(), id,
+        [](const auto &one, const std::string &wanted) { return one.id < wanted; });
+    return found == functions_.end() || found->id != id ? nullptr : &*found;
 }
 
 const machine_function *machine_model::at(const std::string &key) const
@@ -134,17 +135,18 @@ void machine_model::add_slots(const machine_source &machine)
 
 void machine_model::add_functions(const machine_source &machine)
 {
-    for (const std::string &id : machine.names_in(pci_directory))
-        if (parse_pci_device(id))
-            add_function(machine, id);
-}
-
-void machine_model::add_function(const machine_source &machine, const std::string &id)
-{
-    const std::string directory = pci_directory + id + "/";
     std::map<std::string, std::string> slots;
     for (const machine_slot &slot : slots_)
         slots.emplace(slot.address, slot.name);
+    for (const std::string &id : machine.names_in(pci_directory)) // sorted, as find() needs them
+        if (parse_pci_device(id))
+            add_function(machine, id, slots);
+}
+
+void machine_model::add_function(const machine_source &machine, const std::string &id,
+                                 const std::map<std::string, std::string> &slots)
+{
+    const std::string directory = pci_directory + id + "/";
     const auto way = way_to(machine.real_path(pci_directory + id));
     machine_function function;
     function.id = id;

@@ -113,7 +113,8 @@ public:
 
 private:
     void add_functions(const machine_source &machine);
-    void add_function(const machine_source &machine, const std::string &id);
+    void add_function(const machine_source &machine, const std::string &id,
+                      const std::map<std::string, std::string> &slots);
     void add_slots(const machine_source &machine);
     void add_links(const machine_source &machine);
     void add_nodes(const machine_source &machine);

@@ -40,6 +40,12 @@ config_space::config_space(const sysfs_pci_identity_t &device, bool for_writing)
     writable_.reset(writable.result);
 }
 
+config_space::config_space(std::string id, std::string bytes)
+    : id_(std::move(id)), bytes_(std::move(bytes))
+{
+    bytes_.resize(std::min<size_t>(bytes_.size(), PCI_CFG_SPACE_EXP_SIZE));
+}
+
 void config_space::closing::operator()(const int *descriptor) const
 {
     ::close(*descriptor);

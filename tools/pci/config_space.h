@@ -20,9 +20,8 @@ class config_space
 public:
     // Reading asks for no right to write: without special rights the kernel shows 64 bytes.
     explicit config_space(const sysfs_pci_identity_t &device, bool for_writing = false);
-    config_space(std::string id, std::string bytes) : id_(std::move(id)), bytes_(std::move(bytes))
-    {
-    }
+    // What a file has of one, which ends where the largest do.
+    config_space(std::string id, std::string bytes);
 
     const std::string &id() const { return id_; }
     bool is_device() const { return file_ != nullptr; }
