@@ -391,6 +391,7 @@ TEST_F(pci_sysfs, refuses_what_no_memory_or_address_space_has_room_for)
     EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.value = -1, .error = ENOMEM});
     EXPECT_EQ(bars[1], MAP_FAILED);
     EXPECT_EQ(msync(bars[0], 1, MS_ASYNC), -1) << "still mapped";
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, nobody), {.value = -1, .error = -22});
 }
 
 //--- hot swap -------------------------------------------------------------------------------------
