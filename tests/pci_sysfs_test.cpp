@@ -331,7 +331,8 @@ TEST_F(pci_sysfs, maps_windows_that_are_memory)
         std::string mapped = "  mapped:", left = "  left mapped:";
         void *const before[6] = {bars[0], bars[1], bars[2], bars[3], bars[4], bars[5]};
         for (int bar = 0; bar < 6; ++bar)
-            mapped += before[bar] && is_mapped(before[bar]) ? printed(" %d", bar) : "";
+            if (before[bar])
+                mapped += printed(is_mapped(before[bar]) ? " %d" : " (%d)", bar);
         if (before[5] && is_mapped(before[5]))
             static_cast<char *>(before[5])[4095] = 'w';
         sysfs_pci_munmap(bars, &ident);
