@@ -74,6 +74,8 @@ TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
         EXPECT_EQ(system_calls_of(open)["nanosleep"], steps) << limit.tv_sec;
         EXPECT_GE(std::chrono::steady_clock::now() - start, steps * milliseconds(5));
     }
+    // Nor is there a directory of UIO devices.
+    EXPECT_OUTCOME(open_now("/dev/null"), {.value = nullptr, .error = ENOENT});
 }
 
 TEST(uio_open, waits_for_what_appears_later)
