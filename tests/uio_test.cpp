@@ -74,8 +74,6 @@ TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
         EXPECT_EQ(system_calls_of(open)["nanosleep"], steps) << limit.tv_sec;
         EXPECT_GE(std::chrono::steady_clock::now() - start, steps * milliseconds(5));
     }
-    // Nor is there a directory of UIO devices.
-    EXPECT_OUTCOME(open_now("/dev/null"), {.value = nullptr, .error = ENOENT});
 }
 
 TEST(uio_open, waits_for_what_appears_later)
@@ -329,10 +327,10 @@ TEST_F(uio_irq, a_signal_ends_a_wait)
 
 TEST_F(uio_irq, moves_4_bytes_at_the_beginning_of_the_node)
 {
-    write_file("/dev/file", "........");
-    close(std::exchange(uio_->uio_fd, open("/dev/file", O_RDWR)));
+    write_file("/tmp/node", "........");
+    close(std::exchange(uio_->uio_fd, open("/tmp/node", O_RDWR)));
     EXPECT_OUTCOME(libuio_irqcontrol(uio_, 0x34333231), {});
-    EXPECT_EQ(read_file("/dev/file"), "1234....");
+    EXPECT_EQ(read_file("/tmp/node"), "1234....");
     expect_interrupt(nullptr, 0x34333231);
 }
 
@@ -359,7 +357,8 @@ TEST_F(uio_irq, a_node_may_be_descriptor_0)
 TEST_F(uio_irq, closes_the_notice_then_the_node_then_the_timer)
 {
     std::string done;
-    const auto close = [this] { return libuio_close(uio_), 0; };
+    // The sanitizers, too, make calls at the first look at an object that has virtual functions.
+    const auto close = [uio = uio_] { return libuio_close(uio), 0; };
     fail_each_call(EIO, close, [&done](const run &run) { done += run.failed + "\n"; });
     EXPECT_EQ(replaced(done, "[0-9]{2,}", "NUMBER"),
               "munmap\nclose /memfd:chassis-notice:uio0 (deleted)\n"
