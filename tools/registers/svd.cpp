@@ -180,7 +180,7 @@ private:
     {
         for (const xml_element &one : from.children) {
             look();
-            if (const xml_element *const named = one.child("name"); named && named->text == name)
+            if (const xml_element *const its = one.child("name"); its && its->text == name)
                 return &one;
             if (is_list(one))
                 if (const xml_element *const found = find_child(one, name))
