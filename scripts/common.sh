@@ -5,23 +5,30 @@ say() {
     printf '\n== %s\n' "$*"
 }
 
+# What scripts end with if the same may succeed another time or elsewhere: sysexits.h calls it so.
+EX_TEMPFAIL=75
+gives_up_with=1
+
 give_up() {
     printf '\n%s: %s\n' "$(basename "$0")" "$*" >&2
-    exit 1
+    exit $gives_up_with
 }
 
 # patiently COMMAND...: runs a command that fetches from a mirror. While a mirror is being synchronised,
 # its lists and packages do not fit together; then the command is run again, after longer and longer
 # pauses.
 patiently() {
+    gives_up_with=1
     for pause in 5 15 45 90 last; do
         fetching_failed=$({ { "$@" 2>&1 || echo yes >&3; } | tee build/fetch.log >&2; } 3>&1)
         [ -n "$fetching_failed" ] || return 0
         grep -Eq 'Mirror sync|Hash Sum mismatch|unexpected size' build/fetch.log || return 1
-        [ "$pause" != last ] || return 1
+        [ "$pause" != last ] || break
         say "the mirror is being synchronised: trying again in $pause s"
         sleep "$pause"
     done
+    gives_up_with=$EX_TEMPFAIL
+    return 1
 }
 
 as_root() {
@@ -109,7 +116,7 @@ fetch_libraries() {
 
 # configure PRESET [OPTION...]
 configure() {
-    [ "$1" != i386 ] || fetch_libraries
+    [ "$1" != i386 ] || fetch_libraries || exit
     cmake --preset "$@" >"build/$1.log" 2>&1 ||
         { cat "build/$1.log"; give_up "configuring '$1' failed; rm -rf build/$1 starts afresh"; }
 }
