@@ -173,6 +173,9 @@ TEST_F(pci_sysfs, reads_each_attribute_by_its_path_with_one_descriptor_left)
     EXPECT_EQ(dev.vendor, 0xf0ca);
     EXPECT_EQ(dev.subsystem_device, 1);
     EXPECT_EQ(dev.sys_fs, dir);
+    sysfs_pci_dev_fill(&dev, nobody);
+    EXPECT_STREQ(dev.sys_fs, "");
+    EXPECT_EQ(dev.vendor & dev.device & dev.subsystem_vendor & dev.subsystem_device, 0xffff);
 }
 
 // The n-th of the functions that a full bus 0, bus 1, ... have.
@@ -203,8 +206,9 @@ TEST_F(pci_sysfs, lists_what_is_named_like_a_function)
     transcript seen;
     SHOW(seen, sysfs_pci_list());
     for (const std::string &parent : {bus, dir})
-        for (const char *name : {"0000:00:1f.3", "fFfF:aB:Cd.7", "0000:03:00.8", "0000:03:00.",
-                                 "0000-03:00.0", "0000:03:00.0x", "000g:03:00.0", "0000:03 00.0"})
+        for (const char *name :
+             {"0000:00:1f.3", "fFfF:aB:Cd.7", "0000:03:00.8", "0000:03:00.", "0000-03:00.0",
+              "0000:03:00.0x", "000g:03:00.0", "0000:03 00.0", "0000:03:00.-"})
             make_directory(parent + "/" + name);
     write_file(bus + "/0000:00:00.0", "a file");
     seen.note(taken(sysfs_pci_list()));
@@ -331,7 +335,8 @@ TEST_F(pci_sysfs, maps_windows_that_are_memory)
         std::string mapped = "  mapped:", left = "  left mapped:";
         void *const before[6] = {bars[0], bars[1], bars[2], bars[3], bars[4], bars[5]};
         for (int bar = 0; bar < 6; ++bar)
-            mapped += before[bar] && is_mapped(before[bar]) ? printed(" %d", bar) : "";
+            if (before[bar])
+                mapped += printed(is_mapped(before[bar]) ? " %d" : " (%d)", bar);
         if (before[5] && is_mapped(before[5]))
             static_cast<char *>(before[5])[4095] = 'w';
         sysfs_pci_munmap(bars, &ident);
@@ -361,6 +366,14 @@ TEST_F(pci_sysfs, maps_windows_that_are_memory)
     make_directory(dir + "/resource2");
     show("2 is a directory", 0);
     EXPECT_TEXT("pci/windows.txt", seen.text());
+
+    void *bars[6];
+    EXPECT_EQ(sysfs_pci_mmap(bars, 0x1f, &ident), 0);
+    void *const window = bars[5];
+    fs::remove_all(dir);
+    EXPECT_OUTCOME(sysfs_pci_munmap(bars, &ident), {.error = ENOENT});
+    EXPECT_EQ(bars[5], nullptr);
+    EXPECT_TRUE(is_mapped(window)) << "whose length nothing tells any more";
 }
 
 TEST_F(pci_sysfs, a_file_that_takes_a_part_of_a_text_has_failed)
@@ -391,6 +404,7 @@ TEST_F(pci_sysfs, refuses_what_no_memory_or_address_space_has_room_for)
     EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, &ident), {.value = -1, .error = ENOMEM});
     EXPECT_EQ(bars[1], MAP_FAILED);
     EXPECT_EQ(msync(bars[0], 1, MS_ASYNC), -1) << "still mapped";
+    EXPECT_OUTCOME(sysfs_pci_mmap(bars, 0, nobody), {.value = -1, .error = -22});
 }
 
 //--- hot swap -------------------------------------------------------------------------------------

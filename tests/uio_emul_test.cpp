@@ -313,6 +313,14 @@ TEST(uio_emul, maps_ranges_of_resources)
     show("without its resource", 1);
     make_directory(device_dir + "/resource0");
     show("which is a directory", 1);
+    fs::remove(device_dir + "/resource0");
+    make_symlink(device_dir + "/resource0", "/dev/zero");
+    show("which is a device", 1);
+    const std::string deep = "/" + std::string(250, 'd');
+    const char *const dir = std::exchange(uio->sys_device_dir, deep.c_str());
+    show("whose path is too long", 0);
+    SHOW(seen, libuio_emul_device_enable(uio, 1));
+    uio->sys_device_dir = dir;
     for (const int32_t value : {0, -1, 0, 1, 0, 0x100}) {
         SHOW(seen, libuio_emul_device_enable(uio, value));
         seen.note("  enabled: " + read_file(device_dir + "/enable").substr(0, 1));

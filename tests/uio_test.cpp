@@ -74,6 +74,8 @@ TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
         EXPECT_EQ(system_calls_of(open)["nanosleep"], steps) << limit.tv_sec;
         EXPECT_GE(std::chrono::steady_clock::now() - start, steps * milliseconds(5));
     }
+    // Nor is there a directory of UIO devices.
+    EXPECT_OUTCOME(open_now("/dev/null"), {.value = nullptr, .error = ENOENT});
 }
 
 TEST(uio_open, waits_for_what_appears_later)
@@ -327,10 +329,10 @@ TEST_F(uio_irq, a_signal_ends_a_wait)
 
 TEST_F(uio_irq, moves_4_bytes_at_the_beginning_of_the_node)
 {
-    write_file("/tmp/node", "........");
-    close(std::exchange(uio_->uio_fd, open("/tmp/node", O_RDWR)));
+    write_file("/dev/file", "........");
+    close(std::exchange(uio_->uio_fd, open("/dev/file", O_RDWR)));
     EXPECT_OUTCOME(libuio_irqcontrol(uio_, 0x34333231), {});
-    EXPECT_EQ(read_file("/tmp/node"), "1234....");
+    EXPECT_EQ(read_file("/dev/file"), "1234....");
     expect_interrupt(nullptr, 0x34333231);
 }
 
