@@ -203,6 +203,10 @@ TEST_F(post_device, a_block_that_cannot_be_opened_is_reported)
     SHOW(seen, open("/dev/x", "unknown"));
     SHOW(seen, open("/dev/x", "nvlog-diag-error")); // its device number is missing
     SHOW(seen, open("/dev/no/x", "nvlog-ofw-event"));
+    const string longest(29, 'l'); // for which the table has room
+    write_file(nvram_class_dir(3) + "/name", longest + "\n");
+    write_file(nvram_class_dir(3) + "/dev", "1:3\n");
+    SHOW(seen, open("/dev/no/x", longest.c_str()));
     SHOW(seen, open("/dev/dangling", "nvlog-ofw-event"));
     for (const int none : {-1, 3, INT_MIN, INT_MAX})
         SHOW(seen, postlog_nvram_init(static_cast<log_type_t>(none)));
