@@ -90,6 +90,7 @@ TEST(pod_registry, has_the_cards_of_each_chassis)
     note_registry(seen);
     pod_storage_info_t named = {}; // the rest of a longer name stays
     std::memset(named.dev[0].inst_name, 'x', sizeof named.dev[0].inst_name);
+    std::strcpy(named.dev[POD_MAX_STORAGE - 1].inst_name, "kept");
     podlog_config_pod_storage_info(&named);
     for (int chassis : {ChassisType_N20 + 0, ChassisType_N10 + 0, ChassisType_N4 + 0, 3, -1})
         for (int is_rp2 : {0, 1, 2}) {
