@@ -285,6 +285,10 @@ private:
             string(reinterpret_cast<const char *>(words.data()), record == 0   ? device.index_size()
                                                                  : record == 1 ? 20
                                                                                : 16));
+        if (record == 0 && choose.one_in(3)) { // which writes the index as it is
+            unsteady.position = -1;
+            CHECK(device.set_curr_log_status(), calls_.set_curr_log_status(device.id, 0));
+        }
     }
 
     static void seal(std::array<uint32_t, 5> &words, int record)
@@ -310,8 +314,8 @@ private:
     {
         if (what_ == kind::eeprom)
             return;
-        const int64_t far =
-            choose.of({int64_t{INT_MAX}, int64_t{UINT32_MAX}}) + choose.between(-40, 40);
+        const int64_t far = choose.of({int64_t{INT_MAX}, int64_t{INT_MAX}, int64_t{UINT32_MAX}}) +
+                            choose.between(-20, 20);
         const int64_t near = device.header_at(choose.below(2)) + 20;
         put(device, far, entry(64) + "far");
         put(device, far + 80, entry(64));
@@ -322,6 +326,8 @@ private:
                                               static_cast<uint32_t>(far)};
             seal(header, 1);
             put(device, near - 20, string(reinterpret_cast<const char *>(header.data()), 20));
+            unsteady.position = -1;
+            add(choose, device);
         }
     }
 

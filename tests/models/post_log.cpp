@@ -136,11 +136,12 @@ private:
     }
 
     // The first entry's message is so long that the next entry lies beyond the largest position.
-    void lead_far()
+    void lead_far(choices &choose)
     {
         last_ = blk_ == OFWEVENT_LOG ? 24 : 36;
         const auto at = static_cast<uint32_t>(last_);
-        bytes().replace(at, 40, chassis_sim::post_entry_head(order(), 1, 2, far_at - 40 - at));
+        const uint32_t size = choose.of({far_at - 40 - at, 0xFFFFFFF0u, 0x7FFFFFF0u});
+        bytes().replace(at, 40, chassis_sim::post_entry_head(order(), 1, 2, size));
         store();
         note(printed("an entry of block %d leads beyond the largest position", blk_));
     }
@@ -150,7 +151,7 @@ private:
     void damage(choices &choose)
     {
         if (!pcie_ && choose.one_in(15))
-            return lead_far();
+            return lead_far(choose);
         const size_t header =
             blk_ == OFWEVENT_LOG ? 0 : 12 + distance_ * static_cast<size_t>(choose.below(4));
         const size_t at =
