@@ -316,6 +316,9 @@ TEST_F(pci_sysfs, reads_and_writes_an_opened_attribute_from_its_beginning)
         seen.note(text);
     }
     EXPECT_TEXT("pci/opened_attribute.txt", seen.text());
+    close(STDIN_FILENO); // the descriptor that the attribute gets
+    EXPECT_EQ(sysfs_pci_store_num(5, "text", &ident), 0);
+    EXPECT_EQ(read_file(dir + "/text").substr(0, 2), "5\n");
 }
 
 bool is_mapped(const void *address)
