@@ -234,6 +234,13 @@ TEST_F(inventory, clearing_all_makes_the_directories_and_deletes_what_the_slots_
     EXPECT_TEXT("inventory/clear_all.txt", seen.text());
 }
 
+//--- the version --------------------------------------------------------------------------------
+
+TEST(version, is_that_of_the_headers)
+{
+    EXPECT_STREQ(device_access_version(), DEVICE_ACCESS_VERSION);
+}
+
 //--- libuio without libuio_log --------------------------------------------------------------------
 
 TEST(uio_without_log_symbol, prints_nothing)

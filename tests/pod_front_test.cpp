@@ -438,6 +438,7 @@ constexpr operation of_nvram[] = {
     OPERATION(podlog_nvram_faultinject_pod_status(nvram, 1, 0)),
     OPERATION(podlog_nvram_faultinject_pod_status(nvram, id, 0)),
     OPERATION(podlog_nvram_faultinject_pod_status(nvram, id, 0)),
+    OPERATION(podlog_nvram_get_pod_status(nvram, id)),
     OPERATION(nvram_disp_faultinject_status(nvram)),
     OPERATION(podlog_nvram_faultinject_pod_status(nvram, id, 2)),
     OPERATION(podlog_nvram_faultinject_pod_status(nvram, id, 2)),
@@ -448,17 +449,12 @@ constexpr operation of_nvram[] = {
 };
 
 constexpr operation of_instance[] = {
-    OPERATION(podlog_set_pod_status(id, -5)),
-    OPERATION(podlog_get_pod_status(id)),
-    OPERATION(podlog_set_pod_status(id, 7)),
-    OPERATION(podlog_get_pod_status(id)),
-    OPERATION(podlog_invalidate_pod_status(id)),
-    OPERATION(podlog_faultinject_pod_status(id, 0)),
-    OPERATION(podlog_is_faultinject(id, &injected)),
-    OPERATION(podlog_is_faultinject(id, nullptr)),
-    OPERATION(podlog_faultinject_pod_status(id, 2)),
-    OPERATION(podlog_get_faultinject_pos(id)),
-    OPERATION(podlog_clr_all_faultinject(id)),
+    OPERATION(podlog_set_pod_status(id, -5)),      OPERATION(podlog_get_pod_status(id)),
+    OPERATION(podlog_set_pod_status(id, 7)),       OPERATION(podlog_get_pod_status(id)),
+    OPERATION(podlog_invalidate_pod_status(id)),   OPERATION(podlog_faultinject_pod_status(id, 0)),
+    OPERATION(podlog_get_pod_status(id)),          OPERATION(podlog_is_faultinject(id, &injected)),
+    OPERATION(podlog_is_faultinject(id, nullptr)), OPERATION(podlog_faultinject_pod_status(id, 2)),
+    OPERATION(podlog_get_faultinject_pos(id)),     OPERATION(podlog_clr_all_faultinject(id)),
 };
 
 constexpr operation of_slot[] = {
@@ -527,6 +523,7 @@ TEST_F(status_test, words_of_both_nvrams)
     follow(of_nvram, 0, 4);
     fs::resize_file(nodes[0], 500 - 41);
     follow(of_nvram, 0, 4);
+    SHOW(seen, podlog_nvram_close_log(0, 7));
     for (const uint32_t value : {POD_STATUS_PASSED, POD_STATUS_FAILED, POD_STATUS_INVALID, 1u})
         seen.note(podlog_nvram_convert_pod_status_str(value));
     EXPECT_TEXT("pod/status_words.txt", seen.text());
