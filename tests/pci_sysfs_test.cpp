@@ -361,6 +361,13 @@ TEST_F(pci_sysfs, maps_windows_that_are_memory)
         show(printed("registers are 0x%x", static_cast<uint8_t>(kind)).c_str(), 0);
     }
     EXPECT_EQ(read_file(dir + "/resource5")[4095], 'w');
+    const auto resize_first_and_last = [](size_t first, size_t last) {
+        write_file(dir + "/resource0", std::string(first, '\0'));
+        write_file(dir + "/resource5", std::string(last, '\0'));
+    };
+    resize_first_and_last(256, 256);
+    show("0 and 5 are I/O, too", 0);
+    resize_first_and_last(0, 4096);
     write_file(dir + "/config", std::string(0x1c, '\0'));
     show("a configuration space that ends before window 3", 0);
     show("but 2 and 4", 0x14);
