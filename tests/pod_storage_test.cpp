@@ -117,6 +117,9 @@ TEST_P(storage, walks_histories_newest_first_and_entries_oldest_first)
     EXPECT_EQ(s.read_log(0, first, &ts, msg, 2), first + 80);
     EXPECT_STREQ(msg, "ne#");
     EXPECT_EQ(s.read_log(0, first + 80, &ts, msg, 1), -2);
+    const std::string dump = output_of([&] { s.dump_log_msgs(0, 1); }).out;
+    const std::string time = printed(" %ld: ", static_cast<long>(ts));
+    EXPECT_TRUE(s.is_nvram() || dump.find(time) != dump.npos) << dump;
 }
 
 TEST(pod_walk, each_kind_of_storage_has_one_of_its_own)
