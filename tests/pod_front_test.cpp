@@ -154,6 +154,7 @@ TEST(pod_registry, finds_the_first_row_with_an_id_or_a_whole_name)
         }
     }
     SHOW(seen, podlog_find_pod_storage("CARD3", nullptr));
+    SHOW(seen, podlog_get_pod_storage_table(nullptr));
     SHOW(seen, podlog_find_pod_storage(nullptr, table.dev));
     EXPECT_TEXT("pod/look_ups.txt", seen.text());
 }
@@ -531,7 +532,7 @@ TEST_F(status_test, words_of_both_nvrams)
 
 TEST_F(status_test, words_of_instances_and_slots)
 {
-    for (int id : {4, 77, 200})
+    for (int id : {4, 9, 77, 200})
         follow(of_slot, 0, id); // it is opened for them
     open(0);
     follow(of_slot, 0, 4); // which it is already
