@@ -335,6 +335,10 @@ TEST_F(post_controller, closed_blocks_stay_closed)
     nvram_log_index_t index;
     SHOW(seen, postlog_pcie_rd_log_index(event, 0, &index));
     EXPECT_TEXT("post/closed.txt", seen.text());
+    nvram_controller other;
+    postlog_map_pcie_nvram_access(other.base());
+    EXPECT_EQ(check_nvc_ready(), 1);
+    EXPECT_EQ(other.take_log().size(), 1u) << "the base that was mapped last";
 }
 
 } // namespace
