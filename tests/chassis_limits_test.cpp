@@ -58,6 +58,22 @@ void start_chassis()
     add_chassis_pci();
 }
 
+TEST(chassis_files, are_written_while_others_are_renamed)
+{
+    enter_private_root();
+    stay_in_root_file_system();
+    write_file("/any/text", "");
+    const pid_t renaming = background([] {
+        for (;;) {
+            ::rename("/any/text", "/any/other");
+            ::rename("/any/other", "/any/text");
+        }
+    });
+    for (int i = 0; i < 20000; ++i)
+        write_file("/any/../any/../text", "1");
+    ::kill(renaming, SIGKILL);
+}
+
 TEST(chassis_as_a_kernel, gives_descriptors_up_to_the_limit_and_each_number_once)
 {
     for (const rlim_t most : {64, 256, 1500}) {

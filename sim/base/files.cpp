@@ -29,8 +29,7 @@ int open_inside(const std::string &path, uint64_t flags, mode_t mode = 0)
     how.mode = mode;
     if (root)
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_XDEV | RESOLVE_NO_MAGICLINKS;
-    const int start = root ? root.get() : AT_FDCWD;
-    return static_cast<int>(::syscall(SYS_openat2, start, path.c_str(), &how, sizeof how));
+    return open_path(root ? root.get() : AT_FDCWD, path, how);
 }
 
 void fail_to_make(const std::string &what, const std::string &path)
@@ -72,6 +71,15 @@ int make_in_parent(const std::string &path, Make make)
 }
 
 } // namespace
+
+int open_path(int start, const std::string &path, const open_how &how)
+{
+    int opened;
+    do
+        opened = static_cast<int>(::syscall(SYS_openat2, start, path.c_str(), &how, sizeof how));
+    while (opened < 0 && errno == EAGAIN && how.resolve != 0);
+    return opened;
+}
 
 void owned_fd::reset(int fd)
 {

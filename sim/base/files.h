@@ -9,6 +9,8 @@
 
 #include <sys/types.h>
 
+struct open_how;
+
 namespace chassis_sim
 {
 
@@ -34,6 +36,10 @@ public:
 private:
     int fd_;
 };
+
+// openat2(), once more where something was renamed or mounted meanwhile, anywhere on the machine:
+// then the kernel cannot tell where ".." leads, and says EAGAIN.
+int open_path(int start, const std::string &path, const open_how &how);
 
 // From here on, the functions below make what they make in the file system that the root directory
 // is in, and nowhere else: a path that leads to another one, by a symbolic link or a mount, is

@@ -2,6 +2,7 @@
 #include "sim/devices/asking_process.h"
 
 #include "access_trace/thread_memory.h"
+#include "sim/base/files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -102,8 +103,7 @@ asking_process::file asking_process::resolve(int directory, uint64_t address, in
         if (name.starts_with(changed_root + "/"))
             name.erase(0, changed_root.size());
     }
-    const owned_fd found(static_cast<int>(
-        ::syscall(SYS_openat2, root ? root.get() : AT_FDCWD, name.c_str(), &how, sizeof how)));
+    const owned_fd found(open_path(root ? root.get() : AT_FDCWD, name, how));
     struct stat status;
     char target[longest_path];
     const std::string entry = "/proc/self/fd/" + std::to_string(found.get());
