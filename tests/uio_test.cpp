@@ -67,6 +67,8 @@ TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
          {waiting{{0, 500000000}, 50 / 5},
           {{0, 500000000}, 50 / 5, "sysfs_pci:uio_fe.sw1.vostra_lite"},
           {{0, 59999999}, 5 / 5},
+          {{0, 10000000}, 1},
+          {{0, 9999999}, 0},
           {{1, 0}, 1000 / 5},
           {{start_of_time, 0}, 0}}) {
         const auto start = std::chrono::steady_clock::now();
