@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -136,6 +137,14 @@ std::optional<std::string> read_file(const std::string &path, size_t most)
         refuse_to_read(path, errno);
     const opened file([descriptor] { ::close(descriptor); });
     return read_up_to(descriptor, path, most, is_own_stream(path) && is_stream(descriptor));
+}
+
+std::string expect_file(const std::string &path, const char *hint)
+{
+    auto bytes = read_file(path);
+    if (!bytes)
+        throw failure("read " + path, "there is no such file", hint, ENOENT);
+    return std::move(*bytes);
 }
 
 void expect_regular(const std::string &path)

@@ -17,6 +17,9 @@ inline constexpr size_t longest_log = 65536;
 std::string read_all(int descriptor, const std::string &path);
 std::optional<std::string> read_file(const std::string &path, size_t most = longest_log);
 
+// All of a file that must be there; the hint says how to come by one.
+std::string expect_file(const std::string &path, const char *hint);
+
 // Fails when there is something of this name that is no regular file.
 void expect_regular(const std::string &path);
 

@@ -88,12 +88,9 @@ record &add_salvaged(record &shown, const log_image &log)
 
 void salvage_file(const std::string &file)
 {
-    const auto bytes = read_file(file);
-    if (!bytes)
-        throw failure("read " + file, "there is no such file", "'devaccess podlog save' makes one",
-                      ENOENT);
+    const std::string bytes = expect_file(file, "'devaccess podlog save' makes one");
     record shown;
-    print(add_salvaged(shown.add("file", file), log_image(recognise(*bytes).layout, *bytes)));
+    print(add_salvaged(shown.add("file", file), log_image(recognise(bytes).layout, bytes)));
 }
 
 void salvage(const salvage_arguments &arguments)

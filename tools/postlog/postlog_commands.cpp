@@ -262,12 +262,9 @@ record &add_salvaged(record &shown, const post_image &log)
 
 void salvage_file(const std::string &file)
 {
-    const auto bytes = read_file(file);
-    if (!bytes)
-        throw failure("read " + file, "there is no such file", "'devaccess postlog save' makes one",
-                      ENOENT);
+    const std::string bytes = expect_file(file, "'devaccess postlog save' makes one");
     record shown;
-    print(add_salvaged(shown.add("file", file), saved_post_image(*bytes)));
+    print(add_salvaged(shown.add("file", file), saved_post_image(bytes)));
 }
 
 void salvage(const postlog_arguments &arguments)
