@@ -90,8 +90,9 @@ TEST(mmap_device, maps_shared_memory_at_physical_addresses_above_4_gib)
     mmap_device_close(nullptr, 4096);
     mmap_device_close(window, 8192);
     EXPECT_EQ(msync(window + 4096, 4096, MS_ASYNC), -1) << "still mapped";
-    for (const auto &[start, size] : {std::pair<uint64_t, uint32_t>{address + 1, 4096}, {0, 0}})
-        EXPECT_OUTCOME(mmap_device_open(start, size) == MAP_FAILED, {.value = 1, .error = EINVAL});
+    for (const auto &range : {std::pair<uint64_t, uint32_t>{address + 1, 4096}, {0, 0}})
+        EXPECT_OUTCOME(mmap_device_open(range.first, range.second) == MAP_FAILED,
+                       {.value = 1, .error = EINVAL});
     const auto open_it = [] {
         const void *const result = mmap_device_open(address, 4096);
         return !result ? errno : result == MAP_FAILED ? -errno : 0;

@@ -544,15 +544,17 @@ TEST_F(status_test, words_of_instances_and_slots)
     std::string first(60, 'f'), last = "last";
     char *names[] = {first.data(), last.data(),  first.data(), last.data(), first.data(),
                      last.data(),  first.data(), last.data(),  first.data()};
-    for (const auto &[nvram, count] : {std::pair{0, 2}, {1, 9}, {0, 9}, {0, -1}, {0, 1}}) {
+    int nvram = 0, index = 7;
+    for (const auto &mapped : {std::pair{0, 2}, {1, 9}, {0, 9}, {0, -1}, {0, 1}}) {
+        nvram = mapped.first;
         pod_nvram_inst_map_t map;
-        podlog_nvram_set_podstatus_info(nvram, count, ids, names);
+        podlog_nvram_set_podstatus_info(nvram, mapped.second, ids, names);
         podlog_nvram_get_inst_mapping(nvram, &map);
         SHOW(seen, nvram_dump_podstatus_inst_mapping(nvram));
         SHOW(seen, nvram_disp_faultinject_status(nvram));
         seen.note("  " + field(map.name0[0]) + ", " + field(map.name0[1]));
     }
-    int nvram = 7, index = 7;
+    nvram = 7;
     for (int id : {4, 8, 77}) { // NVRAM 1 has instance 8
         SHOW(seen, podlog_get_podstatus_inst_info(id, &nvram, &index));
         seen.note(printed("  NVRAM %d, index %d", nvram, index));

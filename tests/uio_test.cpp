@@ -63,18 +63,17 @@ TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
         int steps;
         const char *name = "/dev/uio0";
     };
-    for (const auto &[limit, steps, name] :
-         {waiting{{0, 500000000}, 50 / 5},
-          {{0, 500000000}, 50 / 5, "sysfs_pci:uio_fe.sw1.vostra_lite"},
-          {{0, 59999999}, 5 / 5},
-          {{0, 10000000}, 1},
-          {{0, 9999999}, 0},
-          {{1, 0}, 1000 / 5},
-          {{start_of_time, 0}, 0}}) {
+    for (const waiting &one : {waiting{{0, 500000000}, 50 / 5},
+                               {{0, 500000000}, 50 / 5, "sysfs_pci:uio_fe.sw1.vostra_lite"},
+                               {{0, 59999999}, 5 / 5},
+                               {{0, 10000000}, 1},
+                               {{0, 9999999}, 0},
+                               {{1, 0}, 1000 / 5},
+                               {{start_of_time, 0}, 0}}) {
         const auto start = std::chrono::steady_clock::now();
-        const auto open = [&] { libuio_open_timed(name, &limit); };
-        EXPECT_EQ(system_calls_of(open)["nanosleep"], steps) << limit.tv_sec;
-        EXPECT_GE(std::chrono::steady_clock::now() - start, steps * milliseconds(5));
+        const auto open = [&] { libuio_open_timed(one.name, &one.limit); };
+        EXPECT_EQ(system_calls_of(open)["nanosleep"], one.steps) << one.limit.tv_sec;
+        EXPECT_GE(std::chrono::steady_clock::now() - start, one.steps * milliseconds(5));
     }
     // Nor is there a directory of UIO devices.
     EXPECT_OUTCOME(open_now("/dev/null"), {.value = nullptr, .error = ENOENT});
