@@ -126,8 +126,8 @@ time_t parse_time(const std::string &text)
         return *date;
     if (const auto seconds = parse_number_of_seconds(text, now))
         return *seconds;
-    throw usage_error(fmt::format("'{}' is not a time; write 2026-11-24, '2026-11-24 21:16:56', "
-                                  "today, yesterday, 2h (ago) or @1795555016",
+    throw usage_error(fmt::format("'{}' is not a time; write 2023-11-14, '2023-11-14 22:13:20', "
+                                  "today, yesterday, 2h (ago) or @1700000000",
                                   text));
 }
 
