@@ -33,5 +33,6 @@ autopkgtest --no-built-binaries "$root"/packages/*.deb "$SOURCE/" -- chroot "$ro
 
 # Nothing stays behind.
 cd /
-chroot "$root" apt-get purge -y -qq -o Dpkg::Use-Pty=0 --auto-remove '?name(common-device-access|devaccess-)'
+chroot "$root" apt-get purge -y -qq -o Dpkg::Use-Pty=0 --auto-remove \
+    '~i~ncommon-device-access' '~i~ndevaccess-'
 ! find "$root/usr" "$root/etc" "$root/var/lib" -name '*device[_-]access*' -o -name '*devaccess*' | grep .
