@@ -87,6 +87,16 @@ std::string document_of(const record &what)
     return serialized(what, 2) + '\n';
 }
 
+field_value::field_value(array elements) : is_(std::move(elements)) {}
+field_value::field_value(object members) : is_(std::make_shared<const object>(std::move(members)))
+{
+}
+field_value::field_value(const field_value &other) = default;
+field_value::field_value(field_value &&other) noexcept = default;
+field_value &field_value::operator=(const field_value &other) = default;
+field_value &field_value::operator=(field_value &&other) noexcept = default;
+field_value::~field_value() = default;
+
 std::string field_value::text() const
 {
     if (is_null())
@@ -287,6 +297,12 @@ bool tells_failure(const std::string &message)
     return capitals.find("FAIL") != capitals.npos || capitals.starts_with("ERROR") ||
            capitals.starts_with("E:");
 }
+
+record::record(const record &other) = default;
+record::record(record &&other) noexcept = default;
+record &record::operator=(const record &other) = default;
+record &record::operator=(record &&other) noexcept = default;
+record::~record() = default;
 
 record &record::add(const std::string &name, const field_value &is)
 {

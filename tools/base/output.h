@@ -48,6 +48,12 @@ public:
     field_value(std::string text) : is_(std::move(text)) {}
     field_value(array elements);
     field_value(object members);
+    // These are compiled once: every command has values and records.
+    field_value(const field_value &other);
+    field_value(field_value &&other) noexcept;
+    field_value &operator=(const field_value &other);
+    field_value &operator=(field_value &&other) noexcept;
+    ~field_value();
     template <typename T>
     field_value(const std::optional<T> &maybe)
         : field_value(maybe ? field_value(*maybe) : field_value())
@@ -68,12 +74,6 @@ struct member {
     field_value is;
 };
 
-inline field_value::field_value(array elements) : is_(std::move(elements)) {}
-inline field_value::field_value(object members)
-    : is_(std::make_shared<const object>(std::move(members)))
-{
-}
-
 // Null where the text is empty.
 inline field_value text_or_null(const std::string &text)
 {
@@ -92,6 +92,13 @@ struct record_set {
 class record
 {
 public:
+    record() = default;
+    record(const record &other);
+    record(record &&other) noexcept;
+    record &operator=(const record &other);
+    record &operator=(record &&other) noexcept;
+    ~record();
+
     record &add(const std::string &name, const field_value &is);
     record &add(const std::string &name, const field_value &is, const std::string &text);
     record &add_hex(const std::string &name, uint64_t value, int digits);
