@@ -1,7 +1,6 @@
 // Waits that show what they wait for and end at a signal.
 #include "tools/base/waiting.h"
 
-#include "tools/base/errors.h"
 #include "tools/base/numbers.h"
 #include "tools/base/settings.h"
 
@@ -135,6 +134,23 @@ std::string time_problem(const std::string &text)
     return good ? "" : "'" + text + "' is not a number of seconds from 0 to 1e9";
 }
 
+void look_while_there(const std::set<std::string> &directories, const failure &removed,
+                      const std::function<void()> &look)
+{
+    const auto expect_there = [&] {
+        for (const std::string &directory : directories)
+            if (::access(directory.c_str(), F_OK) != 0)
+                throw removed;
+    };
+    expect_there();
+    try {
+        look();
+    } catch (const failure &) {
+        expect_there();
+        throw;
+    }
+}
+
 void watch_register(const std::string &name, const std::string &directory, unsigned width,
                     const wait_options &options, const std::function<uint64_t()> &read,
                     const std::function<record(uint64_t)> &describe)
@@ -145,12 +161,12 @@ void watch_register(const std::string &name, const std::string &directory, unsig
     waiting wait(wanted ? fmt::format("waiting for {} in {}", options.until, name)
                         : "watching " + name,
                  options.timeout);
+    const failure removed("watch " + name, "its device has been removed",
+                          "it can be watched again when the device is back", ENODEV);
     std::optional<uint64_t> last;
     do {
-        if (::access(directory.c_str(), F_OK) != 0)
-            throw failure("watch " + name, "its device has been removed",
-                          "it can be watched again when the device is back", ENODEV);
-        const uint64_t value = read();
+        uint64_t value = 0;
+        look_while_there({directory}, removed, [&] { value = read(); });
         if (value != last)
             wait.print(describe(value));
         last = value;

@@ -2,11 +2,13 @@
 // signal that would end the program ends them.
 #pragma once
 
+#include "tools/base/errors.h"
 #include "tools/base/output.h"
 
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 
 namespace devaccess
@@ -59,6 +61,11 @@ struct wait_options {
 
 // Empty for a number of seconds to wait.
 std::string time_problem(const std::string &text);
+
+// Looks at devices, whose directories in sysfs these are. Where one has gone, before or during the
+// look, that is what is said, and not what came of it.
+void look_while_there(const std::set<std::string> &directories, const failure &removed,
+                      const std::function<void()> &look);
 
 // Prints what a register holds, and then each change, until the value is there or the time over.
 // Fails when the directory of its device in sysfs has gone.

@@ -490,16 +490,14 @@ void show_live(named_registers &registers, std::vector<look> looks, bool are_nam
     std::set<std::string> directories;
     for (const look &one : looks)
         directories.insert(registers.directory(one.what));
+    const failure removed("show " + registers.source().name(), "it has been removed",
+                          "it can be shown again when the device is back", ENODEV);
     const key_press key;
     waiting wait("any key ends it", arguments.wait.timeout);
     const bool redraws = ::isatty(STDOUT_FILENO) && !settings.as_json;
     std::vector<look> before = looks;
     for (bool goes_on = true; goes_on;) {
-        for (const std::string &directory : directories)
-            if (::access(directory.c_str(), F_OK) != 0)
-                throw failure("show " + registers.source().name(), "it has been removed",
-                              "it can be shown again when the device is back", ENODEV);
-        read_all(registers, looks, are_named);
+        look_while_there(directories, removed, [&] { read_all(registers, looks, are_named); });
         wait.clear();
         print_look(registers, looks, before, wait.now(), redraws);
         before = looks;
