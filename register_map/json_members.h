@@ -22,6 +22,12 @@ namespace json_members
 
 using json = nlohmann::ordered_json;
 
+// These two are compiled once, which takes longer than most files do.
+// The document that a text is; discarded if it is not JSON.
+json parsed(const std::string &text, bool may_have_comments = false);
+// Bytes of strings that are not UTF-8 are replaced.
+std::string text_of(const json &document, int indent = -1);
+
 // What is wrong with a document; the text begins with the JSON path of the member.
 struct invalid : std::runtime_error {
     using std::runtime_error::runtime_error;

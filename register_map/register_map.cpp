@@ -190,8 +190,8 @@ void read_when(reader &members, write_action &action)
     if (!when->is_object()) {
         // A number may be written as a text, too: "1".
         const bool decimal = when->is_string() && !when->get<std::string>().starts_with("0x");
-        const json parsed = decimal ? json::parse(when->get<std::string>(), nullptr, false) : *when;
-        action.when = number(members.at("when"), parsed);
+        const json value = decimal ? json_members::parsed(when->get<std::string>()) : *when;
+        action.when = number(members.at("when"), value);
         return;
     }
     reader fields(*when, members.at("when"));
@@ -573,7 +573,7 @@ json parsed(const std::string &file)
     const std::string text(std::istreambuf_iterator<char>(stream), {});
     json document = json(json::value_t::discarded);
     if (is_shallow(text))
-        document = json::parse(text, nullptr, false, true);
+        document = json_members::parsed(text, true);
     if (document.is_discarded())
         throw invalid(file + " is not JSON");
     return document;
@@ -636,7 +636,7 @@ std::string text_of(const map &written)
     if (copy.size != 0)
         members.hex("size", copy.size);
     visit_registers(members, "registers", copy.registers);
-    return members.take().dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    return json_members::text_of(members.take(), 2) + "\n";
 }
 
 } // namespace register_map

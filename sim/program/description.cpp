@@ -300,12 +300,12 @@ std::string description_text(const chassis_description &description)
     chassis_description copy = description;
     writer members;
     visit(members, copy);
-    return members.take().dump(2, ' ', false, json::error_handler_t::replace);
+    return json_members::text_of(members.take(), 2);
 }
 
 chassis_description parse_description(const std::string &text, const std::string &name)
 {
-    const json document = json::parse(text, nullptr, false, true);
+    const json document = json_members::parsed(text, true);
     if (document.is_discarded())
         throw failure(name + " is not JSON");
     try {

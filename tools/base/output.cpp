@@ -1,12 +1,11 @@
 // Prints records as tables, CSV and JSON.
 #include "tools/base/output.h"
 
+#include "register_map/json_members.h"
 #include "tools/base/errors.h"
 #include "tools/base/numbers.h"
 #include "tools/base/settings.h"
 #include "tools/base/times.h"
-
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -24,7 +23,7 @@ namespace devaccess
 
 //--- JSON -----------------------------------------------------------------------------------------
 
-using json = nlohmann::ordered_json;
+using json_members::json;
 
 class json_writer
 {
@@ -63,23 +62,18 @@ public:
 namespace
 {
 
-std::string dump(const json &what, int indent)
-{
-    return what.dump(indent, ' ', false, json::error_handler_t::replace);
-}
-
 std::string serialized(const record &what, int indent)
 {
     json object = {{"format", json_format}};
     object.update(json_writer()(what));
-    return dump(object, indent);
+    return json_members::text_of(object, indent);
 }
 
 } // namespace
 
 std::string record::as_json(int indent) const
 {
-    return dump(json_writer()(*this), indent);
+    return json_members::text_of(json_writer()(*this), indent);
 }
 
 std::string document_of(const record &what)
@@ -105,7 +99,7 @@ std::string field_value::text() const
         return *flag ? "yes" : "no";
     if (const std::string *text = std::get_if<std::string>(&is_))
         return *text;
-    return dump(std::visit(json_writer(), is_), -1);
+    return json_members::text_of(std::visit(json_writer(), is_));
 }
 
 //--- tables ---------------------------------------------------------------------------------------
@@ -264,7 +258,7 @@ void print_csv_row(const record &row, bool is_heading)
                                  : f.is.is_null() ? ""
                                  : std::holds_alternative<std::string>(f.is.get())
                                      ? f.is.text()
-                                     : dump(std::visit(json_writer(), f.is.get()), -1);
+                                     : json_members::text_of(std::visit(json_writer(), f.is.get()));
         std::cout << separator << quoted(text);
         separator = ",";
     }

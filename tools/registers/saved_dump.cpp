@@ -31,7 +31,8 @@ std::string text_of(const std::string &name, const json &value)
 {
     if (value.is_boolean())
         return name + (value.get<bool>() ? "+" : "-");
-    return name + "=" + (value.is_string() ? value.get<std::string>() : value.dump());
+    return name + "=" +
+           (value.is_string() ? value.get<std::string>() : json_members::text_of(value));
 }
 
 // The first of the members that is there; they are alternatives.
@@ -63,7 +64,7 @@ try {
     const auto text = read_file(file, register_map::most_bytes);
     if (!text)
         throw json_members::invalid("there is no such file");
-    const json document = json::parse(*text, nullptr, false);
+    const json document = json_members::parsed(*text);
     const json *const rows =
         document.is_object() && document.contains("registers") ? &document["registers"] : nullptr;
     if (!rows || !rows->is_array())
