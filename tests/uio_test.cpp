@@ -53,6 +53,8 @@ TEST(uio_open, tells_each_step_and_leaves_three_descriptors)
     const std::string lines = replaced(seen.err, three.c_str(), "(3 descriptors)");
     EXPECT_TEXT("uio/open.txt", replaced(lines, ("\\(" + fixed).c_str(), "(handle and records"));
     EXPECT_OUTCOME(libuio_close(uio), {.error = any_error, .opens = -3});
+    EXPECT_OUTCOME(libuio_adjust_size(nullptr),
+                   {.value = nullptr, .out = "LOG_ERR libuio_adjust_size: uio is NULL\n"});
 }
 
 TEST(uio_open, waits_in_steps_of_5_ms_and_counts_what_is_below_a_second_a_tenth)
